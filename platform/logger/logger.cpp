@@ -1,0 +1,294 @@
+#include "platform/logger/logger.h"
+#include "platform/logger/logger_internal.h"
+
+#include "utility/handles.h"
+#include "utility/utf8.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <mutex>
+#include <poll.h>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr int OUTPUT_STDERR = 1;
+constexpr int FORMAT_TEXT_ALONE = 1;
+constexpr int LEVEL_NOTHING = LOG_LEVEL_ERROR + 1;
+constexpr char LEVEL_LETTERS[] = "DIWE";
+constexpr std::size_t MODULE_SIZE = 64;
+constexpr char LATEST_SECOND[] = "9999-12-31T23:59:59";
+constexpr std::size_t SECOND_LENGTH = sizeof LATEST_SECOND - 1;
+constexpr std::size_t TIME_LENGTH = SECOND_LENGTH + sizeof ".123Z " - 1;
+constexpr std::size_t HEAD_SIZE = 512; // level, module, place
+// Formatting room. The C library formats what does not fit in steps of 64 bytes, 90 us for a
+// channel message of 50 KiB; with room for a whole one it takes 5.
+constexpr std::size_t TEXT_SIZE = 56 * 1024;
+constexpr std::size_t TEXT_START = 1 + TIME_LENGTH; // behind a spare line end and the time
+constexpr std::size_t CONF_SIZE = 64;
+constexpr int ROOM_WAIT_MS = 50;
+
+// A line as it is put together. Everything but the time is filled without the lock.
+struct LOG_LINE_T {
+    char bytes[TEXT_START + HEAD_SIZE + escaped_size(LOG_TEXT_MAX) + sizeof LOG_CUT_MARK];
+    std::size_t length;
+};
+
+constinit std::atomic<int> g_min_level{LEVEL_NOTHING};
+// Written by log_init, before other threads exist.
+constinit char g_module[MODULE_SIZE] = "";
+constinit bool g_text_alone = false;
+
+constinit std::mutex g_mutex; // keeps lines apart and guards what follows
+constinit std::time_t g_second = -1;
+constinit char g_second_text[SECOND_LENGTH + 1] = "";
+constinit bool g_line_torn = false; // only a part of the last line was taken
+
+void put(LOG_LINE_T &line, std::string_view text)
+{
+    std::memcpy(line.bytes + line.length, text.data(), text.size());
+    line.length += text.size();
+}
+
+void put_head(LOG_LINE_T &line, int level, const char *file, const char *function, int number)
+{
+    const char letter = LEVEL_LETTERS[std::clamp<int>(level, LOG_LEVEL_DEBUG, LOG_LEVEL_ERROR)];
+    const int length =
+        std::snprintf(line.bytes + line.length, HEAD_SIZE, "%c %s %.256s:%d %.128s: ", letter,
+                      g_module, file, number, function);
+    if (length > 0) line.length += static_cast<std::size_t>(length);
+}
+
+__attribute__((format(printf, 2, 0))) void put_text(LOG_LINE_T &line, const char *format,
+                                                    std::va_list arguments)
+{
+    char text[TEXT_SIZE];
+    const int formatted = std::vsnprintf(text, sizeof text, format, arguments);
+    std::string_view stored{format}; // for want of a text, its format still tells what it was
+    std::size_t length = stored.size();
+    if (formatted >= 0) {
+        length = static_cast<std::size_t>(formatted);
+        stored = {text, std::min(length, sizeof text - 1)};
+    }
+    bool cut = false;
+    const std::string_view bounded = bound_log_text(stored, length, &cut);
+    line.length += escape_log_text(bounded, line.bytes + line.length);
+    if (cut) put(line, LOG_CUT_MARK);
+}
+
+void put_time(char *dst)
+{
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    if (now.tv_sec != g_second) {
+        std::tm utc{};
+        ::gmtime_r(&now.tv_sec, &utc);
+        if (std::strftime(g_second_text, sizeof g_second_text, "%Y-%m-%dT%H:%M:%S", &utc) !=
+            SECOND_LENGTH) {
+            std::memcpy(g_second_text, LATEST_SECOND, sizeof LATEST_SECOND);
+        }
+        g_second = now.tv_sec;
+    }
+    const auto ms = static_cast<int>(now.tv_nsec / 1'000'000);
+    const auto digit = [](int value) { return static_cast<char>('0' + value % 10); };
+    const char rest[] = {'.', digit(ms / 100), digit(ms / 10), digit(ms), 'Z', ' '};
+    std::memcpy(dst, g_second_text, SECOND_LENGTH);
+    std::memcpy(dst + SECOND_LENGTH, rest, sizeof rest);
+}
+
+// Standard error may have been made non-blocking by whoever shares it: wait a moment for room,
+// never for long.
+bool wait_for_room()
+{
+    pollfd room{STDERR_FILENO, POLLOUT, 0};
+    return ::poll(&room, 1, ROOM_WAIT_MS) == 1 && (room.revents & POLLOUT) != 0;
+}
+
+void write_line(std::string_view line)
+{
+    const std::size_t length = line.size();
+    while (!line.empty()) {
+        const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
+        if (written > 0) {
+            line.remove_prefix(static_cast<std::size_t>(written));
+        } else if (written == 0 || (errno != EINTR && (errno != EAGAIN || !wait_for_room()))) {
+            break;
+        }
+    }
+    if (line.size() < length) g_line_torn = !line.empty();
+}
+
+__attribute__((noinline, format(printf, 5, 0))) void print_line(int level, const char *file,
+                                                                const char *function, int number,
+                                                                const char *format,
+                                                                std::va_list arguments)
+{
+    const int saved_errno = errno;
+    LOG_LINE_T line;
+    line.bytes[0] = '\n';
+    line.length = TEXT_START;
+    if (!g_text_alone) put_head(line, level, file, function, number);
+    errno = saved_errno; // the format may hold a %m
+    put_text(line, format, arguments);
+    put(line, "\n");
+    {
+        const std::lock_guard guard{g_mutex};
+        if (!g_text_alone) put_time(line.bytes + 1);
+        std::size_t start = g_text_alone ? TEXT_START : 1;
+        // What is left of a torn line ends before the next one begins.
+        if (g_line_torn) line.bytes[--start] = '\n';
+        write_line({line.bytes + start, line.length - start});
+    }
+    errno = saved_errno;
+}
+
+void warn(int number, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void warn(int number, const char *format, ...)
+{
+    std::va_list arguments;
+    va_start(arguments, format);
+    print_line(LOG_LEVEL_WARN, __FILE__, "log_init", number, format, arguments);
+    va_end(arguments);
+}
+
+// The level that the file asks for, or `level` when there is none or it is not understood.
+int override_level(const char *conf_path, int level)
+{
+    // Not to be held up by a FIFO that lies there.
+    const UniqueFd file{::open(conf_path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK)};
+    if (!file && (errno == ENOENT || errno == ENOTDIR)) return level;
+    char content[CONF_SIZE];
+    struct stat status {};
+    const bool regular = file && ::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode);
+    const ssize_t length = regular ? ::read(file.get(), content, sizeof content) : -1;
+    // A file that fills the buffer is longer than anything that is understood.
+    if (length < 0 || length == sizeof content ||
+        parse_logger_conf({content, static_cast<std::size_t>(length)}, &level) != 0) {
+        warn(__LINE__, "%s ignored: it is not a file that holds level=0 to level=3", conf_path);
+    }
+    return level;
+}
+
+bool is_control(std::string_view character)
+{
+    const auto byte = [character](std::size_t i) {
+        return static_cast<unsigned char>(character[i]);
+    };
+    if (character.size() == 2) return byte(0) == 0xC2 && byte(1) < 0xA0;
+    return character == "\xE2\x80\xA8" || character == "\xE2\x80\xA9";
+}
+
+constexpr bool is_plain(char c)
+{
+    return c >= ' ' && c <= '~';
+}
+
+char *put_escaped_byte(char *dst, char c)
+{
+    *dst++ = '\\';
+    switch (c) {
+    case '\r':
+        *dst++ = 'r';
+        return dst;
+    case '\n':
+        *dst++ = 'n';
+        return dst;
+    case '\t':
+        *dst++ = 't';
+        return dst;
+    default:
+        break;
+    }
+    const auto byte = static_cast<unsigned char>(c);
+    *dst++ = 'x';
+    *dst++ = "0123456789abcdef"[byte >> 4];
+    *dst++ = "0123456789abcdef"[byte & 15];
+    return dst;
+}
+
+} // namespace
+
+std::size_t escape_log_text(std::string_view text, char *dst) noexcept
+{
+    const char *const start = dst;
+    while (!text.empty()) {
+        const auto run = static_cast<std::size_t>(
+            std::find_if_not(text.begin(), text.end(), is_plain) - text.begin());
+        std::memcpy(dst, text.data(), run);
+        dst += run;
+        text.remove_prefix(run);
+        if (text.empty()) break;
+        const std::size_t length = utf8_character_length(text);
+        if (length > 1 && !is_control(text.substr(0, length))) {
+            std::memcpy(dst, text.data(), length);
+            dst += length;
+        } else {
+            for (std::size_t i = 0; i < std::max<std::size_t>(length, 1); ++i) {
+                dst = put_escaped_byte(dst, text[i]);
+            }
+        }
+        text.remove_prefix(std::max<std::size_t>(length, 1));
+    }
+    return static_cast<std::size_t>(dst - start);
+}
+
+std::string_view bound_log_text(std::string_view stored, std::size_t length, bool *cut) noexcept
+{
+    if (stored.size() == length) {
+        stored.remove_suffix(stored.ends_with("\r\n") ? 2 : stored.ends_with('\n') ? 1 : 0);
+    }
+    *cut = stored.size() > LOG_TEXT_MAX;
+    if (!*cut) return stored;
+    // A character that begins before the limit and ends behind it goes as a whole.
+    for (std::size_t start = LOG_TEXT_MAX - 3; start < LOG_TEXT_MAX; ++start) {
+        if (start + utf8_character_length(stored.substr(start)) > LOG_TEXT_MAX) {
+            return stored.substr(0, start);
+        }
+    }
+    return stored.substr(0, LOG_TEXT_MAX);
+}
+
+int parse_logger_conf(std::string_view content, int *level) noexcept
+{
+    constexpr std::string_view KEY = "level=";
+    constexpr std::string_view SPACE = " \t\r\n";
+    content.remove_prefix(std::min(content.find_first_not_of(SPACE), content.size()));
+    content = content.substr(0, content.find_last_not_of(SPACE) + 1);
+    if (content.size() != KEY.size() + 1 || !content.starts_with(KEY)) return -1;
+    const char digit = content.back();
+    if (digit < '0' || digit > '3') return -1;
+    *level = digit - '0';
+    return 0;
+}
+
+void log_init_from(const char *module, int output, int min_level, int format,
+                   const char *conf_path) noexcept
+{
+    std::snprintf(g_module, sizeof g_module, "%s", module != nullptr ? module : "");
+    g_text_alone = format == FORMAT_TEXT_ALONE;
+    if (output != OUTPUT_STDERR)
+        warn(__LINE__, "output %d is not known, standard error is used", output);
+    const int level = std::clamp<int>(min_level, LOG_LEVEL_DEBUG, LOG_LEVEL_ERROR);
+    g_min_level.store(override_level(conf_path, level), std::memory_order_relaxed);
+}
+
+void log_init(const char *module, int output, int min_level, int format)
+{
+    log_init_from(module, output, min_level, format, LOGGER_CONF_PATH);
+}
+
+void log_print(int level, const char *, const char *, const char *file, const char *function,
+               int line, const char *format, ...)
+{
+    if (level < g_min_level.load(std::memory_order_relaxed)) return;
+    std::va_list arguments;
+    va_start(arguments, format);
+    print_line(level, file, function, line, format, arguments);
+    va_end(arguments);
+}

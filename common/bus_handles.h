@@ -18,12 +18,21 @@ using DBusConnectionPtr = std::unique_ptr<DBusConnection, Releaser<close_private
 // A DBusError that is initialised and freed; converts to the pointer that libdbus takes.
 class BusError {
 public:
-    BusError() noexcept { dbus_error_init(&error_); }
-    ~BusError() { dbus_error_free(&error_); }
+    BusError() noexcept
+    {
+        dbus_error_init(&error_);
+    }
+    ~BusError()
+    {
+        dbus_error_free(&error_);
+    }
     BusError(const BusError &) = delete;
     BusError &operator=(const BusError &) = delete;
 
-    operator DBusError *() noexcept { return &error_; }
+    operator DBusError *() noexcept
+    {
+        return &error_;
+    }
 
 private:
     DBusError error_;

@@ -1,10 +1,13 @@
-// Task scheduler: one worker thread that runs named tasks on a timetable of whole seconds of the wall clock.
+// Task scheduler: one worker thread that runs named tasks on a timetable of whole seconds of the
+// wall clock.
 //
-// Bus       the worker owns a private bus connection and hands it to every task function (null while there is none); a
+// Bus       the worker owns a private bus connection and hands it to every task function (null
+// while there is none); a
 //           lost connection is replaced within about 2 seconds.
-// Threads   task functions run on the worker with the list lock held: addOneTask, delOneTask and getOneTaskResult on
-//           other threads wait for them. The lock is recursive, so a task function may add tasks and read results; it
-//           must not delete any. Tasks are added by one thread at a time.
+// Threads   task functions run on the worker with the list lock held: addOneTask, delOneTask and
+// getOneTaskResult on
+//           other threads wait for them. The lock is recursive, so a task function may add tasks
+//           and read results; it must not delete any. Tasks are added by one thread at a time.
 // Limits    TASK_NAME_SIZE - 1 characters of a name. The list is walked linearly.
 // Failure   logged here; results as given below.
 #pragma once
@@ -32,8 +35,8 @@ struct TASK_NODE_T {
     char task_name[TASK_NAME_SIZE];
     std::int64_t next_run_time; // seconds since the epoch
     TASK_FUNC_T task_func;
-    std::uint32_t interval; // s
-    void *task_arg;         // borrowed
+    std::uint32_t interval;    // s
+    void *task_arg;            // borrowed
     std::int32_t repeat_count; // runs left; negative = no limit
     std::int32_t mode;         // TASK_MODE
     std::int32_t last_result;  // -1 before the first run
@@ -42,12 +45,14 @@ struct TASK_NODE_T {
 
 // 0 when the worker runs (or already ran), -1 on failure.
 [[nodiscard]] int initDelayWorker();
-// Lists a task, or re-arms the one of that name in place. delay and interval in seconds, count -1 = no limit.
-// 0; -1 for a bad argument; TASK_NO_MEMORY.
-[[nodiscard]] int addOneTask(const char *name, int mode, int delay, int interval, int count, TASK_FUNC_T func, void *arg);
+// Lists a task, or re-arms the one of that name in place. delay and interval in seconds, count -1 =
+// no limit. 0; -1 for a bad argument; TASK_NO_MEMORY.
+[[nodiscard]] int addOneTask(const char *name, int mode, int delay, int interval, int count,
+                             TASK_FUNC_T func, void *arg);
 // 0 when no task has the name any more, -1 for a bad name.
 int delOneTask(const char *name);
 // What the task's function returned at its last run; -1 before that and for an unknown name.
 int getOneTaskResult(const char *name);
-// 0 when the worker is stopped and everything is released, -1 when its thread did not stop within 5 s.
+// 0 when the worker is stopped and everything is released, -1 when its thread did not stop within 5
+// s.
 int releaseDelayWorker();

@@ -1,0 +1,252 @@
+#include "src/remote_access_channel_state.h"
+
+#include "common/log.h"
+#include "src/process_end.h"
+#include "src/remote_access_proxy.h"
+#include "src/remote_access_proxy_channel.h"
+#include "src/remote_access_proxy_thread.h"
+#include "src/remote_access_proxy_trans.h"
+#include "src/remote_access_select_pass.h"
+#include "utility/monotonic_clock.h"
+
+#include <algorithm>
+#include <climits>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr useconds_t CLOSED_PASS_US = 300000;
+constexpr useconds_t LOST_CHANNEL_PAUSE_US = 500000;
+constexpr std::int64_t HANDSHAKE_TIMEOUT_S = 3;
+constexpr std::int32_t RETRIES_PER_STEP = 5;
+constexpr std::int32_t MAX_BACK_OFF_STEP = 6;
+constexpr std::int32_t MAX_UNANSWERED_PINGS = 3;
+constexpr std::int32_t MAX_FAILED_OPENINGS = 5;
+constexpr int EXIT_STATUS_NO_CHANNEL = 1;
+
+constexpr std::int32_t KEEPALIVE_PROBES = 3;
+constexpr std::int32_t IDLE_PERIODS = 3;           // before the first probe
+constexpr std::int32_t UNACKNOWLEDGED_PERIODS = 6; // the idle time and the probes together
+
+std::int32_t connect_fail_count = 0; // failed openings in a row, in the closed state
+
+std::int64_t secondsSince(const timespec &time)
+{
+    return static_cast<std::int64_t>(monotonic_now().tv_sec) -
+           static_cast<std::int64_t>(time.tv_sec);
+}
+
+int periods(std::int32_t period_s, std::int32_t count, std::int64_t unit)
+{
+    return static_cast<int>(std::clamp<std::int64_t>(unit * count * period_s, INT_MIN, INT_MAX));
+}
+
+// A channel that is gone without a word is found by keepalive probes while it is idle and, within
+// the same time, by TCP_USER_TIMEOUT while data is in flight, when no probes run (tcp(7)). What the
+// kernel refuses stays at its default.
+void watchPeer(int fd, std::int32_t period_s)
+{
+    const int on = 1;
+    const int idle_s = periods(period_s, IDLE_PERIODS, 1);
+    const int interval_s = period_s;
+    const int probes = KEEPALIVE_PROBES;
+    (void)::setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    (void)::setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle_s, sizeof idle_s);
+    (void)::setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &interval_s, sizeof interval_s);
+    (void)::setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
+    if (period_s <= 0) return;
+    const int unacknowledged_ms = periods(period_s, UNACKNOWLEDGED_PERIODS, 1000);
+    (void)::setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &unacknowledged_ms,
+                       sizeof unacknowledged_ms);
+}
+
+// Opens the connection; a descriptor that the select pass could not hold counts as a failed
+// opening.
+bool openConnection(REMOTE_PROXY_T *proxy)
+{
+    proxy->conn = openCloudProxyChannel(proxy->cloud_host, proxy->cloud_port, proxy->cert_path,
+                                        proxy->debug_switch, proxy->tls_type);
+    return proxy->conn != nullptr && getCloudProxyChannelSocket(proxy->conn) < FD_SETSIZE;
+}
+
+int failCreation(REMOTE_PROXY_T *proxy)
+{
+    closeCloudProxyChannel(proxy->conn);
+    proxy->conn = nullptr;
+    releaseAllSessionsFromTable(&proxy->session_table);
+    resetDataBuffer(&proxy->send_buffer);
+    resetDataBuffer(&proxy->recv_buffer);
+    return -1;
+}
+
+} // namespace
+
+void recordChannelRetry(REMOTE_PROXY_T *proxy)
+{
+    if (proxy->retry_count < INT_MAX) ++proxy->retry_count;
+    proxy->retry_time = monotonic_now();
+}
+
+void resetChannelRetry(REMOTE_PROXY_T *proxy)
+{
+    proxy->retry_count = 0;
+    proxy->retry_time.tv_sec = 0;
+}
+
+int checkRetryInterval(const REMOTE_PROXY_T *proxy)
+{
+    const std::int64_t interval_s =
+        std::int64_t{1} << std::min(proxy->retry_count / RETRIES_PER_STEP, MAX_BACK_OFF_STEP);
+    return secondsSince(proxy->retry_time) < interval_s ? -1 : 0;
+}
+
+int checkHandShakeTimeout(const REMOTE_PROXY_T *proxy)
+{
+    return secondsSince(proxy->last_active_time) >= HANDSHAKE_TIMEOUT_S ? 0 : -1;
+}
+
+int checkKeepalive(REMOTE_PROXY_T *proxy)
+{
+    if (proxy->ping_count > MAX_UNANSWERED_PINGS) return -1;
+    // Compared unsigned: a negative period means no pings.
+    if (static_cast<std::uint64_t>(secondsSince(proxy->last_active_time)) >= proxy->ping_period) {
+        (void)sendCloudChannelKeepalivePing(
+            proxy); // a failure is logged there and counts like a lost ping
+        proxy->last_active_time = monotonic_now();
+    }
+    return 0;
+}
+
+int createRemoteProxy(REMOTE_PROXY_T *proxy)
+{
+    if (channelState(proxy) != CHANNEL_STATE_CLOSED) return 0;
+    RA_INFO("start to create cloud channel...");
+    if (!openConnection(proxy)) {
+        RA_WARN("cloud channel open failed");
+        return failCreation(proxy);
+    }
+    watchPeer(getCloudProxyChannelSocket(proxy->conn), proxy->tcp_keepalive_period);
+    if (sendCloudChannelHandShakeRequest(
+            proxy, proxy->services_info.load(std::memory_order_relaxed)) != 0) {
+        RA_WARN("send cloud channel HandShake request error!");
+        return failCreation(proxy);
+    }
+    resetDataBuffer(&proxy->send_buffer);
+    resetDataBuffer(&proxy->recv_buffer);
+    setChannelState(proxy, CHANNEL_STATE_HANDSHAKE);
+    proxy->last_active_time = monotonic_now();
+    return 0;
+}
+
+void acceptHandShake(REMOTE_PROXY_T *proxy)
+{
+    setChannelState(proxy, CHANNEL_STATE_CONNECTED);
+    proxy->last_active_time = monotonic_now();
+    resetChannelRetry(proxy);
+}
+
+int closeCloudChannelConnection(REMOTE_PROXY_T *proxy)
+{
+    if (proxy->conn != nullptr) closeCloudProxyChannel(proxy->conn);
+    proxy->conn = nullptr;
+    return 0;
+}
+
+int releaseRemoteProxy(REMOTE_PROXY_T *proxy)
+{
+    if (channelState(proxy) == CHANNEL_STATE_CLOSED) return 0;
+    RA_INFO("end the cloud channel.");
+    closeCloudChannelConnection(proxy);
+    releaseAllSessionsFromTable(&proxy->session_table);
+    resetDataBuffer(&proxy->send_buffer);
+    resetDataBuffer(&proxy->recv_buffer);
+    setChannelState(proxy, CHANNEL_STATE_CLOSED);
+    proxy->ping_count = 0;
+    return 0;
+}
+
+void cloudChannelClosedStateProc(REMOTE_PROXY_T *proxy, std::int32_t remote_switch)
+{
+    if (remote_switch == 0) {
+        ::usleep(CLOSED_PASS_US);
+        connect_fail_count = 0;
+        return;
+    }
+    if (checkRetryInterval(proxy) != 0) {
+        ::usleep(CLOSED_PASS_US);
+        return;
+    }
+    feedProxyWatchdog(); // an opening may take most of the declared time
+    if (createRemoteProxy(proxy) == 0) {
+        connect_fail_count = 0;
+        return;
+    }
+    recordChannelRetry(proxy);
+    ++connect_fail_count;
+    ::usleep(CLOSED_PASS_US);
+    if (connect_fail_count > MAX_FAILED_OPENINGS) {
+        RA_ERROR("=======retry to connect remote debug channel error! service exit!=======");
+        terminateProcess(EXIT_STATUS_NO_CHANNEL);
+    }
+}
+
+void cloudChannelHandShakeStateProc(REMOTE_PROXY_T *proxy, std::int32_t remote_switch)
+{
+    if (remote_switch == 0) {
+        releaseRemoteProxy(proxy);
+        resetChannelRetry(proxy);
+        return;
+    }
+    if (proxyDataProc(proxy) == PASS_NO_CHANNEL) {
+        releaseRemoteProxy(proxy);
+        recordChannelRetry(proxy);
+    }
+    // Tested in any case: a pass that lost the channel after its time had run out counts twice.
+    if (checkHandShakeTimeout(proxy) == 0) {
+        releaseRemoteProxy(proxy);
+        recordChannelRetry(proxy);
+    }
+}
+
+void cloudChannelConnectedStateProc(REMOTE_PROXY_T *proxy, std::int32_t remote_switch)
+{
+    if (remote_switch == 0) {
+        releaseRemoteProxy(proxy);
+        resetChannelRetry(proxy);
+        return;
+    }
+    if (proxyDataProc(proxy) == PASS_NO_CHANNEL) {
+        releaseRemoteProxy(proxy);
+        resetChannelRetry(proxy);
+        ::usleep(LOST_CHANNEL_PAUSE_US);
+        return;
+    }
+    if (checkKeepalive(proxy) != 0) {
+        releaseRemoteProxy(proxy);
+        resetChannelRetry(proxy);
+    }
+}
+
+void cloudChannelErrorStateProc(REMOTE_PROXY_T *proxy, std::int32_t /*remote_switch*/)
+{
+    RA_WARN("cloud channel state error! state:%d", channelState(proxy));
+    releaseRemoteProxy(proxy);
+    resetChannelRetry(proxy);
+}
+
+void runChannelState(REMOTE_PROXY_T *proxy, std::int32_t remote_switch)
+{
+    switch (channelState(proxy)) {
+    case CHANNEL_STATE_CLOSED:
+        return cloudChannelClosedStateProc(proxy, remote_switch);
+    case CHANNEL_STATE_HANDSHAKE:
+        return cloudChannelHandShakeStateProc(proxy, remote_switch);
+    case CHANNEL_STATE_CONNECTED:
+        return cloudChannelConnectedStateProc(proxy, remote_switch);
+    default:
+        return cloudChannelErrorStateProc(proxy, remote_switch);
+    }
+}

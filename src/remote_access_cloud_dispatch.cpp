@@ -1,0 +1,278 @@
+#include "src/remote_access_cloud_dispatch.h"
+
+#include "common/log.h"
+#include "src/remote_access_account.h"
+#include "src/remote_access_channel_state.h"
+#include "src/remote_access_handshake.h"
+#include "src/remote_access_local_connect.h"
+#include "src/remote_access_local_data.h"
+#include "src/remote_access_proxy.h"
+#include "src/remote_access_proxy_channel.h"
+#include "src/remote_access_proxy_protocol_packet.h"
+#include "src/remote_access_proxy_thread.h"
+#include "src/remote_access_proxy_trans.h"
+#include "src/remote_access_request_payload.h"
+#include "src/remote_access_service_catalogue.h"
+#include "utility/handles.h"
+#include "utility/message_id.h"
+#include "utility/monotonic_clock.h"
+#include "utility/text.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+namespace {
+
+using MESSAGE_HANDLER_FUNC_T = int (*)(REMOTE_PROXY_T *proxy, const PROXY_HEADER_T *header);
+
+struct MESSAGE_ROUTE_T {
+    std::int32_t msg_type;
+    MESSAGE_HANDLER_FUNC_T handler;
+};
+
+constexpr auto MESSAGE_ROUTES = std::to_array<MESSAGE_ROUTE_T>({
+    {MSG_TYPE_NEW_SESSION, newSession},
+    {MSG_TYPE_RELEASE_SESSION, releaseSession},
+    {MSG_TYPE_DATA_DOWN, procCloudChannelData},
+    {MSG_TYPE_RESPONSE, procCloudChannelResponse},
+    {MSG_TYPE_VERIFY_ACCOUNT, procVerifyAccount},
+    {MSG_TYPE_KEEPALIVE_PONG, procKeepaliveResponse},
+});
+
+consteval bool eachTypeOnce()
+{
+    for (std::size_t i = 0; i < MESSAGE_ROUTES.size(); ++i) {
+        for (std::size_t j = i + 1; j < MESSAGE_ROUTES.size(); ++j) {
+            if (MESSAGE_ROUTES[i].msg_type == MESSAGE_ROUTES[j].msg_type) return false;
+        }
+    }
+    return true;
+}
+static_assert(eachTypeOnce());
+
+// A refusal of a new session, as the back end reads it.
+struct REFUSAL_T {
+    std::int32_t code;
+    const char *message;
+};
+constexpr REFUSAL_T REFUSE_TABLE_FULL{RESPONSE_NO_SESSION_LEFT, "socketfd insert error"};
+constexpr REFUSAL_T REFUSE_SERVICE_DOWN{RESPONSE_SERVICE_UNAVAILABLE,
+                                        "BL local service is not available"};
+constexpr REFUSAL_T REFUSE_NO_MEMORY{RESPONSE_NO_SESSION_LEFT, "memory error"};
+
+int refuse(REMOTE_PROXY_T *proxy, const PROXY_HEADER_T *header, const REFUSAL_T &refusal)
+{
+    (void)cloudChannelResponseWithError(proxy, refusal.code, refusal.message, header->msg_id,
+                                        nullptr);
+    return -1;
+}
+
+bool isConnected(const REMOTE_PROXY_T *proxy)
+{
+    return channelState(proxy) == CHANNEL_STATE_CONNECTED;
+}
+
+// The record holds a password: it is wiped however its scope is left.
+struct WipedAccount {
+    VERIFY_ACCOUNT_T account{};
+    WipedAccount() = default;
+    WipedAccount(const WipedAccount &) = delete;
+    WipedAccount &operator=(const WipedAccount &) = delete;
+    ~WipedAccount()
+    {
+        ::explicit_bzero(&account, sizeof account);
+    }
+};
+
+// Moves the read offset from the header to the payload. False when the payload is not as long as
+// announced.
+bool stepToPayload(DATA_BUFFER_T *buffer, const PROXY_HEADER_T &header)
+{
+    // A message that ends at its header's brace lacks the separator; the length then reads negative
+    // and is refused.
+    (void)moveBufferReadPointer(buffer, header.header_len);
+    return header.payload_len == getBufferDataLength(buffer);
+}
+
+void routeMessage(REMOTE_PROXY_T *proxy, const PROXY_HEADER_T &header)
+{
+    const auto route =
+        std::find_if(MESSAGE_ROUTES.begin(), MESSAGE_ROUTES.end(),
+                     [&](const MESSAGE_ROUTE_T &row) { return row.msg_type == header.msg_type; });
+    if (route == MESSAGE_ROUTES.end()) {
+        RA_WARN("recv error websocket package! msgType:%d ", header.msg_type);
+        return;
+    }
+    (void)route->handler(proxy, &header);
+}
+
+// The receive buffer holds one whole message.
+void processMessage(REMOTE_PROXY_T *proxy)
+{
+    DATA_BUFFER_T &buffer = proxy->recv_buffer;
+    PROXY_HEADER_T header{};
+    if (getRemoteAccessProtocolHeader(&buffer, &header) != 0) return;
+    RA_INFO("header len:%d", header.header_len);
+    RA_INFO("header: %.*s", header.header_len, buffer.data);
+    if (!stepToPayload(&buffer, header)) {
+        RA_WARN("payload length info is error!payloadlen:%d, datalen:%d", header.payload_len,
+                getBufferDataLength(&buffer));
+        return;
+    }
+    routeMessage(proxy, header);
+}
+
+} // namespace
+
+void cloudDataProc(REMOTE_PROXY_T *proxy)
+{
+    DATA_BUFFER_T &buffer = proxy->recv_buffer;
+    const std::int64_t deadline = milliseconds_of(monotonic_now()) + CHANNEL_DRAIN_MS;
+    int fin = 0;
+    do {
+        const int result = readCloudProxyChannel(proxy->conn, &buffer, &fin);
+        if (result == CHANNEL_READ_NO_ROOM) {
+            resetDataBuffer(&buffer);
+            return;
+        }
+        if (result == CHANNEL_READ_NOTHING) return; // the fragments so far stay for the next pass
+        if (fin == 0) {
+            RA_DEBUG("this websocket message not have Fin flag!");
+            continue;
+        }
+        processMessage(proxy);
+        resetDataBuffer(&buffer);
+        feedProxyWatchdog(); // one message may cost a second, and there may be many
+    } while (milliseconds_of(monotonic_now()) < deadline);
+}
+
+int newSession(REMOTE_PROXY_T *proxy, const PROXY_HEADER_T *header)
+{
+    if (!isConnected(proxy)) {
+        RA_WARN("cloud channel does not finish handshake!");
+        return -1;
+    }
+    char session_id[SESSION_ID_SIZE]; // the shared id text is overwritten by the next message's id
+    copy_text(session_id, generateMsgId());
+    NEW_SESSION_REQ_T request{};
+    parseProxyProtocolNewSessionPayload(getBufferReadPointer(&proxy->recv_buffer),
+                                        getBufferDataLength(&proxy->recv_buffer), &request);
+    if (getSessionTableSize(&proxy->session_table) >= MAX_SESSIONS) {
+        RA_WARN("session table is limited");
+        return refuse(proxy, header, REFUSE_TABLE_FULL);
+    }
+    UniqueFd socket{connect2LocalService(request.service_ip, request.service_port)};
+    if (!socket) {
+        RA_WARN("failed to connect to local service");
+        return refuse(proxy, header, REFUSE_SERVICE_DOWN);
+    }
+    SERVICE_INFO_T *const service =
+        findLocalServiceInfo(proxy->service_list, request); // null: not in the catalogue
+    if (addOneSessionToTable(&proxy->session_table, session_id, socket.get(), service) != 0) {
+        RA_WARN("failed to alloc new session");
+        socket.reset();
+        return refuse(proxy, header, REFUSE_NO_MEMORY);
+    }
+    socket.release(); // the table owns it now
+    if (cloudChannelResponseNewSession(proxy, header->msg_id, session_id) != 0) {
+        RA_WARN("cloud channel response to new session error!session_id:%s, msgID:%s", session_id,
+                header->msg_id);
+        return -1;
+    }
+    return 0;
+}
+
+int releaseSession(REMOTE_PROXY_T *proxy, const PROXY_HEADER_T *header)
+{
+    if (!isConnected(proxy)) {
+        RA_WARN("cloud channel does not finish handshake!");
+        return -1;
+    }
+    releaseOneSessionFromTable(&proxy->session_table, header->token);
+    if (cloudChannelResponseReleaseSession(proxy, header->msg_id, header->token) != 0) {
+        RA_WARN("release the session failed! sessionID:%s", header->token);
+        return -1;
+    }
+    RA_INFO("release the session: %s", header->token);
+    return 0;
+}
+
+int procCloudChannelData(REMOTE_PROXY_T *proxy, const PROXY_HEADER_T *header)
+{
+    if (!isConnected(proxy)) {
+        RA_WARN("cloud channel does not finish handshake!");
+        return -1;
+    }
+    SESSION_NODE_T *const session = findOneSessionFromTable(&proxy->session_table, header->token);
+    if (session == nullptr) {
+        RA_WARN("session id invalid: %s", header->token);
+        resetDataBuffer(&proxy->recv_buffer);
+        return -1;
+    }
+    if (sendRawData2LocalService(&proxy->recv_buffer, session) != 0) {
+        RA_WARN("release the session: %s", header->token);
+        (void)sendCloudChannelReleaseSessionRequest(proxy, header->msg_id,
+                                                    header->token); // logged there
+        releaseOneSessionFromTable(&proxy->session_table, header->token);
+        resetDataBuffer(&proxy->recv_buffer);
+        return -1;
+    }
+    return 0;
+}
+
+int procCloudChannelResponse(REMOTE_PROXY_T *proxy, const PROXY_HEADER_T *header)
+{
+    if (text_of(header->msg_id) == HANDSHAKE_MSG_ID)
+        return procCloudChannelHandShakeResponse(proxy, header);
+    RA_INFO("recv release session response.payload:%s", getBufferReadPointer(&proxy->recv_buffer));
+    return 0;
+}
+
+int procCloudChannelHandShakeResponse(REMOTE_PROXY_T *proxy, const PROXY_HEADER_T * /*header*/)
+{
+    if (channelState(proxy) != CHANNEL_STATE_HANDSHAKE) {
+        RA_WARN("cloud channel handshake in a error state, now state:%d", channelState(proxy));
+        return -1;
+    }
+    std::int32_t code = 0;
+    if (parseProxyProtocolHandShakeResponse(getBufferReadPointer(&proxy->recv_buffer),
+                                            getBufferDataLength(&proxy->recv_buffer), &code) != 0)
+        return -1;
+    RA_INFO("handshake response code is %d!", code);
+    if (code == RESPONSE_OK) acceptHandShake(proxy);
+    return 0;
+}
+
+int procVerifyAccount(REMOTE_PROXY_T *proxy, const PROXY_HEADER_T *header)
+{
+    if (!isConnected(proxy)) {
+        RA_WARN("cloud channel does not finish handshake!");
+        return -1;
+    }
+    WipedAccount request;
+    if (parseProxyProtocolVerifyAccount(getBufferReadPointer(&proxy->recv_buffer),
+                                        getBufferDataLength(&proxy->recv_buffer),
+                                        &request.account) != 0)
+        return refuse(proxy, header, {RESPONSE_BAD_ACCOUNT_REQUEST, "parse VerifyAccount failed"});
+    if (verifyAccount(request.account) != 0)
+        return refuse(proxy, header, {RESPONSE_ACCOUNT_REFUSED, "verify account failed"});
+    if (cloudChannelResponseVerifyAccount(proxy, header->msg_id, nullptr) != 0) {
+        RA_WARN("cloud channel response to verifyAccount error!session_id:%s, msgID:%s", "",
+                header->msg_id);
+        return -1;
+    }
+    return 0;
+}
+
+int procKeepaliveResponse(REMOTE_PROXY_T *proxy, const PROXY_HEADER_T *header)
+{
+    if (!isConnected(proxy)) {
+        RA_WARN("recv keepalive pong, but cloud channel does not finish handshake!");
+        return -1;
+    }
+    proxy->ping_count = 0;
+    RA_INFO("recv keepalive pong,messagID=%s,timestamp:%lu", header->msg_id,
+            static_cast<unsigned long>(header->timestamp));
+    return 0;
+}

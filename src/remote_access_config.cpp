@@ -1,0 +1,273 @@
+#include "src/remote_access_config.h"
+
+#include "common/bus_names.h"
+#include "common/log.h"
+#include "platform/config_manager/config_manager.h"
+#include "src/remote_access_default_cert.h"
+#include "utility/handles.h"
+#include "utility/text.h"
+
+#include <cstring>
+#include <pthread.h>
+
+namespace {
+
+constexpr int BUS_TIMEOUT_MS = 1000;
+constexpr int SUBSCRIBE_FLAG = 1;
+
+constexpr char KEY_PRODUCT_KEY[] = "gw_system_productkey";
+constexpr char KEY_DEVICE_NAME[] = "gw_system_devicename";
+constexpr char KEY_DEVICE_SECRET[] = "gw_system_devicesecret";
+constexpr char KEY_CERT_PATH[] = "gw_remoteaccess_cert_path";
+constexpr char KEY_CLOUD_HOST[] = "gw_remoteaccess_cloud_host";
+constexpr char KEY_CLOUD_PORT[] = "gw_remoteaccess_cloud_port";
+constexpr char KEY_TLS_TYPE[] = "gw_remoteaccess_tls_type";
+constexpr char KEY_DEBUG_SWITCH[] = "gw_remoteaccess_debug_switch";
+constexpr char KEY_TRANS_TIMEOUT[] = "gw_remoteaccess_trans_timeout";
+constexpr char KEY_LONG_CONNECTION[] = "gw_system_cloud_long_connection";
+constexpr char KEY_TCP_KEEPALIVE[] = "gw_remoteaccess_tcp_keepalive_period";
+constexpr char KEY_PING_PERIOD[] = "gw_remoteaccess_ping_period";
+
+constexpr std::size_t KEEP_IDENTITY = 36;
+constexpr std::size_t KEEP_SECRET = 68;
+constexpr std::size_t KEEP_PATH = 68;
+constexpr std::size_t KEEP_HOST = 135;
+constexpr std::size_t KEEP_PORT = 15;
+constexpr std::size_t KEEP_NUMBER = 12;
+constexpr std::size_t KEEP_LONG_CONNECTION = 15;
+
+constexpr char DEFAULT_HOST[] = RA_DEFAULT_CLOUD_HOST;
+constexpr char DEFAULT_PORT[] = "443";
+constexpr int DEFAULT_TLS_TYPE = 1;
+constexpr int DEFAULT_DEBUG_SWITCH = 0;
+constexpr int DEFAULT_TRANS_TIMEOUT_MS = 2000;
+constexpr int DEFAULT_LONG_CONNECTION = 1;
+constexpr int DEFAULT_TCP_KEEPALIVE_S = 5;
+constexpr int DEFAULT_PING_PERIOD_S = 80;
+static_assert(sizeof DEFAULT_HOST - 1 <= KEEP_HOST, "RA_DEFAULT_CLOUD_HOST is too long");
+
+// Orders the worker's rewriting of the topics with the main thread's reading. Never held across a
+// bus call.
+pthread_mutex_t g_topic_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+class TopicLock {
+public:
+    TopicLock() noexcept
+    {
+        ::pthread_mutex_lock(&g_topic_mutex);
+    }
+    ~TopicLock()
+    {
+        ::pthread_mutex_unlock(&g_topic_mutex);
+    }
+    TopicLock(const TopicLock &) = delete;
+    TopicLock &operator=(const TopicLock &) = delete;
+};
+
+// A value of the configuration manager, or the result code that says why there is none.
+struct CONFIG_VALUE_T {
+    HeapText text;
+    int result;
+    explicit operator bool() const noexcept
+    {
+        return text != nullptr;
+    }
+};
+
+CONFIG_VALUE_T readValue(DBusConnection *conn, const char *key)
+{
+    char *text = nullptr;
+    const int result = get_config(conn, key, &text, BUS_TIMEOUT_MS);
+    HeapText owned{text};
+    if (result != CONFIG_OK) owned.reset();
+    return {std::move(owned), result};
+}
+
+// Reads and logs a text, and stores what the field keeps of it. Returns 0, or -1 and the manager's
+// result.
+template <std::size_t N>
+int readText(DBusConnection *conn, const char *key, char (&field)[N], std::size_t keep, int *result)
+{
+    copy_text(field, "");
+    const CONFIG_VALUE_T value = readValue(conn, key);
+    *result = value.result;
+    if (!value) return -1;
+    RA_INFO("%s : %s", key, value.text.get());
+    copy_text(field, value.text.get(), keep);
+    return 0;
+}
+
+int readNumber(DBusConnection *conn, const char *key, std::int32_t *number, int *result)
+{
+    const CONFIG_VALUE_T value = readValue(conn, key);
+    *result = value.result;
+    if (!value) return -1;
+    RA_INFO("%s : %s", key, value.text.get());
+    *number = parse_int32(std::string_view{value.text.get()}.substr(0, KEEP_NUMBER));
+    return 0;
+}
+
+template <std::size_t N>
+void useDefaultText(const char *key, const char *fallback, char (&field)[N])
+{
+    RA_INFO("%s : %s", key, fallback);
+    copy_text(field, fallback);
+}
+
+std::int32_t useDefaultNumber(const char *key, std::int32_t fallback)
+{
+    RA_INFO("%s : %d", key, fallback);
+    return fallback;
+}
+
+void buildCloudTopics(REMOTE_ACCESS_CONFIG_T *config)
+{
+    const char *const pk = config->product_key;
+    const char *const dn = config->device_name;
+    const TopicLock lock;
+    format_text(config->topic_debug_switch, "/sys/%s/%s/edge/debug/switch", pk, dn);
+    format_text(config->topic_ability_post_reply, "/sys/%s/%s/edge/ability/post_reply", pk, dn);
+    format_text(config->topic_ability_post, "/sys/%s/%s/edge/ability/post", pk, dn);
+    format_text(config->topic_ability_get, "/sys/%s/%s/edge/ability/get", pk, dn);
+}
+
+int readSecret(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
+{
+    copy_text(config->device_secret, "");
+    const CONFIG_VALUE_T value = readValue(conn, KEY_DEVICE_SECRET);
+    if (!value) {
+        RA_WARN("can not get DS, result:%d", value.result);
+        return -1;
+    }
+    RA_INFO("%s : %.5s***************", KEY_DEVICE_SECRET, value.text.get());
+    copy_text(config->device_secret, value.text.get(), KEEP_SECRET);
+    return 0;
+}
+
+// The identity is mandatory: without it the back end could not tell who calls.
+int readIdentity(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
+{
+    int result = 0;
+    if (readText(conn, KEY_PRODUCT_KEY, config->product_key, KEEP_IDENTITY, &result) != 0) {
+        RA_WARN("can not get PK, result:%d", result);
+        return -1;
+    }
+    if (readText(conn, KEY_DEVICE_NAME, config->device_name, KEEP_IDENTITY, &result) != 0) {
+        RA_WARN("can not get DN, result:%d", result);
+        return -1;
+    }
+    buildCloudTopics(config);
+    return readSecret(config, conn);
+}
+
+int readEndpoint(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
+{
+    int result = 0;
+    if (readText(conn, KEY_CERT_PATH, config->cert_path, KEEP_PATH, &result) != 0) {
+        RA_INFO("can not get cert path,using default value, result:%d", result);
+        if (writeDefaultCert(DEFAULT_CERT_PATH) != 0) {
+            RA_WARN("can not write root cert path");
+            return -1;
+        }
+        useDefaultText(KEY_CERT_PATH, DEFAULT_CERT_PATH, config->cert_path);
+    }
+    if (readText(conn, KEY_CLOUD_HOST, config->cloud_host, KEEP_HOST, &result) != 0) {
+        RA_INFO("can not get host, using default value, result:%d", result);
+        useDefaultText(KEY_CLOUD_HOST, DEFAULT_HOST, config->cloud_host);
+    }
+    if (readText(conn, KEY_CLOUD_PORT, config->cloud_port, KEEP_PORT, &result) != 0) {
+        RA_INFO("can not get port, using default value, result:%d", result);
+        useDefaultText(KEY_CLOUD_PORT, DEFAULT_PORT, config->cloud_port);
+    }
+    return 0;
+}
+
+void readChannelTunables(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
+{
+    int result = 0;
+    if (readNumber(conn, KEY_TLS_TYPE, &config->tls_type, &result) != 0) {
+        RA_INFO("can not get tls type,using default value, result:%d", result);
+        config->tls_type = useDefaultNumber(KEY_TLS_TYPE, DEFAULT_TLS_TYPE);
+    }
+    std::int32_t number = 0;
+    if (readNumber(conn, KEY_DEBUG_SWITCH, &number, &result) != 0) {
+        RA_INFO("can not get debug switch,using default value, result:%d", result);
+        number = useDefaultNumber(KEY_DEBUG_SWITCH, DEFAULT_DEBUG_SWITCH);
+    }
+    config->debug_switch.store(number, std::memory_order_relaxed);
+    if (readNumber(conn, KEY_TRANS_TIMEOUT, &number, &result) != 0) {
+        RA_INFO("can not get trans timeout,using default value, result:%d", result);
+        number = useDefaultNumber(KEY_TRANS_TIMEOUT, DEFAULT_TRANS_TIMEOUT_MS);
+    }
+    config->trans_timeout.store(number, std::memory_order_relaxed);
+}
+
+// With a permanent cloud connection remote access starts closed and is opened on command; without
+// one it starts open.
+void readLongConnection(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
+{
+    std::int32_t flag = DEFAULT_LONG_CONNECTION;
+    const CONFIG_VALUE_T value = readValue(conn, KEY_LONG_CONNECTION);
+    if (value) {
+        flag = parse_int32(std::string_view{value.text.get()}.substr(0, KEEP_LONG_CONNECTION));
+        RA_INFO("cloud long connection:%d", flag);
+    } else {
+        RA_INFO("can not get cloud long connection flag !");
+    }
+    config->cloud_long_connection.store(flag, std::memory_order_relaxed);
+    config->remote_access_switch.store(flag != 0 ? 0 : 1, std::memory_order_relaxed);
+}
+
+void readKeepaliveTunables(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
+{
+    int result = 0;
+    if (readNumber(conn, KEY_TCP_KEEPALIVE, &config->tcp_keepalive_period, &result) != 0) {
+        RA_INFO("can not get tcp keepalive,using default value, result:%d", result);
+        config->tcp_keepalive_period = useDefaultNumber(KEY_TCP_KEEPALIVE, DEFAULT_TCP_KEEPALIVE_S);
+    }
+    if (readNumber(conn, KEY_PING_PERIOD, &config->ping_period, &result) != 0) {
+        RA_INFO("can not get ping period,using default value, result:%d", result);
+        config->ping_period = useDefaultNumber(KEY_PING_PERIOD, DEFAULT_PING_PERIOD_S);
+    }
+}
+
+int subscribeChanges(DBusConnection *conn)
+{
+    if (subscribe_config(conn, BUS_NAME, KEY_DEBUG_SWITCH, SUBSCRIBE_FLAG, BUS_TIMEOUT_MS) != 0) {
+        RA_WARN("subscribe module config debug log switch error!");
+        return -1;
+    }
+    if (subscribe_config(conn, BUS_NAME, KEY_TRANS_TIMEOUT, SUBSCRIBE_FLAG, BUS_TIMEOUT_MS) != 0) {
+        RA_WARN("subscribe module config transtimeout error!");
+        return -1;
+    }
+    return 0;
+}
+
+} // namespace
+
+int getConfigParams(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
+{
+    RA_INFO("getConfigParams start !");
+    if (conn == nullptr) {
+        RA_WARN("dbus connection is NULL");
+        return -1;
+    }
+    if (readIdentity(config, conn) != 0) return -1;
+    if (readEndpoint(config, conn) != 0) return -1;
+    readChannelTunables(config, conn);
+    readLongConnection(config, conn);
+    readKeepaliveTunables(config, conn);
+    return subscribeChanges(conn);
+}
+
+int getConfigParamsTask(TASK_NODE_T * /*task*/, void *argument, DBusConnection *conn)
+{
+    return getConfigParams(static_cast<REMOTE_ACCESS_CONFIG_T *>(argument), conn);
+}
+
+void copyCloudTopic(const char (&topic)[TOPIC_SIZE], char (&out)[TOPIC_SIZE])
+{
+    const TopicLock lock;
+    std::memcpy(out, topic, TOPIC_SIZE);
+}

@@ -1,0 +1,144 @@
+#include "src/remote_access_local_bus.h"
+
+#include "common/bus_handles.h"
+#include "common/bus_names.h"
+#include "common/log.h"
+#include "src/remote_access_bus_error.h"
+#include "src/remote_access_config.h"
+#include "src/remote_access_local_method.h"
+
+#include <cstring>
+#include <pthread.h>
+
+namespace {
+
+// Guards the record's bus_conn pointer between its replacement and the taking of a reference; held
+// for nothing longer.
+pthread_mutex_t g_bus_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+class BusLock {
+public:
+    BusLock() noexcept
+    {
+        ::pthread_mutex_lock(&g_bus_mutex);
+    }
+    ~BusLock()
+    {
+        ::pthread_mutex_unlock(&g_bus_mutex);
+    }
+    BusLock(const BusLock &) = delete;
+    BusLock &operator=(const BusLock &) = delete;
+};
+
+DBusConnectionPtr replaceConnection(REMOTE_ACCESS_CONFIG_T *record, DBusConnectionPtr fresh)
+{
+    const BusLock lock;
+    return DBusConnectionPtr{std::exchange(record->bus_conn, fresh.release())};
+}
+
+int methodCallProc(REMOTE_ACCESS_CONFIG_T *record, DBusMessage *message)
+{
+    const char *const member = dbus_message_get_member(message);
+    if (member == nullptr) {
+        RA_WARN("get method name error!");
+        return -1;
+    }
+    RA_INFO("receive method call :%s,from message bus.", member);
+    for (const LOCAL_METHOD_T &method : localMethods()) {
+        if (std::strcmp(method.method_name, member) == 0) {
+            method.method_handler(record, message);
+            break;
+        }
+    }
+    return 0;
+}
+
+int signalProc(REMOTE_ACCESS_CONFIG_T * /*record*/, DBusMessage *message)
+{
+    const char *const member = dbus_message_get_member(message);
+    if (member == nullptr) {
+        RA_WARN("get signal name error!");
+        return -1;
+    }
+    RA_INFO("remote access daemon receive signal : %s", member);
+    return 0;
+}
+
+} // namespace
+
+void BusConnectionUnref::operator()(DBusConnection *conn) const noexcept
+{
+    dbus_connection_unref(conn);
+}
+
+BusConnectionRef borrowBusConnection(const REMOTE_ACCESS_CONFIG_T *record)
+{
+    const BusLock lock;
+    return BusConnectionRef{record->bus_conn != nullptr ? dbus_connection_ref(record->bus_conn)
+                                                        : nullptr};
+}
+
+int connectLocalBus(REMOTE_ACCESS_CONFIG_T *record)
+{
+    BusError error;
+    RA_INFO("bus_address:%s!", BUS_ADDRESS);
+    DBusConnectionPtr fresh{dbus_connection_open_private(BUS_ADDRESS, error)};
+    if (check_and_abort(error) != 0) {
+        RA_WARN("remote access daemon connect dbus error!");
+        return -1;
+    }
+    if (!fresh) {
+        RA_WARN("remote access daemon connection to dbus is NULL!");
+        return -1;
+    }
+    dbus_bus_register(fresh.get(), error);
+    if (check_and_abort(error) != 0) {
+        fresh.reset();
+        RA_WARN("remote access daemon bus register error!");
+        return -1;
+    }
+    dbus_connection_set_exit_on_disconnect(fresh.get(), FALSE); // a lost bus is retried
+    if (const DBusConnectionPtr old = replaceConnection(record, std::move(fresh)); old)
+        RA_INFO("release old dbus connection!"); // and closed as its owner goes, after the line
+    return 0;
+}
+
+int registerModule2LocalBus(REMOTE_ACCESS_CONFIG_T *record)
+{
+    if (record == nullptr) {
+        RA_ERROR("input params is NULL");
+        return -1;
+    }
+    if (connectLocalBus(record) != 0) {
+        RA_WARN("connection local dbus error!");
+        return -1;
+    }
+    BusError error;
+    const int result = dbus_bus_request_name(record->bus_conn, BUS_NAME, 0, error);
+    if (check_and_abort(error) != 0) {
+        RA_WARN("request well-known-name is error!");
+        return -1;
+    }
+    if (result != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER) {
+        RA_WARN("request well-known-name is already running!");
+        return -1;
+    }
+    return 0;
+}
+
+int localMessagesProc(REMOTE_ACCESS_CONFIG_T *record, DBusMessage *message)
+{
+    switch (dbus_message_get_type(message)) {
+    case DBUS_MESSAGE_TYPE_METHOD_CALL:
+        return methodCallProc(record, message);
+    case DBUS_MESSAGE_TYPE_METHOD_RETURN:
+        RA_INFO("remote access daemon receive method reply:%d",
+                static_cast<int>(dbus_message_get_reply_serial(message)));
+        return 0;
+    case DBUS_MESSAGE_TYPE_SIGNAL:
+        return signalProc(record, message);
+    default:
+        RA_WARN("remote access daemon receive error message!");
+        return 0;
+    }
+}

@@ -1,0 +1,24 @@
+#include "src/remote_access_resolver.h"
+
+#include <cerrno>
+#include <netinet/in.h>
+#include <resolv.h>
+
+namespace {
+
+// The default waits 5 s for each of up to three servers, twice.
+constexpr int QUERY_TIMEOUT_S = 2;
+constexpr int QUERY_TRIES = 1;
+
+} // namespace
+
+int refreshResolver() noexcept
+{
+    errno = 0;
+    const int result = ::res_init();
+    const int saved_errno = errno;
+    _res.retrans = QUERY_TIMEOUT_S;
+    _res.retry = QUERY_TRIES;
+    errno = saved_errno;
+    return result;
+}

@@ -1,0 +1,160 @@
+#include "src/traceBack.h"
+
+#include "common/log.h"
+#include "src/process_end.h"
+#include "utility/alternate_stack.h"
+#include "utility/handles.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+#include <ctime>
+#include <execinfo.h>
+#include <pthread.h>
+#include <semaphore.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int MAX_FRAMES = 64;
+constexpr int FATAL_REPORT_WAIT_MS = 3000;
+constexpr int PIPE_REPORT_WAIT_MS = 50;
+constexpr int EXIT_STATUS_SIGNAL = 1;
+
+// Written by the signal handler, read by the reporter; the semaphore orders them.
+struct SIGNAL_MAILBOX_T {
+    sem_t wake;
+    std::atomic<std::int32_t> fatal_signal; // 0 = none; the first one stays
+    std::atomic<std::uint32_t> pipes_taken;
+    std::atomic<std::uint32_t> pipes_reported; // written by the reporter
+    void *frames[MAX_FRAMES];
+    int frame_count;
+    pthread_t reporter;
+};
+
+SIGNAL_MAILBOX_T g_mailbox;
+
+void sleepOneMillisecond() noexcept
+{
+    const timespec pause{0, 1000000};
+    ::nanosleep(&pause, nullptr);
+}
+
+// Logs the frames that the signal handler collected.
+void print_trace()
+{
+    RA_INFO("backtrace() returned %d addresses\n", g_mailbox.frame_count);
+    const std::unique_ptr<char *, Releaser<std::free>> symbols{
+        ::backtrace_symbols(g_mailbox.frames, g_mailbox.frame_count)};
+    if (!symbols) {
+        RA_ERROR("backtrace_synbols: %s", std::strerror(errno));
+        terminateProcess(EXIT_STATUS_SIGNAL);
+    }
+    for (int i = 0; i < g_mailbox.frame_count; ++i)
+        RA_INFO("  [%02d] %s", i, symbols.get()[i]);
+}
+
+// What a signal does, on the reporter thread.
+void handler(int signo)
+{
+    RA_DEBUG("Recv signal = %d. Terminating...", signo);
+    if (signo == SIGSEGV) {
+        RA_DEBUG("now got a segmentation violation signal ");
+        print_trace();
+    }
+    if (signo != SIGPIPE) terminateProcess(EXIT_STATUS_SIGNAL);
+    RA_INFO("socket pipe broken!");
+}
+
+void *reportSignals(void *)
+{
+    for (;;) {
+        while (::sem_wait(&g_mailbox.wake) != 0) {
+        }
+        while (g_mailbox.pipes_reported.load(std::memory_order_relaxed) !=
+               g_mailbox.pipes_taken.load(std::memory_order_acquire)) {
+            handler(SIGPIPE);
+            g_mailbox.pipes_reported.fetch_add(1, std::memory_order_release);
+        }
+        if (const int fatal = g_mailbox.fatal_signal.load(std::memory_order_acquire); fatal != 0)
+            handler(fatal);
+    }
+}
+
+[[noreturn]] void endAfterReport(int signo) noexcept
+{
+    // A fault of the reporter itself would be waiting for itself.
+    if (::pthread_equal(::pthread_self(), g_mailbox.reporter) != 0) ::_exit(EXIT_STATUS_SIGNAL);
+    static std::atomic<bool> taken{false};
+    if (!taken.exchange(true)) {
+        if (signo == SIGSEGV) g_mailbox.frame_count = ::backtrace(g_mailbox.frames, MAX_FRAMES);
+        g_mailbox.fatal_signal.store(signo, std::memory_order_release);
+        ::sem_post(&g_mailbox.wake);
+    }
+    for (int waited = 0; waited < FATAL_REPORT_WAIT_MS; ++waited)
+        sleepOneMillisecond();
+    ::_exit(EXIT_STATUS_SIGNAL);
+}
+
+// The installed handler: async-signal-safe calls only (signal-safety(7)); backtrace was called once
+// before, so that it loads nothing any more.
+void onSignal(int signo)
+{
+    const int saved_errno = errno;
+    if (signo != SIGPIPE) endAfterReport(signo);
+    g_mailbox.pipes_taken.fetch_add(1, std::memory_order_release);
+    ::sem_post(&g_mailbox.wake);
+    errno = saved_errno;
+}
+
+// The reporter takes no signal itself: one that interrupted it while it logs could never be
+// reported.
+bool startReporter()
+{
+    sigset_t all;
+    sigset_t before;
+    ::sigfillset(&all);
+    ::sigdelset(&all, SIGSEGV);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before);
+    const bool started =
+        ::pthread_create(&g_mailbox.reporter, nullptr, reportSignals, nullptr) == 0;
+    if (started) ::pthread_detach(g_mailbox.reporter);
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return started;
+}
+
+} // namespace
+
+void registerSignalHandlers()
+{
+    use_alternate_signal_stack();
+    void *primer[1];
+    (void)::backtrace(primer, 1);
+    ::sem_init(&g_mailbox.wake, 0, 0);
+    if (!startReporter()) {
+        // Without a reporter the signals keep their default actions, but a broken pipe must still
+        // not end the process.
+        RA_ERROR("signal reporter thread could not be started: signals are not reported");
+        ::signal(SIGPIPE, SIG_IGN);
+        return;
+    }
+    struct sigaction action {};
+    action.sa_handler = onSignal;
+    action.sa_flags = SA_RESTART | SA_ONSTACK;
+    ::sigemptyset(&action.sa_mask);
+    for (const int signo : {SIGINT, SIGPIPE, SIGSEGV})
+        ::sigaction(signo, &action, nullptr);
+}
+
+void awaitBrokenPipeReports() noexcept
+{
+    const int saved_errno = errno;
+    const std::uint32_t taken = g_mailbox.pipes_taken.load(std::memory_order_acquire);
+    for (int waited = 0; waited < PIPE_REPORT_WAIT_MS; ++waited) {
+        if (g_mailbox.pipes_reported.load(std::memory_order_acquire) == taken) break;
+        sleepOneMillisecond();
+    }
+    errno = saved_errno;
+}

@@ -1,0 +1,19 @@
+#include "utility/alternate_stack.h"
+
+#include <csignal>
+
+namespace {
+
+// MINSIGSTKSZ is too small for backtrace, and with wide vector registers even for the frame itself.
+constexpr std::size_t ALTERNATE_STACK_SIZE = 64 * 1024;
+
+} // namespace
+
+void use_alternate_signal_stack() noexcept
+{
+    alignas(16) thread_local char storage[ALTERNATE_STACK_SIZE];
+    stack_t stack{};
+    stack.ss_sp = storage;
+    stack.ss_size = sizeof storage;
+    ::sigaltstack(&stack, nullptr);
+}

@@ -1,0 +1,485 @@
+#include "backend/device_channel.h"
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+
+namespace backend {
+
+namespace asio = boost::asio;
+using boost::system::error_code;
+using tcp = asio::ip::tcp;
+
+// What a request's msg_id begins with tells which request an answer belongs to, also when it comes
+// too late.
+constexpr std::string_view OPEN_ID = "open-";
+constexpr std::string_view RELEASE_ID = "release-";
+constexpr std::string_view ACCOUNT_ID = "account-";
+
+constexpr std::size_t SPARE_MAX = 16;
+constexpr std::size_t RELEASING_MAX = 128;
+constexpr std::size_t ACCOUNTS_MAX = 16;
+
+DEVICE_CHANNEL_T::DEVICE_CHANNEL_T(asio::io_context &context, const LIMITS_T &allowed,
+                                   CHANNEL_EVENTS_T handlers)
+    : io(context), limits(allowed), events(std::move(handlers)), timer(context)
+{
+}
+
+static std::string nameOf(const DEVICE_CHANNEL_T &channel)
+{
+    if (channel.device.device_name.empty()) return channel.peer;
+    return channel.device.device_name + " (" + channel.peer + ")";
+}
+
+static void logFault(DEVICE_CHANNEL_T &channel, const std::string &text)
+{
+    if (rateAllows(channel.fault_lines))
+        logWarning("device %s: %s", nameOf(channel).c_str(), text.c_str());
+}
+
+static std::string freshId(DEVICE_CHANNEL_T &channel, std::string_view kind)
+{
+    return std::string(kind) + std::to_string(channel.next_id++);
+}
+
+// ---- to the device
+
+static std::size_t &counterOf(DEVICE_CHANNEL_T &channel, const OUT_MESSAGE_T &message)
+{
+    return message.is_data ? channel.queued_data : channel.queued_control;
+}
+
+static void writeNext(DEVICE_CHANNEL_T &channel)
+{
+    if (channel.write_active || channel.queue.empty() || channel.state == CHANNEL_STATE::CLOSED)
+        return;
+    channel.write_active = true;
+    OUT_MESSAGE_PTR message = std::move(channel.queue.front());
+    channel.queue.pop_front();
+    channel.link->write(std::move(message));
+}
+
+static void enqueue(DEVICE_CHANNEL_T &channel, OUT_MESSAGE_PTR message)
+{
+    if (channel.state == CHANNEL_STATE::CLOSED) return;
+    counterOf(channel, *message) += message->header.size + message->payload_size;
+    channel.queue.push_back(std::move(message));
+    writeNext(channel);
+}
+
+static void messageWritten(DEVICE_CHANNEL_T &channel, const error_code &error,
+                           OUT_MESSAGE_PTR message)
+{
+    channel.write_active = false;
+    if (channel.state == CHANNEL_STATE::CLOSED) return;
+    if (error) return closeDeviceChannel(channel, 0, "cannot be written to: " + error.message());
+    counterOf(channel, *message) -= message->header.size + message->payload_size;
+    if (message->is_data && channel.spare.size() < SPARE_MAX)
+        channel.spare.push_back(std::move(message));
+    writeNext(channel);
+    while (!channel.waiting.empty() && hasDataRoom(channel)) {
+        const SESSION_PTR session = std::move(channel.waiting.front());
+        channel.waiting.pop_front();
+        readClient(session);
+    }
+}
+
+static void sendControl(DEVICE_CHANNEL_T &channel, MESSAGE_TYPE type, std::string_view msg_id,
+                        std::string_view token, std::string_view payload = {},
+                        bool is_secret = false)
+{
+    auto message = std::make_unique<OUT_MESSAGE_T>();
+    message->header = buildHeader(type, payload.size(), msg_id, time(nullptr), token);
+    message->payload.assign(payload.begin(), payload.end());
+    message->payload_size = payload.size();
+    message->is_secret = is_secret;
+    enqueue(channel, std::move(message));
+    if (channel.queued_control > channel.limits.control_queue) {
+        closeDeviceChannel(channel, 0, "sends, but takes no answers");
+    }
+}
+
+static void sendRelease(DEVICE_CHANNEL_T &channel, const std::string &token)
+{
+    if (channel.releasing.size() >= RELEASING_MAX) channel.releasing.pop_front();
+    channel.releasing.push_back(token);
+    sendControl(channel, MESSAGE_RELEASE_SESSION, freshId(channel, RELEASE_ID), token);
+}
+
+OUT_MESSAGE_PTR takeDataMessage(DEVICE_CHANNEL_T *channel)
+{
+    if (channel != nullptr && !channel->spare.empty()) {
+        OUT_MESSAGE_PTR message = std::move(channel->spare.back());
+        channel->spare.pop_back();
+        return message;
+    }
+    auto message = std::make_unique<OUT_MESSAGE_T>();
+    message->payload.resize(DATA_MAX);
+    message->is_data = true;
+    return message;
+}
+
+bool hasDataRoom(const DEVICE_CHANNEL_T &channel)
+{
+    return channel.queued_data < channel.limits.data_queue;
+}
+
+void waitForDataRoom(DEVICE_CHANNEL_T &channel, const SESSION_PTR &session)
+{
+    channel.waiting.push_back(session);
+}
+
+void sendSessionData(SESSION_T &session)
+{
+    session.message->header =
+        buildHeader(MESSAGE_DATA_DOWN, session.message->payload_size,
+                    freshId(*session.channel, "data-"), time(nullptr), session.token);
+    enqueue(*session.channel, std::move(session.message));
+}
+
+// ---- from the device
+
+static void readNext(DEVICE_CHANNEL_T &channel)
+{
+    if (channel.read_active || channel.full_sessions > 0 || channel.state == CHANNEL_STATE::CLOSED)
+        return;
+    channel.read_active = true;
+    channel.link->read();
+}
+
+void noteSessionFull(SESSION_T &session, bool is_full)
+{
+    if (session.is_full == is_full) return;
+    session.is_full = is_full;
+    DEVICE_CHANNEL_T &channel = *session.channel;
+    if (is_full)
+        channel.full_sessions++;
+    else
+        channel.full_sessions--;
+    readNext(channel);
+}
+
+void takeOffChannel(const SESSION_PTR &session, bool tell_device)
+{
+    DEVICE_CHANNEL_T *channel = session->channel;
+    if (channel == nullptr) return;
+    noteSessionFull(*session, false);
+    session->channel = nullptr;
+    std::erase_if(channel->waiting,
+                  [&session](const SESSION_PTR &other) { return other == session; });
+    if (session->token.empty()) {
+        std::erase_if(channel->opening,
+                      [&session](const auto &entry) { return entry.second == session; });
+        return;
+    }
+    channel->sessions.erase(session->token);
+    if (tell_device) sendRelease(*channel, session->token);
+}
+
+static void onData(DEVICE_CHANNEL_T &channel, const MESSAGE_T &message)
+{
+    const auto found = channel.sessions.find(message.header.token);
+    if (found != channel.sessions.end()) {
+        const SESSION_PTR session =
+            found->second; // an error while writing takes it out of the table
+        return passToClient(session, message.payload);
+    }
+    const std::string &token = message.header.token;
+    const auto &releasing = channel.releasing;
+    if (std::find(releasing.begin(), releasing.end(), token) != releasing.end())
+        return; // was under way
+    logFault(channel, "data for the unknown session \"" + token + "\" dropped");
+    if (!token.empty() && rateAllows(channel.unknown_releases)) sendRelease(channel, token);
+}
+
+// Answered in any case, as the device does it: the session may have been released here a moment
+// before.
+static void onRelease(DEVICE_CHANNEL_T &channel, const MESSAGE_T &message)
+{
+    const auto found = channel.sessions.find(message.header.token);
+    if (found != channel.sessions.end()) {
+        const SESSION_PTR session = found->second;
+        releaseByDevice(session);
+    }
+    sendControl(channel, MESSAGE_RESPONSE, message.header.msg_id, message.header.token,
+                buildResponse(0, "release session response"));
+}
+
+static void onPing(DEVICE_CHANNEL_T &channel, const MESSAGE_T &message)
+{
+    sendControl(channel, MESSAGE_PONG, message.header.msg_id, {});
+}
+
+static void onNewSessionAnswer(DEVICE_CHANNEL_T &channel, const MESSAGE_T &message,
+                               const RESPONSE_T &response)
+{
+    const std::string &token = message.header.token;
+    const auto found = channel.opening.find(message.header.msg_id);
+    if (found == channel.opening.end()) {
+        // The client did not wait for it any longer.
+        if (response.code == 0 && !token.empty() && !channel.sessions.contains(token))
+            sendRelease(channel, token);
+        return;
+    }
+    const SESSION_PTR session = std::move(found->second);
+    channel.opening.erase(found);
+    if (response.code != 0) {
+        logWarning("session refused: %s: code %lld, %s", session->label.c_str(),
+                   static_cast<long long>(response.code), deviceCodeText(response.code));
+        return abortSession(session);
+    }
+    const bool is_named =
+        !token.empty() && (response.session_id.empty() || response.session_id == token);
+    if (!is_named || channel.sessions.contains(token)) {
+        logFault(channel, "new session without an identifier of its own");
+        if (!token.empty()) sendRelease(channel, token);
+        return abortSession(session);
+    }
+    std::erase(channel.releasing, token);
+    channel.sessions.emplace(token, session);
+    openSession(session, token);
+}
+
+static void onResponse(DEVICE_CHANNEL_T &channel, const MESSAGE_T &message)
+{
+    RESPONSE_T response;
+    const char *fault = parseResponse(message.payload, response);
+    if (fault != nullptr) return logFault(channel, std::string("response dropped: ") + fault);
+    const std::string &id = message.header.msg_id;
+    if (id.starts_with(OPEN_ID)) return onNewSessionAnswer(channel, message, response);
+    if (id.starts_with(RELEASE_ID)) {
+        std::erase(channel.releasing, message.header.token);
+        return;
+    }
+    const auto account = channel.accounts.find(id);
+    if (account == channel.accounts.end())
+        return logFault(channel, "response to the unknown request \"" + id + "\"");
+    const ACCOUNT_REQUEST_T request = std::move(account->second);
+    channel.accounts.erase(account);
+    request.answered({true, response.code, response.message});
+}
+
+struct MESSAGE_ROUTE_T {
+    std::int64_t type;
+    void (*handler)(DEVICE_CHANNEL_T &channel, const MESSAGE_T &message);
+};
+
+constexpr auto MESSAGE_ROUTES = std::to_array<MESSAGE_ROUTE_T>({
+    {MESSAGE_DATA_UP, onData},
+    {MESSAGE_RESPONSE, onResponse},
+    {MESSAGE_RELEASE_SESSION, onRelease},
+    {MESSAGE_PING, onPing},
+});
+
+static void dispatch(DEVICE_CHANNEL_T &channel, const MESSAGE_T &message)
+{
+    for (const MESSAGE_ROUTE_T &route : MESSAGE_ROUTES) {
+        if (route.type == message.header.type) return route.handler(channel, message);
+    }
+    logFault(channel, "message of type " + std::to_string(message.header.type) + " dropped");
+}
+
+// ---- life of the channel
+
+static std::string serviceNames(const DEVICE_CHANNEL_T &channel)
+{
+    std::string names;
+    for (const SERVICE_T &service : channel.services) {
+        if (!names.empty()) names += ", ";
+        names += service.name;
+    }
+    return names.empty() ? "none" : names;
+}
+
+static void sendHandshakeAnswer(DEVICE_CHANNEL_T &channel, HANDSHAKE_CODE code)
+{
+    sendControl(channel, MESSAGE_RESPONSE, HANDSHAKE_ID, {},
+                buildResponse(code, handshakeCodeText(code)));
+}
+
+static void armChannelTimer(DEVICE_CHANNEL_T &channel, std::chrono::milliseconds wait,
+                            const char *reason)
+{
+    channel.timer.expires_after(wait);
+    channel.timer.async_wait([self = channel.weak_from_this(), reason](const error_code &error) {
+        const CHANNEL_PTR held = self.lock();
+        if (held && !error && held->state != CHANNEL_STATE::CONNECTED) {
+            closeDeviceChannel(*held, CLOSE_REFUSED, reason);
+        }
+    });
+}
+
+static void refuseDevice(DEVICE_CHANNEL_T &channel, HANDSHAKE_CODE code, const std::string &detail)
+{
+    logWarning("handshake of device \"%s\" from %s refused: code %d, %s",
+               channel.device.device_name.c_str(), channel.peer.c_str(), code, detail.c_str());
+    channel.state = CHANNEL_STATE::REFUSED;
+    sendHandshakeAnswer(channel, code);
+    // Not at once, so that the device reads the code before it sees the end.
+    if (channel.state == CHANNEL_STATE::REFUSED) {
+        armChannelTimer(channel, channel.limits.refusal_time, "handshake refused");
+    }
+}
+
+static void onHandshake(const CHANNEL_PTR &channel, const MESSAGE_T &message)
+{
+    HANDSHAKE_RESULT_T result = channel->events.check(message);
+    channel->device = std::move(result.device);
+    if (result.code != HANDSHAKE_ACCEPTED)
+        return refuseDevice(*channel, result.code, result.detail);
+    channel->services = std::move(result.services);
+    channel->state = CHANNEL_STATE::CONNECTED;
+    channel->timer.cancel();
+    channel->events.connected(channel);
+    sendHandshakeAnswer(*channel, HANDSHAKE_ACCEPTED);
+    logInfo("device %s connected, services: %s", channel->device.device_name.c_str(),
+            serviceNames(*channel).c_str());
+}
+
+static void onMessage(const CHANNEL_PTR &channel, std::span<const std::uint8_t> bytes,
+                      bool is_binary)
+{
+    if (!is_binary) return closeDeviceChannel(*channel, CLOSE_NOT_BINARY, "text message received");
+    MESSAGE_T message;
+    const char *fault = parseMessage(bytes, message);
+    switch (channel->state) {
+    case CHANNEL_STATE::HANDSHAKE:
+        if (fault != nullptr) return refuseDevice(*channel, HANDSHAKE_MALFORMED, fault);
+        return onHandshake(channel, message);
+    case CHANNEL_STATE::CONNECTED:
+        if (fault != nullptr) return logFault(*channel, std::string("message dropped: ") + fault);
+        return dispatch(*channel, message);
+    case CHANNEL_STATE::REFUSED:
+    case CHANNEL_STATE::CLOSED:
+        return;
+    }
+}
+
+static LINK_EVENTS_T linkEvents(const CHANNEL_PTR &channel)
+{
+    const std::weak_ptr<DEVICE_CHANNEL_T> weak = channel;
+    LINK_EVENTS_T events;
+    events.accepted = [weak](const error_code &error) {
+        const CHANNEL_PTR held = weak.lock();
+        if (!held) return;
+        if (error) return closeDeviceChannel(*held, 0, "no WebSocket: " + error.message());
+        readNext(*held);
+    };
+    events.received = [weak](const error_code &error, std::span<const std::uint8_t> bytes,
+                             bool is_binary) {
+        const CHANNEL_PTR held = weak.lock();
+        if (!held) return;
+        if (error) return closeDeviceChannel(*held, 0, "connection ended: " + error.message());
+        onMessage(held, bytes,
+                  is_binary); // no other read may start meanwhile: it would overwrite the message
+        held->read_active = false;
+        readNext(*held);
+    };
+    events.written = [weak](const error_code &error, OUT_MESSAGE_PTR message) {
+        const CHANNEL_PTR held = weak.lock();
+        if (held) messageWritten(*held, error, std::move(message));
+    };
+    return events;
+}
+
+CHANNEL_PTR startDeviceChannel(asio::io_context &io, const LIMITS_T &limits, tcp::socket socket,
+                               const std::shared_ptr<TLS_CONTEXT_T> &tls, CHANNEL_EVENTS_T events)
+{
+    auto channel = std::make_shared<DEVICE_CHANNEL_T>(io, limits, std::move(events));
+    error_code error;
+    const tcp::endpoint peer = socket.remote_endpoint(error);
+    channel->peer =
+        error ? "(gone)" : peer.address().to_string() + ":" + std::to_string(peer.port());
+    channel->link = makeWebsocketLink(std::move(socket), tls, linkEvents(channel));
+    armChannelTimer(*channel, limits.handshake_time, "no handshake in time");
+    channel->link->accept();
+    return channel;
+}
+
+void closeDeviceChannel(DEVICE_CHANNEL_T &channel, std::uint16_t code, const std::string &reason)
+{
+    if (channel.state == CHANNEL_STATE::CLOSED) return;
+    const CHANNEL_PTR keep = channel.shared_from_this();
+    const bool was_device = channel.state == CHANNEL_STATE::CONNECTED;
+    channel.state = CHANNEL_STATE::CLOSED;
+    logInfo("%s %s %s", was_device ? "device" : "connection from", nameOf(channel).c_str(),
+            was_device ? ("disconnected: " + reason).c_str() : ("ended: " + reason).c_str());
+    channel.timer.cancel();
+    // Ending a session takes it out of the tables.
+    for (const auto &[token, session] : std::unordered_map(channel.sessions))
+        abortSession(session);
+    for (const auto &[id, session] : std::unordered_map(channel.opening))
+        abortSession(session);
+    for (auto &[id, request] : std::exchange(channel.accounts, {})) {
+        request.answered({false, 0, "the device disconnected"});
+    }
+    channel.queue.clear();
+    if (code == 0)
+        channel.link->abort();
+    else
+        channel.link->close(code);
+    channel.events.closed(keep);
+}
+
+// ---- requests
+
+const SERVICE_T *findService(const DEVICE_CHANNEL_T &channel, const std::string &name)
+{
+    const auto found =
+        std::find_if(channel.services.begin(), channel.services.end(),
+                     [&name](const SERVICE_T &service) { return service.name == name; });
+    return found == channel.services.end() ? nullptr : &*found;
+}
+
+static void makeRoomForSession(DEVICE_CHANNEL_T &channel)
+{
+    if (channel.sessions.size() + channel.opening.size() < DEVICE_SESSIONS_MAX) return;
+    SESSION_PTR oldest;
+    for (const auto &[token, session] : channel.sessions) {
+        if (session->state != SESSION_STATE::LINGERING) continue;
+        if (!oldest || session->lingering_since < oldest->lingering_since) oldest = session;
+    }
+    if (!oldest) return;
+    logInfo("session %s (%s) makes room: its client is done", oldest->token.c_str(),
+            oldest->label.c_str());
+    takeOffChannel(oldest, true);
+    abortSession(oldest);
+}
+
+void requestSession(DEVICE_CHANNEL_T &channel, tcp::socket client, const SERVICE_T &service)
+{
+    if (channel.sessions.size() + channel.opening.size() >= channel.limits.clients_per_device) {
+        logFault(channel, "too many clients, one was turned away");
+        return resetClient(client);
+    }
+    makeRoomForSession(channel);
+    const auto session = std::make_shared<SESSION_T>(std::move(client), channel, service);
+    const std::string id = freshId(channel, OPEN_ID);
+    channel.opening.emplace(id, session);
+    armSessionTimer(session);
+    sendControl(channel, MESSAGE_NEW_SESSION, id, {}, buildNewSession(service));
+}
+
+void requestAccountCheck(DEVICE_CHANNEL_T &channel, const std::string &user,
+                         const std::string &password, ACCOUNT_CALLBACK answered)
+{
+    const std::optional<std::string> payload = buildVerifyAccount(user, password);
+    if (!payload)
+        return answered({false, 0, "name and password must have 1 to 255 bytes and no quote"});
+    if (channel.state != CHANNEL_STATE::CONNECTED || channel.accounts.size() >= ACCOUNTS_MAX) {
+        return answered({false, 0, "the device cannot be asked now"});
+    }
+    const std::string id = freshId(channel, ACCOUNT_ID);
+    auto timer = std::make_unique<asio::steady_timer>(channel.io, channel.limits.account_time);
+    timer->async_wait([self = channel.weak_from_this(), id](const error_code &error) {
+        const CHANNEL_PTR held = self.lock();
+        if (error || !held) return;
+        const auto found = held->accounts.extract(id);
+        if (!found.empty()) found.mapped().answered({false, 0, "the device did not answer"});
+    });
+    channel.accounts.emplace(id, ACCOUNT_REQUEST_T{std::move(answered), std::move(timer)});
+    sendControl(channel, MESSAGE_VERIFY_ACCOUNT, id, {}, *payload, true);
+}
+
+} // namespace backend

@@ -1,0 +1,178 @@
+#include "backend/handshake.h"
+
+#include "backend/log.h"
+
+#include <array>
+#include <optional>
+#include <stdexcept>
+
+#include <nlohmann/json.hpp>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+
+namespace backend {
+
+using nlohmann::json;
+
+constexpr std::string_view CLIENT_ID = "quorvex_iot";
+constexpr std::string_view PROTOCOL_VERSION = "2.1";
+constexpr std::string_view SIGN_METHOD = "hmacsha256";
+constexpr std::size_t SIGN_SIZE = 64;
+constexpr std::size_t SERVICE_TEXT_MAX = 63;
+
+// Null unless the member is there and is a text.
+static const std::string *findText(const json &object, const char *key)
+{
+    const auto found = object.find(key);
+    return found == object.end() ? nullptr : found->get_ptr<const std::string *>();
+}
+
+static std::optional<SERVICE_T> readService(const json &entry)
+{
+    if (!entry.is_object()) return std::nullopt;
+    const std::string *type = findText(entry, "service_type");
+    const std::string *name = findText(entry, "service_name");
+    const std::string *ip = findText(entry, "service_ip");
+    const auto port = entry.find("service_port");
+    if (type == nullptr || name == nullptr || ip == nullptr || port == entry.end())
+        return std::nullopt;
+    if (!port->is_number_unsigned() || port->get<std::uint64_t>() > 65535) return std::nullopt;
+    for (const std::string *text : {type, name, ip}) {
+        if (text->size() > SERVICE_TEXT_MAX) return std::nullopt;
+    }
+    return SERVICE_T{*type, *name, *ip, port->get<std::int64_t>()};
+}
+
+static bool readServices(const json &payload, std::vector<SERVICE_T> &services)
+{
+    const auto list = payload.find("service_meta");
+    if (list == payload.end() || !list->is_array() || list->size() > SERVICES_MAX) return false;
+    for (const json &entry : *list) {
+        std::optional<SERVICE_T> service = readService(entry);
+        if (!service) return false;
+        // A session names the service by these texts, and the device reads them without escapes.
+        if (isPlainText(service->type) && isPlainText(service->name) && isPlainText(service->ip)) {
+            services.push_back(std::move(*service));
+        } else {
+            logWarning("service \"%s\" is left out: its texts cannot be sent back",
+                       service->name.c_str());
+        }
+    }
+    return true;
+}
+
+static bool signMatches(std::string_view sign, std::string_view secret, const DEVICE_KEY_T &device,
+                        std::int64_t timestamp)
+{
+    if (sign.size() != SIGN_SIZE) return false;
+    int differing = 2;
+    for (const std::int64_t second : {timestamp, timestamp - 1}) {
+        const std::string expected = signHandshake(secret, CLIENT_ID, device, second);
+        differing -= CRYPTO_memcmp(sign.data(), expected.data(), SIGN_SIZE) == 0 ? 1 : 0;
+    }
+    return differing < 2;
+}
+
+static HANDSHAKE_RESULT_T refuse(HANDSHAKE_CODE code, std::string detail, DEVICE_KEY_T device = {})
+{
+    return {code, std::move(detail), std::move(device), {}};
+}
+
+static HANDSHAKE_RESULT_T checkPayload(const json &payload, std::int64_t timestamp,
+                                       const DEVICE_REGISTRY_T &registry, std::int64_t now)
+{
+    const std::string *uuid = findText(payload, "uuid");
+    const std::string *key = findText(payload, "product_key");
+    const std::string *name = findText(payload, "device_name");
+    const std::string *version = findText(payload, "version");
+    const std::string *method = findText(payload, "signmethod");
+    const std::string *sign = findText(payload, "sign");
+    for (const std::string *text : {uuid, key, name, version, method, sign}) {
+        if (text == nullptr) return refuse(HANDSHAKE_MALFORMED, "a field is missing or is no text");
+    }
+    if (*uuid != CLIENT_ID)
+        return refuse(HANDSHAKE_UNSUPPORTED, "unknown client identifier " + *uuid);
+    if (*version != PROTOCOL_VERSION)
+        return refuse(HANDSHAKE_UNSUPPORTED, "unknown protocol version " + *version);
+    if (*method != SIGN_METHOD)
+        return refuse(HANDSHAKE_UNSUPPORTED, "unknown sign method " + *method);
+    HANDSHAKE_RESULT_T result{HANDSHAKE_ACCEPTED, {}, {*key, *name}, {}};
+    const auto found = registry.find(result.device);
+    if (found == registry.end())
+        return refuse(HANDSHAKE_UNKNOWN_DEVICE, "unknown device", result.device);
+    if (!signMatches(*sign, found->second, result.device, timestamp)) {
+        return refuse(HANDSHAKE_BAD_SIGNATURE, "wrong signature", result.device);
+    }
+    if (timestamp > now + CLOCK_TOLERANCE_S || timestamp < now - CLOCK_TOLERANCE_S) {
+        return refuse(HANDSHAKE_CLOCK_OFF,
+                      "clock differs by " + std::to_string(timestamp - now) + " s", result.device);
+    }
+    if (!readServices(payload, result.services)) {
+        return refuse(HANDSHAKE_MALFORMED, "service_meta is no list of services", result.device);
+    }
+    return result;
+}
+
+HANDSHAKE_RESULT_T checkHandshake(const MESSAGE_T &message, const DEVICE_REGISTRY_T &registry,
+                                  std::int64_t now)
+{
+    if (message.header.type != MESSAGE_HANDSHAKE || message.header.msg_id != HANDSHAKE_ID) {
+        return refuse(HANDSHAKE_MALFORMED, "message of type " +
+                                               std::to_string(message.header.type) +
+                                               " before the handshake");
+    }
+    constexpr std::int64_t LATEST = std::int64_t{1} << 40; // keeps the sums below within their type
+    if (message.header.timestamp <= 0 || message.header.timestamp > LATEST) {
+        return refuse(HANDSHAKE_MALFORMED, "no usable timestamp");
+    }
+    const json payload =
+        json::parse(message.payload.begin(), message.payload.end(), nullptr, false);
+    if (!payload.is_object()) return refuse(HANDSHAKE_MALFORMED, "payload is no JSON object");
+    return checkPayload(payload, message.header.timestamp, registry, now);
+}
+
+const char *handshakeCodeText(HANDSHAKE_CODE code)
+{
+    switch (code) {
+    case HANDSHAKE_ACCEPTED:
+        return "accepted";
+    case HANDSHAKE_MALFORMED:
+        return "malformed handshake";
+    case HANDSHAKE_BAD_SIGNATURE:
+        return "wrong signature";
+    case HANDSHAKE_UNKNOWN_DEVICE:
+        return "unknown device";
+    case HANDSHAKE_CLOCK_OFF:
+        return "clock differs too much";
+    case HANDSHAKE_UNSUPPORTED:
+        return "unsupported client, version or sign method";
+    }
+    return "refused";
+}
+
+std::string signHandshake(std::string_view secret, std::string_view client_id,
+                          const DEVICE_KEY_T &device, std::int64_t timestamp)
+{
+    std::string text;
+    text.append("clientId").append(client_id).append("deviceName").append(device.device_name);
+    text.append("productKey")
+        .append(device.product_key)
+        .append("timestamp")
+        .append(std::to_string(timestamp));
+    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+    std::size_t size = 0;
+    if (EVP_Q_mac(nullptr, "HMAC", nullptr, "SHA256", nullptr, secret.data(), secret.size(),
+                  reinterpret_cast<const unsigned char *>(text.data()), text.size(), digest.data(),
+                  digest.size(), &size) == nullptr) {
+        throw std::runtime_error("HMAC-SHA256 is not available");
+    }
+    static constexpr char DIGITS[] = "0123456789abcdef";
+    std::string sign;
+    for (std::size_t i = 0; i < size; i++) {
+        sign += DIGITS[digest[i] >> 4];
+        sign += DIGITS[digest[i] & 15];
+    }
+    return sign;
+}
+
+} // namespace backend

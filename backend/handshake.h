@@ -1,0 +1,54 @@
+// The check of a device's handshake, and its answer.
+// A device signs "clientId<uuid>deviceName<name>productKey<key>timestamp<seconds>" with
+// HMAC-SHA256, keyed with its secret; the sign is 64 lower-case hexadecimal digits. The payload
+// does not carry the timestamp: the message header has one, but the device reads its clock once for
+// the sign and again for the header, so the signed second is that of the header or the one before.
+// A captured handshake could be sent again within the accepted time: the channel's TLS keeps it
+// from being captured, and it cannot be refused, because a device that connects twice within one
+// second sends the same sign twice. Threads  no state. Failure: every fault is a code; nothing is
+// thrown for bad input.
+#pragma once
+
+#include "backend/device_registry.h"
+#include "backend/protocol.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace backend {
+
+// The codes of the answer. A device only tests for 0; the others tell its log what is wrong.
+enum HANDSHAKE_CODE : std::int32_t {
+    HANDSHAKE_ACCEPTED = 0,
+    HANDSHAKE_MALFORMED =
+        400, // not a handshake message, or a field is missing, of the wrong type or too long
+    HANDSHAKE_BAD_SIGNATURE = 401,  // signed with another secret, or over other values
+    HANDSHAKE_UNKNOWN_DEVICE = 404, // product key and device name are not in the registry
+    HANDSHAKE_CLOCK_OFF =
+        412, // the sign is right, but the device's clock differs by more than CLOCK_TOLERANCE_S
+    HANDSHAKE_UNSUPPORTED = 415, // another client identifier, protocol version or sign method
+};
+
+constexpr std::int64_t CLOCK_TOLERANCE_S = 300;
+constexpr std::size_t SERVICES_MAX = 64; // more than a device can announce
+
+struct HANDSHAKE_RESULT_T {
+    HANDSHAKE_CODE code = HANDSHAKE_MALFORMED;
+    std::string detail; // the fault in words, for our log
+    DEVICE_KEY_T device;
+    std::vector<SERVICE_T> services; // empty unless accepted
+};
+
+// now: seconds since the epoch.
+HANDSHAKE_RESULT_T checkHandshake(const MESSAGE_T &message, const DEVICE_REGISTRY_T &registry,
+                                  std::int64_t now);
+
+// The words that go to the device with a code.
+const char *handshakeCodeText(HANDSHAKE_CODE code);
+
+std::string signHandshake(std::string_view secret, std::string_view client_id,
+                          const DEVICE_KEY_T &device, std::int64_t timestamp);
+
+} // namespace backend

@@ -1,0 +1,41 @@
+// What the back end allows its peers, and for how long it waits for them. Tests lower the values.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+
+namespace backend {
+
+struct LIMITS_T {
+    // Bytes from the device that wait for a session's client. Above it the whole channel is not
+    // read (the protocol has no flow control for a single session) until that session is down to
+    // half of it.
+    std::size_t session_buffer = 512 * 1024;
+    // Data bytes queued for a device above which no client is read. A message per session may come
+    // on top.
+    std::size_t data_queue = 256 * 1024;
+    // Answers queued for a device (pongs, releases) above which it is taken for one that only
+    // sends: it is dropped.
+    std::size_t control_queue = 256 * 1024;
+    std::size_t unauthenticated = 64; // connections whose handshake is not accepted yet
+    std::size_t clients_per_device =
+        64; // local connections, those that wait for the device's answer included
+
+    // From the TCP connection to the accepted handshake: TLS and the upgrade count in.
+    std::chrono::milliseconds handshake_time{10000};
+    std::chrono::milliseconds refusal_time{
+        500}; // between a refused handshake's answer and the close
+    std::chrono::milliseconds open_time{
+        45000}; // a device connects for up to 1 s for each request before ours
+    std::chrono::milliseconds account_time{45000};
+    std::chrono::milliseconds linger_time{
+        30000}; // without data from the device, after the client has ended its sending
+    std::chrono::milliseconds stall_time{
+        30000}; // with a full buffer of which the client takes nothing
+    std::chrono::milliseconds drain_time{
+        5000}; // for the client to close, after everything was sent to it
+};
+
+constexpr std::size_t DEVICE_SESSIONS_MAX = 32; // a device refuses more
+
+} // namespace backend

@@ -1,0 +1,130 @@
+// The reference back end's command line.
+// Exit status  0 after SIGINT or SIGTERM, 1 when something cannot be used at run time, 2 for a
+// wrong command line.
+#include "backend/log.h"
+#include "backend/options.h"
+#include "backend/server.h"
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+namespace asio = boost::asio;
+using namespace backend;
+
+constexpr int EXIT_RUN_TIME = 1;
+constexpr int EXIT_USAGE = 2;
+constexpr auto GOODBYE_TIME = std::chrono::seconds(2);
+
+struct COMMAND_LINE_T {
+    std::string listen;
+    std::string cert;
+    std::string key;
+    std::string devices;
+    std::vector<std::string> forwards;
+    bool is_plain = false;
+    double linger_s = 30;
+};
+
+static void describeOptions(CLI::App &app, COMMAND_LINE_T &line)
+{
+    app.add_option("--listen", line.listen,
+                   "Address and port on which devices connect; port 0: any free one")
+        ->type_name("ADDRESS:PORT")
+        ->required();
+    app.add_option("--devices", line.devices, "Registry of the devices that may connect (JSON)")
+        ->type_name("FILE")
+        ->required();
+    auto *cert = app.add_option("--cert", line.cert, "Certificate (chain) of the back end, PEM")
+                     ->type_name("FILE");
+    auto *key =
+        app.add_option("--key", line.key, "Private key of the certificate, PEM")->type_name("FILE");
+    app.add_flag("--plain", line.is_plain, "No TLS: for tests on one machine only")
+        ->excludes(cert)
+        ->excludes(key);
+    cert->needs(key);
+    key->needs(cert);
+    app.add_option("--forward", line.forwards,
+                   "Carry TCP connections to LOCAL_PORT (or ADDRESS:PORT) to a service that the "
+                   "device announces; "
+                   "several may be given")
+        ->type_name("LOCAL_PORT=DEVICE/SERVICE_NAME")
+        ->allow_extra_args(false)
+        ->take_all();
+    app.add_option(
+           "--linger", line.linger_s,
+           "Seconds without data after which a session ends whose client has ended its sending")
+        ->type_name("SECONDS")
+        ->capture_default_str()
+        ->check(CLI::Range(0.0, 86400.0));
+    app.set_version_flag("--version", "remote_access_backend " RA_VERSION);
+}
+
+// What the command line alone can tell; files are looked at afterwards.
+static SERVER_OPTIONS_T readOptions(const COMMAND_LINE_T &line)
+{
+    SERVER_OPTIONS_T options;
+    options.listen = parseEndpoint(line.listen);
+    for (const std::string &text : line.forwards)
+        options.forwards.push_back(parseForward(text));
+    if (!line.is_plain && line.cert.empty())
+        throw std::invalid_argument("either --cert and --key or --plain is required");
+    options.limits.linger_time = std::chrono::milliseconds(static_cast<long>(line.linger_s * 1000));
+    return options;
+}
+
+static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
+{
+    std::vector<std::string> warnings;
+    options.registry = loadRegistry(line.devices, warnings);
+    for (const std::string &warning : warnings)
+        logWarning("%s", warning.c_str());
+    if (!line.is_plain) options.tls = makeTlsContext(line.cert, line.key);
+
+    asio::io_context io{1};
+    const auto server = startServer(io, std::move(options));
+    asio::steady_timer goodbye(io);
+    asio::signal_set signals(io, SIGINT, SIGTERM);
+    signals.async_wait([&](const boost::system::error_code &error, int number) {
+        if (error) return;
+        logInfo("ending on signal %d", number);
+        stopServer(*server);
+        goodbye.expires_after(GOODBYE_TIME);
+        goodbye.async_wait([&io](const boost::system::error_code &) { io.stop(); });
+    });
+    io.run();
+}
+
+int main(int argc, char **argv)
+{
+    (void)signal(SIGPIPE, SIG_IGN); // a lost peer shows in the write's result
+    CLI::App app{"Reference back end: devices connect to it, and TCP connections are carried to "
+                 "their services."};
+    COMMAND_LINE_T line;
+    SERVER_OPTIONS_T options;
+    describeOptions(app, line);
+    try {
+        app.parse(argc, argv);
+        options = readOptions(line);
+    } catch (const CLI::ParseError &fault) {
+        return app.exit(fault) == 0 ? 0 : EXIT_USAGE;
+    } catch (const std::invalid_argument &fault) {
+        (void)fprintf(stderr, "%s\nRun with --help for more information.\n", fault.what());
+        return EXIT_USAGE;
+    }
+    try {
+        run(line, std::move(options));
+    } catch (const std::exception &fault) {
+        logError("%s", fault.what());
+        return EXIT_RUN_TIME;
+    }
+    return 0;
+}

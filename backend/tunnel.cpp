@@ -1,0 +1,248 @@
+#include "backend/tunnel.h"
+
+#include "backend/device_channel.h"
+#include "backend/limits.h"
+#include "backend/log.h"
+
+#include <optional>
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/error.hpp>
+
+namespace backend {
+
+namespace asio = boost::asio;
+using boost::system::error_code;
+using tcp = asio::ip::tcp;
+
+static std::string peerName(const tcp::socket &socket)
+{
+    error_code error;
+    const tcp::endpoint peer = socket.remote_endpoint(error);
+    return error ? "(gone)" : peer.address().to_string() + ":" + std::to_string(peer.port());
+}
+
+SESSION_T::SESSION_T(tcp::socket socket, DEVICE_CHANNEL_T &on, SERVICE_T wanted)
+    : channel(&on), limits(on.limits), client(std::move(socket)), timer(on.io),
+      service(std::move(wanted))
+{
+    label = on.device.device_name + "/" + service.name + " for " + peerName(client);
+    error_code ignored; // a client that is gone already shows in the first read
+    client.set_option(tcp::no_delay(true), ignored);
+}
+
+void resetClient(tcp::socket &client)
+{
+    error_code ignored;
+    client.set_option(asio::socket_base::linger(true, 0), ignored);
+    client.close(ignored);
+}
+
+static std::size_t bufferedBytes(const SESSION_T &session)
+{
+    return session.filling.size() + session.writing.size() - session.written;
+}
+
+static void closeClient(SESSION_T &session)
+{
+    session.state = SESSION_STATE::CLOSED;
+    session.timer.cancel();
+    error_code ignored;
+    session.client.close(ignored);
+}
+
+void abortSession(const SESSION_PTR &session)
+{
+    if (session->state == SESSION_STATE::CLOSED) return;
+    session->state = SESSION_STATE::CLOSED;
+    session->timer.cancel();
+    resetClient(session->client);
+    takeOffChannel(session, false);
+}
+
+// Ends a session from this side: the device is told, and the client is reset or, when it got all
+// there was, closed.
+static void endSession(const SESSION_PTR &session, const char *reason, bool is_orderly)
+{
+    if (session->state == SESSION_STATE::CLOSED) return;
+    logInfo("session %s (%s) ended: %s", session->token.empty() ? "-" : session->token.c_str(),
+            session->label.c_str(), reason);
+    takeOffChannel(session, true);
+    if (is_orderly)
+        closeClient(*session);
+    else
+        abortSession(session);
+}
+
+static void sessionTimedOut(const SESSION_PTR &session)
+{
+    switch (session->state) {
+    case SESSION_STATE::OPENING:
+        return endSession(session, "the device did not answer", false);
+    case SESSION_STATE::OPEN:
+        return endSession(session, "the client does not read", false);
+    case SESSION_STATE::LINGERING:
+        if (bufferedBytes(*session) > 0)
+            return endSession(session, "the client does not read", false);
+        return endSession(session, "the client is done and the device sends nothing", true);
+    case SESSION_STATE::FLUSHING:
+        if (bufferedBytes(*session) > 0) return abortSession(session);
+        return closeClient(*session);
+    case SESSION_STATE::CLOSED:
+        return;
+    }
+}
+
+static std::optional<std::chrono::milliseconds> waitOf(const SESSION_T &session)
+{
+    const bool is_empty = bufferedBytes(session) == 0;
+    switch (session.state) {
+    case SESSION_STATE::OPENING:
+        return session.limits.open_time;
+    case SESSION_STATE::OPEN:
+        if (session.is_full) return session.limits.stall_time;
+        return std::nullopt;
+    case SESSION_STATE::LINGERING:
+        return is_empty ? session.limits.linger_time : session.limits.stall_time;
+    case SESSION_STATE::FLUSHING:
+        return is_empty ? session.limits.drain_time : session.limits.stall_time;
+    case SESSION_STATE::CLOSED:
+        return std::nullopt;
+    }
+    return std::nullopt;
+}
+
+void armSessionTimer(const SESSION_PTR &session)
+{
+    const std::optional<std::chrono::milliseconds> wait = waitOf(*session);
+    session->timer.cancel();
+    if (!wait) return;
+    session->timer.expires_after(*wait);
+    session->timer.async_wait([session](const error_code &error) {
+        // A wait that had run out before it was restarted or given up still reports success.
+        if (error || !waitOf(*session) ||
+            session->timer.expiry() > std::chrono::steady_clock::now())
+            return;
+        sessionTimedOut(session);
+    });
+}
+
+// Everything is with the client: after the device's release it gets its end of file. Closing before
+// it has closed too could turn what it has not read yet into a reset, so its own end is waited for.
+static void clientIsFlushed(const SESSION_PTR &session)
+{
+    if (session->state == SESSION_STATE::LINGERING) return armSessionTimer(session);
+    if (session->state != SESSION_STATE::FLUSHING) return;
+    if (session->client_ended) return closeClient(*session);
+    error_code ignored; // a broken connection ends the read
+    session->client.shutdown(tcp::socket::shutdown_send, ignored);
+    armSessionTimer(session);
+}
+
+static void writeClient(const SESSION_PTR &session);
+
+static void clientWritten(const SESSION_PTR &session, const error_code &error, std::size_t count)
+{
+    session->write_active = false;
+    if (session->state == SESSION_STATE::CLOSED) return;
+    if (error) return endSession(session, "the client's connection is lost", false);
+    session->written += count;
+    if (session->is_full && bufferedBytes(*session) <= session->limits.session_buffer / 2) {
+        noteSessionFull(*session, false);
+    }
+    if (session->is_full || session->state != SESSION_STATE::OPEN) armSessionTimer(session);
+    writeClient(session);
+}
+
+static void writeClient(const SESSION_PTR &session)
+{
+    if (session->write_active) return;
+    if (session->written == session->writing.size()) {
+        session->writing.clear(); // keeps its storage for the next round
+        session->written = 0;
+        session->writing.swap(session->filling);
+    }
+    if (session->writing.empty()) return clientIsFlushed(session);
+    session->write_active = true;
+    session->client.async_write_some(asio::buffer(session->writing.data() + session->written,
+                                                  session->writing.size() - session->written),
+                                     [session](const error_code &error, std::size_t count) {
+                                         clientWritten(session, error, count);
+                                     });
+}
+
+void passToClient(const SESSION_PTR &session, std::span<const std::uint8_t> bytes)
+{
+    if (bytes.empty()) return;
+    session->filling.insert(session->filling.end(), bytes.begin(), bytes.end());
+    if (!session->is_full && bufferedBytes(*session) >= session->limits.session_buffer) {
+        noteSessionFull(*session, true);
+        armSessionTimer(session);
+    }
+    if (session->state == SESSION_STATE::LINGERING) armSessionTimer(session);
+    writeClient(session);
+}
+
+static void clientEnded(const SESSION_PTR &session)
+{
+    session->client_ended = true;
+    if (session->state == SESSION_STATE::OPEN) {
+        session->state = SESSION_STATE::LINGERING;
+        session->lingering_since = std::chrono::steady_clock::now();
+        armSessionTimer(session);
+    } else if (session->state == SESSION_STATE::FLUSHING && bufferedBytes(*session) == 0) {
+        closeClient(*session);
+    }
+}
+
+static void clientRead(const SESSION_PTR &session, const error_code &error, std::size_t count)
+{
+    session->read_active = false;
+    if (session->state == SESSION_STATE::CLOSED) return;
+    if (error == asio::error::eof) return clientEnded(session);
+    if (error) return endSession(session, "the client's connection is lost", false);
+    if (session->state == SESSION_STATE::OPEN) {
+        session->message->payload_size = count;
+        sendSessionData(*session);
+    }
+    readClient(session);
+}
+
+void readClient(const SESSION_PTR &session)
+{
+    const bool is_open = session->state == SESSION_STATE::OPEN;
+    // A released session is still read, so that its client can go on to its own end, but nobody
+    // wants the bytes.
+    if (session->read_active || session->client_ended) return;
+    if (!is_open && session->state != SESSION_STATE::FLUSHING) return;
+    if (is_open && !hasDataRoom(*session->channel))
+        return waitForDataRoom(*session->channel, session);
+    if (!session->message) session->message = takeDataMessage(session->channel);
+    session->read_active = true;
+    session->client.async_read_some(asio::buffer(session->message->payload.data(), DATA_MAX),
+                                    [session](const error_code &error, std::size_t count) {
+                                        clientRead(session, error, count);
+                                    });
+}
+
+void openSession(const SESSION_PTR &session, const std::string &token)
+{
+    session->token = token;
+    session->state = SESSION_STATE::OPEN;
+    armSessionTimer(session);
+    logInfo("session %s opened: %s", token.c_str(), session->label.c_str());
+    readClient(session);
+}
+
+void releaseByDevice(const SESSION_PTR &session)
+{
+    logInfo("session %s (%s) released by the device", session->token.c_str(),
+            session->label.c_str());
+    takeOffChannel(session, false);
+    session->state = SESSION_STATE::FLUSHING;
+    armSessionTimer(session);
+    writeClient(session);
+    if (session->state == SESSION_STATE::FLUSHING) readClient(session);
+}
+
+} // namespace backend

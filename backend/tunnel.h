@@ -1,0 +1,90 @@
+// One session's local end: the TCP connection of a client, carried over a device's channel.
+// Ownership  the channel owns its sessions; a running operation keeps its session alive. A session
+// that the device has
+//            released only flushes what is left to its client and belongs to itself.
+// Threads    the thread of the io_context.
+// Half-close the protocol has none. When a client ends its sending, the session stays for what the
+// device still sends,
+//            until the device releases it or nothing has come for linger_time.
+// Endings    a client whose session was refused, lost or cut off gets a reset, so that it cannot
+// take a part for the
+//            whole; after an orderly release it gets everything that was sent to it and then an end
+//            of file.
+// Limits     LIMITS_T: the session's buffer, and the waits that end a session nobody moves.
+#pragma once
+
+#include "backend/protocol.h"
+#include "backend/websocket_link.h"
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+namespace backend {
+
+struct DEVICE_CHANNEL_T;
+struct LIMITS_T;
+
+enum class SESSION_STATE {
+    OPENING,   // the device has been asked
+    OPEN,      // bytes go both ways
+    LINGERING, // the client has ended its sending
+    FLUSHING,  // the device has released it: off the channel
+    CLOSED,
+};
+
+struct SESSION_T {
+    SESSION_T(boost::asio::ip::tcp::socket socket, DEVICE_CHANNEL_T &on, SERVICE_T wanted);
+
+    DEVICE_CHANNEL_T *channel; // borrowed; null once the session is off the channel
+    const LIMITS_T &limits;
+    boost::asio::ip::tcp::socket client;
+    boost::asio::steady_timer timer; // the one wait of the current state
+    SERVICE_T service;
+    std::string label; // device, service and client, for the log
+    std::string token; // empty until the device has answered
+    SESSION_STATE state = SESSION_STATE::OPENING;
+    std::chrono::steady_clock::time_point lingering_since;
+
+    // Bytes for the client: one buffer is written from an offset while the other fills.
+    std::vector<std::uint8_t> filling;
+    std::vector<std::uint8_t> writing;
+    std::size_t written = 0;
+    bool write_active = false;
+    bool is_full = false; // counted in the channel's full_sessions
+
+    OUT_MESSAGE_PTR message; // the storage that the next client bytes are read into
+    bool read_active = false;
+    bool client_ended = false;
+};
+using SESSION_PTR = std::shared_ptr<SESSION_T>;
+
+// The device's answer has come: bytes flow from now on.
+void openSession(const SESSION_PTR &session, const std::string &token);
+
+// Bytes from the device for the client.
+void passToClient(const SESSION_PTR &session, std::span<const std::uint8_t> bytes);
+
+// The device has released the session: the rest is flushed, then the client sees the end.
+void releaseByDevice(const SESSION_PTR &session);
+
+// Cuts the session off at once, without telling the device.
+void abortSession(const SESSION_PTR &session);
+
+// Starts the next read from the client, unless the channel has no room: then the channel calls
+// again.
+void readClient(const SESSION_PTR &session);
+
+// (Re)starts the wait of the session's state, or ends it where the state has none.
+void armSessionTimer(const SESSION_PTR &session);
+
+// Resets a connection for which there is no session.
+void resetClient(boost::asio::ip::tcp::socket &client);
+
+} // namespace backend

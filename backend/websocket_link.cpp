@@ -1,0 +1,199 @@
+#include "backend/websocket_link.h"
+
+#include <chrono>
+#include <stdexcept>
+#include <type_traits>
+
+#include <boost/asio/impl/src.hpp>
+#include <boost/asio/ssl/context.hpp>
+#include <boost/asio/ssl/impl/src.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http/field.hpp>
+#include <boost/beast/src.hpp>
+#include <boost/beast/ssl/ssl_stream.hpp>
+#include <boost/beast/websocket.hpp>
+#include <boost/beast/websocket/ssl.hpp>
+#include <netinet/tcp.h>
+#include <openssl/crypto.h>
+#include <openssl/ssl.h>
+#include <sys/socket.h>
+
+namespace backend {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace websocket = beast::websocket;
+using boost::system::error_code;
+using tcp = asio::ip::tcp;
+using PLAIN_STREAM = tcp::socket;
+using TLS_STREAM = beast::ssl_stream<tcp::socket>;
+
+constexpr auto CLOSE_TIME = std::chrono::seconds(1);
+
+OUT_MESSAGE_T::~OUT_MESSAGE_T()
+{
+    if (is_secret) OPENSSL_cleanse(payload.data(), payload.size());
+}
+
+struct TLS_CONTEXT_T {
+    asio::ssl::context context{asio::ssl::context::tls_server};
+};
+
+std::shared_ptr<TLS_CONTEXT_T> makeTlsContext(const std::string &cert_file,
+                                              const std::string &key_file)
+{
+    auto tls = std::make_shared<TLS_CONTEXT_T>();
+    if (SSL_CTX_set_min_proto_version(tls->context.native_handle(), TLS1_2_VERSION) != 1) {
+        throw std::runtime_error("TLS 1.2 is not available");
+    }
+    error_code error;
+    tls->context.use_certificate_chain_file(cert_file, error);
+    if (error) throw std::runtime_error(cert_file + ": no usable certificate: " + error.message());
+    tls->context.use_private_key_file(key_file, asio::ssl::context::pem, error);
+    if (error)
+        throw std::runtime_error(key_file +
+                                 ": no usable key for the certificate: " + error.message());
+    return tls;
+}
+
+// A peer that vanished is found after about a minute, idle or not: keepalive probes see an idle
+// connection only, the user time-out one with data under way. The kernel is given little to queue
+// beyond what is under way, so that a keystroke does not wait behind megabytes of another session's
+// bulk data. Failures only cost these comforts.
+static void setChannelOptions(tcp::socket &socket)
+{
+    const auto set = [&socket](int level, int name, int value) {
+        (void)setsockopt(socket.native_handle(), level, name, &value, sizeof value);
+    };
+    set(IPPROTO_TCP, TCP_NODELAY, 1);
+    set(SOL_SOCKET, SO_KEEPALIVE, 1);
+    set(IPPROTO_TCP, TCP_KEEPIDLE, 30);
+    set(IPPROTO_TCP, TCP_KEEPINTVL, 10);
+    set(IPPROTO_TCP, TCP_KEEPCNT, 3);
+    set(IPPROTO_TCP, TCP_USER_TIMEOUT, 60000);
+    set(IPPROTO_TCP, TCP_NOTSENT_LOWAT, 128 * 1024);
+}
+
+template <class NEXT>
+class LINK final : public WEBSOCKET_LINK, public std::enable_shared_from_this<LINK<NEXT>> {
+public:
+    template <class... ARGUMENTS>
+    explicit LINK(LINK_EVENTS_T events, ARGUMENTS &&...arguments)
+        : events_(std::move(events)), stream_(std::forward<ARGUMENTS>(arguments)...),
+          timer_(stream_.get_executor())
+    {
+        setChannelOptions(beast::get_lowest_layer(stream_));
+        stream_.set_option(websocket::stream_base::timeout{websocket::stream_base::none(),
+                                                           websocket::stream_base::none(), false});
+        stream_.set_option(
+            websocket::stream_base::decorator([](websocket::response_type &response) {
+                response.set(beast::http::field::server, "remote_access_backend");
+            }));
+        stream_.read_message_max(LINK_MESSAGE_MAX);
+        stream_.auto_fragment(false);
+        stream_.binary(true);
+    }
+
+    void accept() override
+    {
+        if constexpr (std::is_same_v<NEXT, TLS_STREAM>) {
+            stream_.next_layer().async_handshake(
+                asio::ssl::stream_base::server,
+                [self = this->shared_from_this()](const error_code &error) {
+                    if (error)
+                        self->accepted(error);
+                    else
+                        self->upgrade();
+                });
+        } else {
+            upgrade();
+        }
+    }
+
+    void read() override
+    {
+        in_.consume(in_.size());
+        stream_.async_read(in_,
+                           [self = this->shared_from_this()](const error_code &error, std::size_t) {
+                               self->received(error);
+                           });
+    }
+
+    void write(OUT_MESSAGE_PTR message) override
+    {
+        out_ = std::move(message);
+        const std::array<asio::const_buffer, 2> parts{
+            asio::buffer(out_->header.bytes.data(), out_->header.size),
+            asio::buffer(out_->payload.data(), out_->payload_size)};
+        stream_.async_write(
+            parts, [self = this->shared_from_this()](const error_code &error, std::size_t) {
+                self->written(error);
+            });
+    }
+
+    void close(std::uint16_t code) override
+    {
+        if (closed_) return;
+        if (!stream_.is_open()) return abort();
+        closed_ = true;
+        timer_.expires_after(CLOSE_TIME);
+        timer_.async_wait([self = this->shared_from_this()](const error_code &error) {
+            if (!error) self->abort();
+        });
+        stream_.async_close(websocket::close_reason(code),
+                            [self = this->shared_from_this()](const error_code &) {
+                                self->timer_.cancel();
+                                self->abort();
+                            });
+    }
+
+    void abort() override
+    {
+        closed_ = true;
+        error_code ignored; // the socket may be closed already
+        beast::get_lowest_layer(stream_).close(ignored);
+    }
+
+private:
+    void upgrade()
+    {
+        if (closed_) return;
+        stream_.async_accept(
+            [self = this->shared_from_this()](const error_code &error) { self->accepted(error); });
+    }
+
+    void accepted(const error_code &error)
+    {
+        if (!closed_) events_.accepted(error);
+    }
+
+    void received(const error_code &error)
+    {
+        const auto *bytes = static_cast<const std::uint8_t *>(in_.cdata().data());
+        if (!closed_) events_.received(error, {bytes, in_.size()}, stream_.got_binary());
+    }
+
+    void written(const error_code &error)
+    {
+        if (!closed_) events_.written(error, std::move(out_));
+    }
+
+    LINK_EVENTS_T events_;
+    websocket::stream<NEXT, false>
+        stream_; // false: the code of the compression extension is left out
+    asio::steady_timer timer_;
+    beast::flat_buffer in_;
+    OUT_MESSAGE_PTR out_;
+    bool closed_ = false;
+};
+
+std::shared_ptr<WEBSOCKET_LINK> makeWebsocketLink(tcp::socket socket,
+                                                  const std::shared_ptr<TLS_CONTEXT_T> &tls,
+                                                  LINK_EVENTS_T events)
+{
+    if (!tls) return std::make_shared<LINK<PLAIN_STREAM>>(std::move(events), std::move(socket));
+    return std::make_shared<LINK<TLS_STREAM>>(std::move(events), std::move(socket), tls->context);
+}
+
+} // namespace backend

@@ -1,0 +1,73 @@
+// One accepted WebSocket connection, plain or over TLS, without any knowledge of what it carries.
+// Ownership  the link keeps itself alive while an operation runs; a message being written belongs
+// to it until it is
+//            handed back with `written`. Its events must not keep it alive.
+// Threads    the thread of the io_context.
+// Limits     messages of up to LINK_MESSAGE_MAX bytes; no compression. At most one read and one
+// write at a time. Failure    every operation ends in its event, with an error when it failed;
+// after abort() no event comes any more.
+#pragma once
+
+#include "backend/protocol.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include <boost/asio/ip/tcp.hpp>
+
+namespace backend {
+
+constexpr std::size_t LINK_MESSAGE_MAX = 64 * 1024;
+
+struct OUT_MESSAGE_T {
+    OUT_MESSAGE_T() = default;
+    OUT_MESSAGE_T(const OUT_MESSAGE_T &) = delete;
+    OUT_MESSAGE_T &operator=(const OUT_MESSAGE_T &) = delete;
+    ~OUT_MESSAGE_T(); // overwrites a secret payload
+
+    HEADER_TEXT_T header;
+    std::vector<std::uint8_t> payload;
+    std::size_t payload_size = 0; // the payload's used part: its storage is used again
+    bool is_data = false;         // a session's bytes; otherwise our own answer or request
+    bool is_secret = false;
+};
+using OUT_MESSAGE_PTR = std::unique_ptr<OUT_MESSAGE_T>;
+
+struct LINK_EVENTS_T {
+    std::function<void(const boost::system::error_code &)> accepted;
+    // The bytes are valid until the next read().
+    std::function<void(const boost::system::error_code &, std::span<const std::uint8_t>,
+                       bool is_binary)>
+        received;
+    std::function<void(const boost::system::error_code &, OUT_MESSAGE_PTR)> written;
+};
+
+class WEBSOCKET_LINK {
+public:
+    virtual ~WEBSOCKET_LINK() = default;
+    virtual void accept() = 0; // TLS and the upgrade, then `accepted`
+    virtual void read() = 0;   // one message, then `received`
+    virtual void write(OUT_MESSAGE_PTR message) = 0;
+    // Says goodbye with a status code and gives the peer a second for it; no event comes any more.
+    virtual void close(std::uint16_t code) = 0;
+    virtual void abort() = 0;
+};
+
+constexpr std::uint16_t CLOSE_GOING_AWAY = 1001;
+constexpr std::uint16_t CLOSE_NOT_BINARY = 1003;
+constexpr std::uint16_t CLOSE_REFUSED = 1008;
+
+struct TLS_CONTEXT_T; // certificate and key
+std::shared_ptr<TLS_CONTEXT_T> makeTlsContext(const std::string &cert_file,
+                                              const std::string &key_file); // throws
+
+// tls: null for a plain connection.
+std::shared_ptr<WEBSOCKET_LINK> makeWebsocketLink(boost::asio::ip::tcp::socket socket,
+                                                  const std::shared_ptr<TLS_CONTEXT_T> &tls,
+                                                  LINK_EVENTS_T events);
+
+} // namespace backend

@@ -1,0 +1,416 @@
+#include "backend/log.h"
+#include "backend/server.h"
+#include "tests/unit/backend/scripted_device.h"
+
+#include <atomic>
+#include <chrono>
+#include <ctime>
+#include <future>
+#include <thread>
+
+#include <boost/asio/post.hpp>
+#include <gtest/gtest.h>
+
+using namespace backend;
+using namespace std::chrono_literals;
+
+constexpr std::size_t MUCH = std::size_t{64} << 20; // more than all socket buffers on a path take
+
+// A server on loopback in a thread of its own, for the devices dev1 and dev2, with a forward to the
+// service "ssh" and one to a service that no device announces.
+class Loopback : public testing::Test {
+protected:
+    void start(const LIMITS_T &limits = {})
+    {
+        SERVER_OPTIONS_T options;
+        options.listen = parseEndpoint("127.0.0.1:0");
+        options.registry = {{{"pk1", "dev1"}, "secret1"}, {{"pk1", "dev2"}, "secret2"}};
+        options.forwards = {parseForward("0=dev1/ssh"), parseForward("0=dev1/other")};
+        options.limits = limits;
+        server = startServer(io, std::move(options));
+        port = listenEndpoint(*server).port();
+        ssh_port = forwardEndpoint(*server, 0).port();
+        other_port = forwardEndpoint(*server, 1).port();
+        thread = std::thread([this] { io.run(); });
+    }
+
+    void TearDown() override
+    {
+        if (!thread.joinable()) return;
+        boost::asio::post(io, [this] { stopServer(*server); });
+        const auto deadline = std::chrono::steady_clock::now() + 5s;
+        while (!io.stopped() && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(5ms);
+        EXPECT_TRUE(io.stopped()) << "something is left running after the end";
+        io.stop();
+        thread.join();
+    }
+
+    SCRIPTED_DEVICE connectDevice(const std::string &name = "dev1")
+    {
+        SCRIPTED_DEVICE device(port);
+        device.sendHandshake(name, name == "dev1" ? "secret1" : "secret2", time(nullptr));
+        const auto answer = device.receive();
+        EXPECT_TRUE(answer && answer->type() == 0 && answer->id() == "msg_id_for_handshake");
+        EXPECT_EQ(answer ? answer->payload : "", "{\"code\": 0, \"message\": \"accepted\"}");
+        return device;
+    }
+
+    // A client whose session the device has granted under the token.
+    TCP_PEER connectClient(SCRIPTED_DEVICE &device, const std::string &token)
+    {
+        TCP_PEER client(ssh_port);
+        const auto request = device.receive();
+        EXPECT_TRUE(request && request->type() == 4);
+        EXPECT_EQ(request ? request->payload : "",
+                  "{\"service_type\":\"SSH\",\"service_name\":\"ssh\","
+                  "\"service_ip\":\"127.0.0.1\",\"service_port\":22}");
+        grant(device, request ? request->id() : "", token);
+        return client;
+    }
+
+    static void grant(SCRIPTED_DEVICE &device, const std::string &id, const std::string &token)
+    {
+        device.send(
+            0, id, token,
+            "{\"code\": 0, \"message\": \"new session response\"}\r\n\r\n{\"session_id\": \"" +
+                token + "\"}");
+    }
+
+    // The next message is a release of the token; a device answers it.
+    static void expectRelease(SCRIPTED_DEVICE &device, const std::string &token)
+    {
+        const auto release = device.receive();
+        ASSERT_TRUE(release && release->type() == 5);
+        EXPECT_EQ(release->token(), token);
+        EXPECT_EQ(release->payload, "");
+        device.send(0, release->id(), token,
+                    "{\"code\": 0, \"message\": \"release session "
+                    "response\"}\r\n\r\n{\"session_id\": \"x\"}");
+    }
+
+    static void expectAlive(SCRIPTED_DEVICE &device)
+    {
+        device.send(256, "ping1", "", "");
+        const auto pong = device.receive();
+        ASSERT_TRUE(pong);
+        EXPECT_EQ(pong->type(), 257);
+        EXPECT_EQ(pong->id(), "ping1");
+    }
+
+    boost::asio::io_context io{1};
+    std::unique_ptr<SERVER_T> server;
+    std::thread thread;
+    std::uint16_t port = 0, ssh_port = 0, other_port = 0;
+};
+
+TEST_F(Loopback, RefusedHandshakesGetTheirCodeAndAreClosed)
+{
+    start();
+    const std::int64_t now = time(nullptr);
+    const struct {
+        const char *name;
+        const char *secret;
+        std::int64_t timestamp;
+        const char *answer;
+    } rows[] = {
+        {"dev1", "wrong", now, "{\"code\": 401, \"message\": \"wrong signature\"}"},
+        {"dev9", "secret1", now, "{\"code\": 404, \"message\": \"unknown device\"}"},
+        {"dev1", "secret1", now - 400, "{\"code\": 412, \"message\": \"clock differs too much\"}"},
+    };
+    for (const auto &row : rows) {
+        SCRIPTED_DEVICE device(port);
+        device.sendHandshake(row.name, row.secret, row.timestamp);
+        const auto answer = device.receive();
+        ASSERT_TRUE(answer);
+        EXPECT_EQ(answer->payload, row.answer);
+        EXPECT_TRUE(device.isClosed());
+    }
+    SCRIPTED_DEVICE early(port);
+    early.send(256, "ping1", "", "");
+    EXPECT_EQ(early.receive().value_or(MESSAGE_SEEN_T{}).payload,
+              "{\"code\": 400, \"message\": \"malformed handshake\"}");
+    EXPECT_TRUE(early.isClosed());
+}
+
+TEST_F(Loopback, ConnectionsWithoutAHandshakeAreLimitedInTimeAndNumber)
+{
+    LIMITS_T limits;
+    limits.handshake_time = 400ms;
+    limits.unauthenticated = 2;
+    start(limits);
+    TCP_PEER silent(port);
+    SCRIPTED_DEVICE upgraded(port);
+    TCP_PEER third(port);
+    EXPECT_NE(third.ending(), "open");
+    EXPECT_NE(silent.ending(), "open");
+    EXPECT_TRUE(upgraded.isClosed());
+    SCRIPTED_DEVICE device = connectDevice();
+    device.sendFrame(1, SCRIPTED_DEVICE::message(256, "ping1", "", "")); // text
+    EXPECT_TRUE(device.isClosed());
+    SCRIPTED_DEVICE second = connectDevice();
+    second.sendFrame(2, std::string(100000, 'x'));
+    EXPECT_TRUE(second.isClosed());
+}
+
+TEST_F(Loopback, NewerChannelReplacesTheOlderWithItsSessions)
+{
+    start();
+    SCRIPTED_DEVICE older = connectDevice();
+    SCRIPTED_DEVICE neighbour = connectDevice("dev2");
+    TCP_PEER client = connectClient(older, "t1");
+    SCRIPTED_DEVICE newer = connectDevice();
+    EXPECT_EQ(client.ending(), "reset");
+    EXPECT_TRUE(older.isClosed());
+    TCP_PEER again = connectClient(newer, "t1"); // the same identifier once more
+    newer.send(21, "d1", "t1", "fresh");
+    EXPECT_EQ(again.receive(5), "fresh");
+    expectAlive(neighbour);
+}
+
+TEST_F(Loopback, BytesGoBothWaysAtAwkwardSizes)
+{
+    start();
+    SCRIPTED_DEVICE device = connectDevice();
+    TCP_PEER client = connectClient(device, "t1");
+    for (const std::size_t size :
+         {std::size_t{1}, std::size_t{125}, std::size_t{32768}, std::size_t{100001}}) {
+        std::string bytes(size, '\0');
+        for (std::size_t i = 0; i < size; i++)
+            bytes[i] = static_cast<char>(i * 7);
+        client.send(bytes);
+        std::string got;
+        while (got.size() < size) {
+            const auto data = device.receive();
+            ASSERT_TRUE(data && data->type() == 22 && data->token() == "t1");
+            got += data->payload;
+        }
+        EXPECT_TRUE(got == bytes);
+        for (std::size_t at = 0; at < size; at += 50172)
+            device.send(21, "d", "t1", bytes.substr(at, 50172));
+        EXPECT_TRUE(client.receive(size) == bytes);
+    }
+}
+
+TEST_F(Loopback, ReleaseByTheDeviceFlushesThenEnds)
+{
+    start();
+    SCRIPTED_DEVICE device = connectDevice();
+    TCP_PEER client = connectClient(device, "t1");
+    const std::string bytes(40000, 'x');
+    device.send(21, "d1", "t1", bytes);
+    device.send(5, "r1", "t1", "");
+    const auto answer = device.receive();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->type(), 0);
+    EXPECT_EQ(answer->id(), "r1");
+    EXPECT_TRUE(answer->payload.starts_with("{\"code\": 0,"));
+    client.send(
+        "too late"); // is not answered with a reset, which would take the rest from the client
+    EXPECT_TRUE(client.receive(bytes.size()) == bytes);
+    EXPECT_EQ(client.ending(), "end");
+    device.send(5, "r2", "t1", ""); // answered also when nothing is left to release
+    EXPECT_EQ(device.receive().value_or(MESSAGE_SEEN_T{}).id(), "r2");
+}
+
+TEST_F(Loopback, ClientThatEndsItsSendingStillReceives)
+{
+    LIMITS_T limits;
+    limits.linger_time = 300ms;
+    start(limits);
+    SCRIPTED_DEVICE device = connectDevice();
+    TCP_PEER client = connectClient(device, "t1");
+    client.send("question");
+    client.endSending();
+    EXPECT_EQ(device.receive().value_or(MESSAGE_SEEN_T{}).payload, "question");
+    device.send(21, "d1", "t1", "answer");
+    EXPECT_EQ(client.receive(6), "answer");
+    expectRelease(device, "t1"); // once nothing has come for the linger time
+    EXPECT_EQ(client.ending(), "end");
+}
+
+TEST_F(Loopback, VanishedClientIsReleasedAndItsLateDataDropped)
+{
+    start();
+    SCRIPTED_DEVICE device = connectDevice();
+    {
+        TCP_PEER client = connectClient(device, "t1");
+        device.send(21, "d1", "t1", "unread"); // so that the close becomes a reset
+        pollfd readable{client.fd, POLLIN, 0};
+        EXPECT_EQ(poll(&readable, 1, WAIT_MS), 1);
+    }
+    const auto release = device.receive();
+    ASSERT_TRUE(release && release->type() == 5);
+    device.send(21, "d2", "t1", "under way");
+    device.send(21, "d3", "nobody", "x");
+    expectRelease(device, "nobody"); // and none for the session whose release is under way
+    for (int i = 0; i < 100; i++)
+        device.send(21, "d4", "flood" + std::to_string(i), "x");
+    device.send(256, "ping1", "", "");
+    int releases = 0;
+    for (auto seen = device.receive(); seen && seen->type() == 5; seen = device.receive())
+        releases++;
+    EXPECT_LT(releases, 20);
+}
+
+TEST_F(Loopback, RefusedOrUnknownServiceResetsTheClient)
+{
+    start();
+    EXPECT_EQ(TCP_PEER(ssh_port).ending(), "reset"); // no device yet
+    SCRIPTED_DEVICE device = connectDevice();
+    EXPECT_EQ(TCP_PEER(other_port).ending(), "reset"); // nothing announced under that name
+    for (const int code : {101604, 101671, 7}) {
+        TCP_PEER client(ssh_port);
+        const auto request = device.receive();
+        ASSERT_TRUE(request);
+        device.send(0, request->id(), "",
+                    "{\"code\": " + std::to_string(code) + ", \"message\": \"m\"}\r\n\r\nnull");
+        EXPECT_EQ(client.ending(), "reset");
+    }
+    TCP_PEER first = connectClient(device, "t1");
+    TCP_PEER second = connectClient(device, "t1"); // an identifier that is in use
+    expectRelease(device, "t1");
+    EXPECT_EQ(second.ending(), "reset");
+}
+
+TEST_F(Loopback, SessionPastTheLimitIsRefusedUnlessOneLingers)
+{
+    start();
+    SCRIPTED_DEVICE device = connectDevice();
+    std::vector<TCP_PEER> clients;
+    for (int i = 0; i < 32; i++)
+        clients.push_back(connectClient(device, "t" + std::to_string(i)));
+    TCP_PEER refused(ssh_port);
+    const auto request = device.receive();
+    ASSERT_TRUE(request && request->type() == 4);
+    device.send(0, request->id(), "",
+                "{\"code\": 101604, \"message\": \"socketfd insert error\"}\r\n\r\nnull");
+    EXPECT_EQ(refused.ending(), "reset");
+    for (const int i : {7, 3}) {
+        clients[static_cast<std::size_t>(i)].send("last");
+        clients[static_cast<std::size_t>(i)].endSending();
+        EXPECT_EQ(device.receive().value_or(MESSAGE_SEEN_T{}).payload, "last");
+        std::this_thread::sleep_for(50ms); // the end of sending follows the data
+    }
+    TCP_PEER another(ssh_port);
+    expectRelease(device, "t7"); // the one that lingers longest
+    const auto opened = device.receive();
+    ASSERT_TRUE(opened && opened->type() == 4);
+    grant(device, opened->id(), "t33");
+    device.send(21, "d1", "t33", "hello");
+    EXPECT_EQ(another.receive(5), "hello");
+}
+
+TEST_F(Loopback, SlowReaderBlocksTheSenderAndLosesNothing)
+{
+    start();
+    SCRIPTED_DEVICE device = connectDevice();
+    TCP_PEER client = connectClient(device, "t1");
+    const std::string frame =
+        SCRIPTED_DEVICE::frame(2, SCRIPTED_DEVICE::message(21, "d", "t1", std::string(50000, 'x')));
+    const std::size_t sent = device.peer.sendUntilBlocked(frame, MUCH);
+    ASSERT_LT(sent, MUCH);
+    // The cut frame is completed while the client reads everything.
+    const std::string rest = frame.substr(sent % frame.size());
+    auto finish = std::async(std::launch::async, [&] { device.peer.send(rest); });
+    const std::size_t total = (sent / frame.size() + 1) * 50000;
+    EXPECT_EQ(client.receive(total).size(), total);
+    finish.get();
+    expectAlive(device);
+}
+
+TEST_F(Loopback, DeviceThatDoesNotReadBlocksTheClient)
+{
+    start();
+    SCRIPTED_DEVICE device = connectDevice();
+    TCP_PEER client = connectClient(device, "t1");
+    const std::size_t sent = client.sendUntilBlocked(std::string(65536, 'x'), MUCH);
+    ASSERT_LT(sent, MUCH);
+    std::size_t got = 0;
+    while (got < sent) {
+        const auto data = device.receive();
+        ASSERT_TRUE(data);
+        got += data->payload.size();
+    }
+    EXPECT_EQ(got, sent);
+    // One that only asks, and never takes an answer, is dropped.
+    const std::string pings = SCRIPTED_DEVICE::frame(2, SCRIPTED_DEVICE::message(256, "p", "", ""));
+    EXPECT_LT(device.peer.sendUntilBlocked(pings, std::size_t{512} << 20), std::size_t{512} << 20);
+    EXPECT_EQ(client.ending(), "reset");
+}
+
+TEST_F(Loopback, ClientThatNeverReadsIsCutOffAndTheChannelGoesOn)
+{
+    LIMITS_T limits;
+    limits.stall_time = 300ms;
+    start(limits);
+    SCRIPTED_DEVICE device = connectDevice();
+    TCP_PEER client = connectClient(device, "t1");
+    const std::string frame =
+        SCRIPTED_DEVICE::frame(2, SCRIPTED_DEVICE::message(21, "d", "t1", std::string(50000, 'x')));
+    for (std::size_t sent = 0; sent < MUCH; sent += frame.size())
+        device.peer.send(frame);
+    expectRelease(device, "t1");
+    expectAlive(device);
+    EXPECT_EQ(client.ending(), "reset");
+}
+
+TEST_F(Loopback, SessionAnsweredTooLateIsReleased)
+{
+    LIMITS_T limits;
+    limits.open_time = 200ms;
+    start(limits);
+    SCRIPTED_DEVICE device = connectDevice();
+    TCP_PEER client(ssh_port);
+    const auto request = device.receive();
+    ASSERT_TRUE(request);
+    EXPECT_EQ(client.ending(), "reset");
+    grant(device, request->id(), "t1");
+    expectRelease(device, "t1");
+}
+
+TEST_F(Loopback, UnreadableMessagesAreDroppedAndTheChannelStays)
+{
+    start();
+    SCRIPTED_DEVICE device = connectDevice();
+    const std::string good = SCRIPTED_DEVICE::message(256, "p", "", "");
+    for (const std::string &bad :
+         {std::string(), std::string("x"), good + "surplus", good.substr(1),
+          SCRIPTED_DEVICE::message(4, "m", "", "{}"), std::string(60000, '{'),
+          SCRIPTED_DEVICE::message(0, "open-1", "t", "no json"),
+          SCRIPTED_DEVICE::message(0, "unknown", "t", "{\"code\":0}")}) {
+        device.sendFrame(2, bad);
+    }
+    expectAlive(device);
+}
+
+TEST_F(Loopback, AccountCheckReportsTheDevicesAnswerOnce)
+{
+    start();
+    SCRIPTED_DEVICE device = connectDevice();
+    const auto ask = [this](const std::string &password) {
+        auto promise = std::make_shared<std::promise<ACCOUNT_RESULT_T>>();
+        boost::asio::post(io, [this, password, promise] {
+            requestAccountCheck(
+                *findChannel(*server, {"pk1", "dev1"}), "root", password,
+                [promise](const ACCOUNT_RESULT_T &result) { promise->set_value(result); });
+        });
+        return promise->get_future();
+    };
+    auto wrong = ask("secret");
+    const auto request = device.receive();
+    ASSERT_TRUE(request && request->type() == 6);
+    EXPECT_EQ(request->payload, "{\"username\":\"root\",\"password\":\"secret\"}");
+    device.send(0, request->id(), "",
+                "{\"code\": 101607, \"message\": \"verify account failed\"}\r\n\r\nnull");
+    const ACCOUNT_RESULT_T result = wrong.get();
+    EXPECT_TRUE(result.is_answered);
+    EXPECT_EQ(result.code, DEVICE_ACCOUNT_WRONG);
+    EXPECT_FALSE(ask("a\"b").get().is_answered);
+    auto pending = ask("secret");
+    ASSERT_TRUE(device.receive());
+    {
+        SCRIPTED_DEVICE newer = connectDevice();
+    }
+    EXPECT_FALSE(pending.get().is_answered);
+}

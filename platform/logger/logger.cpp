@@ -71,13 +71,11 @@ __attribute__((format(printf, 2, 0))) void put_text(LOG_LINE_T &line, const char
     char text[TEXT_SIZE];
     const int formatted = std::vsnprintf(text, sizeof text, format, arguments);
     std::string_view stored{format}; // for want of a text, its format still tells what it was
-    std::size_t length = stored.size();
     if (formatted >= 0) {
-        length = static_cast<std::size_t>(formatted);
-        stored = {text, std::min(length, sizeof text - 1)};
+        stored = {text, std::min(static_cast<std::size_t>(formatted), sizeof text - 1)};
     }
     bool cut = false;
-    const std::string_view bounded = bound_log_text(stored, length, &cut);
+    const std::string_view bounded = bound_log_text(stored, &cut);
     line.length += escape_log_text(bounded, line.bytes + line.length);
     if (cut) put(line, LOG_CUT_MARK);
 }
@@ -238,11 +236,9 @@ std::size_t escape_log_text(std::string_view text, char *dst) noexcept
     return static_cast<std::size_t>(dst - start);
 }
 
-std::string_view bound_log_text(std::string_view stored, std::size_t length, bool *cut) noexcept
+std::string_view bound_log_text(std::string_view stored, bool *cut) noexcept
 {
-    if (stored.size() == length) {
-        stored.remove_suffix(stored.ends_with("\r\n") ? 2 : stored.ends_with('\n') ? 1 : 0);
-    }
+    stored.remove_suffix(stored.ends_with("\r\n") ? 2 : stored.ends_with('\n') ? 1 : 0);
     *cut = stored.size() > LOG_TEXT_MAX;
     if (!*cut) return stored;
     // A character that begins before the limit and ends behind it goes as a whole.

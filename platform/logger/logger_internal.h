@@ -18,10 +18,10 @@ constexpr std::size_t escaped_size(std::size_t length) noexcept
 // added.
 std::size_t escape_log_text(std::string_view text, char *dst) noexcept;
 
-// What of a text of `length` bytes is logged, without a line end at its end. `stored` are the bytes
-// at hand: all of them, or at least LOG_TEXT_MAX + 3, so that a character on the border is seen
-// whole. *cut tells whether the mark belongs behind.
-std::string_view bound_log_text(std::string_view stored, std::size_t length, bool *cut) noexcept;
+// What of a text is logged, without a line end at its end. Of a longer text `stored` may be the
+// beginning, if it goes on for a whole character and a line end past LOG_TEXT_MAX. *cut tells
+// whether the mark belongs behind the result.
+std::string_view bound_log_text(std::string_view stored, bool *cut) noexcept;
 
 // "level=0" to "level=3", white space around it allowed: 0 and the level in *level. Anything else:
 // -1, *level untouched.

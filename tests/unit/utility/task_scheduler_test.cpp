@@ -119,7 +119,7 @@ std::string order; // of the worker until it is stopped
 
 int note_name(TASK_NODE_T *task, void *, DBusConnection *)
 {
-    order += task->task_name;
+    order += task->repeat_count == -1 ? task->task_name : "?"; // no limit stays no limit
     return 0;
 }
 

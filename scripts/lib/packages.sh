@@ -1,0 +1,21 @@
+# shellcheck shell=bash disable=SC2034 # the lists are used by who sources this
+# Debian packages, by what needs them. docs/dependencies.md gives the reason for each.
+
+# To configure and build the daemon, the development gateway and the back end.
+PACKAGES_BUILD=(
+    g++ cmake ninja-build pkgconf
+    libssl-dev libdbus-1-dev libcjson-dev libcrypt-dev libsdbus-c++-dev
+    libboost-dev nlohmann-json3-dev libcli11-dev
+)
+
+# To run a gateway in a sandbox and to reach it.
+PACKAGES_RUN=(
+    bubblewrap dbus-daemon openssl ca-certificates
+    openssh-server openssh-client curl python3
+)
+
+# To build and run the tests, besides the two lists above.
+PACKAGES_TEST=(
+    libgtest-dev libgmock-dev
+    python3-pytest python3-websockets dbus-bin iproute2
+)

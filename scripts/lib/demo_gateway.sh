@@ -29,7 +29,7 @@ start() {
     PIDS[$name]=$!
 }
 
-logged() { grep -q -- "$2" "$LOG/$1.log"; }
+logged() { grep -qs -- "$2" "$LOG/$1.log"; }
 listens() { (: <"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
 random_hex() { od -An -N "$1" -tx1 /dev/urandom | tr -d ' \n'; }
 

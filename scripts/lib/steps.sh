@@ -29,7 +29,7 @@ wait_for() {
     local deadline=$((${EPOCHREALTIME/./} + $1 * 1000000)) pid=$2
     shift 2
     until "$@"; do
-        if ! kill -0 "$pid"; then
+        if ! kill -0 "$pid" 2>/dev/null; then
             printf 'the process ended before it was ready\n'
             return 1
         fi

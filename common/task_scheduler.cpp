@@ -3,6 +3,7 @@
 #include "common/bus_handles.h"
 #include "common/bus_names.h"
 #include "common/log.h"
+#include "utility/alternate_stack.h"
 #include "utility/text.h"
 #include "utility/thread_handle.h"
 
@@ -205,6 +206,7 @@ void *workerLoopThread(void *arg)
         run_state.store(THREAD_STATE_STOPPED);
         return nullptr;
     }
+    use_alternate_signal_stack();
     RA_INFO("workerLoopThread start!");
     while (run_state.load() == THREAD_STATE_RUNNING) {
         (void)::usleep(PASS_PERIOD_US); // a signal only brings the next pass forward

@@ -1,10 +1,13 @@
-// Byte buffer of fixed capacity with a read and a write offset. A message is built payload first; its header is then
-// joined in front, so that both leave in one write.
+// Byte buffer of fixed capacity with a read and a write offset. A message is built payload first;
+// its header is then joined in front, so that both leave in one write.
 //
-// Layout    unread content = data[read_offset, write_offset). One spare byte behind the storage is always 0, so text
+// Layout    unread content = data[read_offset, write_offset). One spare byte behind the storage is
+// always 0, so text
 //           that fills the whole buffer still ends.
-// Bounds    every operation fits or fails with -1 and changes nothing. read_offset may be moved past write_offset within
-//           the capacity (the length then reads negative); whoever does that looks at the length before the bytes.
+// Bounds    every operation fits or fails with -1 and changes nothing. read_offset may be moved
+// past write_offset within
+//           the capacity (the length then reads negative); whoever does that looks at the length
+//           before the bytes.
 // Owner     of the storage from initDataBuffer to freeDataBuffer. Threads: one at a time; no lock.
 #pragma once
 
@@ -22,7 +25,8 @@ struct DATA_BUFFER_T {
 void freeDataBuffer(DATA_BUFFER_T *buffer) noexcept;
 // Offsets to 0, storage to zeros.
 int resetDataBuffer(DATA_BUFFER_T *buffer) noexcept;
-[[nodiscard]] int appendDataBuffer(DATA_BUFFER_T *buffer, const void *bytes, std::int32_t length) noexcept;
+[[nodiscard]] int appendDataBuffer(DATA_BUFFER_T *buffer, const void *bytes,
+                                   std::int32_t length) noexcept;
 char *getBufferReadPointer(const DATA_BUFFER_T *buffer) noexcept;
 char *getBufferWritePointer(const DATA_BUFFER_T *buffer) noexcept;
 std::int32_t getBufferDataLength(const DATA_BUFFER_T *buffer) noexcept;
@@ -33,4 +37,5 @@ int moveBufferReadPointer(DATA_BUFFER_T *buffer, std::int32_t count) noexcept;
 void resetBufferReadPointer(DATA_BUFFER_T *buffer) noexcept;
 void resetBufferWritePointer(DATA_BUFFER_T *buffer) noexcept;
 // Puts length bytes in front of the unread content of a buffer whose read_offset is 0.
-[[nodiscard]] int joinContentBeforeBuffer(const void *bytes, std::int32_t length, DATA_BUFFER_T *buffer) noexcept;
+[[nodiscard]] int joinContentBeforeBuffer(const void *bytes, std::int32_t length,
+                                          DATA_BUFFER_T *buffer) noexcept;

@@ -7,7 +7,10 @@
 #include <utility>
 
 template <auto Release> struct Releaser {
-    template <class T> void operator()(T *handle) const noexcept { Release(handle); }
+    template <class T> void operator()(T *handle) const noexcept
+    {
+        Release(handle);
+    }
 };
 
 // A heap text of a C library, released with free().
@@ -26,11 +29,23 @@ public:
     }
     UniqueFd(const UniqueFd &) = delete;
     UniqueFd &operator=(const UniqueFd &) = delete;
-    ~UniqueFd() { reset(); }
+    ~UniqueFd()
+    {
+        reset();
+    }
 
-    explicit operator bool() const noexcept { return fd_ >= 0; }
-    int get() const noexcept { return fd_; }
-    int release() noexcept { return std::exchange(fd_, -1); }
+    explicit operator bool() const noexcept
+    {
+        return fd_ >= 0;
+    }
+    int get() const noexcept
+    {
+        return fd_;
+    }
+    int release() noexcept
+    {
+        return std::exchange(fd_, -1);
+    }
     void reset(int fd = -1) noexcept
     {
         if (fd_ >= 0) ::close(fd_);

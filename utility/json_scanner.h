@@ -1,6 +1,7 @@
-// JSON scanner: picks single values out of a JSON object or array text in place, without allocating and without writing
-// to the text. It understands only as much JSON as the daemon's messages need: no escape sequences; no signs,
-// fractions or exponents of numbers; no null; brackets inside strings count as brackets.
+// JSON scanner: picks single values out of a JSON object or array text in place, without allocating
+// and without writing to the text. It understands only as much JSON as the daemon's messages need:
+// no escape sequences; no signs, fractions or exponents of numbers; no null; brackets inside
+// strings count as brackets.
 //
 // Bounds    every text is a [begin, end) range; it ends early at its first NUL byte.
 // Pointers  returned values point into the text and are not terminated.
@@ -30,12 +31,14 @@ struct JSON_ITEM_T {
     std::int32_t type; // JSON_TYPE
 };
 
-// Skips blanks (only blanks) and returns the opening bracket of the mode, or null when something else stands there.
+// Skips blanks (only blanks) and returns the opening bracket of the mode, or null when something
+// else stands there.
 const char *json_find_start(int mode, const char *begin, const char *end) noexcept;
 
-// The next member (object mode) or element (array mode) at or after position. Returns the position just past it, or null
-// when there is none; item is left as it was when object mode finds no key.
-const char *json_next_item(int mode, const char *position, const char *end, JSON_ITEM_T *item) noexcept;
+// The next member (object mode) or element (array mode) at or after position. Returns the position
+// just past it, or null when there is none; item is left as it was when object mode finds no key.
+const char *json_next_item(int mode, const char *position, const char *end,
+                           JSON_ITEM_T *item) noexcept;
 
 constexpr int JSON_VISIT_STOP = 2; // a visitor's result that ends the walk
 using JSON_VISITOR_FUNC_T = int (*)(const JSON_ITEM_T *member, void *user);
@@ -44,10 +47,11 @@ using JSON_VISITOR_FUNC_T = int (*)(const JSON_ITEM_T *member, void *user);
 // 0 when there was at least one, -1 otherwise.
 int json_foreach_member(const char *text, std::size_t len, JSON_VISITOR_FUNC_T visitor, void *user);
 
-// The value of the first top-level member whose key begins with `key`; null when there is none. The outputs may be
-// null; they are written (0 and 0 when no member matched) unless the text holds no member at all.
-const char *json_get_value(const char *text, std::size_t len, const char *key, std::size_t *value_len_out,
-                           std::int32_t *type_out);
+// The value of the first top-level member whose key begins with `key`; null when there is none. The
+// outputs may be null; they are written (0 and 0 when no member matched) unless the text holds no
+// member at all.
+const char *json_get_value(const char *text, std::size_t len, const char *key,
+                           std::size_t *value_len_out, std::int32_t *type_out);
 
 // The same in one record: the value's text, empty and JSON_TYPE_NONE when no member matched.
 struct JSON_VALUE_T {

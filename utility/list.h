@@ -1,5 +1,6 @@
 // Intrusive circular doubly linked list: nodes are embedded in records, the list owns nothing.
-// An empty list is a head whose next and prev point to itself. Threads: none; the owner of the list locks.
+// An empty list is a head whose next and prev point to itself. Threads: none; the owner of the list
+// locks.
 #pragma once
 
 #include <cstddef>
@@ -18,5 +19,6 @@ void list_add_tail(LIST_LINK_T *node, LIST_LINK_T *head) noexcept;
 void list_del(LIST_LINK_T *node) noexcept;
 
 // The record around an embedded member; the record must be of standard layout.
-#define container_of(pointer, record, member)                                                                          \
-    (static_cast<record *>(static_cast<void *>(reinterpret_cast<char *>(pointer) - offsetof(record, member))))
+#define container_of(pointer, record, member)                                                      \
+    (static_cast<record *>(                                                                        \
+        static_cast<void *>(reinterpret_cast<char *>(pointer) - offsetof(record, member))))

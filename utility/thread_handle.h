@@ -1,8 +1,9 @@
 // A detached thread and its run state.
 //
-// Protocol  the handle starts at 0; the body sets THREAD_STATE_RUNNING as its first action and loops while it stands;
-//           stopDetachedThread sets THREAD_STATE_STOPPING; the body then leaves its loop and sets THREAD_STATE_STOPPED
-//           as its last action. Nobody joins the thread.
+// Protocol  the handle starts at 0; the body sets THREAD_STATE_RUNNING as its first action and
+// loops while it stands;
+//           stopDetachedThread sets THREAD_STATE_STOPPING; the body then leaves its loop and sets
+//           THREAD_STATE_STOPPED as its last action. Nobody joins the thread.
 // Threads   run_state is shared between the stopper and the body; thread_id is the creator's.
 #pragma once
 
@@ -23,8 +24,10 @@ struct THREAD_HANDLE_T {
 
 using THREAD_BODY_FUNC_T = void *(*)(void *);
 
-// -1 when run_state is not 0, else the result of pthread_create (0 or an error number). Nothing is logged.
+// -1 when run_state is not 0, else the result of pthread_create (0 or an error number). Nothing is
+// logged.
 [[nodiscard]] int createDetachedThread(THREAD_HANDLE_T *handle, THREAD_BODY_FUNC_T body, void *arg);
 
-// Asks the thread to stop and waits at most 5 s. 0 when it is (or was) stopped, 1 when it still runs.
+// Asks the thread to stop and waits at most 5 s. 0 when it is (or was) stopped, 1 when it still
+// runs.
 [[nodiscard]] int stopDetachedThread(THREAD_HANDLE_T *handle);

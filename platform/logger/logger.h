@@ -1,10 +1,14 @@
 // Logger: one line on standard error for each call that reaches the level.
 //
 // Line     2026-11-22T19:20:11.123Z I remote_access_daemon src/file.cpp:120 function: text
-//          UTC with milliseconds; D, I, W or E for the levels 0 to 3; module; source file and line; function; text.
-// Text     cut at 4096 bytes with "..."; control bytes and bytes that are not valid UTF-8 are written as \r, \n, \t or
-//          \xHH, and one line end at the end of a text is dropped, so no line can be forged by what a peer sent.
-// Level    min_level of log_init, or "level=0" to "level=3" in LOGGER_CONF_PATH if that file exists when log_init runs;
+//          UTC with milliseconds; D, I, W or E for the levels 0 to 3; module; source file and line;
+//          function; text.
+// Text     cut at 4096 bytes with "..."; control bytes and bytes that are not valid UTF-8 are
+// written as \r, \n, \t or
+//          \xHH, and one line end at the end of a text is dropped, so no line can be forged by what
+//          a peer sent.
+// Level    min_level of log_init, or "level=0" to "level=3" in LOGGER_CONF_PATH if that file exists
+// when log_init runs;
 //          any other content of the file is reported in one warning line and ignored.
 // Threads  every thread may log; lines never interleave. Not async-signal-safe.
 // Failure  none is reported: a line that standard error does not take is lost. errno is kept.
@@ -26,8 +30,9 @@ enum LOG_LEVEL { LOG_LEVEL_DEBUG = 0, LOG_LEVEL_INFO = 1, LOG_LEVEL_WARN = 2, LO
 void log_init(const char *module, int output, int min_level, int format);
 
 // color and tag are accepted for the sake of loggers that use them; this one does not.
-void log_print(int level, const char *color, const char *tag, const char *file, const char *function, int line,
-               const char *format, ...) __attribute__((format(printf, 7, 8)));
+void log_print(int level, const char *color, const char *tag, const char *file,
+               const char *function, int line, const char *format, ...)
+    __attribute__((format(printf, 7, 8)));
 
 #ifdef __cplusplus
 }

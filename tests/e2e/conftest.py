@@ -1,37 +1,48 @@
 """End-to-end tests of the daemon: the real program, a real bus, real peers on loopback.
 
-RA_BUILD_DIR names the build folder whose programs are tested, RA_TIME_SCALE stretches the
-time-outs for instrumented builds.
+RA_BUILD_DIR names the build folder whose programs are tested (build/release), RA_TIME_SCALE
+stretches the time-outs for instrumented builds.
 """
 import pathlib
 import shutil
 import tempfile
-from dataclasses import dataclass, field
+from types import SimpleNamespace
 
 import pytest
 
 from harness import network
-from harness.cloud import BackEnd, Channel
-from harness.local import EchoService
-from harness.sandbox import CONFIG_DIR, Gateway, start_gateways
+from harness.cloud import BackEnd
+from harness.local import start_echo
+from harness.sandbox import CA_FILE, Gateway, start_gateways
 from harness.tls import HOST, Certificates
+
+
+class Gateways(dict):
+    """Gateways by name; remembers which ones the current test has asked for."""
+    used = set()
+
+    def __getitem__(self, name):
+        gateway = super().__getitem__(name)
+        self.used.add(gateway)
+        return gateway
+
 
 def pytest_configure():
     network.enter_private_network()
+
+
+def pytest_runtest_setup():
+    Gateways.used.clear()
 
 
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item):
     """A failed test shows the end of the logs of the gateways that it used."""
     report = (yield).get_result()
-    if not report.failed:
-        return
-    held = [getattr(arg, "gateway", arg) for arg in getattr(item, "funcargs", {}).values()]
-    held += [value for arg in held if isinstance(arg, (dict, tuple)) for value in
-             (arg.values() if isinstance(arg, dict) else arg)]
-    used = {gateway.name: gateway for gateway in held if isinstance(gateway, Gateway) and gateway.daemon}
-    for name, gateway in used.items():
-        report.sections.append((f"log of gateway {name}", gateway.log.tail(40 if len(used) == 1 else 12)))
+    if report.failed:
+        held = {getattr(arg, "gateway", None) for arg in getattr(item, "funcargs", {}).values()}
+        for gateway in (Gateways.used | held) - {None}:
+            report.sections.append((f"log of gateway {gateway.name}", gateway.log.tail()))
 
 
 @pytest.fixture(scope="session")
@@ -44,19 +55,18 @@ def workspace():
 
 @pytest.fixture(scope="session")
 def certificates(workspace):
-    directory = workspace / "tls"
-    directory.mkdir()
-    return Certificates(directory)
+    (workspace / "tls").mkdir()
+    return Certificates(workspace / "tls")
 
 
 @pytest.fixture(scope="session")
 def echo():
-    return EchoService()
+    return start_echo()
 
 
 @pytest.fixture(scope="module")
 def launch(request, workspace):
-    """launch({name: options of Gateway}) brings gateways up together and returns them by name.
+    """launch(name=options of Gateway, ...) brings gateways up together; returns them by name.
 
     At the module's end each daemon must still run, or have ended as its options allow, and must
     have left nothing but proper log lines: a sanitizer's report is none.
@@ -65,8 +75,8 @@ def launch(request, workspace):
 
     def start(**wanted):
         module = request.module.__name__.removeprefix("test_")
-        gateways = {name: Gateway(workspace, f"{module}-{name}", **options)
-                    for name, options in wanted.items()}
+        gateways = Gateways({name: Gateway(workspace, f"{module}-{name}", **options)
+                             for name, options in wanted.items()})
         started.extend(gateways.values())
         start_gateways(gateways.values())
         return gateways
@@ -76,39 +86,35 @@ def launch(request, workspace):
     assert not faults, "\n".join(faults)
 
 
-@dataclass
-class Link:
-    """A gateway whose channel to a back end is accepted."""
-    gateway: Gateway
-    back_end: BackEnd
-    channel: Channel = field(default=None)
-
-
-def _tls_options(certificates):
-    return {"files": {f"{CONFIG_DIR}/ca.pem": certificates.authority()},
-            "config": {"gw_remoteaccess_tls_type": 1, "gw_remoteaccess_cloud_host": HOST}}
+@pytest.fixture(scope="module")
+def connect(launch):
+    """connect(name, options of Gateway) starts one whose channel is accepted: its `gateway`,
+    `back_end`, `channel` and `log`."""
+    def start(name, tls=None, **options):
+        back_end = BackEnd(tls=tls)
+        gateway = launch(**{name: {"cloud": back_end.port, **options}})[name]
+        gateway.log.wait("I", "handshake response code is 0!")
+        return SimpleNamespace(gateway=gateway, back_end=back_end, channel=back_end.channel(),
+                               log=gateway.log)
+    return start
 
 
 @pytest.fixture(scope="module", params=["plain", "tls"])
-def shared_link(request, launch, certificates):
-    tls = request.param == "tls"
-    back_end = BackEnd(tls=certificates.context() if tls else None)
-    options = _tls_options(certificates) if tls else {}
-    gateway = launch(**{request.param: {"cloud": back_end.port, **options}})[request.param]
-    link = Link(gateway, back_end, back_end.channel())
-    gateway.log.wait("I", "handshake response code is 0!")
-    yield link
-    back_end.close()
+def shared_link(request, connect, certificates):
+    if request.param == "plain":
+        return connect("plain")
+    return connect("tls", certificates.context(), files={CA_FILE: certificates.authority}, config={
+        "gw_remoteaccess_tls_type": 1, "gw_remoteaccess_cloud_host": HOST})
 
 
 @pytest.fixture
 def link(shared_link):
-    """The module's gateway; the test must leave the same channel open and nothing unread."""
-    link, channel = shared_link, shared_link.channel
-    yield link
+    """The module's gateway; the test must leave the same channel open and its messages whole."""
+    yield shared_link
+    channel = shared_link.channel
     for session in list(channel.sessions):
         channel.release(session)
     channel.settle()
     channel.unread.clear()
     assert not channel.errors
-    assert len(link.back_end.channels) == 1 and not channel.closed
+    assert len(shared_link.back_end.channels) == 1 and not channel.ws.closed

@@ -5,14 +5,13 @@ import subprocess
 import pytest
 
 from harness.cloud import VERIFY, BackEnd
-from harness.sandbox import PID_FILE
+from harness.sandbox import PID_FILE, PROGRAM
 
-PASSWORD = "correct horse"
-LONG_NAME, LONG_PASSWORD = "u" * 255, "p" * 255
+PASSWORD, LONG_NAME, LONG_PASSWORD = "correct horse", "u" * 255, "p" * 255
 OK = (0, "verify account ok", "null")
 FAILED = (101607, "verify account failed", "null")
 UNREADABLE = (101601, "parse VerifyAccount failed", "null")
-UNKNOWN_LINE, FAILED_LINE = "Unknown account:user!", "verify account failed!"
+UNKNOWN_LINE, FAILED_LINE = "Unknown account:user!\n", "verify account failed!\n"
 
 
 def sha512(password):
@@ -27,68 +26,60 @@ def yescrypt(password):
 
 
 @pytest.fixture(scope="module")
-def account_files():
+def files():
     stored = sha512(PASSWORD)
-    entries = {  # user: (password field, shadow field or None for no entry)
-        "sha512": ("x", stored), "yescrypt": ("x", yescrypt(PASSWORD)), "long": ("x", sha512(LONG_PASSWORD)),
-        LONG_NAME: ("x", stored), "direct": (stored, "*"), "locked": ("x", "!" + stored), "starred": ("x", "*"),
-        "empty": ("x", ""), "nopassword": ("", ""), "unshadowed": ("x", None), "at": ("x", "@" + stored),
-        "broken": ("x", "$6$"), "admin": ("##admin", stored), "other": ("##admin", stored)}
-    passwd = "".join(f"{user}:{field}:{n}:{n}::/:/bin/sh\n" for n, (user, (field, _)) in enumerate(entries.items(), 1000))
-    shadow = "".join(f"{user}:{field}:19000:0:99999:7:::\n" for user, (_, field) in entries.items() if field is not None)
-    return {"etc/passwd": passwd, "etc/shadow": shadow}
+    users = {  # password field, and shadow field or None for no entry
+        "sha512": ("x", stored), "yescrypt": ("x", yescrypt(PASSWORD)), LONG_NAME: ("x", stored),
+        "long": ("x", sha512(LONG_PASSWORD)), "direct": (stored, "*"), "starred": ("x", "*"),
+        "locked": ("x", "!" + stored), "at": ("x", "@" + stored), "empty": ("x", ""),
+        "nopassword": ("", ""), "unshadowed": ("x", None), "broken": ("x", "$6$"),
+        "admin": ("##admin", stored), "other": ("##admin", stored)}
+    return {"etc/passwd": "".join(f"{user}:{field}:{number}:{number}::/:/bin/sh\n" for number,
+                                  (user, (field, _)) in enumerate(users.items(), 1000)),
+            "etc/shadow": "".join(f"{user}:{field}:19000:0:99999:7:::\n"
+                                  for user, (_, field) in users.items() if field is not None)}
 
 
 @pytest.fixture(scope="module")
-def verified(launch, account_files):
-    back_end = BackEnd()
-    gateway = launch(accounts={"cloud": back_end.port, "files": account_files})["accounts"]
-    channel = back_end.channel()
-    gateway.log.wait("I", "handshake response code is 0!")
-    return gateway, channel
+def link(connect, files):
+    return connect("accounts", files=files)
 
 
 @pytest.mark.parametrize("user, password, answer, printed", [
-    ("sha512", PASSWORD, OK, None), ("yescrypt", PASSWORD, OK, None), ("direct", PASSWORD, OK, None),
-    ("admin", PASSWORD, OK, None), ("long", LONG_PASSWORD, OK, None), (LONG_NAME, PASSWORD, OK, None),
+    *[(user, PASSWORD, OK, "") for user in ("sha512", "yescrypt", "direct", "admin", LONG_NAME)],
+    ("long", LONG_PASSWORD, OK, ""), ("long", LONG_PASSWORD[:-1], FAILED, FAILED_LINE),
+    *[(user, PASSWORD, FAILED, FAILED_LINE) for user in (
+        "locked", "starred", "empty", "nopassword", "at", "unshadowed", "broken", "other")],
     ("sha512", PASSWORD + "x", FAILED, FAILED_LINE), ("yescrypt", "x", FAILED, FAILED_LINE),
-    ("long", LONG_PASSWORD[:-1], FAILED, FAILED_LINE), ("locked", PASSWORD, FAILED, FAILED_LINE),
-    ("starred", "*", FAILED, FAILED_LINE), ("starred", "*0", FAILED, FAILED_LINE), ("empty", "x", FAILED, FAILED_LINE),
-    ("nopassword", "x", FAILED, FAILED_LINE), ("unshadowed", "x", FAILED, FAILED_LINE),
-    ("at", PASSWORD, FAILED, FAILED_LINE), ("broken", PASSWORD, FAILED, FAILED_LINE),
-    ("other", PASSWORD, FAILED, FAILED_LINE), ("other", "##admin", FAILED, FAILED_LINE),
-    ("nobody", PASSWORD, FAILED, UNKNOWN_LINE), ("../shadow", PASSWORD, FAILED, UNKNOWN_LINE)],
-    ids=lambda value: None if isinstance(value, tuple) else str(value)[:12])
-def test_verify_account(verified, user, password, answer, printed):
-    gateway, channel = verified
-    mark, before = gateway.log.mark(), gateway.daemon.stdout.read_text()
-    response = channel.request(VERIFY, f'{{"username":"{user}","password":"{password}"}}'.encode())
+    ("starred", "*", FAILED, FAILED_LINE), ("starred", "*0", FAILED, FAILED_LINE),
+    ("unshadowed", "x", FAILED, FAILED_LINE), ("other", "##admin", FAILED, FAILED_LINE),
+    ("nobody", PASSWORD, FAILED, UNKNOWN_LINE)])
+def test_verify_account(link, user, password, answer, printed):
+    mark, before = link.log.mark(), link.gateway.daemon.stdout.read_text()
+    body = f'{{"username":"{user}","password":"{password}"}}'
+    response = link.channel.request(VERIFY, body.encode())
     assert (response.token, response.answer) == ("", answer)
-    assert gateway.daemon.stdout.read_text() == before + (f"{printed}\n" if printed else "")
-    assert len(gateway.log.find("I", "verify account successfully", mark)) == (answer is OK)
+    assert link.gateway.daemon.stdout.read_text() == before + printed
+    assert len(link.log.find("I", "verify account successfully", mark)) == (answer is OK)
 
 
 @pytest.mark.parametrize("body, level, reason", [
-    ('{"password":"p"}', "E", "verify account body is invalid: "),
-    ('{"username":"u"}', "E", "verify account body is invalid: "),
-    ('{"username":7,"password":"p"}', "E", "verify account body is invalid: "),
-    ('{"username":"u","password":""}', "E", "verify account body is invalid: "),
-    ("no json", "E", "verify account body is invalid: "),
+    *[(body, "E", "verify account body is invalid: ") for body in (
+        '{"password":"p"}', '{"username":"u"}', '{"username":7,"password":"p"}',
+        '{"username":"u","password":""}', "no json")],
     (f'{{"username":"{"u" * 256}"}}', "W", "account:username is too long: "),
     (f'{{"username":"u","password":"{"p" * 256}"}}', "W", "account:password is too long: ")])
-def test_unreadable_request(verified, body, level, reason):
-    gateway, channel = verified
-    mark = gateway.log.mark()
-    assert channel.request(VERIFY, body.encode()).answer == UNREADABLE
-    gateway.log.wait(level, reason + body + " ", mark)
+def test_unreadable_request(link, body, level, reason):
+    mark = link.log.mark()
+    assert link.channel.request(VERIFY, body.encode()).answer == UNREADABLE
+    link.log.wait(level, f"{reason}{body} ", mark)
 
 
-def test_closed_standard_descriptors_are_not_reused(launch, account_files):
-    """Started without descriptors 0 to 2, the daemon must not print into its PID file or a session."""
+def test_closed_standard_descriptors_are_not_reused(launch, files):
+    """Started without descriptors 0 to 2, it must not print into its PID file or a session."""
     back_end = BackEnd()
-    gateway = launch(closed={
-        "cloud": back_end.port, "files": account_files, "command":
-        ["/bin/sh", "-c", "exec /brimlock/gateway/build/bin/remote_access_daemon <&- >&- 2>&-"]})["closed"]
-    channel = back_end.channel()
-    assert channel.request(VERIFY, b'{"username":"sha512","password":"wrong"}').answer == FAILED
+    gateway = launch(closed={"cloud": back_end.port, "files": files, "command": [
+        "/bin/sh", "-c", f"exec {PROGRAM} <&- >&- 2>&-"]})["closed"]
+    answer = back_end.channel().request(VERIFY, b'{"username":"sha512","password":"no"}').answer
+    assert answer == FAILED
     assert (gateway.root / PID_FILE).read_bytes() == b"2\0"

@@ -1,24 +1,20 @@
 """The whole way with our own back end: real ssh, sftp and curl through the tunnel over TLS."""
-import hashlib
-import http.server
+import asyncio
 import json
 import random
 import subprocess
-import threading
-from types import SimpleNamespace
 
 import pytest
 
 from harness.network import free_port
-from harness.sandbox import BIN, CONFIG_DIR, IDENTITY, INSTALLED
+from harness.sandbox import BIN, CA_FILE, CONFIG, CONFIG_DIR
 from harness.tls import HOST
 from harness.waiting import SCALE, poll
+from harness.waiting import run as run_on_loop
 
-SERVICES = ("ssh_localhost", "sftp_localhost", "http_localhost")
-PAGE_SIZE, COPY_SIZE = 1 << 20, 8 << 20
-SSHD_CONFIG = """Port {port}
-ListenAddress 127.0.0.1
-HostKey {home}/host_key
+NAMES = ("ssh_localhost", "sftp_localhost", "http_localhost")
+PAGE, COPY = random.Random(1).randbytes(1 << 20), random.Random(2).randbytes(8 << 20)
+SSHD_CONFIG = """HostKey {home}/host_key
 AuthorizedKeysFile {home}/login_key.pub
 PidFile none
 StrictModes no
@@ -27,125 +23,97 @@ Subsystem sftp internal-sftp
 """
 
 
-class Page(http.server.BaseHTTPRequestHandler):
-    content = random.Random(1).randbytes(PAGE_SIZE)
+async def serve_page(reader, writer):
+    await reader.readuntil(b"\r\n\r\n")
+    writer.write(b"HTTP/1.0 200 OK\r\nContent-Length: %d\r\n\r\n" % len(PAGE) + PAGE)
+    await writer.drain()
+    writer.close()
 
-    def do_GET(self):
-        self.send_response(200)
-        self.send_header("Content-Length", str(PAGE_SIZE))
-        self.end_headers()
-        self.wfile.write(self.content)
 
-    def log_message(self, *_):
-        pass
+class Tunnel:
+    """Gateway, services and back end; `ports` lead to the gateway's services, by their names."""
+
+    def __init__(self, launch, certificates, home):
+        self.home, self.listen = home, free_port()
+        self.ports, self.services = {name: free_port() for name in NAMES}, {}
+        web, sshd = free_port(), free_port()
+        run_on_loop(asyncio.start_server(serve_page, "127.0.0.1", web, backlog=64))
+        offered = [{"type": name.split("_")[0].upper(), "name": name, "ip": "127.0.0.1",
+                    "port": web if name == "http_localhost" else sshd} for name in NAMES]
+        self.gateway = launch(demo={
+            "cloud": self.listen,
+            "config": {"gw_remoteaccess_cloud_host": HOST, "gw_remoteaccess_tls_type": 1},
+            "files": {CA_FILE: certificates.authority, f"{CONFIG_DIR}/logger.conf": "level=1\n",
+                      f"{CONFIG_DIR}/remote_terminal.json": json.dumps(offered)}})["demo"]
+        self.start_back_end(*certificates.paths())
+        self.start_sshd(sshd)
+        self.gateway.log.wait("I", "handshake response code is 0!", seconds=10)
+
+    def start_back_end(self, certificate, key):
+        device = {key: CONFIG["gw_system_" + key.replace("_", "")]
+                  for key in ("product_key", "device_name", "device_secret")}
+        (self.home / "devices.json").write_text(json.dumps({"devices": [device]}))
+        self.back_end = self.gateway.spawn_beside(
+            "backend", BIN / "remote_access_backend", "--listen", f"127.0.0.1:{self.listen}",
+            "--cert", certificate, "--key", key, "--devices", self.home / "devices.json",
+            *[part for name in NAMES for part in ("--forward", f"{self.ports[name]}=dev1/{name}")])
+
+    def start_sshd(self, port):
+        """For an ordinary user in a sandbox: no privilege is needed, whoever runs the tests."""
+        (self.home / "etc").mkdir()
+        (self.home / "etc/passwd").write_text(f"operator:x:1000:1000::{self.home}:/bin/sh\n")
+        (self.home / "sshd_config").write_text(SSHD_CONFIG.format(home=self.home))
+        for key in ("host_key", "login_key"):
+            subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", self.home / key],
+                           check=True)
+        self.gateway.spawn_beside(
+            "sshd", "bwrap", "--die-with-parent", "--unshare-user", "--uid", 1000, "--gid", 1000,
+            "--unshare-pid", "--ro-bind", "/usr", "/usr", "--symlink", "usr/bin", "/bin",
+            "--symlink", "usr/lib", "/lib", "--symlink", "usr/lib64", "/lib64", "--proc", "/proc",
+            "--dev", "/dev", "--ro-bind", self.home / "etc", "/etc", "--bind", self.home, self.home,
+            "/usr/sbin/sshd", "-D", "-e", "-f", self.home / "sshd_config", "-p", port)
+        poll(lambda: "Server listening" in self.gateway.log_beside("sshd"), 10, "sshd listens")
+
+    def run(self, *command):
+        done = subprocess.run(list(map(str, command)), capture_output=True, timeout=60 * SCALE,
+                              check=False)
+        assert done.returncode == 0, done.stderr.decode() + self.gateway.log_beside("backend")
+        return done.stdout
+
+    def login(self, program, *arguments):
+        options = ("StrictHostKeyChecking=no", "UserKnownHostsFile=/dev/null", "BatchMode=yes")
+        return self.run(program, "-F", "/dev/null", "-i", self.home / "login_key",
+                        *[part for option in options for part in ("-o", option)], *arguments)
 
 
 @pytest.fixture(scope="module")
-def home(workspace):
-    directory = workspace / "home"
-    directory.mkdir()
-    for key in ("host_key", "login_key"):
-        subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", directory / key], check=True)
-    return directory
+def tunnel(launch, certificates, workspace):
+    (workspace / "home").mkdir()
+    tunnel = Tunnel(launch, certificates, workspace / "home")
+    yield tunnel
+    log = tunnel.gateway.log_beside("backend")
+    assert tunnel.back_end.poll() is None and "Sanitizer" not in log, log
 
 
-@pytest.fixture(scope="module")
-def beside():
-    """Start helpers with beside(command, log); they end with the module."""
-    processes = []
-
-    def start(command, log):
-        with open(log, "wb") as file:
-            processes.append(subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *map(str, command)],
-                                              stdin=subprocess.DEVNULL, stdout=file, stderr=file))
-        return processes[-1]
-
-    yield start
-    for process in processes:
-        process.kill()
-        process.wait()
+def test_ssh_command(tunnel):
+    output = tunnel.login("ssh", "-p", tunnel.ports["ssh_localhost"], "operator@127.0.0.1",
+                          "id -un; seq 1 20000")
+    assert output.decode().split() == ["operator", *map(str, range(1, 20001))]
 
 
-@pytest.fixture(scope="module")
-def sshd_port(home, beside):
-    """sshd for an ordinary user of its own sandbox: that takes no privilege whoever runs the tests."""
-    port, etc = free_port(), home / "etc"
-    etc.mkdir()
-    (etc / "passwd").write_text(f"operator:x:1000:1000::{home}:/bin/sh\n")
-    (etc / "group").write_text("operator:x:1000:\n")
-    (home / "sshd_config").write_text(SSHD_CONFIG.format(port=port, home=home))
-    beside(["bwrap", "--die-with-parent", "--unshare-user", "--uid", 1000, "--gid", 1000, "--unshare-pid",
-            "--ro-bind", "/usr", "/usr", "--symlink", "usr/bin", "/bin", "--symlink", "usr/lib", "/lib",
-            "--symlink", "usr/lib64", "/lib64", "--proc", "/proc", "--dev", "/dev", "--tmpfs", "/run",
-            "--ro-bind", etc, "/etc", "--bind", home, home,
-            "/usr/sbin/sshd", "-D", "-e", "-f", home / "sshd_config"], home / "sshd.log")
-    return port
+def test_sftp_both_ways(tunnel):
+    up, there, back = (tunnel.home / name for name in ("up", "there", "back"))
+    up.write_bytes(COPY)
+    (tunnel.home / "batch").write_text(f"put {up} {there}\nget {there} {back}\n")
+    tunnel.login("sftp", "-P", tunnel.ports["sftp_localhost"], "-b", tunnel.home / "batch",
+                 "operator@127.0.0.1")
+    assert there.read_bytes() == COPY and back.read_bytes() == COPY
 
 
-@pytest.fixture(scope="module")
-def tunnel(launch, certificates, home, sshd_port, beside):
-    """The local ports that lead to the gateway's services, by the services' names."""
-    web = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Page)
-    threading.Thread(target=web.serve_forever, daemon=True).start()
-    offered = [{"type": name.split("_")[0].upper(), "name": name, "ip": "127.0.0.1",
-                "port": web.server_port if name.startswith("http") else sshd_port} for name in SERVICES]
-    devices = home / "devices.json"
-    devices.write_text(json.dumps({"devices": [
-        {key: IDENTITY["gw_system_" + key.replace("_", "")]
-         for key in ("product_key", "device_name", "device_secret")}]}))
-    devices.chmod(0o600)
-    listen, ports = free_port(), {name: free_port() for name in SERVICES}
-    certificate, key = certificates.paths()
-    forwards = [part for name in SERVICES for part in ("--forward", f"{ports[name]}=dev1/{name}")]
-    back_end = beside([BIN / "remote_access_backend", "--listen", f"127.0.0.1:{listen}", "--cert", certificate,
-                       "--key", key, "--devices", devices, *forwards], home / "backend.log")
-    gateway = launch(demo={
-        "cloud": listen, "config": {"gw_remoteaccess_cloud_host": HOST, "gw_remoteaccess_tls_type": 1,
-                                    "gw_remoteaccess_trans_timeout": 2000},
-        "files": {f"{CONFIG_DIR}/ca.pem": certificates.authority(),
-                  f"{CONFIG_DIR}/remote_terminal.json": json.dumps(offered),
-                  f"{INSTALLED}/config/logger.conf": "level=1"}})["demo"]
-    gateway.log.wait("I", "handshake response code is 0!", seconds=10)
-    poll(lambda: "Server listening" in (home / "sshd.log").read_text(), 10, "sshd listens")
-    yield SimpleNamespace(gateway=gateway, **ports)
-    assert back_end.poll() is None, (home / "backend.log").read_text()
-    assert "Sanitizer" not in (home / "backend.log").read_text()
-
-
-def run(home, *command, seconds=60):
-    done = subprocess.run(list(map(str, command)), capture_output=True, timeout=seconds * SCALE, check=False)
-    logs = "\n".join((home / f"{name}.log").read_text()[-3000:] for name in ("backend", "sshd"))
-    assert done.returncode == 0, f"{command[0]}: {done.stderr.decode()}\n{logs}"
-    return done.stdout
-
-
-def ssh_options(home):
-    return ["-F", "/dev/null", "-i", home / "login_key", "-o", "StrictHostKeyChecking=no", "-o", "BatchMode=yes",
-            "-o", "UserKnownHostsFile=/dev/null", "-o", "IdentitiesOnly=yes"]
-
-
-def test_ssh_command(tunnel, home):
-    output = run(home, "ssh", *ssh_options(home), "-p", tunnel.ssh_localhost, "operator@127.0.0.1",
-                 "id -un; seq 1 20000 | sha256sum")
-    expected = hashlib.sha256("".join(f"{n}\n" for n in range(1, 20001)).encode()).hexdigest()
-    assert output.decode().split() == ["operator", expected, "-"]
-
-
-def test_sftp_both_ways(tunnel, home):
-    data = random.Random(2).randbytes(COPY_SIZE)
-    (home / "up").write_bytes(data)
-    (home / "batch").write_text(f"put {home}/up {home}/there\nget {home}/there {home}/back\n")
-    run(home, "sftp", *ssh_options(home), "-P", tunnel.sftp_localhost, "-b", home / "batch", "operator@127.0.0.1")
-    for name in ("there", "back"):
-        assert hashlib.sha256((home / name).read_bytes()).digest() == hashlib.sha256(data).digest()
-
-
-def test_curl(tunnel, home):
-    assert run(home, "curl", "-sS", "--fail", f"http://127.0.0.1:{tunnel.http_localhost}/") == Page.content
-
-
-def test_curl_eight_at_once(tunnel, home):
-    outputs = [home / f"page-{n}" for n in range(8)]
-    loads = [part for output in outputs for part in (f"http://127.0.0.1:{tunnel.http_localhost}/", "-o", output)]
-    run(home, "curl", "-sS", "--fail", "--parallel", "--parallel-immediate", "--parallel-max", "8", *loads)
-    assert all(output.read_bytes() == Page.content for output in outputs)
+@pytest.mark.parametrize("count", [1, 8])
+def test_curl(tunnel, count):
+    outputs = [tunnel.home / f"page-{n}" for n in range(count)]
+    url = f"http://127.0.0.1:{tunnel.ports['http_localhost']}/"
+    tunnel.run("curl", "-sS", "--fail", "--parallel", "--parallel-immediate",
+               *[part for output in outputs for part in (url, "-o", output)])
+    assert all(output.read_bytes() == PAGE for output in outputs)

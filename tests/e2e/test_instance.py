@@ -1,76 +1,55 @@
 """One instance: the PID file and its lock."""
 import os
+import signal
 
 import pytest
 
-from harness.cloud import BackEnd
 from harness.sandbox import PID_FILE
 
-PID_PATH = f"/{PID_FILE}"
-ALREADY = ("I", "RemoteAccessDaemon already exit")
-NOT_OPENED = ("I", f"Open file {PID_PATH} failed!")
+NOT_OPENED = ("I", f"Open file /{PID_FILE} failed!")
 
 
-@pytest.fixture(scope="module")
-def first(launch):
-    """A daemon that found the file of one that was killed."""
-    back_end = BackEnd()
-    gateway = launch(first={"cloud": back_end.port, "files": {PID_FILE: "99999\0 and what else was there"}})["first"]
-    return gateway, back_end.channel()
+def lines(process):
+    return [(line.level, line.text) for line in process.log.lines]
 
 
-def test_stale_pid_file_is_taken_over(first):
-    gateway, _ = first
-    gateway.log.wait("I", "Start RemoteAccessDaemon...")
+def test_second_instance_leaves_and_the_file_of_a_dead_one_is_taken_over(connect):
+    link = connect("first", files={PID_FILE: "99999\0 and what else was there"})
+    gateway, pid_file = link.gateway, link.gateway.root / PID_FILE
     with open(f"/proc/{gateway.daemon.pid}/status", encoding="ascii") as status:
         inner_pid = next(line for line in status if line.startswith("NSpid:")).split()[-1]
-    assert (gateway.root / PID_FILE).read_bytes() == inner_pid.encode() + b"\0"
-
-
-def test_second_instance_leaves(first):
-    gateway, channel = first
-    before = (gateway.root / PID_FILE).read_bytes()
-    for number in (2, 3):  # closing the refused descriptor must not give the first one's lock away
-        second = gateway.spawn(f"-{number}")
+    link.log.wait("I", "Start RemoteAccessDaemon...")
+    for tag in ("-2", "-3"):  # the refused one must not give the first one's lock away
+        second = gateway.spawn(tag)
         assert second.wait_exit() == 0
-        assert [(line.level, line.text) for line in second.log.lines] == [ALREADY]
-    assert (gateway.root / PID_FILE).read_bytes() == before
-    channel.settle()
-
-
-def test_killed_daemon_leaves_no_obstacle(launch):
-    gateway = launch(killed={})["killed"]
-    gateway.log.wait("I", "Start RemoteAccessDaemon...")
-    gateway.daemon.signal(9)
+        assert lines(second) == [("I", "RemoteAccessDaemon already exit")]
+        assert pid_file.read_bytes() == inner_pid.encode() + b"\0"
+    link.channel.settle()
+    os.kill(gateway.daemon.pid, signal.SIGKILL)
     gateway.daemon.wait_exit()
     gateway.daemon = gateway.spawn("-again")
     gateway.daemon.find_pid()
     gateway.log.wait("I", "Start RemoteAccessDaemon...")
 
 
-@pytest.mark.parametrize("case, line", [
-    ("link to a file", NOT_OPENED), ("link to nothing", NOT_OPENED), ("directory", NOT_OPENED),
-    ("file for the directory", NOT_OPENED), ("no directory", ("E", "Create Dir /tmp/brimlock error!"))])
-def test_unusable_pid_file(launch, case, line):
+@pytest.mark.parametrize("directory, pid_file, line", [
+    (None, "/tmp/victim", NOT_OPENED), (None, "/tmp/missing", NOT_OPENED),
+    ("/tmp/victim", None, NOT_OPENED),
+    ("/tmp/missing", None, ("E", "Create Dir /tmp/brimlock error!"))],
+    ids=["to-a-file", "to-nothing", "directory-to-a-file", "directory-to-nothing"])
+def test_planted_link(request, launch, directory, pid_file, line):
     """Whatever others have planted in /tmp, the daemon leaves with status 0 and harms nothing."""
-    victim = b"precious"
-
     def plant(root):
-        directory, pid_file = root / "tmp/brimlock", root / PID_FILE
-        (root / "tmp/victim").write_bytes(victim)
-        if case == "no directory":
-            os.symlink("/tmp/missing", directory)
-        elif case == "file for the directory":
-            directory.write_text("")
+        (root / "tmp/victim").write_text("precious")
+        if directory:
+            os.symlink(directory, root / "tmp/brimlock")
         else:
-            directory.mkdir()
-            if case == "directory":
-                pid_file.mkdir()
-            else:
-                os.symlink("/tmp/victim" if case == "link to a file" else "/tmp/missing", pid_file)
+            (root / "tmp/brimlock").mkdir()
+            os.symlink(pid_file, root / PID_FILE)
 
-    gateway = launch(**{case.replace(" ", "-"): {"prepare": plant, "ends": [0], "bus": False}}).popitem()[1]
+    name = request.node.callspec.id
+    gateway = launch(**{name: {"prepare": plant, "ends": [0], "bus": False}})[name]
     assert gateway.daemon.wait_exit() == 0
-    assert [(found.level, found.text) for found in gateway.log.lines] == [line]
-    assert (gateway.root / "tmp/victim").read_bytes() == victim
+    assert lines(gateway.daemon) == [line]
+    assert (gateway.root / "tmp/victim").read_text() == "precious"
     assert not (gateway.root / "tmp/missing").exists()

@@ -8,83 +8,50 @@ import signal
 import pytest
 
 from harness.cloud import NEW_SESSION, BackEnd
-from harness.waiting import poll
 
-FAULTING_CODE = {"x86_64": b"\x31\xc0\x89\x00",                          # xor eax,eax; mov [rax],eax
-                 "aarch64": b"\x00\x00\x80\xd2\x00\x00\x00\xf9"}         # mov x0,#0; str x0,[x0]
-ENDS = {"interrupted": signal.SIGINT, "segv": signal.SIGSEGV, "fault": None, "broken-pipe": signal.SIGPIPE}
+FAULTING_CODE = {"x86_64": b"\x31\xc0\x89\x00",                   # xor eax,eax; mov [rax],eax
+                 "aarch64": b"\x00\x00\x80\xd2\x00\x00\x00\xf9"}  # mov x0,#0; str x0,[x0]
 
 
 @pytest.fixture(scope="module")
 def back_ends():
-    return {name: BackEnd() for name in ENDS}
+    return {name: BackEnd() for name in ("interrupt", "violation", "fault", "pipe", "terminate")}
 
 
 @pytest.fixture(scope="module")
 def gateways(launch, back_ends):
-    return launch(**{name: {"cloud": back_ends[name].port, "ends": [1] if name != "broken-pipe" else []}
-                     for name in ENDS})
+    return launch(**{name: {"cloud": back_end.port, "ends": [1] if name[0] in "ivf" else []}
+                     for name, back_end in back_ends.items()})
 
 
-def mapping(pid, library):
-    """Address and path of the first mapping of a library in a process."""
-    with open(f"/proc/{pid}/maps", encoding="utf-8") as maps:
-        line = next(line for line in maps if re.search(rf"/{library}[^/]*$", line))
-    return int(line.split("-")[0], 16), line.split()[-1]
+@pytest.fixture
+def daemon(request, gateways, back_ends):
+    """The gateway and the channel for the test, found by the first word of its name."""
+    name = request.node.name.split("_")[1]
+    gateways[name].log.wait("I", "handshake response code is 0!")
+    return gateways[name], back_ends[name].channel()
 
 
-def break_function(pid, name):
-    """Make a function of the C library write to address 0 in that process."""
-    here, path = mapping("self", r"libc\.so\.6")
-    there, its_path = mapping(pid, r"libc\.so\.6")
-    assert path == its_path
-    address = ctypes.cast(getattr(ctypes.CDLL(None), name), ctypes.c_void_p).value - here + there
-    with open(f"/proc/{pid}/mem", "r+b", buffering=0) as memory:
-        memory.seek(address)
-        memory.write(FAULTING_CODE[platform.machine()])
+def last_line(gateway):
+    return gateway.log.lines[-1].level, gateway.log.lines[-1].text
 
 
-def check_backtrace(log):
-    log.in_order([("D", "Recv signal = 11. Terminating..."), ("D", "now got a segmentation violation signal ")])
-    count = int(log.find("I", re.compile(r"backtrace\(\) returned \d+ addresses"))[0].text.split()[2])
-    frames = log.find("I", re.compile(r"  \[\d\d\] .+"))
-    assert 0 < count <= 64
-    assert [frame.text[:6] for frame in frames] == [f"  [{n:02}]" for n in range(count)]
-    assert log.lines[-1] is frames[-1]
-    return frames
-
-
-def test_interrupt(gateways, back_ends):
-    back_ends["interrupted"].channel()
-    gateway = gateways["interrupted"]
-    gateway.daemon.signal(signal.SIGINT)
+def test_interrupt(daemon):
+    gateway, _ = daemon
+    os.kill(gateway.daemon.pid, signal.SIGINT)
     assert gateway.daemon.wait_exit() == 1
-    last = gateway.log.lines[-1]
-    assert (last.level, last.text) == ("D", "Recv signal = 2. Terminating...")
+    assert last_line(gateway) == ("D", "Recv signal = 2. Terminating...")
 
 
-def test_segmentation_violation_signal(gateways, back_ends):
-    back_ends["segv"].channel()
-    gateways["segv"].daemon.signal(signal.SIGSEGV)
-    assert gateways["segv"].daemon.wait_exit() == 1
-    check_backtrace(gateways["segv"].log)
+def test_terminate_has_its_default_action(daemon):
+    gateway, _ = daemon
+    before = gateway.log.mark()
+    assert gateway.daemon.terminate() == 128 + signal.SIGTERM
+    assert gateway.log.mark() == before
 
 
-def test_fault_of_the_proxy_thread(gateways, back_ends):
-    """The next identifier is drawn by rand(), which now faults: the frames are that thread's."""
-    gateway, channel = gateways["fault"], back_ends["fault"].channel()
-    gateway.log.wait("I", "handshake response code is 0!")
-    break_function(gateway.daemon.pid, "rand")
-    channel.send(NEW_SESSION, b"{}")
-    assert gateway.daemon.wait_exit() == 1
-    frames = check_backtrace(gateway.log)
-    assert any("libc.so.6(rand" in frame.text for frame in frames), [frame.text for frame in frames]
-    assert len(frames) > 4
-
-
-def test_broken_pipe_signals_are_counted_and_survived(gateways, back_ends):
-    gateway, channel = gateways["broken-pipe"], back_ends["broken-pipe"].channel()
-    gateway.log.wait("I", "handshake response code is 0!")
+def test_pipe_signals_are_counted_and_survived(daemon):
+    gateway, channel = daemon
     for number in range(1, 4):
         os.kill(gateway.daemon.pid, signal.SIGPIPE)
         gateway.log.wait("I", "socket pipe broken!", count=number)
@@ -92,9 +59,38 @@ def test_broken_pipe_signals_are_counted_and_survived(gateways, back_ends):
     channel.settle()
 
 
-def test_terminate_has_its_default_action(launch):
-    gateway = launch(terminated={})["terminated"]
-    gateway.log.wait("I", "remote proxy thread start!")
-    poll(lambda: gateway.log.find("I", "start to create cloud channel..."), 10, "first attempt")
-    assert gateway.daemon.terminate() == 128 + signal.SIGTERM
-    assert not gateway.log.find("D", re.compile("Recv signal.*"))
+def check_backtrace(gateway):
+    """The texts of the frames, which are the last that the daemon logs."""
+    assert gateway.daemon.wait_exit() == 1
+    gateway.log.in_order([("D", "Recv signal = 11. Terminating..."),
+                          ("D", "now got a segmentation violation signal ")])
+    count = gateway.log.wait("I", re.compile(r"backtrace\(\) returned \d+ addresses"))
+    frames = [line.text for line in gateway.log.find("I", re.compile(r"  \[\d\d\] .+"))]
+    assert len(frames) == int(count.text.split()[2]) <= 64
+    assert [frame[:6] for frame in frames] == [f"  [{n:02}]" for n in range(len(frames))]
+    assert last_line(gateway) == ("I", frames[-1])
+    return frames
+
+
+def test_violation_by_a_signal(daemon):
+    gateway, _ = daemon
+    os.kill(gateway.daemon.pid, signal.SIGSEGV)
+    assert check_backtrace(gateway)
+
+
+def library_start(pid):
+    with open(f"/proc/{pid}/maps", encoding="utf-8") as maps:
+        return int(next(line for line in maps if "/libc.so.6" in line).split("-")[0], 16)
+
+
+def test_fault_of_the_proxy_thread(daemon):
+    """rand(), which draws the next session's identifier, is made to write to address 0."""
+    gateway, channel = daemon
+    here = ctypes.cast(ctypes.CDLL(None).rand, ctypes.c_void_p).value
+    pid = gateway.daemon.pid
+    with open(f"/proc/{pid}/mem", "r+b", buffering=0) as memory:
+        memory.seek(here - library_start("self") + library_start(pid))
+        memory.write(FAULTING_CODE[platform.machine()])
+    channel.send(NEW_SESSION, b"{}")
+    frames = check_backtrace(gateway)
+    assert any("libc.so.6(rand" in frame for frame in frames) and len(frames) > 4, frames

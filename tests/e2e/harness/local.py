@@ -1,67 +1,49 @@
 """Local services of the gateway: what a session is connected to."""
-import queue
+import asyncio
 import socket
-import threading
 
-from .waiting import SCALE
+from .network import free_port
+from .waiting import SCALE, run
 
 
 class LocalService:
     """Listens; the test itself takes each connection and plays the service."""
 
     def __init__(self, receive_buffer=None):
-        self._listener = socket.socket()
+        self.listener = socket.socket()
         if receive_buffer:
-            self._listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
-        self._listener.bind(("127.0.0.1", 0))
-        self._listener.listen(64)
-        self.port = self._listener.getsockname()[1]
+            self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+        self.port = free_port()
+        self.listener.bind(("127.0.0.1", self.port))
+        self.listener.listen(64)
 
     def accept(self, seconds=5):
         """The next connection, whose reads fail after the same time."""
-        self._listener.settimeout(seconds * SCALE)
-        connection, _ = self._listener.accept()
+        self.listener.settimeout(seconds * SCALE)
+        connection, _ = self.listener.accept()
         connection.settimeout(seconds * SCALE)
         return connection
 
-    def nobody_waits(self):
-        """True when no connection was made that accept() has not returned."""
-        self._listener.settimeout(0)
-        try:
-            self._listener.accept()[0].close()
-            return False
-        except BlockingIOError:
-            return True
+
+async def _echo(reader, writer):
+    try:
+        while data := await reader.read(1 << 16):
+            writer.write(data)  # without a limit: it never stops reading
+    except OSError:
+        pass
+    writer.close()
 
 
-class EchoService(LocalService):
-    """Sends back what it reads. It never stops reading, so that nothing stalls for its sake."""
+def start_echo():
+    """A service that sends back what it reads; its port."""
+    port = free_port()
+    run(asyncio.start_server(_echo, "127.0.0.1", port, backlog=64))
+    return port
 
-    def __init__(self):
-        super().__init__()
-        threading.Thread(target=self._serve, daemon=True).start()
 
-    def _serve(self):
-        while True:
-            connection, _ = self._listener.accept()
-            held = queue.SimpleQueue()
-            threading.Thread(target=self._read, args=(connection, held), daemon=True).start()
-            threading.Thread(target=self._write, args=(connection, held), daemon=True).start()
-
-    @staticmethod
-    def _read(connection, held):
-        try:
-            while data := connection.recv(1 << 16):
-                held.put(data)
-        except OSError:
-            pass
-        held.put(None)
-
-    @staticmethod
-    def _write(connection, held):
-        with connection:
-            try:
-                while (data := held.get()) is not None:
-                    connection.sendall(data)
-            except OSError:
-                pass
+def start_silent(tls=None):
+    """A server that never says a word, with tls once the TLS handshake is done; its port."""
+    port, held = free_port(), []
+    run(asyncio.start_server(lambda *streams: held.append(streams), "127.0.0.1", port, ssl=tls,
+                             ssl_handshake_timeout=60 if tls else None))
+    return port

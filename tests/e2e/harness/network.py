@@ -9,8 +9,7 @@ import itertools
 import os
 import subprocess
 
-DEFAULT_GATEWAY = "10.77.0.1"
-FILTERED_ADDRESS = "10.99.0.9"
+DEFAULT_GATEWAY, FILTERED_ADDRESS = "10.77.0.1", "10.99.0.9"
 _CLONE_NEWUSER, _CLONE_NEWNET = 0x10000000, 0x40000000
 _ports = itertools.count(20001)  # below the kernel's own range, and nobody else is here
 
@@ -26,10 +25,10 @@ def enter_private_network():
     if ctypes.CDLL(None, use_errno=True).unshare(flags) != 0:
         reason = os.strerror(ctypes.get_errno())
         raise SystemExit(f"the tests need a network namespace of their own, refused: {reason}")
-    if uid != 0:
-        for name, text in (("setgroups", "deny"), ("uid_map", f"0 {uid} 1"), ("gid_map", f"0 {gid} 1")):
-            with open(f"/proc/self/{name}", "w", encoding="ascii") as file:
-                file.write(text)
+    maps = {"setgroups": "deny", "uid_map": f"0 {uid} 1", "gid_map": f"0 {gid} 1"} if uid else {}
+    for name, text in maps.items():
+        with open(f"/proc/self/{name}", "w", encoding="ascii") as file:
+            file.write(text)
     for command in ("link set lo up", "route add 10.77.0.0/24 dev lo",
                     f"route add default via {DEFAULT_GATEWAY} dev lo"):
         subprocess.run(["ip", *command.split()], check=True)

@@ -1,4 +1,4 @@
-"""A gateway of its own for each daemon: files, accounts, processes, bus and configuration manager.
+"""A gateway of its own for each daemon: files, accounts, processes, bus, configuration manager.
 
 The daemon's paths are all fixed, so each one runs in a bubblewrap sandbox over a directory of the
 test. The private bus and the configuration manager run beside the sandbox, on that directory's
@@ -9,7 +9,6 @@ import json
 import os
 import pathlib
 import re
-import shutil
 import signal
 import subprocess
 from dataclasses import dataclass
@@ -20,36 +19,35 @@ REPOSITORY = pathlib.Path(__file__).resolve().parents[3]
 BIN = pathlib.Path(os.environ.get("RA_BUILD_DIR", REPOSITORY / "build/release")).resolve() / "bin"
 INSTALLED = "brimlock/gateway/build"
 CONFIG_DIR, PID_FILE = f"{INSTALLED}/config", "tmp/brimlock/remote_terminal.pid"
-CA_PATH = f"/{CONFIG_DIR}/ca.pem"
+CA_FILE, SOCKET = f"{CONFIG_DIR}/ca.pem", "tmp/var/run/mbusd/mbusd_socket"
+PROGRAM = f"/{INSTALLED}/bin/remote_access_daemon"
 NAME, MANAGER = "iot.gateway.remote_access_daemon", "iot.gateway.config_manager"
 SECRET = "kXw81-device-secret-of-the-tests"
-IDENTITY = {"gw_system_productkey": "pk1", "gw_system_devicename": "dev1",
-            "gw_system_devicesecret": SECRET}
-TERMINATED, KILLED = 128 + signal.SIGTERM, 128 + signal.SIGKILL
-
-_FILES = {
+TERMINATED = 128 + signal.SIGTERM
+CONFIG = {
+    "gw_system_productkey": "pk1", "gw_system_devicename": "dev1", "gw_system_devicesecret": SECRET,
+    "gw_remoteaccess_cert_path": f"/{CA_FILE}", "gw_remoteaccess_cloud_host": "127.0.0.1",
+    "gw_remoteaccess_cloud_port": 1, "gw_remoteaccess_tls_type": 0,
+    "gw_remoteaccess_debug_switch": 0, "gw_remoteaccess_trans_timeout": 500,
+    "gw_system_cloud_long_connection": 0, "gw_remoteaccess_tcp_keepalive_period": 5,
+    "gw_remoteaccess_ping_period": 80}
+FILES = {
     "etc/passwd": "root:x:0:0::/root:/bin/sh\n",
     "etc/shadow": "root:*:19000:0:99999:7:::\n",
-    "etc/group": "root:x:0:\n",
     "etc/hosts": "127.0.0.1 localhost local.test cloud.test\n",
     "etc/resolv.conf": "nameserver 127.0.0.1\n",
-    "etc/nsswitch.conf": "passwd: files\nshadow: files\ngroup: files\nhosts: files dns\n",
+    "etc/nsswitch.conf": "passwd: files\nshadow: files\nhosts: files dns\n",
     f"{CONFIG_DIR}/logger.conf": "level=0\n",
     f"{INSTALLED}/SPECIFICATION": "gateway standard\n",
-    f"{INSTALLED}/VERSION": "1.2.3\n",
-}
-_SANITIZERS = {"ASAN_OPTIONS": "quarantine_size_mb=1:abort_on_error=0", "UBSAN_OPTIONS": "print_stacktrace=1",
-               "TSAN_OPTIONS": f"suppressions={os.environ.get('RA_TSAN_SUPPRESSIONS', '')}"}
+    f"{INSTALLED}/VERSION": "1.2.3\n"}
 _LINE = re.compile(r"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3})Z ([DIWE]) remote_access_daemon "
-                   r"([\w/.-]+\.(?:cpp|h)):\d+ (\w+): (.*)")
+                   r"[\w/.-]+\.(?:cpp|h):\d+ \w+: (.*)")
 
 
 @dataclass
 class Line:
     time: float
     level: str
-    unit: str
-    function: str
     text: str
 
 
@@ -65,45 +63,37 @@ class Log:
         with open(self.path, "rb") as file:
             file.seek(self._offset)
             whole = file.read().rpartition(b"\n")[0]
-        if whole:
-            self._offset += len(whole) + 1
-            for text in whole.decode("utf-8", "surrogateescape").split("\n"):
-                self._take(text)
+        self._offset += len(whole) + 1 if whole else 0
+        for text in whole.decode("utf-8", "surrogateescape").split("\n") if whole else ():
+            if found := _LINE.fullmatch(text):
+                at = datetime.datetime.fromisoformat(found[1] + "+00:00").timestamp()
+                self._lines.append(Line(at, found[2], found[3]))
+            else:
+                self.strays.append(text)
         return self._lines
-
-    def _take(self, text):
-        found = _LINE.fullmatch(text)
-        if not found:
-            self.strays.append(text)
-            return
-        at = datetime.datetime.fromisoformat(found[1] + "+00:00").timestamp()
-        self._lines.append(Line(at, *found.groups()[1:]))
 
     def mark(self):
         return len(self.lines)
 
     def find(self, level, text, after=0):
-        """The lines with this level and this text: exact, or a compiled pattern for the whole of it."""
+        """The lines with this level and text: the exact one, or a pattern for the whole of it."""
         fits = text.fullmatch if isinstance(text, re.Pattern) else text.__eq__
         return [line for line in self.lines[after:] if line.level == level and fits(line.text)]
 
     def wait(self, level, text, after=0, count=1, seconds=5):
-        found = poll(lambda: (lines := self.find(level, text, after))[count - 1:] and lines, seconds,
-                     lambda: f"{level} {text!r} (x{count}) in the log:\n{self.tail(after=after)}")
+        found = poll(lambda: (lines := self.find(level, text, after))[count - 1:] and lines,
+                     seconds, lambda: f"{level} {text!r} (x{count}) in the log")
         return found[count - 1]
 
     def in_order(self, wanted, after=0):
-        """The (level, text) pairs appear in this order, others may stand between them."""
-        position = after
-        for level, text in wanted:
-            found = [i for i, line in enumerate(self.lines[position:], position)
-                     if (line.level, line.text) == (level, text)]
-            assert found, f"{level} {text!r} missing or out of order:\n{self.tail(after=after)}"
-            position = found[0] + 1
+        """The (level, text) pairs appear in this order; others may stand between them."""
+        rest = iter([(line.level, line.text) for line in self.lines[after:]])
+        for pair in wanted:
+            assert pair in rest, f"{pair} missing in the log, or out of order"
 
-    def tail(self, count=40, after=0):
-        text = self.path.read_text(errors="replace").splitlines() if self.path.exists() else []
-        return "\n".join(line[:400] for line in text[after:][-count:])
+    def tail(self, count=40):
+        return "\n".join(line[:300] for line in
+                         self.path.read_text(errors="replace").splitlines()[-count:])
 
 
 class Process:
@@ -119,35 +109,32 @@ class Process:
         os.close(info_end)
         with open(info, encoding="ascii") as file:
             text = file.read()
-        assert text, f"the sandbox did not start: {self.log.path.read_text()}"
-        self._init = json.loads(text)["child-pid"]
+        assert text, f"the sandbox did not start: {self.log.tail()}"
+        init = json.loads(text)["child-pid"]
+        self._children = pathlib.Path(f"/proc/{init}/task/{init}/children")
         self.pid = None  # the daemon's process id outside the sandbox
 
     def find_pid(self):
         def daemon():
             try:
-                children = pathlib.Path(f"/proc/{self._init}/task/{self._init}/children").read_text()
-                pid = int(children.split()[0])
-                return os.readlink(f"/proc/{pid}/exe").endswith("/remote_access_daemon") and pid
+                pid = int(self._children.read_text().split()[0])
+                return os.readlink(f"/proc/{pid}/exe") == PROGRAM and pid
             except (OSError, IndexError):
                 return self.status is not None and -1
-        self.pid = poll(daemon, 10, lambda: f"daemon started:\n{self.log.tail()}")
+        self.pid = poll(daemon, 10, "the daemon's process")
 
     @property
     def status(self):
         return self._bwrap.poll()
 
     def wait_exit(self, seconds=10):
-        poll(lambda: self.status is not None, seconds, lambda: f"exit:\n{self.log.tail()}")
+        poll(lambda: self.status is not None, seconds, "the daemon's end")
         return self.status
-
-    def signal(self, number):
-        os.kill(self.pid, number)
 
     def terminate(self):
         """SIGTERM ends the daemon by its default action."""
         if self.status is None:
-            self.signal(signal.SIGTERM)
+            os.kill(self.pid, signal.SIGTERM)
             try:
                 self.wait_exit()
             finally:
@@ -156,89 +143,83 @@ class Process:
 
 
 class Gateway:
-    """Configuration, files and processes of one gateway. start_gateways() brings it up."""
+    """Configuration, files and processes of one gateway; start_gateways() brings it up.
 
-    def __init__(self, directory, name, cloud=None, **options):
-        self.name, self.root = name, directory / name
-        self.config = {
-            **IDENTITY, "gw_remoteaccess_cert_path": CA_PATH,
-            "gw_remoteaccess_cloud_host": "127.0.0.1", "gw_remoteaccess_cloud_port": cloud or 1,
-            "gw_remoteaccess_tls_type": 0, "gw_remoteaccess_debug_switch": 0,
-            "gw_remoteaccess_trans_timeout": 500, "gw_system_cloud_long_connection": 0,
-            "gw_remoteaccess_tcp_keepalive_period": 5, "gw_remoteaccess_ping_period": 80,
-            **options.get("config", {})}
-        self.with_bus = options.get("bus", True)
-        self.with_manager = self.with_bus and options.get("manager", True)
-        self.isolated = options.get("isolated", False)      # a network without a default route
-        self.watched = options.get("watched", False)        # record the watchdog feeds
-        self.command = options.get("command", [f"/{INSTALLED}/bin/remote_access_daemon"])
-        self.expected_statuses = {TERMINATED, *options.get("ends", [])}
-        self.expected_strays = options.get("strays", "(?!)")
+    config, files  what differs from the usual; None leaves a key out
+    bus, manager   whether they are there from the start
+    watched        the watchdog feeds are recorded
+    command        what to run instead of the daemon itself
+    prepare        called with the root directory before anything starts
+    ends, strays   statuses and a pattern of stray lines to be expected
+    """
+
+    def __init__(self, directory, name, cloud=1, config=(), files=(), bus=True, manager=True,
+                 watched=False, command=(PROGRAM,), prepare=None, ends=(), strays="(?!)"):
+        self.name, self.root, self.command = name, directory / name, command
+        self.config = {**CONFIG, "gw_remoteaccess_cloud_port": cloud, **dict(config)}
+        self.bus, self.manager, self.watched = bus, manager and bus, watched
+        self._ends, self._strays = {TERMINATED, *ends}, strays
         self._beside, self.daemon = {}, None
-        for path in ("tmp/var/run/mbusd", f"{INSTALLED}/bin"):
-            (self.root / path).mkdir(parents=True)
-        for path, content in {**_FILES, **options.get("files", {})}.items():
+        (self.root / SOCKET).parent.mkdir(parents=True)
+        for path, content in {**FILES, **dict(files)}.items():
             self.put(path, content)
-        options.get("prepare", lambda root: None)(self.root)
+        if prepare:
+            prepare(self.root)
 
     def put(self, path, content):
         (self.root / path).parent.mkdir(parents=True, exist_ok=True)
-        (self.root / path).write_bytes(content if isinstance(content, bytes) else content.encode())
+        (self.root / path).write_text(content)
 
     @property
     def log(self):
         return self.daemon.log
 
     @property
-    def bus(self):
-        return f"unix:path={self.root}/tmp/var/run/mbusd/mbusd_socket"
+    def address(self):
+        return f"unix:path={self.root / SOCKET}"
 
     def sandbox(self):
         """The bwrap command up to its own options' end."""
-        command = ["bwrap", "--die-with-parent", "--unshare-pid", "--unshare-ipc", "--unshare-uts",
-                   "--ro-bind", "/usr", "/usr", "--proc", "/proc", "--dev", "/dev", "--clearenv",
-                   "--ro-bind", f"{self.root}/etc", "/etc", "--bind", f"{self.root}/tmp", "/tmp",
-                   "--bind", f"{self.root}/brimlock", "/brimlock", "--ro-bind", BIN, f"/{INSTALLED}/bin"]
-        for name in ("bin", "sbin", "lib", "lib64"):
-            if os.path.exists(f"/usr/{name}"):
-                command += ["--symlink", f"usr/{name}", f"/{name}"]
-        for name, value in _SANITIZERS.items():
-            command += ["--setenv", name, value]
-        if os.environ.get("RA_TSAN_SUPPRESSIONS"):
-            command += ["--ro-bind", *[os.environ["RA_TSAN_SUPPRESSIONS"]] * 2]
-        return command + ["--unshare-net"] * self.isolated
+        return ["bwrap", "--die-with-parent", "--unshare-pid", "--unshare-ipc", "--unshare-uts",
+                "--ro-bind", "/usr", "/usr", "--symlink", "usr/bin", "/bin", "--symlink", "usr/lib",
+                "/lib", "--symlink", "usr/lib64", "/lib64", "--proc", "/proc", "--dev", "/dev",
+                "--ro-bind", f"{self.root}/etc", "/etc", "--bind", f"{self.root}/tmp", "/tmp",
+                "--bind", f"{self.root}/brimlock", "/brimlock", "--ro-bind", BIN,
+                f"/{INSTALLED}/bin", "--clearenv", "--setenv", "ASAN_OPTIONS",
+                "quarantine_size_mb=1"]
 
-    def _spawn_beside(self, name, *command):
+    def spawn_beside(self, name, *command):
+        """Run a program until stop(); its output is log_beside(name)."""
         with open(self.root / f"{name}.log", "ab") as log:
             self._beside[name] = subprocess.Popen(
                 ["setpriv", "--pdeathsig", "KILL", *map(str, command)],
                 stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+        return self._beside[name]
+
+    def log_beside(self, name):
+        return (self.root / f"{name}.log").read_text(errors="replace")
 
     def start_bus(self):
-        socket = self.root / "tmp/var/run/mbusd/mbusd_socket"
-        socket.unlink(missing_ok=True)
-        self._spawn_beside("bus", "dbus-daemon", "--nofork", "--nopidfile", f"--address={self.bus}",
-                           f"--config-file={REPOSITORY}/gateway/bus/mbusd.conf")
+        (self.root / SOCKET).unlink(missing_ok=True)
+        self.spawn_beside("bus", "dbus-daemon", "--nofork", "--nopidfile", "--address",
+                           self.address, "--config-file", REPOSITORY / "gateway/bus/mbusd.conf")
 
     def start_manager(self):
         self.wait_for_name("org.freedesktop.DBus")
         if not (self.root / "config.txt").exists():
             keys = (f"{key}={value}\n" for key, value in self.config.items() if value is not None)
             self.put("config.txt", "".join(keys))
-        self._spawn_beside("manager", BIN / "gateway_config_manager", "--bus", self.bus,
+        self.spawn_beside("manager", BIN / "gateway_config_manager", "--bus", self.address,
                            "--file", self.root / "config.txt")
         if self.watched:
-            self._spawn_beside("feeds", "dbus-monitor", "--address", self.bus,
+            self.spawn_beside("feeds", "dbus-monitor", "--address", self.address,
                                "type='signal',interface='iot.gateway.watchdog'")
-            poll(lambda: "NameAcquired" in self.feeds(), 5, "dbus-monitor listens")
+            poll(lambda: "NameAcquired" in self.log_beside("feeds"), 5, "dbus-monitor listens")
 
     def stop_bus(self):
         for process in ("bus", "manager"):
             self._beside[process].kill()
             self._beside[process].wait()
-
-    def feeds(self):
-        return (self.root / "feeds.log").read_text()
 
     def spawn(self, tag=""):
         return Process(self, tag, self.command)
@@ -246,28 +227,28 @@ class Gateway:
     def call(self, destination, method, *arguments, path=None, timeout_ms=3000):
         """A bus call with dbus-send: (status, what it printed)."""
         path = path or "/" + destination.replace(".", "/")
-        done = subprocess.run(["dbus-send", f"--bus={self.bus}", f"--reply-timeout={timeout_ms}",
-                               "--print-reply=literal", f"--dest={destination}", path, method, *arguments],
-                              capture_output=True, text=True, check=False)
+        done = subprocess.run(
+            ["dbus-send", f"--bus={self.address}", f"--reply-timeout={timeout_ms}",
+             "--print-reply=literal", f"--dest={destination}", path, method, *arguments],
+            capture_output=True, text=True, check=False)
         return done.returncode, (done.stdout + done.stderr).strip()
 
-    def wait_for_name(self, name, seconds=5):
+    def wait_for_name(self, name):
         poll(lambda: self.call("org.freedesktop.DBus", "org.freedesktop.DBus.NameHasOwner",
-                               f"string:{name}") == (0, "boolean true"), seconds,
-             lambda: f"{name} on the bus of {self.name}")
+                               f"string:{name}") == (0, "boolean true"), 5, f"{name} on the bus")
 
     def stop(self):
         """End everything; returns what went wrong while it ran."""
         faults = []
-        if self.daemon:
+        if self.daemon and self.daemon.pid:
             status = self.daemon.terminate()
-            if status not in self.expected_statuses:
+            if status not in self._ends:
                 faults.append(f"the daemon ended with status {status}")
-            lines = self.log.lines
+            secret = self.config["gw_system_devicesecret"] or SECRET
+            faults += [f"the secret was logged: {line.text}" for line in self.log.lines
+                       if secret in line.text]
             faults += [f"not a log line: {text}" for text in self.log.strays
-                       if not re.fullmatch(self.expected_strays, text)]
-            secret = str(self.config.get("gw_system_devicesecret"))
-            faults += [f"the secret was logged: {line.text}" for line in lines if secret in line.text]
+                       if not re.fullmatch(self._strays, text)]
         for process in self._beside.values():
             process.kill()
             process.wait()
@@ -276,13 +257,12 @@ class Gateway:
 
 def start_gateways(gateways):
     """Bring several up side by side, each step for all of them before the next."""
-    missing = [p for p in ("remote_access_daemon", "gateway_config_manager") if not (BIN / p).exists()]
-    missing += [p for p in ("bwrap", "dbus-daemon", "dbus-send", "setpriv") if not shutil.which(p)]
-    if missing:
-        raise RuntimeError(f"not there: {', '.join(missing)} (programs of ours are looked for in {BIN})")
-    for gateway in [gateway for gateway in gateways if gateway.with_bus]:
-        gateway.start_bus()
-    managed = [gateway for gateway in gateways if gateway.with_manager]
+    for program in ("remote_access_daemon", "gateway_config_manager"):
+        assert (BIN / program).exists(), f"not built: {BIN / program} (RA_BUILD_DIR says where)"
+    for gateway in gateways:
+        if gateway.bus:
+            gateway.start_bus()
+    managed = [gateway for gateway in gateways if gateway.manager]
     for gateway in managed:
         gateway.start_manager()
     for gateway in managed:

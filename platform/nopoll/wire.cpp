@@ -12,6 +12,7 @@ namespace ws {
 
 std::span<uint8_t> bytesOf(BYTE_QUEUE_T &queue)
 {
+    if (!queue.data) return {};
     return {queue.data.get() + queue.start, queue.end - queue.start};
 }
 

@@ -19,15 +19,15 @@ struct Identity : testing::Test {
     IDENTITY_T stranger = makeIdentity({.subject = "authority", .authority = true});
     std::string ca = directory.write("ca.pem", pemOf(authority));
 
-    // Opens a TLS channel to a server with this identity; "" when it gets ready, else what was
-    // logged.
-    std::string visit(const IDENTITY_T &identity, const char *host, noPollConnOpts *options,
+    // Opens a TLS channel to a server with this identity, which is expected to carry this name; ""
+    // when it gets ready, else what was logged.
+    std::string visit(const IDENTITY_T &identity, const char *name, noPollConnOpts *options,
                       std::string *sni = nullptr, int max_tls = TLS1_3_VERSION)
     {
         ScriptedServer server{&identity, max_tls};
         CLIENT_T client;
         server.acceptOne(properAnswer);
-        client.dial(host, server.port(), options);
+        client.dial("127.0.0.1", server.port(), options, name);
         noPollConn *conn = client.conn.get();
         const bool ready = nopoll_conn_wait_until_connection_ready(conn, PATIENCE_S);
         EXPECT_EQ(nopoll_conn_is_ok(conn), ready);
@@ -63,53 +63,56 @@ UniqueFd knock(const sockaddr_in &address)
 
 TEST_F(Identity, HoldsTheServerAgainstTheCaFileAndItsName)
 {
-    const IDENTITY_T named = makeIdentity({.names = "IP:127.0.0.1,DNS:localhost"}, &authority);
-    const IDENTITY_T other_name =
-        makeIdentity({.names = "DNS:other.example,IP:127.0.0.2"}, &authority);
+    const auto signedFor = [&](const char *names) {
+        return makeIdentity({.names = names}, &authority);
+    };
+    const IDENTITY_T named = signedFor("IP:127.0.0.1,DNS:gw1.test.example");
+    const IDENTITY_T other_name = signedFor("DNS:gw2.test.example,IP:127.0.0.2");
+    const IDENTITY_T wildcard = signedFor("DNS:*.test.example");
+    const IDENTITY_T partial = signedFor("DNS:gw*.test.example");
     const IDENTITY_T by_stranger = makeIdentity({.names = "IP:127.0.0.1"}, &stranger);
     const IDENTITY_T expired =
         makeIdentity({.names = "IP:127.0.0.1", .ends_in_s = -60}, &authority);
     const IDENTITY_T early =
         makeIdentity({.names = "IP:127.0.0.1", .starts_in_s = 600}, &authority);
-    const IDENTITY_T partial = makeIdentity({.names = "DNS:local*"}, &authority);
-    const IDENTITY_T pinned = makeIdentity({.subject = "gateway back end"});
-    const IDENTITY_T twin = makeIdentity({.subject = "gateway back end"});
+    const IDENTITY_T pinned = makeIdentity({.subject = "back end"});
+    const IDENTITY_T twin = makeIdentity({.subject = "back end"});
     const IDENTITY_T stale_pin = makeIdentity({.ends_in_s = -60});
     const std::string pin = directory.write("pin.pem", pemOf(pinned));
     const std::string old_pin = directory.write("old.pem", pemOf(stale_pin));
-    const std::string with_leaf =
-        directory.write("chain.pem", pemOf(authority) + pemOf(other_name));
+    const std::string both = directory.write("both.pem", pemOf(authority) + pemOf(other_name));
+    const char *const address = "127.0.0.1";
+    const char *const name = "gw1.test.example";
     struct ROW_T {
         const char *what;
         const IDENTITY_T *identity;
         const char *ca;
-        const char *host;
+        const char *name;
         const char *logged; // empty: accepted
     };
     const ROW_T rows[] = {
-        {"address", &named, ca.c_str(), "127.0.0.1", ""},
-        {"name", &named, ca.c_str(), "localhost", ""},
-        {"wrong address", &other_name, ca.c_str(), "127.0.0.1", "IP address mismatch"},
-        {"wrong name", &other_name, ca.c_str(), "localhost", "hostname mismatch"},
-        {"partial wildcard", &partial, ca.c_str(), "localhost", "hostname mismatch"},
-        {"wrong CA of the same name", &by_stranger, ca.c_str(), "127.0.0.1",
-         "certificate is not accepted"},
-        {"expired", &expired, ca.c_str(), "127.0.0.1", "certificate has expired"},
-        {"not valid yet", &early, ca.c_str(), "127.0.0.1", "not yet valid"},
-        {"pinned", &pinned, pin.c_str(), "127.0.0.1", ""},
-        {"pinned, by name", &pinned, pin.c_str(), "localhost", ""},
-        {"not the pinned one", &twin, pin.c_str(), "127.0.0.1", "self-signed certificate"},
-        {"pinned but expired", &stale_pin, old_pin.c_str(), "127.0.0.1", "certificate has expired"},
-        {"in the file but signed by another", &other_name, with_leaf.c_str(), "127.0.0.1",
-         "IP address mismatch"},
-        {"no such file", &named, "/nowhere/ca.pem", "127.0.0.1", "/nowhere/ca.pem: No such file"},
-        {"empty path", &named, "", "127.0.0.1", "cannot use the CA file"},
-        {"no certificate inside", &named, ECHO_SERVER, "127.0.0.1", "cannot use the CA file"},
-        {"no file", &named, nullptr, "127.0.0.1", "no CA file is set"},
+        {"address", &named, ca.c_str(), address, ""},
+        {"name", &named, ca.c_str(), name, ""},
+        {"wildcard", &wildcard, ca.c_str(), name, ""},
+        {"partial wildcard", &partial, ca.c_str(), name, "hostname mismatch"},
+        {"wrong address", &other_name, ca.c_str(), address, "IP address mismatch"},
+        {"wrong name", &other_name, ca.c_str(), name, "hostname mismatch"},
+        {"wrong CA of the same name", &by_stranger, ca.c_str(), address, "is not accepted"},
+        {"expired", &expired, ca.c_str(), address, "certificate has expired"},
+        {"not valid yet", &early, ca.c_str(), address, "not yet valid"},
+        {"pinned", &pinned, pin.c_str(), address, ""},
+        {"pinned, by name", &pinned, pin.c_str(), name, ""},
+        {"not the pinned one", &twin, pin.c_str(), address, "self-signed certificate"},
+        {"pinned but expired", &stale_pin, old_pin.c_str(), address, "certificate has expired"},
+        {"in the file but signed by another", &other_name, both.c_str(), name, "hostname mismatch"},
+        {"no such file", &named, "/nowhere/ca.pem", address, "/nowhere/ca.pem: No such file"},
+        {"empty path", &named, "", address, "cannot use the CA file"},
+        {"no certificate inside", &named, ECHO_SERVER, address, "cannot use the CA file"},
+        {"no file", &named, nullptr, address, "no CA file is set"},
     };
     for (const ROW_T &row : rows) {
         SCOPED_TRACE(row.what);
-        const std::string log = visit(*row.identity, row.host, optionsFor(row.ca));
+        const std::string log = visit(*row.identity, row.name, optionsFor(row.ca));
         EXPECT_EQ(log.empty(), *row.logged == '\0') << log;
         EXPECT_THAT(log, HasSubstr(row.logged));
     }

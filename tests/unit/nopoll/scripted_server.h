@@ -1,6 +1,6 @@
 // A WebSocket server of a few lines that sends what a test tells it, right or wrong, and reads
-// frames strictly. Only its accept runs in a thread; after that the test moves both ends. Every
-// wait ends after PATIENCE_S.
+// frames strictly. Only its accept runs in a thread; after that the test moves both ends.
+// Every wait ends after PATIENCE_S.
 #pragma once
 
 #include "platform/nopoll/nopoll.h"
@@ -84,10 +84,13 @@ struct CLIENT_T {
 
     CLIENT_T();
     // Over TLS when there are options.
-    void dial(const char *host, const char *port, noPollConnOpts *options);
+    void dial(const char *host, const char *port, noPollConnOpts *options,
+              const char *name = nullptr);
 };
 noPollConnOpts *optionsFor(const char *ca_path);
 // Waits until the channel has something; null when it has ended or nothing came in time.
 noPollMsg *awaitPiece(noPollConn *conn);
-// A whole message; checks that no piece but the last ends it and that none is empty without need.
-std::string awaitMessage(noPollConn *conn);
+// A whole message, the given beginning of it included; checks that none of its pieces is empty
+// without need.
+std::string awaitMessage(noPollConn *conn, std::string begun = {});
+std::string textOf(noPollMsg *piece);

@@ -1,0 +1,53 @@
+#include "tests/support/fake_logger.h"
+
+#include "platform/logger/logger.h"
+
+#include <cctype>
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace {
+
+std::mutex g_lock;
+std::vector<std::string> g_lines;
+
+} // namespace
+
+void log_print(int level, const char *, const char *, const char *, const char *, int,
+               const char *format, ...)
+{
+    std::string text(60000, '\0');
+    std::va_list args;
+    va_start(args, format);
+    text.resize(static_cast<std::size_t>(std::vsnprintf(text.data(), text.size(), format, args)));
+    va_end(args);
+    const std::lock_guard lock{g_lock};
+    g_lines.push_back(std::to_string(level) + " " + text);
+    if (level == LOG_LEVEL_ERROR) std::fprintf(stderr, "%s\n", g_lines.back().c_str());
+}
+
+std::string fake_logger::take(int min_level)
+{
+    const std::lock_guard lock{g_lock};
+    std::string joined;
+    for (const std::string &line : std::exchange(g_lines, {}))
+        if (line[0] - '0' >= min_level) joined += (joined.empty() ? "" : "|") + line;
+    return maskIds(joined);
+}
+
+std::string maskIds(std::string text)
+{
+    std::size_t run = 0;
+    for (std::size_t i = 0; i <= text.size(); ++i) {
+        if (i < text.size() && std::isalnum(static_cast<unsigned char>(text[i])) != 0) {
+            ++run;
+            continue;
+        }
+        if (run == ID.size()) text.replace(i - run, run, ID);
+        run = 0;
+    }
+    return text;
+}

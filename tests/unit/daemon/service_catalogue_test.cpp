@@ -1,0 +1,193 @@
+#include "src/remote_access_config.h"
+#include "src/remote_access_default_route.h"
+#include "src/remote_access_local_common.h"
+#include "src/remote_access_request_payload.h"
+#include "src/remote_access_service_catalogue.h"
+#include "tests/support/fake_files.h"
+#include "tests/support/fake_logger.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+std::string service(const std::string &name, const std::string &port = "22")
+{
+    return R"({"type":"SSH","name":")" + name + R"(","ip":"10.0.0.1","port":)" + port + "}";
+}
+
+class ServiceCatalogue : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        g_fake_files.clear();
+        fake_logger::take();
+        list_init(&record.service_list);
+    }
+    // The entries as "type name ip port|", in list order; forgets them.
+    std::string take()
+    {
+        std::string entries;
+        while (record.service_list.next != &record.service_list) {
+            SERVICE_INFO_T *const entry =
+                container_of(record.service_list.next, SERVICE_INFO_T, list_link);
+            entries += std::string{entry->service_type} + " " + entry->service_name + " " +
+                       entry->service_ip + " " + std::to_string(entry->service_port) + "|";
+            list_del(&entry->list_link);
+            delete entry;
+            --record.service_count;
+        }
+        EXPECT_EQ(0U, record.service_count);
+        return entries;
+    }
+    std::string load(const std::string &text)
+    {
+        g_fake_files["remote_terminal.json"] = text;
+        EXPECT_EQ(0, getLocalServiceInfo(&record));
+        return take();
+    }
+
+    REMOTE_ACCESS_CONFIG_T record{};
+};
+
+} // namespace
+
+TEST_F(ServiceCatalogue, FallsBackToTheBuiltInList)
+{
+    EXPECT_EQ(0, getLocalServiceInfo(&record));
+    EXPECT_EQ("2 failed to open file: /brimlock/gateway/build/config/remote_terminal.json: No such "
+              "file or directory|2 can not get service list, using default value|"
+              R"(1 local service list info : [{"type":"SFTP","name":"sftp_localhost",)"
+              R"("ip":"127.0.0.1","port":22},{"type":"SSH","name":"ssh_localhost",)"
+              R"("ip":"127.0.0.1","port":22},{"type":"SFTP","name":"sftp_hostmachine",)"
+              R"("ip":"172.17.0.1","port":22},{"type":"SSH","name":"ssh_hostmachine",)"
+              R"("ip":"172.17.0.1","port":22},{"type":"HTTP","name":"http_localhost",)"
+              R"("ip":"127.0.0.1","port":80},{"type":"HTTPS","name":"openapi_brimlock",)"
+              R"("ip":"127.0.0.1","port":9999}])",
+              fake_logger::take(0));
+    EXPECT_EQ("HTTPS openapi_brimlock 127.0.0.1 9999|HTTP http_localhost 127.0.0.1 80|"
+              "SSH ssh_hostmachine 172.17.0.1 22|SFTP sftp_hostmachine 172.17.0.1 22|"
+              "SSH ssh_localhost 127.0.0.1 22|SFTP sftp_localhost 127.0.0.1 22|",
+              take());
+}
+
+TEST_F(ServiceCatalogue, ExaminesTwentyObjectsOfAFile)
+{
+    for (const int count : {19, 20, 25}) {
+        std::string text = "  [1,\"two\",[3],true", expected;
+        for (int i = 0; i < count; ++i) { // the second one is not valid and counts all the same
+            const std::string name = "s" + std::to_string(i);
+            text += "," + service(name, i == 1 ? "-1" : "22");
+            if (i != 1 && i < 20) expected = "SSH " + name + " 10.0.0.1 22|" + expected;
+        }
+        EXPECT_EQ(expected, load(text));
+        EXPECT_EQ("1 local service list info : " + text + "|2 service port must <= 65535" +
+                      (count >= 20 ? "|2 number of services is limited: 20" : ""),
+                  fake_logger::take(0));
+    }
+}
+
+TEST_F(ServiceCatalogue, SkipsWhatIsNotAService)
+{
+    const std::string a = "SSH a 10.0.0.1 22|", b = "SSH b 10.0.0.1 22|", n40(40, 'n');
+    const struct {
+        std::string text, line, entries;
+    } rows[] = {
+        {service("a"), "", ""}, // not an array
+        {"\t[" + service("a") + "]", "", ""},
+        {"[{}]", "2 serviceInfo \"name\"  is invalid", ""},
+        {R"([{"name":1,"type":"t"}])", "2 serviceInfo \"name\"  is invalid", ""},
+        {R"([{"name":"a","ip":1,"port":1}])", "2 serviceInfo \"type\"  is invalid", ""},
+        {R"([{"name":"a","type":"t","ip":1}])", "2 serviceInfo \"ip\"  is invalid", ""},
+        {R"([{"name":"a","type":"t","ip":"1"}])", "2 serviceInfo \"port\"  is invalid", ""},
+        {"[" + service("a", "\"22\"") + "]", "2 serviceInfo \"port\"  is invalid", ""},
+        {"[" + service("a", "65536") + "]", "2 service port must <= 65535", ""},
+        {"[" + service("a", "65535.9") + "]", "", "SSH a 10.0.0.1 65535|"},
+        {"[" + service("a", "0") + "]", "", "SSH a 10.0.0.1 0|"},
+        {"[{a}," + service("b") + "]", "2 cJSON parse serviceInfo failed", b},
+        {"[" + service("a") + "]," + service("b"), "", b + a},
+        {"[" + service("a") + service("b") + "]", "", a}, // no comma
+        {R"([{"NAME":"a","type":"12345678901234567","ip":"123456789012345678901234","Port":1}])",
+         "", "123456789012345 a 12345678901234567890123 1|"},
+        {"[" + service(n40) + "]", "", "SSH " + n40.substr(0, 31) + " 10.0.0.1 22|"},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(row.entries, load(row.text)) << row.text;
+        EXPECT_EQ(row.line, fake_logger::take(2)) << row.text;
+    }
+}
+
+TEST_F(ServiceCatalogue, HostMachineServicesTakeItsAddressInTheProfessionalEdition)
+{
+    const std::string text = "[" + service("ssh_hostmachine") + "," + service("sftp_hostmachine2") +
+                             "," + service("ssh_hostmachin") + "," + service("sftp_hostmachin") +
+                             "]";
+    for (const std::string own : {"192.168.1.254", ""}) {
+        std::strcpy(record.host_machine_ip, own.c_str());
+        for (const int edition : {EDITION_UNKNOWN, EDITION_STANDARD, EDITION_PROFESSIONAL}) {
+            record.edition = edition;
+            const std::string ip = edition == EDITION_PROFESSIONAL ? own : "10.0.0.1";
+            EXPECT_EQ("SSH sftp_hostmachin 10.0.0.1 22|SSH ssh_hostmachin 10.0.0.1 22|"
+                      "SSH sftp_hostmachine2 " +
+                          ip + " 22|SSH ssh_hostmachine " + ip + " 22|",
+                      load(text));
+        }
+    }
+}
+
+TEST_F(ServiceCatalogue, FindsTheFirstEntryThatIsEqualInAllFour)
+{
+    for (const std::uint32_t port : {22U, 80U, 22U})
+        addServiceToList(&record.service_count, &record.service_list, "a", "SSH", "10.0.0.1", port);
+    const LIST_LINK_T &list = record.service_list;
+    EXPECT_EQ(container_of(list.next, SERVICE_INFO_T, list_link),
+              findLocalServiceInfo(&list, {"SSH", "a", "10.0.0.1", 22}));
+    for (const NEW_SESSION_REQ_T &other : {NEW_SESSION_REQ_T{"SS", "a", "10.0.0.1", 22},
+                                           {"SSH", "ab", "10.0.0.1", 22},
+                                           {"SSH", "a", "10.0.0.10", 22},
+                                           {"SSH", "a", "10.0.0.1", 23}})
+        EXPECT_EQ(nullptr, findLocalServiceInfo(&list, other));
+    take();
+}
+
+TEST_F(ServiceCatalogue, ReadsOnlyRegularFilesWithContent)
+{
+    g_fake_files["empty"] = "";
+    EXPECT_EQ(nullptr, local_common::_load_cfg_from_json("/brimlock/empty"));
+    EXPECT_EQ("2 file: /brimlock/empty is empty", fake_logger::take(0));
+    const std::string fifo = testing::TempDir() + "daemon_test." + std::to_string(::getpid());
+    ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600)); // must not be waited for
+    for (const char *path : {fifo.c_str(), "/"}) {
+        EXPECT_EQ(nullptr, local_common::_load_cfg_from_json(path));
+        EXPECT_EQ("2 f", fake_logger::take(0).substr(0, 3)); // which line depends on the system
+    }
+    ::unlink(fifo.c_str());
+    EXPECT_EQ(nullptr, local_common::_load_cfg_from_json(nullptr));
+    EXPECT_EQ("", fake_logger::take(0));
+}
+
+TEST_F(ServiceCatalogue, HostMachineIsTheFirstDefaultRoute)
+{
+    const std::string head = "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\n"
+                             "eth0\t0000A8C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\n";
+    const std::string fallback = "2 host machine addr get failed,using default ip:172.17.0.1";
+    const std::pair<std::string, std::string> rows[] = {
+        {head + "eth0\t00000000\t0100A8C0\t0003\neth1\t00000000\t0200A8C0\n",
+         "1 host machine addr: 192.168.0.1"},
+        {"a 00000000 fe01a8c0 0000", "1 host machine addr: 192.168.1.254"},
+        {head + "eth0\t000000000\t0100A8C0\n\n", fallback},
+        {"", fallback}};
+    char out[HOST_ADDRESS_SIZE] = "unchanged";
+    EXPECT_EQ(0, getDefaultGatewayAddr(out)); // there is no table
+    EXPECT_STREQ("unchanged", out);
+    EXPECT_EQ("", fake_logger::take(0));
+    for (const auto &[table, line] : rows) {
+        g_fake_files["route"] = table;
+        EXPECT_EQ(line == fallback ? -1 : 0, getDefaultGatewayAddr(out));
+        EXPECT_EQ(line, fake_logger::take(0));
+        EXPECT_TRUE(line.ends_with(out)) << out;
+    }
+}

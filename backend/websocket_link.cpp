@@ -1,16 +1,15 @@
 #include "backend/websocket_link.h"
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <stdexcept>
 #include <type_traits>
 
-#include <boost/asio/impl/src.hpp>
 #include <boost/asio/ssl/context.hpp>
-#include <boost/asio/ssl/impl/src.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/field.hpp>
-#include <boost/beast/src.hpp>
 #include <boost/beast/ssl/ssl_stream.hpp>
 #include <boost/beast/websocket.hpp>
 #include <boost/beast/websocket/ssl.hpp>
@@ -18,6 +17,7 @@
 #include <openssl/crypto.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace backend {
 
@@ -40,9 +40,17 @@ struct TLS_CONTEXT_T {
     asio::ssl::context context{asio::ssl::context::tls_server};
 };
 
+// The library has no words of its own for a file that is not there.
+static void requireReadable(const std::string &file)
+{
+    if (access(file.c_str(), R_OK) != 0) throw std::runtime_error(file + ": " + strerror(errno));
+}
+
 std::shared_ptr<TLS_CONTEXT_T> makeTlsContext(const std::string &cert_file,
                                               const std::string &key_file)
 {
+    requireReadable(cert_file);
+    requireReadable(key_file);
     auto tls = std::make_shared<TLS_CONTEXT_T>();
     if (SSL_CTX_set_min_proto_version(tls->context.native_handle(), TLS1_2_VERSION) != 1) {
         throw std::runtime_error("TLS 1.2 is not available");

@@ -19,9 +19,6 @@ static std::span<const std::uint8_t> bytesOf(const std::string &text)
 
 TEST(ProtocolMessage, GoodOnesAreTakenApart)
 {
-    const std::string text =
-        "{\"msg_type\": 21,\"payload_len\": 3,\"msg_id\": \"m1\",\"timestamp\":1600000000,"
-        "\"token\":\"t1\"}\r\n\r\n\0}x";
     const std::string bytes =
         "{\"msg_type\": 21,\"payload_len\": 3,\"msg_id\": \"m1\",\"timestamp\":1600000000,"
         "\"token\":\"t1\"}\r\n\r\n" +

@@ -11,7 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-static bool isReady(int fd, short events, int wait_ms = WAIT_MS)
+bool isReady(int fd, short events, int wait_ms)
 {
     pollfd entry{fd, events, 0};
     return poll(&entry, 1, wait_ms) > 0;
@@ -154,8 +154,10 @@ void SCRIPTED_DEVICE::sendHandshake(const std::string &name, const std::string &
 
 std::optional<MESSAGE_SEEN_T> SCRIPTED_DEVICE::receive()
 {
+    if (!isReady(peer.fd, POLLIN)) return std::nullopt;
     const std::string start = peer.receive(2);
-    if (start.size() < 2 || start[0] != static_cast<char>(0x82))
+    has_ended = start.size() < 2 || start[0] == static_cast<char>(0x88);
+    if (has_ended || start[0] != static_cast<char>(0x82))
         return std::nullopt; // whole and binary only
     std::size_t size = static_cast<unsigned char>(start[1]);
     if (size >= 126) {
@@ -178,5 +180,7 @@ std::optional<MESSAGE_SEEN_T> SCRIPTED_DEVICE::receive()
 
 bool SCRIPTED_DEVICE::isClosed()
 {
-    return peer.ending() != "open";
+    while (receive())
+        continue;
+    return has_ended;
 }

@@ -12,6 +12,8 @@
 
 constexpr int WAIT_MS = 5000;
 
+bool isReady(int fd, short events, int wait_ms = WAIT_MS); // events as for poll
+
 class TCP_PEER {
 public:
     explicit TCP_PEER(std::uint16_t port);
@@ -59,4 +61,5 @@ public:
                                std::string_view payload);
     static std::string frame(int opcode, std::string_view bytes);
     TCP_PEER peer;
+    bool has_ended = false; // a close frame or the connection's end was read
 };

@@ -1,0 +1,4 @@
+// What Asio and Beast have outside of templates, compiled once for the whole program.
+#include <boost/asio/impl/src.hpp>
+#include <boost/asio/ssl/impl/src.hpp>
+#include <boost/beast/src.hpp>

@@ -1,11 +1,10 @@
 #include "gateway/config_manager/config_service.h"
 
 #include "common/log.h"
+#include "gateway/module.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
-#include <poll.h>
 #include <sdbus-c++/sdbus-c++.h>
 #include <set>
 #include <tuple>
@@ -16,7 +15,6 @@ namespace {
 constexpr char SERVICE_NAME[] = "iot.gateway.config_manager"; // the interface's, too
 constexpr char SERVICE_PATH[] = "/iot/gateway/config_manager";
 constexpr char NOTICE_METHOD[] = "notify_config";
-constexpr std::size_t BUS_NAME_MAX = 255;
 
 enum ANSWER : std::int32_t {
     ANSWER_DONE = 0,
@@ -28,22 +26,35 @@ enum SUBSCRIBE_FLAG : std::int32_t { SUBSCRIBE_END = 0, SUBSCRIBE_BEGIN = 1 };
 
 struct CONFIG_SERVICE_T {
     CONFIG_STORE_T &store;
+    CONFIG_STORE_T &subscribers; // the same as below, for the next start
     sdbus::IConnection &bus;
     std::set<std::pair<std::string, std::string>> subscriptions; // key, module
 };
 
-// Whether a text is a bus name from which a path and an interface can be made.
-bool is_module_name(const std::string &name)
+// What an earlier run left; the file can be edited by hand, and the bus takes nothing but a name.
+void recall_subscriptions(CONFIG_SERVICE_T &service)
 {
-    if (name.size() > BUS_NAME_MAX || name.find('.') == std::string::npos) return false;
-    char before = '.';
-    for (const char c : name) {
-        const bool letter = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_';
-        const bool digit = c >= '0' && c <= '9';
-        if (before == '.' ? !letter : !letter && !digit && c != '.') return false;
-        before = c;
+    for (const CONFIG_LINE_T &line : service.subscribers.lines) {
+        std::string_view names = line.key.empty() ? std::string_view{} : line.text;
+        while (!names.empty() && service.subscriptions.size() < SUBSCRIPTIONS_MAX) {
+            const std::size_t end = std::min(names.find(' '), names.size());
+            const std::string_view name = names.substr(0, end);
+            if (is_module_name(name)) service.subscriptions.emplace(line.key, name);
+            names.remove_prefix(std::min(end + 1, names.size()));
+        }
     }
-    return before != '.';
+}
+
+void keep_subscriptions(CONFIG_SERVICE_T &service, const std::string &key)
+{
+    std::string names;
+    auto row = service.subscriptions.lower_bound({key, {}});
+    for (; row != service.subscriptions.end() && row->first == key; ++row) {
+        names.append(names.empty() ? "" : " ").append(row->second);
+    }
+    // A read-only disk was reported by the store, and takes no subscription from a module that
+    // runs.
+    (void)set_config_value(service.subscribers, key, names);
 }
 
 void notify(sdbus::IConnection &bus, const std::string &module, const std::string &key,
@@ -105,17 +116,20 @@ std::int32_t answer_subscribe(CONFIG_SERVICE_T &service, const std::string &modu
 {
     const bool sensible = is_module_name(module) && is_config_key(key) &&
                           (flag == SUBSCRIBE_BEGIN || flag == SUBSCRIBE_END);
-    if (sensible && flag == SUBSCRIBE_END) {
-        service.subscriptions.erase({key, module});
-        return ANSWER_DONE;
-    }
-    if (!sensible || service.subscriptions.size() >= SUBSCRIPTIONS_MAX) {
+    const bool subscribed = service.subscriptions.contains({key, module});
+    if (sensible && subscribed == (flag == SUBSCRIBE_BEGIN)) return ANSWER_DONE;
+    if (!sensible || (!subscribed && service.subscriptions.size() >= SUBSCRIPTIONS_MAX)) {
         RA_WARN("subscription refused: %s",
                 sensible ? "there are too many" : "bad module, key or flag");
         return ANSWER_FAILED;
     }
-    service.subscriptions.emplace(key, module);
-    RA_INFO("%s is told of %s", module.c_str(), key.c_str());
+    if (subscribed) {
+        service.subscriptions.erase({key, module});
+    } else {
+        service.subscriptions.emplace(key, module);
+    }
+    keep_subscriptions(service, key);
+    RA_INFO("%s is %s told of %s", module.c_str(), subscribed ? "no longer" : "now", key.c_str());
     return ANSWER_DONE;
 }
 
@@ -146,36 +160,24 @@ std::unique_ptr<sdbus::IObject> offer_methods(CONFIG_SERVICE_T &service)
     return object;
 }
 
-// Handles what the bus brings until stop_fd becomes readable; a lost bus is an exception.
-void serve_until_stopped(sdbus::IConnection &bus, int stop_fd)
-{
-    for (;;) {
-        const bool more = bus.processPendingRequest();
-        const auto wanted = bus.getEventLoopPollData();
-        pollfd sources[] = {{wanted.fd, wanted.events, 0}, {stop_fd, POLLIN, 0}};
-        if (::poll(sources, std::size(sources), more ? 0 : wanted.getPollTimeout()) < 0 &&
-            errno != EINTR) {
-            throw sdbus::createError(errno, "waiting failed");
-        }
-        if (sources[1].revents != 0) return;
-    }
-}
-
 } // namespace
 
-int serve_config(const std::string &bus_address, CONFIG_STORE_T &store, int stop_fd)
+int serve_config(const std::string &bus_address, CONFIG_STORE_T &store, CONFIG_STORE_T &subscribers,
+                 int stop_fd)
 {
     const char *step = "reaching the bus";
     try {
         const auto bus = sdbus::createSessionBusConnectionWithAddress(bus_address);
-        CONFIG_SERVICE_T service{store, *bus, {}};
+        CONFIG_SERVICE_T service{store, subscribers, *bus, {}};
+        recall_subscriptions(service);
         const auto object = offer_methods(service);
         step = "taking the name";
         bus->requestName(SERVICE_NAME);
         RA_INFO("%zu keys of %s offered on %s", store.places.size(), store.path.c_str(),
                 bus_address.c_str());
         step = "serving the bus";
-        serve_until_stopped(*bus, stop_fd);
+        while (wait_for_work(*bus, stop_fd, -1)) {
+        }
         return 0;
     } catch (const std::exception &error) {
         RA_ERROR("%s failed: %s", step, error.what());

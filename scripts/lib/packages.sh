@@ -4,7 +4,7 @@
 # To configure and build the daemon, the development gateway and the back end.
 PACKAGES_BUILD=(
     g++ cmake ninja-build pkgconf
-    libssl-dev libdbus-1-dev libcjson-dev libcrypt-dev libsdbus-c++-dev
+    libssl-dev libdbus-1-dev libcjson-dev libcrypt-dev libsdbus-c++-dev libmosquitto-dev
     libboost-dev nlohmann-json3-dev libcli11-dev
 )
 
@@ -12,10 +12,11 @@ PACKAGES_BUILD=(
 PACKAGES_RUN=(
     bubblewrap dbus-daemon openssl ca-certificates
     openssh-server openssh-client curl python3
+    mosquitto mosquitto-clients
 )
 
 # To build and run the tests, besides the two lists above.
 PACKAGES_TEST=(
     libgtest-dev libgmock-dev
-    python3-pytest python3-websockets dbus-bin iproute2
+    python3-pytest python3-websockets python3-dbus python3-gi dbus-bin iproute2
 )

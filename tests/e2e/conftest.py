@@ -46,11 +46,12 @@ def pytest_runtest_makereport(item):
 
 
 @pytest.fixture(scope="session")
-def workspace():
-    # Short, since the path of a bus socket may have no more than 107 characters.
+def workspace(request):
+    # Short, since the path of a bus socket may have no more than 107 characters. It stays until
+    # the last report is written.
     directory = pathlib.Path(tempfile.mkdtemp(prefix="ra-e2e-", dir="/tmp"))
-    yield directory
-    shutil.rmtree(directory)
+    request.config.add_cleanup(lambda: shutil.rmtree(directory))
+    return directory
 
 
 @pytest.fixture(scope="session")

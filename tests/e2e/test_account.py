@@ -53,7 +53,8 @@ def link(connect, files):
     ("sha512", PASSWORD + "x", FAILED, FAILED_LINE), ("yescrypt", "x", FAILED, FAILED_LINE),
     ("starred", "*", FAILED, FAILED_LINE), ("starred", "*0", FAILED, FAILED_LINE),
     ("unshadowed", "x", FAILED, FAILED_LINE), ("other", "##admin", FAILED, FAILED_LINE),
-    ("nobody", PASSWORD, FAILED, UNKNOWN_LINE)])
+    ("nobody", PASSWORD, FAILED, UNKNOWN_LINE)],
+    ids=lambda value: value[:12] if isinstance(value, str) else None)
 def test_verify_account(link, user, password, answer, printed):
     mark, before = link.log.mark(), link.gateway.daemon.stdout.read_text()
     body = f'{{"username":"{user}","password":"{password}"}}'

@@ -13,6 +13,7 @@ from harness.waiting import SCALE, poll
 
 START, END = ("I", "start to create cloud channel..."), ("I", "end the cloud channel.")
 ACCEPTED = ("I", "handshake response code is 0!")
+FAILED = ("W", "cloud channel open failed")
 PING_LINE = "session keepalive ping header:,keepalive accumulate number:{}"
 
 
@@ -27,6 +28,7 @@ def back_ends():
 def gateways(launch, back_ends):
     options = {name: {"cloud": back_end.port} for name, back_end in back_ends.items()}
     options["nobody"] = {"cloud": free_port(), "ends": [1]}
+    options["late"] = {"cloud": free_port(), "ends": [1]}
     for name in ("pong", "no-pong"):
         options[name]["config"] = {"gw_remoteaccess_ping_period": 1}
     options["off"]["config"] = {"gw_system_cloud_long_connection": 1}
@@ -46,6 +48,17 @@ def test_nothing_is_answered_before_the_handshake_is_accepted(gateways, back_end
         ("E", 'cloud response packet error: {"message": "x"} '),
         ("E", 'cloud response packet error: {"code": "0"} '),
         ("E", "cloud response packet error:  "), ("I", "handshake response code is 5!"), ACCEPTED])
+
+
+def test_success_in_between_gives_six_more_attempts(gateways):
+    gateway = gateways["late"]
+    gateway.log.wait(*FAILED, count=4, seconds=10)
+    back_end = BackEnd(port=gateway.config["gw_remoteaccess_cloud_port"])
+    gateway.log.wait(*ACCEPTED)
+    before = len(gateway.log.find(*FAILED))
+    back_end.close()
+    assert gateway.daemon.wait_exit(30) == 1
+    assert len(gateway.log.find(*FAILED)) == before + 6
 
 
 def test_keepalive_probes_of_the_channel(gateways, back_ends):
@@ -110,7 +123,7 @@ def test_refused_connections_end_the_daemon(gateways):
     gateway = gateways["nobody"]
     assert gateway.daemon.wait_exit(30) == 1
     starts = [line.time for line in gateway.log.find(*START)]
-    assert len(starts) == len(gateway.log.find("W", "cloud channel open failed")) == 6
+    assert len(starts) == len(gateway.log.find(*FAILED)) == 6
     check_waits([later - earlier for earlier, later in zip(starts, starts[1:])])
     last = gateway.log.lines[-1]
     assert (last.level, last.text) == (

@@ -1,6 +1,7 @@
 """How the daemon ends on a signal, and on a real fault."""
 import ctypes
 import os
+import pathlib
 import platform
 import re
 import signal
@@ -52,10 +53,16 @@ def test_terminate_has_its_default_action(daemon):
 
 def test_pipe_signals_are_counted_and_survived(daemon):
     gateway, channel = daemon
-    for number in range(1, 4):
-        os.kill(gateway.daemon.pid, signal.SIGPIPE)
-        gateway.log.wait("I", "socket pipe broken!", count=number)
-    assert len(gateway.log.find("D", "Recv signal = 13. Terminating...")) == 3
+    pid, blocked = gateway.daemon.pid, re.compile(r"SigBlk:\s+(\w+)")
+    tasks = [path for path in pathlib.Path(f"/proc/{pid}/task").iterdir() if not int(
+        blocked.search((path / "status").read_text())[1], 16) >> (signal.SIGPIPE - 1) & 1]
+    assert len(tasks) >= 3
+    os.kill(pid, signal.SIGSTOP)  # so that all of them come at once
+    for task in tasks:
+        ctypes.CDLL(None).tgkill(pid, int(task.name), signal.SIGPIPE)
+    os.kill(pid, signal.SIGCONT)
+    gateway.log.wait("I", "socket pipe broken!", count=len(tasks))
+    assert len(gateway.log.find("D", "Recv signal = 13. Terminating...")) == len(tasks)
     channel.settle()
 
 

@@ -142,14 +142,15 @@ class BackEnd:
     """Listens on a port of its own. It answers each handshake with `code`, or not at all for None,
     and each ping when `pong` is set."""
 
-    def __init__(self, code=0, tls=None, pong=True):
-        self.port, self.channels = free_port(), []
+    def __init__(self, code=0, tls=None, pong=True, port=None):
+        self.port, self.channels = port or free_port(), []
         self._code, self._pong = code, pong
-        run(self._serve(tls))
+        self._server = run(self._serve(tls))
 
     async def _serve(self, tls):
-        await websockets.serve(self._channel, "127.0.0.1", self.port, ssl=tls, max_size=None,
-                               max_queue=None, compression=None, ping_interval=None)
+        return await websockets.serve(
+            self._channel, "127.0.0.1", self.port, ssl=tls, max_size=None, max_queue=None,
+            compression=None, ping_interval=None)
 
     async def _channel(self, ws, path):
         channel = Channel(ws, path)
@@ -164,6 +165,10 @@ class BackEnd:
                     await ws.send(header(PONG))
         except websockets.ConnectionClosed:
             pass
+
+    def close(self):
+        """Refuse connections from now on; the open channels end, too."""
+        LOOP.call_soon_threadsafe(self._server.close)
 
     def channel(self, number=0, seconds=10):
         """The number-th connection, once its handshake is there."""

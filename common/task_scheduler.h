@@ -1,15 +1,14 @@
 // Task scheduler: one worker thread that runs named tasks on a timetable of whole seconds of the
 // wall clock.
 //
-// Bus       the worker owns a private bus connection and hands it to every task function (null
-// while there is none); a
-//           lost connection is replaced within about 2 seconds.
-// Threads   task functions run on the worker with the list lock held: addOneTask, delOneTask and
-// getOneTaskResult on
-//           other threads wait for them. The lock is recursive, so a task function may add tasks
-//           and read results; it must not delete any. Tasks are added by one thread at a time.
-// Limits    TASK_NAME_SIZE - 1 characters of a name. The list is walked linearly.
-// Failure   logged here; results as given below.
+// Bus      the worker owns a private bus connection and hands it to every task function (null while
+//          there is none); a lost connection is replaced within about 2 seconds.
+// Threads  task functions run on the worker with the list lock held: addOneTask, delOneTask and
+//          getOneTaskResult on other threads wait for them. The lock is recursive, so a task
+//          function may add tasks and read results; it must not delete any. Tasks are added by one
+//          thread at a time.
+// Limits   TASK_NAME_SIZE - 1 characters of a name. The list is walked linearly.
+// Failure  logged here; results as given below.
 #pragma once
 
 #include "utility/list.h"

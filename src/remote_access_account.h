@@ -1,6 +1,6 @@
 // The check of a local account's password against the gateway's password and shadow databases
-// (getpwnam(3), getspnam(3), crypt(3)). Threads  the proxy thread alone: the look-ups return static
-// storage.
+// (getpwnam(3), getspnam(3), crypt(3)).
+// Threads  the proxy thread alone: the look-ups return static storage.
 #pragma once
 
 struct VERIFY_ACCOUNT_T;

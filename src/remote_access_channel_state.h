@@ -2,8 +2,10 @@
 // channel, the back-off and the keepalive. Every procedure is one pass; the next pass is the retry.
 //
 // Back-off  2 ^ min(retry_count / 5, 6) seconds between attempts that failed, in whole seconds of
-// the monotonic clock. End       the sixth failed opening in a row ends the process with status 1;
-// nothing else here does. Threads   the proxy thread alone.
+//           the monotonic clock.
+// End       the sixth failed opening in a row ends the process with status 1; nothing else here
+//           does.
+// Threads   the proxy thread alone.
 #pragma once
 
 #include <cstdint>

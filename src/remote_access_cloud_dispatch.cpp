@@ -24,6 +24,9 @@
 
 namespace {
 
+// Operations whose lines are written by helpers here.
+constexpr char DISPATCH[] = "cloudDataProc";
+
 using MESSAGE_HANDLER_FUNC_T = int (*)(REMOTE_PROXY_T *proxy, const PROXY_HEADER_T *header);
 
 struct MESSAGE_ROUTE_T {
@@ -101,7 +104,7 @@ void routeMessage(REMOTE_PROXY_T *proxy, const PROXY_HEADER_T &header)
         std::find_if(MESSAGE_ROUTES.begin(), MESSAGE_ROUTES.end(),
                      [&](const MESSAGE_ROUTE_T &row) { return row.msg_type == header.msg_type; });
     if (route == MESSAGE_ROUTES.end()) {
-        RA_WARN("recv error websocket package! msgType:%d ", header.msg_type);
+        RA_WARN_FOR(DISPATCH, "recv error websocket package! msgType:%d ", header.msg_type);
         return;
     }
     (void)route->handler(proxy, &header);
@@ -113,11 +116,11 @@ void processMessage(REMOTE_PROXY_T *proxy)
     DATA_BUFFER_T &buffer = proxy->recv_buffer;
     PROXY_HEADER_T header{};
     if (getRemoteAccessProtocolHeader(&buffer, &header) != 0) return;
-    RA_INFO("header len:%d", header.header_len);
-    RA_INFO("header: %.*s", header.header_len, buffer.data);
+    RA_INFO_FOR(DISPATCH, "header len:%d", header.header_len);
+    RA_INFO_FOR(DISPATCH, "header: %.*s", header.header_len, buffer.data);
     if (!stepToPayload(&buffer, header)) {
-        RA_WARN("payload length info is error!payloadlen:%d, datalen:%d", header.payload_len,
-                getBufferDataLength(&buffer));
+        RA_WARN_FOR(DISPATCH, "payload length info is error!payloadlen:%d, datalen:%d",
+                    header.payload_len, getBufferDataLength(&buffer));
         return;
     }
     routeMessage(proxy, header);

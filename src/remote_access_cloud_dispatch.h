@@ -2,14 +2,13 @@
 // their type.
 //
 // Checks   a message whose header does not parse, or whose payload is not as long as its header
-// says, is dropped; the
-//          channel stays open. Handlers work only on an accepted channel, except that of responses.
-// Fairness one call drains the channel for at most CHANNEL_DRAIN_MS, so that a back end that fills
-// the channel cannot
-//          starve the local services, the switch or the watchdog; hasCloudProxyChannelPendingInput
-//          tells the rest.
+//          says, is dropped; the channel stays open. Handlers work only on an accepted channel,
+//          except that of responses.
+// Bound    one call drains the channel for at most CHANNEL_DRAIN_MS, so that a back end that fills
+//          the channel cannot starve the local services, the switch or the watchdog;
+//          hasCloudProxyChannelPendingInput tells the rest.
 // Threads  the proxy thread alone; the message stands in recv_buffer, its payload at the read
-// offset.
+//          offset.
 #pragma once
 
 struct PROXY_HEADER_T;

@@ -12,6 +12,9 @@
 
 namespace {
 
+// Operations whose lines are written by helpers here.
+constexpr char READ_CONFIG[] = "getConfigParams";
+
 constexpr int BUS_TIMEOUT_MS = 1000;
 constexpr int SUBSCRIBE_FLAG = 1;
 
@@ -92,7 +95,7 @@ int readText(DBusConnection *conn, const char *key, char (&field)[N], std::size_
     const CONFIG_VALUE_T value = readValue(conn, key);
     *result = value.result;
     if (!value) return -1;
-    RA_INFO("%s : %s", key, value.text.get());
+    RA_INFO_FOR(READ_CONFIG, "%s : %s", key, value.text.get());
     copy_text(field, value.text.get(), keep);
     return 0;
 }
@@ -102,7 +105,7 @@ int readNumber(DBusConnection *conn, const char *key, std::int32_t *number, int 
     const CONFIG_VALUE_T value = readValue(conn, key);
     *result = value.result;
     if (!value) return -1;
-    RA_INFO("%s : %s", key, value.text.get());
+    RA_INFO_FOR(READ_CONFIG, "%s : %s", key, value.text.get());
     *number = parse_int32(std::string_view{value.text.get()}.substr(0, KEEP_NUMBER));
     return 0;
 }
@@ -110,13 +113,13 @@ int readNumber(DBusConnection *conn, const char *key, std::int32_t *number, int 
 template <std::size_t N>
 void useDefaultText(const char *key, const char *fallback, char (&field)[N])
 {
-    RA_INFO("%s : %s", key, fallback);
+    RA_INFO_FOR(READ_CONFIG, "%s : %s", key, fallback);
     copy_text(field, fallback);
 }
 
 std::int32_t useDefaultNumber(const char *key, std::int32_t fallback)
 {
-    RA_INFO("%s : %d", key, fallback);
+    RA_INFO_FOR(READ_CONFIG, "%s : %d", key, fallback);
     return fallback;
 }
 
@@ -136,10 +139,10 @@ int readSecret(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
     copy_text(config->device_secret, "");
     const CONFIG_VALUE_T value = readValue(conn, KEY_DEVICE_SECRET);
     if (!value) {
-        RA_WARN("can not get DS, result:%d", value.result);
+        RA_WARN_FOR(READ_CONFIG, "can not get DS, result:%d", value.result);
         return -1;
     }
-    RA_INFO("%s : %.5s***************", KEY_DEVICE_SECRET, value.text.get());
+    RA_INFO_FOR(READ_CONFIG, "%s : %.5s***************", KEY_DEVICE_SECRET, value.text.get());
     copy_text(config->device_secret, value.text.get(), KEEP_SECRET);
     return 0;
 }
@@ -149,11 +152,11 @@ int readIdentity(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
 {
     int result = 0;
     if (readText(conn, KEY_PRODUCT_KEY, config->product_key, KEEP_IDENTITY, &result) != 0) {
-        RA_WARN("can not get PK, result:%d", result);
+        RA_WARN_FOR(READ_CONFIG, "can not get PK, result:%d", result);
         return -1;
     }
     if (readText(conn, KEY_DEVICE_NAME, config->device_name, KEEP_IDENTITY, &result) != 0) {
-        RA_WARN("can not get DN, result:%d", result);
+        RA_WARN_FOR(READ_CONFIG, "can not get DN, result:%d", result);
         return -1;
     }
     buildCloudTopics(config);
@@ -164,19 +167,19 @@ int readEndpoint(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
 {
     int result = 0;
     if (readText(conn, KEY_CERT_PATH, config->cert_path, KEEP_PATH, &result) != 0) {
-        RA_INFO("can not get cert path,using default value, result:%d", result);
+        RA_INFO_FOR(READ_CONFIG, "can not get cert path,using default value, result:%d", result);
         if (writeDefaultCert(DEFAULT_CERT_PATH) != 0) {
-            RA_WARN("can not write root cert path");
+            RA_WARN_FOR(READ_CONFIG, "can not write root cert path");
             return -1;
         }
         useDefaultText(KEY_CERT_PATH, DEFAULT_CERT_PATH, config->cert_path);
     }
     if (readText(conn, KEY_CLOUD_HOST, config->cloud_host, KEEP_HOST, &result) != 0) {
-        RA_INFO("can not get host, using default value, result:%d", result);
+        RA_INFO_FOR(READ_CONFIG, "can not get host, using default value, result:%d", result);
         useDefaultText(KEY_CLOUD_HOST, DEFAULT_HOST, config->cloud_host);
     }
     if (readText(conn, KEY_CLOUD_PORT, config->cloud_port, KEEP_PORT, &result) != 0) {
-        RA_INFO("can not get port, using default value, result:%d", result);
+        RA_INFO_FOR(READ_CONFIG, "can not get port, using default value, result:%d", result);
         useDefaultText(KEY_CLOUD_PORT, DEFAULT_PORT, config->cloud_port);
     }
     return 0;
@@ -186,17 +189,18 @@ void readChannelTunables(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
 {
     int result = 0;
     if (readNumber(conn, KEY_TLS_TYPE, &config->tls_type, &result) != 0) {
-        RA_INFO("can not get tls type,using default value, result:%d", result);
+        RA_INFO_FOR(READ_CONFIG, "can not get tls type,using default value, result:%d", result);
         config->tls_type = useDefaultNumber(KEY_TLS_TYPE, DEFAULT_TLS_TYPE);
     }
     std::int32_t number = 0;
     if (readNumber(conn, KEY_DEBUG_SWITCH, &number, &result) != 0) {
-        RA_INFO("can not get debug switch,using default value, result:%d", result);
+        RA_INFO_FOR(READ_CONFIG, "can not get debug switch,using default value, result:%d", result);
         number = useDefaultNumber(KEY_DEBUG_SWITCH, DEFAULT_DEBUG_SWITCH);
     }
     config->debug_switch.store(number, std::memory_order_relaxed);
     if (readNumber(conn, KEY_TRANS_TIMEOUT, &number, &result) != 0) {
-        RA_INFO("can not get trans timeout,using default value, result:%d", result);
+        RA_INFO_FOR(READ_CONFIG, "can not get trans timeout,using default value, result:%d",
+                    result);
         number = useDefaultNumber(KEY_TRANS_TIMEOUT, DEFAULT_TRANS_TIMEOUT_MS);
     }
     config->trans_timeout.store(number, std::memory_order_relaxed);
@@ -210,9 +214,9 @@ void readLongConnection(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
     const CONFIG_VALUE_T value = readValue(conn, KEY_LONG_CONNECTION);
     if (value) {
         flag = parse_int32(std::string_view{value.text.get()}.substr(0, KEEP_LONG_CONNECTION));
-        RA_INFO("cloud long connection:%d", flag);
+        RA_INFO_FOR(READ_CONFIG, "cloud long connection:%d", flag);
     } else {
-        RA_INFO("can not get cloud long connection flag !");
+        RA_INFO_FOR(READ_CONFIG, "can not get cloud long connection flag !");
     }
     config->cloud_long_connection.store(flag, std::memory_order_relaxed);
     config->remote_access_switch.store(flag != 0 ? 0 : 1, std::memory_order_relaxed);
@@ -222,11 +226,12 @@ void readKeepaliveTunables(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
 {
     int result = 0;
     if (readNumber(conn, KEY_TCP_KEEPALIVE, &config->tcp_keepalive_period, &result) != 0) {
-        RA_INFO("can not get tcp keepalive,using default value, result:%d", result);
+        RA_INFO_FOR(READ_CONFIG, "can not get tcp keepalive,using default value, result:%d",
+                    result);
         config->tcp_keepalive_period = useDefaultNumber(KEY_TCP_KEEPALIVE, DEFAULT_TCP_KEEPALIVE_S);
     }
     if (readNumber(conn, KEY_PING_PERIOD, &config->ping_period, &result) != 0) {
-        RA_INFO("can not get ping period,using default value, result:%d", result);
+        RA_INFO_FOR(READ_CONFIG, "can not get ping period,using default value, result:%d", result);
         config->ping_period = useDefaultNumber(KEY_PING_PERIOD, DEFAULT_PING_PERIOD_S);
     }
 }
@@ -234,11 +239,11 @@ void readKeepaliveTunables(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
 int subscribeChanges(DBusConnection *conn)
 {
     if (subscribe_config(conn, BUS_NAME, KEY_DEBUG_SWITCH, SUBSCRIBE_FLAG, BUS_TIMEOUT_MS) != 0) {
-        RA_WARN("subscribe module config debug log switch error!");
+        RA_WARN_FOR(READ_CONFIG, "subscribe module config debug log switch error!");
         return -1;
     }
     if (subscribe_config(conn, BUS_NAME, KEY_TRANS_TIMEOUT, SUBSCRIBE_FLAG, BUS_TIMEOUT_MS) != 0) {
-        RA_WARN("subscribe module config transtimeout error!");
+        RA_WARN_FOR(READ_CONFIG, "subscribe module config transtimeout error!");
         return -1;
     }
     return 0;

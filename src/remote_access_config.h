@@ -2,14 +2,14 @@
 //
 // Owner    one static instance, handed by address to every thread. Zero until it is filled.
 // Threads  identity, endpoint and tunables: written by the task worker; the proxy thread reads them
-// only after
-//          "get_config_params_task" has succeeded (the task list's lock orders the two). Edition,
-//          version, host address and catalogue: written by the main thread before the other threads
-//          that read them start. Command words: atomics, one writer's value needs no other's,
-//          except that remote_access_switch is stored before switch_changed is set (release) and
-//          read after the mark was taken. Topics: written by the task worker while the main thread
-//          may read: copyCloudTopic only. bus_conn: replaced by the main thread alone; other
-//          threads borrow it (remote_access_local_bus.h).
+//          only after "get_config_params_task" has succeeded (the task list's lock orders the two).
+//          Edition, version, host address and catalogue: written by the main thread before the
+//          other threads that read them start.
+//          Command words: atomics; no value needs another's, except that remote_access_switch is
+//          stored before switch_changed is set (release) and read after the mark was taken.
+//          Topics: written by the task worker while the main thread may read: copyCloudTopic only.
+//          bus_conn: replaced by the main thread alone; others borrow it
+//          (remote_access_local_bus.h).
 #pragma once
 
 #include "utility/list.h"

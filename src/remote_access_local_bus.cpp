@@ -12,6 +12,9 @@
 
 namespace {
 
+// Operations whose lines are written by helpers here.
+constexpr char DISPATCH[] = "localMessagesProc";
+
 // Guards the record's bus_conn pointer between its replacement and the taking of a reference; held
 // for nothing longer.
 pthread_mutex_t g_bus_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -40,10 +43,10 @@ int methodCallProc(REMOTE_ACCESS_CONFIG_T *record, DBusMessage *message)
 {
     const char *const member = dbus_message_get_member(message);
     if (member == nullptr) {
-        RA_WARN("get method name error!");
+        RA_WARN_FOR(DISPATCH, "get method name error!");
         return -1;
     }
-    RA_INFO("receive method call :%s,from message bus.", member);
+    RA_INFO_FOR(DISPATCH, "receive method call :%s,from message bus.", member);
     for (const LOCAL_METHOD_T &method : localMethods()) {
         if (std::strcmp(method.method_name, member) == 0) {
             method.method_handler(record, message);
@@ -57,10 +60,10 @@ int signalProc(REMOTE_ACCESS_CONFIG_T * /*record*/, DBusMessage *message)
 {
     const char *const member = dbus_message_get_member(message);
     if (member == nullptr) {
-        RA_WARN("get signal name error!");
+        RA_WARN_FOR(DISPATCH, "get signal name error!");
         return -1;
     }
-    RA_INFO("remote access daemon receive signal : %s", member);
+    RA_INFO_FOR(DISPATCH, "remote access daemon receive signal : %s", member);
     return 0;
 }
 

@@ -1,6 +1,7 @@
 #include "src/remote_access_local_connect.h"
 
 #include "common/log.h"
+#include "src/remote_access_proxy_thread.h"
 #include "utility/handles.h"
 #include "utility/socket_option.h"
 #include "utility/text.h"
@@ -102,6 +103,7 @@ int connect2LocalService(const char *host, int port)
             RA_WARN("socket create failed");
             continue;
         }
+        feedProxyWatchdog(); // a name may have many addresses, each worth a second
         const ADDRESS_TEXT_T text = textOfAddress(target->ai_addr);
         RA_INFO("Servier Ip: %s, port: %d", text.host, text.port);
         if (connectWithUnblock(socket.get(), target->ai_addr, target->ai_addrlen,

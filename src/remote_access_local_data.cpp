@@ -15,6 +15,10 @@
 
 namespace {
 
+// Operations whose lines are written by helpers here.
+constexpr char DATA_UP[] = "localServiceDataProc";
+constexpr char DATA_DOWN[] = "sendRawData2LocalService";
+
 constexpr int SEND_ATTEMPTS = 3;
 constexpr useconds_t SEND_RETRY_US = 20000;
 
@@ -29,21 +33,21 @@ void sendDataUp(REMOTE_PROXY_T *proxy, const char *session_id, int length)
     const int header_len =
         spliceProxyProtocolHeader(header, MSG_TYPE_DATA_UP, length, nullptr, session_id);
     if (header_len <= 0 || header_len >= HEADER_BUFFER_SIZE - 1) {
-        RA_ERROR("splice local services packets header error!");
+        RA_ERROR_FOR(DATA_UP, "splice local services packets header error!");
         return;
     }
     if (joinContentBeforeBuffer(header.data(), header_len, &buffer) != 0) {
-        RA_ERROR("join content before buffer error");
+        RA_ERROR_FOR(DATA_UP, "join content before buffer error");
         return;
     }
     const std::int32_t total = getBufferDataLength(&buffer);
-    RA_INFO("local service data to cloud header:%s", header.data());
-    RA_INFO("local service data to cloud headlen:%d, payloadlen:%d, bufferLen:%d", header_len,
-            length, total);
-    RA_INFO("local service data to cloud packet:%.*s", header_len, buffer.data);
+    RA_INFO_FOR(DATA_UP, "local service data to cloud header:%s", header.data());
+    RA_INFO_FOR(DATA_UP, "local service data to cloud headlen:%d, payloadlen:%d, bufferLen:%d",
+                header_len, length, total);
+    RA_INFO_FOR(DATA_UP, "local service data to cloud packet:%.*s", header_len, buffer.data);
     const int written =
         writeCloudProxyChannel(proxy->conn, buffer.data, total, proxy->trans_timeout);
-    if (written != total) RA_WARN("send to cloud failed! writenLen:%d ", written);
+    if (written != total) RA_WARN_FOR(DATA_UP, "send to cloud failed! writenLen:%d ", written);
 }
 
 void endSession(REMOTE_PROXY_T *proxy, const SESSION_NODE_T *session)
@@ -57,28 +61,29 @@ void endSession(REMOTE_PROXY_T *proxy, const SESSION_NODE_T *session)
 SEND_RESULT sendOnce(DATA_BUFFER_T *buffer, const SESSION_NODE_T *session)
 {
     const std::int32_t length = getBufferDataLength(buffer);
-    RA_DEBUG("send to local service len:%d", length);
+    RA_DEBUG_FOR(DATA_DOWN, "send to local service len:%d", length);
     for (int attempt = 0; attempt < SEND_ATTEMPTS; ++attempt) {
         errno = 0;
         const auto sent = static_cast<int>(::send(session->socket_fd, getBufferReadPointer(buffer),
                                                   static_cast<std::size_t>(length), 0));
         const int error = errno;
         if (sent > 0) {
-            if (sent != length) RA_WARN("want to write len: %d, but writen len: %d", length, sent);
+            if (sent != length)
+                RA_WARN_FOR(DATA_DOWN, "want to write len: %d, but writen len: %d", length, sent);
             (void)moveBufferReadPointer(buffer, sent);
             return SEND_RESULT::PROGRESS;
         }
         if (error == EPIPE) awaitBrokenPipeReports();
-        RA_WARN("local service bad: %s, writenLen:%d", std::strerror(error), sent);
+        RA_WARN_FOR(DATA_DOWN, "local service bad: %s, writenLen:%d", std::strerror(error), sent);
         if (error == EINTR) {
-            RA_DEBUG("EINTR return error");
+            RA_DEBUG_FOR(DATA_DOWN, "EINTR return error");
             return SEND_RESULT::DROPPED;
         }
         if (error != EAGAIN) {
-            RA_WARN("local socker error! release this session");
+            RA_WARN_FOR(DATA_DOWN, "local socker error! release this session");
             return SEND_RESULT::BROKEN;
         }
-        RA_WARN("local socket block, try again!");
+        RA_WARN_FOR(DATA_DOWN, "local socket block, try again!");
         ::usleep(SEND_RETRY_US);
     }
     return SEND_RESULT::DROPPED;

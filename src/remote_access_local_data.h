@@ -1,11 +1,12 @@
 // The bytes of a session between its local service and the cloud channel.
 //
 // Upwards    one recv per readable session and pass, straight into the send buffer, framed there
-// and written at once. Downwards  the payload of a data message, with a short bounded retry when
-// the service does not read. Loss       upwards the rest of a message that the channel does not
-// take in time, downwards the rest of a payload that
-//            the service does not take within three waits of 20 ms; both are logged, and the
-//            session lives on.
+//            and written at once.
+// Downwards  the payload of a data message, with a short bounded retry when the service does not
+//            read.
+// Loss       upwards the rest of a message that the channel does not take in time, downwards the
+//            rest of a payload that the service does not take within three waits of 20 ms; both are
+//            logged, and the session lives on.
 // Threads    the proxy thread alone.
 #pragma once
 

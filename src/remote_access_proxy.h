@@ -2,9 +2,8 @@
 //
 // Owner    one static instance, g_remote_proxy, zero at load.
 // Threads  the proxy thread owns everything. The main thread reads state, heartbeat and
-// services_info (atomics;
-//          services_info is published once and then constant) and uses session_table through its
-//          own locked operations.
+//          services_info (atomics; services_info is published once and then constant) and uses
+//          session_table through its own locked operations.
 #pragma once
 
 #include "src/remote_access_session_mgr.h"

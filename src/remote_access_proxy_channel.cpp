@@ -2,6 +2,7 @@
 
 #include "common/log.h"
 #include "src/remote_access_resolver.h"
+#include "src/traceBack.h"
 #include "utility/data_buffer.h"
 #include "utility/monotonic_clock.h"
 
@@ -16,6 +17,9 @@
 #endif
 
 namespace {
+
+// Operations whose lines are written by helpers here.
+constexpr char OPEN[] = "openCloudProxyChannel";
 
 constexpr int READY_WAITS = 3;
 constexpr int READY_WAIT_S = 1;
@@ -44,7 +48,8 @@ extern "C" void websocketLog(noPollCtx * /*ctx*/, noPollDebugLevel level, const 
 void reReadResolverConfiguration()
 {
     const int result = refreshResolver();
-    if (result != 0) RA_WARN("getaddrinfo res_init, ret is %d, errno is %d\n", result, errno);
+    if (result != 0)
+        RA_WARN_FOR(OPEN, "getaddrinfo res_init, ret is %d, errno is %d\n", result, errno);
 }
 
 // Starts a TLS connection; what is returned may be null or unusable.
@@ -52,7 +57,7 @@ noPollConn *startTls(noPollCtx *ctx, const char *host, const char *port, const c
 {
     noPollConnOpts *const opts = nopoll_conn_opts_new();
     if (opts == nullptr) {
-        RA_WARN("nopoll_conn_opts_new failed");
+        RA_WARN_FOR(OPEN, "nopoll_conn_opts_new failed");
         return nullptr;
     }
     // Verification is set on every path: what a library does by itself differs from build to build.
@@ -61,16 +66,17 @@ noPollConn *startTls(noPollCtx *ctx, const char *host, const char *port, const c
         (void)nopoll_conn_opts_set_ssl_certs(opts, nullptr, nullptr, nullptr, cert_path);
         nopoll_conn_opts_ssl_peer_verify(opts, nopoll_true);
     } else {
-        RA_DEBUG("set peer verify false ");
+        RA_DEBUG_FOR(OPEN, "set peer verify false ");
         nopoll_conn_opts_ssl_peer_verify(opts, nopoll_false);
     }
     reReadResolverConfiguration();
     noPollConn *const conn =
         nopoll_conn_tls_new(ctx, opts, host, port, nullptr, nullptr, nullptr, nullptr);
     if (conn == nullptr || nopoll_conn_is_ok(conn) == nopoll_false) {
-        RA_WARN("Expected to find proper client connection status, but found error.. ");
+        RA_WARN_FOR(OPEN, "Expected to find proper client connection status, but found error.. ");
     } else if (nopoll_conn_is_tls_on(conn) == nopoll_false) {
-        RA_WARN("ERROR: expected to find TLS enabled on the connection but found it isn't.. ");
+        RA_WARN_FOR(OPEN,
+                    "ERROR: expected to find TLS enabled on the connection but found it isn't.. ");
         nopoll_conn_close(conn);
         return nullptr;
     }
@@ -82,7 +88,8 @@ noPollConn *startPlain(noPollCtx *ctx, const char *host, const char *port)
     reReadResolverConfiguration();
     noPollConn *const conn = nopoll_conn_new(ctx, host, port, nullptr, nullptr, nullptr, nullptr);
     if (conn == nullptr || nopoll_conn_is_ok(conn) == nopoll_false)
-        RA_WARN("ERROR: Expected to find proper client connection status, but found error.. ");
+        RA_WARN_FOR(OPEN,
+                    "ERROR: Expected to find proper client connection status, but found error.. ");
     return conn;
 }
 
@@ -92,15 +99,20 @@ bool waitUntilReady(noPollConn *conn)
         if (nopoll_conn_wait_until_connection_ready(conn, READY_WAIT_S) != nopoll_false)
             return true;
     }
-    RA_WARN("ERROR: connection not ready ");
+    RA_WARN_FOR(OPEN, "ERROR: connection not ready ");
     return false;
 }
 
-// Sleeps for what is left of an attempt's 50 ms: the library may have waited for room itself.
-void sleepOutAttempt(const timespec &started)
+std::int64_t nowMilliseconds()
 {
-    const std::int64_t spent = milliseconds_of(monotonic_now()) - milliseconds_of(started);
-    if (spent < ATTEMPT_MS) ::usleep(static_cast<useconds_t>(ATTEMPT_MS - spent) * 1000);
+    return milliseconds_of(monotonic_now());
+}
+
+// Attempts are 50 ms apart whatever the library itself has waited for room meanwhile.
+void sleepUntil(std::int64_t time_ms)
+{
+    const std::int64_t left_ms = time_ms - nowMilliseconds();
+    if (left_ms > 0) ::usleep(static_cast<useconds_t>(left_ms) * 1000);
 }
 
 bool isAlive(noPollConn *conn)
@@ -112,16 +124,17 @@ bool isAlive(noPollConn *conn)
 // behind them.
 bool flushPendingWrite(noPollConn *conn)
 {
-    for (int attempt = 0; attempt < FLUSH_ATTEMPTS; ++attempt) {
+    std::int64_t attempt_end = nowMilliseconds();
+    const std::int64_t end = attempt_end + FLUSH_ATTEMPTS * ATTEMPT_MS;
+    do {
         if (nopoll_conn_pending_write_bytes(conn) == 0) return true;
-        const timespec started = monotonic_now();
         // Libraries differ in what a completed write returns; that nothing is pending afterwards
         // says it in all.
         (void)nopoll_conn_complete_pending_write(conn);
         if (nopoll_conn_pending_write_bytes(conn) == 0) return true;
         if (!isAlive(conn)) return false;
-        sleepOutAttempt(started);
-    }
+        sleepUntil(attempt_end += ATTEMPT_MS);
+    } while (nowMilliseconds() < end);
     return nopoll_conn_pending_write_bytes(conn) == 0;
 }
 
@@ -129,16 +142,17 @@ bool flushPendingWrite(noPollConn *conn)
 int completeWrite(noPollConn *conn, int length, int sent, int timeout_ms)
 {
     const int attempts = std::clamp(timeout_ms, MIN_TIMEOUT_MS, MAX_TIMEOUT_MS) / ATTEMPT_MS;
-    for (int attempt = 0; attempt < attempts; ++attempt) {
+    std::int64_t attempt_end = nowMilliseconds();
+    const std::int64_t end = attempt_end + attempts * ATTEMPT_MS;
+    do {
         if (!isAlive(conn)) return sent;
         if (nopoll_conn_pending_write_bytes(conn) == 0) return length;
-        const timespec started = monotonic_now();
         const int result = nopoll_conn_complete_pending_write(conn);
         if (result == 0 || nopoll_conn_pending_write_bytes(conn) == 0)
             return isAlive(conn) ? length : sent;
         if (result > 0) sent = std::max(length - result, 0);
-        sleepOutAttempt(started);
-    }
+        sleepUntil(attempt_end += ATTEMPT_MS);
+    } while (nowMilliseconds() < end);
     return sent;
 }
 
@@ -152,6 +166,7 @@ CLOUD_CHANNEL_T *openCloudProxyChannel(const char *host, const char *port, const
         RA_WARN("nopoll new failed");
         return nullptr;
     }
+    installSignalHandlers(); // a library may have put its own SIGPIPE handler in place
     if (debug_switch != 0) nopoll_log_set_handler(ctx, websocketLog, nullptr);
     noPollConn *const conn =
         tls_type != 0 ? startTls(ctx, host, port, cert_path) : startPlain(ctx, host, port);

@@ -1,9 +1,10 @@
 // The cloud channel: one client WebSocket connection to the back end, over TLS or plain.
 //
 // Owner    the caller owns the connection from openCloudProxyChannel to closeCloudProxyChannel. One
-// at a time. Threads  the proxy thread alone. Blocking open: at most 10 s to connect and 3 s for
-// the upgrade. write: 150 ms of flushing and the clamped time-out.
-//          Nothing else blocks.
+//          at a time.
+// Threads  the proxy thread alone.
+// Bound    open: at most 10 s to connect and 3 s for the upgrade. write: 150 ms of flushing and the
+//          clamped time-out, each with at most one step of the library more. Nothing else blocks.
 // Failure  logged here, reported by the results below.
 #pragma once
 

@@ -1,13 +1,12 @@
 // The outer form of every message on the cloud channel: header, separator, payload; and the payload
 // of a response.
 //
-// Header    one JSON object on one line, closed by the first "}"; values as json_scanner.h finds
-// them, so no value may
-//           hold a double quote or a brace. CR LF CR LF follows, then exactly payload_len bytes.
-// Texts     parsers read [text, text + length) and stop at the first NUL before that.
-// Failure   parsers log here and return -1; builders return the formatter's count, <= 0 on failure.
-// A count of at least
-//           the destination's size means that the text was cut.
+// Header   one JSON object on one line, closed by the first "}"; values as json_scanner.h finds
+//          them, so no value may hold a double quote or a brace. CR LF CR LF follows, then exactly
+//          payload_len bytes.
+// Texts    parsers read [text, text + length) and stop at the first NUL before that.
+// Failure  parsers log here and return -1; builders return the formatter's count, <= 0 on failure.
+//          A count of at least the destination's size means that the text was cut.
 #pragma once
 
 #include "src/cloud_protocol.h"

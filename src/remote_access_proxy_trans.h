@@ -2,9 +2,10 @@
 // proxy's send buffer and writes it within the transmit time-out.
 //
 // Result   0 when the whole message was written, -1 otherwise (logged here); the channel stays open
-// either way. Borrowed every identifier may point into the shared id buffer, a received header or a
-// session; none is kept. Threads  the proxy thread alone: they share the send buffer and the header
-// buffer.
+//          either way.
+// Texts    every identifier may point into the shared id buffer, a received header or a session;
+//          none is kept.
+// Threads  the proxy thread alone: they share the send buffer and the header buffer.
 #pragma once
 
 struct REMOTE_PROXY_T;

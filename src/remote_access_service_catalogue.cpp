@@ -13,6 +13,9 @@
 
 namespace {
 
+// Operations whose lines are written by helpers here.
+constexpr char READ_CATALOGUE[] = "getLocalServiceInfo";
+
 constexpr char DEFAULT_SERVICES[] =
     R"([{"type":"SFTP","name":"sftp_localhost","ip":"127.0.0.1","port":22},)"
     R"({"type":"SSH","name":"ssh_localhost","ip":"127.0.0.1","port":22},)"
@@ -108,7 +111,7 @@ void addServicesOfText(REMOTE_ACCESS_CONFIG_T *record, const char *text)
         (void)parseServiceInfo(
             record, item.value); // an invalid one is logged there and counts all the same
         if (++examined == MAX_SERVICE_OBJECTS) {
-            RA_WARN("number of services is limited: %d", MAX_SERVICE_OBJECTS);
+            RA_WARN_FOR(READ_CATALOGUE, "number of services is limited: %d", MAX_SERVICE_OBJECTS);
             return;
         }
     }

@@ -2,9 +2,8 @@
 // on the bus, looked up when a session is opened.
 //
 // Source   a JSON array of objects with "type", "name", "ip" (strings) and "port" (number) in
-// SERVICE_LIST_FILE, or the
-//          built-in list when that file cannot be read. At most MAX_SERVICE_OBJECTS objects are
-//          examined.
+//          SERVICE_LIST_FILE, or the built-in list when that file cannot be read. At most
+//          MAX_SERVICE_OBJECTS objects are examined.
 // Order    newest first, that is the reverse of the file's.
 // Owner    the record's service_list; entries live as long as the process.
 // Threads  filled by the main thread before the proxy thread starts, read-only from then on.

@@ -1,15 +1,16 @@
 // Session table: the sessions open on the cloud channel, keyed by session identifier.
 //
 // Owns     the nodes and their local sockets; removing a node closes its socket (when it is greater
-// than 0). Threads  the proxy thread adds, finds and releases; the main thread only checks and
-// traverses. Every call but
-//          getSessionTableSize (proxy thread only) takes the table's lock. Walk callbacks run under
-//          it and must not call back in. A found node stays valid on the proxy thread until that
-//          thread releases it. Until initSessionTable the table reads as empty, for whoever asks
-//          early.
+//          than 0).
+// Threads  the proxy thread adds, finds and releases; the main thread only checks and traverses.
+//          Every call but getSessionTableSize (proxy thread only) takes the table's lock. Walk
+//          callbacks run under it and must not call back in. A found node stays valid on the proxy
+//          thread until that thread releases it. Until initSessionTable the table reads as empty,
+//          for whoever asks early.
 // Limits   an identifier keeps SESSION_ID_SIZE - 1 characters; the bound of MAX_SESSIONS is the
-// caller's. Order    of a walk: bucket 0 upwards, newest first within a bucket. Failure  0 / -1;
-// failures are logged here.
+//          caller's.
+// Order    of a walk: bucket 0 upwards, newest first within a bucket.
+// Failure  0 / -1; failures are logged here.
 #pragma once
 
 #include "src/cloud_protocol.h"

@@ -1,6 +1,7 @@
 #include "src/remote_access_singleton.h"
 
 #include "common/log.h"
+#include "utility/handles.h"
 #include "utility/text.h"
 
 #include <cstring>
@@ -12,6 +13,22 @@ namespace {
 
 // Open for the life of the process on purpose: closing it would drop the lock.
 int g_pid_file_fd = -1;
+
+constexpr const char *PID_FILE_NAME = PID_FILE + sizeof PID_DIRECTORY; // below the directory
+
+// /tmp is everybody's: neither a planted link, soft or hard, nor a planted FIFO may make this
+// process write to something else.
+UniqueFd openPidFile() noexcept
+{
+    const UniqueFd directory{::open(PID_DIRECTORY, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)};
+    if (!directory) return UniqueFd{};
+    UniqueFd file{::openat(directory.get(), PID_FILE_NAME,
+                           O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644)};
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0) return UniqueFd{};
+    if (!S_ISREG(status.st_mode) || status.st_nlink != 1) return UniqueFd{};
+    return file;
+}
 
 bool lockWholeFile(int fd) noexcept
 {
@@ -39,18 +56,17 @@ int ensureSingletonDaemon()
         RA_ERROR("Create Dir /tmp/brimlock error!");
         return -1;
     }
-    // /tmp is everybody's: a planted link must not make this process truncate its target.
-    const int fd = ::open(PID_FILE, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
-    if (fd < 0) {
+    UniqueFd file = openPidFile();
+    if (!file) {
         RA_INFO("Open file %s failed!", PID_FILE);
         return -1;
     }
+    const int fd = file.get();
     if (!lockWholeFile(fd)) {
         RA_INFO("RemoteAccessDaemon already exit");
-        ::close(fd);
         return -1;
     }
-    g_pid_file_fd = fd;
+    g_pid_file_fd = file.release();
     writeProcessId(fd);
     RA_INFO("Start RemoteAccessDaemon...");
     return 0;

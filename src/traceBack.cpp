@@ -4,6 +4,7 @@
 #include "src/process_end.h"
 #include "utility/alternate_stack.h"
 #include "utility/handles.h"
+#include "utility/monotonic_clock.h"
 
 #include <atomic>
 #include <cerrno>
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <ctime>
 #include <execinfo.h>
+#include <poll.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <unistd.h>
@@ -22,6 +24,12 @@ constexpr int MAX_FRAMES = 64;
 constexpr int FATAL_REPORT_WAIT_MS = 3000;
 constexpr int PIPE_REPORT_WAIT_MS = 50;
 constexpr int EXIT_STATUS_SIGNAL = 1;
+
+#ifdef RA_KEEP_CRASH_HANDLER
+constexpr int HANDLED_SIGNALS[] = {SIGINT, SIGPIPE}; // a fuzzer wants the sanitizer's own report
+#else
+constexpr int HANDLED_SIGNALS[] = {SIGINT, SIGPIPE, SIGSEGV};
+#endif
 
 // Written by the signal handler, read by the reporter; the semaphore orders them.
 struct SIGNAL_MAILBOX_T {
@@ -35,11 +43,19 @@ struct SIGNAL_MAILBOX_T {
 };
 
 SIGNAL_MAILBOX_T g_mailbox;
+bool g_reporter_started = false; // set before other threads exist
+
+// poll and clock_gettime are async-signal-safe (signal-safety(7)), nanosleep is not in that list.
+std::int64_t monotonicMilliseconds() noexcept
+{
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return milliseconds_of(now);
+}
 
 void sleepOneMillisecond() noexcept
 {
-    const timespec pause{0, 1000000};
-    ::nanosleep(&pause, nullptr);
+    (void)::poll(nullptr, 0, 1);
 }
 
 // Logs the frames that the signal handler collected.
@@ -83,23 +99,50 @@ void *reportSignals(void *)
     }
 }
 
-[[noreturn]] void endAfterReport(int signo) noexcept
+// The state of the one fatal report: whose it is, and whether its frames are being collected.
+std::atomic<bool> g_report_taken{false};
+std::atomic<bool> g_unwinding{false};
+pthread_t g_faulting_thread;
+
+void requestFatalReport(int signo) noexcept
 {
-    // A fault of the reporter itself would be waiting for itself.
-    if (::pthread_equal(::pthread_self(), g_mailbox.reporter) != 0) ::_exit(EXIT_STATUS_SIGNAL);
-    static std::atomic<bool> taken{false};
-    if (!taken.exchange(true)) {
-        if (signo == SIGSEGV) g_mailbox.frame_count = ::backtrace(g_mailbox.frames, MAX_FRAMES);
-        g_mailbox.fatal_signal.store(signo, std::memory_order_release);
-        ::sem_post(&g_mailbox.wake);
-    }
-    for (int waited = 0; waited < FATAL_REPORT_WAIT_MS; ++waited)
+    g_mailbox.fatal_signal.store(signo, std::memory_order_release);
+    ::sem_post(&g_mailbox.wake);
+}
+
+[[noreturn]] void awaitFatalReport() noexcept
+{
+    const std::int64_t deadline = monotonicMilliseconds() + FATAL_REPORT_WAIT_MS;
+    while (monotonicMilliseconds() < deadline)
         sleepOneMillisecond();
     ::_exit(EXIT_STATUS_SIGNAL);
 }
 
-// The installed handler: async-signal-safe calls only (signal-safety(7)); backtrace was called once
-// before, so that it loads nothing any more.
+[[noreturn]] void endAfterReport(int signo) noexcept
+{
+    // A fault of the reporter itself would be waiting for itself.
+    if (::pthread_equal(::pthread_self(), g_mailbox.reporter) != 0) ::_exit(EXIT_STATUS_SIGNAL);
+    if (!g_report_taken.exchange(true)) {
+        if (signo == SIGSEGV) {
+            g_faulting_thread = ::pthread_self();
+            g_unwinding.store(true);
+            g_mailbox.frame_count = ::backtrace(g_mailbox.frames, MAX_FRAMES);
+            g_unwinding.store(false);
+        }
+        requestFatalReport(signo);
+        awaitFatalReport();
+    }
+    // A second fault of the same thread: its stack is so damaged that it cannot be unwound. The
+    // report is made without frames.
+    if (g_unwinding.load() && ::pthread_equal(::pthread_self(), g_faulting_thread) != 0) {
+        g_unwinding.store(false);
+        g_mailbox.frame_count = 0;
+        requestFatalReport(signo);
+    }
+    awaitFatalReport();
+}
+
+// The installed handler. backtrace was called once before, so that it loads nothing any more.
 void onSignal(int signo)
 {
     const int saved_errno = errno;
@@ -140,21 +183,30 @@ void registerSignalHandlers()
         ::signal(SIGPIPE, SIG_IGN);
         return;
     }
+    g_reporter_started = true;
+    installSignalHandlers();
+}
+
+void installSignalHandlers()
+{
+    if (!g_reporter_started) return;
     struct sigaction action {};
     action.sa_handler = onSignal;
-    action.sa_flags = SA_RESTART | SA_ONSTACK;
+    action.sa_flags = SA_RESTART | SA_ONSTACK | SA_NODEFER; // a fault while unwinding is seen too
     ::sigemptyset(&action.sa_mask);
-    for (const int signo : {SIGINT, SIGPIPE, SIGSEGV})
-        ::sigaction(signo, &action, nullptr);
+    for (const int signo : HANDLED_SIGNALS)
+        (void)::sigaction(signo, &action, nullptr);
 }
 
 void awaitBrokenPipeReports() noexcept
 {
     const int saved_errno = errno;
     const std::uint32_t taken = g_mailbox.pipes_taken.load(std::memory_order_acquire);
-    for (int waited = 0; waited < PIPE_REPORT_WAIT_MS; ++waited) {
-        if (g_mailbox.pipes_reported.load(std::memory_order_acquire) == taken) break;
+    const std::int64_t deadline = monotonicMilliseconds() + PIPE_REPORT_WAIT_MS;
+    // Other threads' signals may be counted meanwhile: the reporter may be past `taken`.
+    while (static_cast<std::int32_t>(g_mailbox.pipes_reported.load(std::memory_order_acquire) -
+                                     taken) < 0 &&
+           monotonicMilliseconds() < deadline)
         sleepOneMillisecond();
-    }
     errno = saved_errno;
 }

@@ -3,16 +3,19 @@
 // reports its error to its caller. Every other signal keeps its default action.
 //
 // Threads  logging and symbol lookup are not async-signal-safe, so the signal handler only takes
-// the backtrace and wakes
-//          a reporter thread, which writes the lines. A fatal signal waits at most 3 s for the
-//          report (the faulting thread may hold the lock of the logger or of malloc) and then ends
-//          the process all the same.
+//          the backtrace and wakes a reporter thread, which writes the lines. A fatal signal waits
+//          at most 3 s for the report (the faulting thread may hold the lock of the logger or of
+//          malloc) and then ends the process all the same.
 #pragma once
 
 // Starts the reporter and installs the handler. Call it once, before other threads are started;
 // they inherit the dispositions. A thread that wants its stack overflows reported also calls
 // use_alternate_signal_stack.
 void registerSignalHandlers();
+
+// Puts the handler in place again: some libraries install one of their own for SIGPIPE. Does
+// nothing before registerSignalHandlers.
+void installSignalHandlers();
 
 // Waits, at most 50 ms, until every SIGPIPE taken so far is in the log, so that its lines precede
 // those of the write that raised it. errno is kept.

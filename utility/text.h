@@ -1,5 +1,6 @@
 // Bounded text: the only helpers through which fixed text fields and buffers are filled, and the
-// one number conversion. Threads  none of them keeps state.
+// one number conversion.
+// Threads  none of them keeps state.
 #pragma once
 
 #include <cstddef>

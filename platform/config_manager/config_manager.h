@@ -2,9 +2,10 @@
 // private bus and asks it for change notices.
 //
 // Bus      name and interface iot.gateway.config_manager, path /iot/gateway/config_manager, methods
-// get and subscribe. Threads  a call uses the connection of its caller and blocks for at most
-// timeout_ms; no state of its own. Result   CONFIG_OK, CONFIG_NOT_SET, CONFIG_BAD_ANSWER or
-// CONFIG_NO_ANSWER.
+//          get and subscribe.
+// Threads  a call uses the connection of its caller and blocks for at most timeout_ms; no state of
+//          its own.
+// Result   CONFIG_OK, CONFIG_NOT_SET, CONFIG_BAD_ANSWER or CONFIG_NO_ANSWER.
 #pragma once
 
 struct DBusConnection;

@@ -4,12 +4,11 @@
 //          UTC with milliseconds; D, I, W or E for the levels 0 to 3; module; source file and line;
 //          function; text.
 // Text     cut at 4096 bytes with "..."; control bytes and bytes that are not valid UTF-8 are
-// written as \r, \n, \t or
-//          \xHH, and one line end at the end of a text is dropped, so no line can be forged by what
-//          a peer sent.
+//          written as \r, \n, \t or \xHH, and one line end at the end of a text is dropped, so no
+//          line can be forged by what a peer sent.
 // Level    min_level of log_init, or "level=0" to "level=3" in LOGGER_CONF_PATH if that file exists
-// when log_init runs;
-//          any other content of the file is reported in one warning line and ignored.
+//          when log_init runs; any other content of the file is reported in one warning line and
+//          ignored.
 // Threads  every thread may log; lines never interleave. Not async-signal-safe.
 // Failure  none is reported: a line that standard error does not take is lost. errno is kept.
 // Cost     a call below the level costs a call and a compare; nothing is formatted.

@@ -63,8 +63,9 @@ bool startLookup(LOOKUP_T &lookup)
 {
     pthread_attr_t attributes;
     if (pthread_attr_init(&attributes) != 0) return false;
-    sigset_t all; // signals are for the threads of the program
+    sigset_t all; // signals are for the threads of the program, but a fault is this one's own
     sigfillset(&all);
+    sigdelset(&all, SIGSEGV);
     pthread_attr_setsigmask_np(&attributes, &all);
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
     lookup.owners.store(2);

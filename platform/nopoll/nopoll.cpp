@@ -39,7 +39,7 @@ template <std::size_t N> bool copyRequestText(char (&dst)[N], const char *text)
 {
     const std::string_view source{text};
     const bool clean =
-        std::all_of(source.begin(), source.end(), [](char c) { return c > ' ' && c != 0x7f; });
+        std::all_of(source.begin(), source.end(), [](char c) { return c > ' ' && c < 0x7f; });
     if (!clean || source.size() >= N) return false;
     source.copy(dst, N - 1);
     return true;
@@ -48,8 +48,9 @@ template <std::size_t N> bool copyRequestText(char (&dst)[N], const char *text)
 bool isPort(const char *text)
 {
     const std::size_t digits = strspn(text, "0123456789");
-    return digits > 0 && digits < ws::PORT_TEXT_SIZE && text[digits] == '\0' && atoi(text) >= 1 &&
-           atoi(text) <= 65535;
+    if (digits == 0 || digits >= ws::PORT_TEXT_SIZE || text[digits] != '\0') return false;
+    const long port = strtol(text, nullptr, 10);
+    return port >= 1 && port <= 65535;
 }
 
 bool describeTarget(noPollConn &conn, const TARGET_T &target, ws::FAILURE_T &failure)

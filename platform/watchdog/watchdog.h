@@ -1,11 +1,11 @@
 // Watchdog, client side: builds the signal that tells the gateway's watchdog that a thread is
 // alive.
 //
-// Signal   on `path`, interface iot.gateway.watchdog, member feed_dog; arguments string module,
-// string thread,
-//          int32 seconds after which the watchdog reports the thread unless it was fed again.
-// Result   a new message, owned by the caller (dbus_message_unref), or NULL when it could not be
-// made.
+// Signal  on `path`, interface iot.gateway.watchdog, member feed_dog; arguments string module,
+//         string thread, int32 seconds after which the watchdog reports the thread unless it was
+//         fed again.
+// Result  a new message, owned by the caller (dbus_message_unref), or NULL when it could not be
+//         made.
 #pragma once
 
 struct DBusMessage;

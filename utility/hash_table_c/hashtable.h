@@ -1,23 +1,26 @@
 // Intrusive string-keyed hash table with separate chaining; it never allocates and owns nothing.
 //
-// Owner     the caller owns the record, the bucket array and every element; the table only links them.
-// Order     bucket 0 upwards; within a bucket newest first.
-// Asserts   a violated precondition is a programming error and ends the process with assert's own report, in every
-//           build type.
-// Threads   no lock: the caller serialises every access.
+// Owner    the caller owns the record, the bucket array and every element; the table only links
+//          them.
+// Order    bucket 0 upwards; within a bucket newest first.
+// Asserts  a violated precondition is a programming error and ends the process with assert's own
+//          report, in every build type.
+// Threads  no lock: the caller serialises every access.
 #pragma once
 
 #include <cstdint>
 
 struct hashtable_node_t {
-    hashtable_node_t *next; // meaningless outside a table, except for HASHTABLE_POISON after a removal
+    hashtable_node_t
+        *next; // meaningless outside a table, except for HASHTABLE_POISON after a removal
 };
 
 constexpr std::uintptr_t HASHTABLE_POISON = 0x100;
 
 using HASHTABLE_HASH_FUNC_T = std::uint32_t (*)(const void *key);
 using HASHTABLE_EQUAL_FUNC_T = int (*)(const void *key, const hashtable_node_t *node);
-using HASHTABLE_REPLACE_FUNC_T = void (*)(hashtable_node_t *replaced, hashtable_node_t *node, void *context);
+using HASHTABLE_REPLACE_FUNC_T = void (*)(hashtable_node_t *replaced, hashtable_node_t *node,
+                                          void *context);
 
 struct hashtable_t {
     hashtable_node_t **bucket_array;
@@ -29,12 +32,14 @@ struct hashtable_t {
     std::uint32_t size;
 };
 
-void hashtable_init(hashtable_t *hashtable, hashtable_node_t **bucket_array, std::uint32_t num_buckets,
-                    HASHTABLE_HASH_FUNC_T hash, HASHTABLE_EQUAL_FUNC_T equal, HASHTABLE_REPLACE_FUNC_T replace,
+void hashtable_init(hashtable_t *hashtable, hashtable_node_t **bucket_array,
+                    std::uint32_t num_buckets, HASHTABLE_HASH_FUNC_T hash,
+                    HASHTABLE_EQUAL_FUNC_T equal, HASHTABLE_REPLACE_FUNC_T replace,
                     void *replace_context);
 // The same for a bucket array that the caller has already cleared.
-void hashtable_fast_init(hashtable_t *hashtable, hashtable_node_t **bucket_array, std::uint32_t num_buckets,
-                         HASHTABLE_HASH_FUNC_T hash, HASHTABLE_EQUAL_FUNC_T equal, HASHTABLE_REPLACE_FUNC_T replace,
+void hashtable_fast_init(hashtable_t *hashtable, hashtable_node_t **bucket_array,
+                         std::uint32_t num_buckets, HASHTABLE_HASH_FUNC_T hash,
+                         HASHTABLE_EQUAL_FUNC_T equal, HASHTABLE_REPLACE_FUNC_T replace,
                          void *replace_context);
 hashtable_node_t **hashtable_bucket_array(const hashtable_t *hashtable);
 std::uint32_t hashtable_num_buckets(const hashtable_t *hashtable);

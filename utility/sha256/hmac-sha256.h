@@ -1,4 +1,5 @@
-// SHA-256 (FIPS 180-4) and HMAC-SHA256 (RFC 2104; a key longer than the block is refused, not hashed).
+// SHA-256 (FIPS 180-4) and HMAC-SHA256 (RFC 2104; a key longer than the block is refused, not
+// hashed).
 // Threads  no shared state. Nothing is allocated.
 #pragma once
 
@@ -22,4 +23,5 @@ void sha256_transform(std::uint32_t state[8], const std::uint32_t words[16]);
 void sha256(std::uint8_t out[SHA256_DIGEST_SIZE], const void *bytes, std::uint32_t length);
 
 // key_len <= 64. A violated argument check is reported on standard error and leaves out as it was.
-void hmac_sha256(std::uint8_t *out, const void *data, std::uint32_t data_len, const void *key, std::uint32_t key_len);
+void hmac_sha256(std::uint8_t *out, const void *data, std::uint32_t data_len, const void *key,
+                 std::uint32_t key_len);

@@ -4,6 +4,7 @@
 #include "common/bus_names.h"
 #include "common/log.h"
 #include "src/remote_access_bus_error.h"
+#include "src/remote_access_cloud_topics.h"
 #include "src/remote_access_config.h"
 #include "src/remote_access_local_method.h"
 
@@ -56,7 +57,7 @@ int methodCallProc(REMOTE_ACCESS_CONFIG_T *record, DBusMessage *message)
     return 0;
 }
 
-int signalProc(REMOTE_ACCESS_CONFIG_T * /*record*/, DBusMessage *message)
+int signalProc(REMOTE_ACCESS_CONFIG_T *record, DBusMessage *message)
 {
     const char *const member = dbus_message_get_member(message);
     if (member == nullptr) {
@@ -64,6 +65,8 @@ int signalProc(REMOTE_ACCESS_CONFIG_T * /*record*/, DBusMessage *message)
         return -1;
     }
     RA_INFO_FOR(DISPATCH, "remote access daemon receive signal : %s", member);
+    // Whoever sent it: the bus's own policy decides who may.
+    if (std::strcmp(member, SUBSCRIBE_EVENT) == 0) return cloudDownDataProc(record, message);
     return 0;
 }
 

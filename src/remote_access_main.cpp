@@ -5,6 +5,7 @@
 #include "common/log.h"
 #include "common/task_scheduler.h"
 #include "src/process_end.h"
+#include "src/remote_access_cloud_topics.h"
 #include "src/remote_access_config.h"
 #include "src/remote_access_default_route.h"
 #include "src/remote_access_local_bus.h"
@@ -57,15 +58,40 @@ void dispatchBusMessages(REMOTE_ACCESS_CONFIG_T *record)
         (void)localMessagesProc(record, message.get()); // what cannot be used is logged there
 }
 
+// An installation of unknown edition describes itself on every pass until the cloud has acknowledged
+// it; without a permanent cloud connection it has the bridge open one for that, and close it again.
+void driveSelfDescription(REMOTE_ACCESS_CONFIG_T *record)
+{
+    if (record->edition != EDITION_UNKNOWN) return;
+    const bool permanent = record->cloud_long_connection.load(std::memory_order_relaxed) != 0;
+    const std::int32_t described = record->self_described.load(std::memory_order_relaxed);
+    if (described == 0) {
+        if (!permanent) (void)openCloudChannel(record); // the next pass retries all three
+        (void)publishSelfDescribedToCloud(record);
+    } else if (described == 1 && !permanent) {
+        (void)closeCloudChannel(record);
+    }
+}
+
+// The bridge's subscriptions belong to the registration that was lost: they are made anew.
+void reconnectBus(REMOTE_ACCESS_CONFIG_T *record)
+{
+    if (registerModule2LocalBus(record) != 0) return; // the next pass retries
+    if (addRetriedTask(SUBSCRIBE_TOPICS_TASK, subscribeCloudTopicTask) != 0)
+        RA_ERROR("add subscribe cloud topic task error!");
+}
+
 [[noreturn]] void serveBus(REMOTE_ACCESS_CONFIG_T *record)
 {
     timespec last_feed{};
     for (;;) {
         const bool connected = waitForBusTraffic(record->bus_conn);
-        if (connected)
+        if (connected) {
             dispatchBusMessages(record);
-        else
-            (void)registerModule2LocalBus(record); // the next pass retries
+            driveSelfDescription(record);
+        } else {
+            reconnectBus(record);
+        }
         feedWatchdog(record->bus_conn, MAIN_THREAD_NAME, WATCHDOG_FEED_PERIOD_S, &last_feed);
         if (!connected) ::usleep(BUS_RETRY_US);
     }
@@ -79,8 +105,7 @@ int main()
     log_init("remote_access_daemon", 1, 1, 2);
     if (ensureSingletonDaemon() != 0) return EXIT_STATUS_OTHER_INSTANCE;
     registerSignalHandlers();
-    dbus_threads_init_default(); // the proxy thread feeds the watchdog on the main thread's
-                                 // connection
+    dbus_threads_init_default(); // the proxy thread sends on the main thread's connection
     if (initDelayWorker() != 0) {
         RA_ERROR("init delay task worker queue error!");
         terminateProcess(EXIT_STATUS_START_FAILED);
@@ -94,6 +119,10 @@ int main()
     if (registerModule2LocalBus(&g_config) != 0) RA_WARN("register to dbus error!");
     if (addRetriedTask(GET_CONFIG_TASK, getConfigParamsTask) != 0) {
         RA_ERROR("get config params failed, add task error!");
+        terminateProcess(EXIT_STATUS_START_FAILED);
+    }
+    if (addRetriedTask(SUBSCRIBE_TOPICS_TASK, subscribeCloudTopicTask) != 0) {
+        RA_ERROR("subscribe cloud topic failed, add task error!");
         terminateProcess(EXIT_STATUS_START_FAILED);
     }
     (void)getLocalServiceInfo(&g_config);

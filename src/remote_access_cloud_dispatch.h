@@ -14,7 +14,7 @@
 struct PROXY_HEADER_T;
 struct REMOTE_PROXY_T;
 
-constexpr int CHANNEL_DRAIN_MS = 100;
+constexpr int CHANNEL_DRAIN_MS = 200;
 
 void cloudDataProc(REMOTE_PROXY_T *proxy);
 

@@ -1,15 +1,14 @@
-// The channel of one device: its handshake, its messages, and the sessions on it.
-// A channel begins with an accepted TCP connection; the handshake must be accepted within
-// handshake_time. Afterwards it ends when the connection does, when a newer channel of the same
-// device replaces it, or when the device answers nothing it is sent. Its sessions end with it at
-// once: a device that starts again gives out the same identifiers once more, so no session may
-// outlive its channel. Ownership  the server holds the channels; the channel owns its link, its
-// sessions and its queue. Threads    the thread of the io_context. Limits     LIMITS_T. Session
-// data to the device is bounded by not reading clients, data from it by not reading the
-//            channel.
+// The channel of one device: its handshake, its messages, and the sessions on it. A channel begins
+// with an accepted TCP connection; the handshake must be accepted within handshake_time. Afterwards
+// it ends when the connection does, when a newer channel of the same device replaces it, or when
+// the device answers nothing it is sent. Its sessions end with it at once: a device that starts
+// again gives out the same identifiers once more, so no session may outlive its channel.
+// Ownership  the server holds the channels; the channel owns its link, its sessions and its queue.
+// Threads    the thread of the io_context.
+// Limits     LIMITS_T. Session data to the device is bounded by not reading clients, data from it
+//            by not reading the channel.
 // Failure    every fault is logged here. A message that cannot be read is dropped, and the channel
-// stays, as the device
-//            does it on its side.
+//            stays, as the device does it on its side.
 #pragma once
 
 #include "backend/handshake.h"

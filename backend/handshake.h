@@ -1,12 +1,12 @@
-// The check of a device's handshake, and its answer.
-// A device signs "clientId<uuid>deviceName<name>productKey<key>timestamp<seconds>" with
-// HMAC-SHA256, keyed with its secret; the sign is 64 lower-case hexadecimal digits. The payload
-// does not carry the timestamp: the message header has one, but the device reads its clock once for
-// the sign and again for the header, so the signed second is that of the header or the one before.
-// A captured handshake could be sent again within the accepted time: the channel's TLS keeps it
-// from being captured, and it cannot be refused, because a device that connects twice within one
-// second sends the same sign twice. Threads  no state. Failure: every fault is a code; nothing is
-// thrown for bad input.
+// The check of a device's handshake, and its answer. A device signs
+// "clientId<uuid>deviceName<name>productKey<key>timestamp<seconds>" with HMAC-SHA256, keyed with
+// its secret; the sign is 64 lower-case hexadecimal digits. The payload does not carry the
+// timestamp: the message header has one, but the device reads its clock once for the sign and again
+// for the header, so the signed second is that of the header or the one before. A captured
+// handshake could be sent again within the accepted time: the channel's TLS keeps it from being
+// captured, and it cannot be refused, because a device that connects twice within one second sends
+// the same sign twice.
+// Threads  no state. Failure: every fault is a code; nothing is thrown for bad input.
 #pragma once
 
 #include "backend/device_registry.h"

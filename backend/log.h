@@ -1,10 +1,10 @@
 // The back end's log: one line for each event on standard error, "2026-11-22T19:20:11.123Z I text",
-// in UTC. Peers      what they send may stand in a text: bytes outside printable ASCII and the
-// backslash are written as \xHH,
-//            so that no line can be forged or split from outside.
-// Limits     a text is cut at 1024 bytes, with "..." at the end.
-// Threads    safe from every thread: a line is one write.
-// Failure    a line that cannot be written is lost.
+// in UTC.
+// Peers    what they send may stand in a text: bytes outside printable ASCII and the backslash are
+//          written as \xHH, so that no line can be forged or split from outside.
+// Limits   a text is cut at 1024 bytes, with "..." at the end.
+// Threads  safe from every thread: a line is one write.
+// Failure  a line that cannot be written is lost.
 #pragma once
 
 #include <cstdint>

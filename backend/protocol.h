@@ -1,12 +1,13 @@
-// The messages of the cloud channel, as the back end reads and writes them.
-// A message is one WebSocket binary message: a header (one JSON object on one line, the message's
-// first byte is its brace), "\r\n\r\n", and exactly payload_len bytes of payload. A device takes
-// messages of at most MESSAGE_MAX bytes, header included, and drops longer ones. Devices read JSON
-// with a scanner that knows neither escapes nor nesting in a header, and takes the first closing
-// brace as the header's end: so no text with a quote, brace or backslash is ever written into a
-// header. Ownership  parsed messages point into the bytes they were read from. Threads    none of
-// the functions keeps state. Failure    parsers return the fault in words, or null when the input
-// is good; they never throw for bad input.
+// The messages of the cloud channel, as the back end reads and writes them. A message is one
+// WebSocket binary message: a header (one JSON object on one line, the message's first byte is its
+// brace), "\r\n\r\n", and exactly payload_len bytes of payload. A device takes messages of at most
+// MESSAGE_MAX bytes, header included, and drops longer ones. Devices read JSON with a scanner that
+// knows neither escapes nor nesting in a header, and takes the first closing brace as the header's
+// end: so no text with a quote, brace or backslash is ever written into a header.
+// Ownership  parsed messages point into the bytes they were read from.
+// Threads    none of the functions keeps state.
+// Failure    parsers return the fault in words, or null when the input is good; they never throw
+//            for bad input.
 #pragma once
 
 #include <array>

@@ -1,8 +1,9 @@
 // The back end as a whole: the port for devices, the local ports for clients, and which channel
-// belongs to which device. Ownership  the server holds every channel; it must outlive the run of
-// its io_context. Threads    the thread of the io_context. Failure    startServer throws
-// std::runtime_error when something cannot be used; afterwards faults are logged and the
-//            server goes on.
+// belongs to which device.
+// Ownership  the server holds every channel; it must outlive the run of its io_context.
+// Threads    the thread of the io_context.
+// Failure    startServer throws std::runtime_error when something cannot be used; afterwards faults
+//            are logged and the server goes on.
 #pragma once
 
 #include "backend/device_channel.h"

@@ -1,15 +1,13 @@
 // One session's local end: the TCP connection of a client, carried over a device's channel.
 // Ownership  the channel owns its sessions; a running operation keeps its session alive. A session
-// that the device has
-//            released only flushes what is left to its client and belongs to itself.
+//            that the device has released only flushes what is left to its client and belongs to
+//            itself.
 // Threads    the thread of the io_context.
 // Half-close the protocol has none. When a client ends its sending, the session stays for what the
-// device still sends,
-//            until the device releases it or nothing has come for linger_time.
+//            device still sends, until the device releases it or nothing has come for linger_time.
 // Endings    a client whose session was refused, lost or cut off gets a reset, so that it cannot
-// take a part for the
-//            whole; after an orderly release it gets everything that was sent to it and then an end
-//            of file.
+//            take a part for the whole; after an orderly release it gets everything that was sent
+//            to it and then an end of file.
 // Limits     LIMITS_T: the session's buffer, and the waits that end a session nobody moves.
 #pragma once
 

@@ -1,11 +1,11 @@
 // One accepted WebSocket connection, plain or over TLS, without any knowledge of what it carries.
 // Ownership  the link keeps itself alive while an operation runs; a message being written belongs
-// to it until it is
-//            handed back with `written`. Its events must not keep it alive.
+//            to it until it is handed back with `written`. Its events must not keep it alive.
 // Threads    the thread of the io_context.
 // Limits     messages of up to LINK_MESSAGE_MAX bytes; no compression. At most one read and one
-// write at a time. Failure    every operation ends in its event, with an error when it failed;
-// after abort() no event comes any more.
+//            write at a time.
+// Failure    every operation ends in its event, with an error when it failed; after abort() no
+//            event comes any more.
 #pragma once
 
 #include "backend/protocol.h"

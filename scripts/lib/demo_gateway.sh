@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The inside of the demonstration, run in a sandbox by scripts/demo: starts a gateway and a back end, and uses the tunnel
-# between them. Usage: demo_gateway.sh [stay]
+# The inside of the demonstration, run in a sandbox by scripts/demo: starts a gateway, an MQTT broker and a back end, uses
+# the tunnel between them, and controls it from both sides. Usage: demo_gateway.sh [stay]
 # Expects the project at /project and the programs in /brimlock/gateway/build/bin.
 set -euo pipefail
 # shellcheck source=SCRIPTDIR/steps.sh
@@ -11,13 +11,18 @@ readonly CONFIG=/brimlock/gateway/build/config
 readonly LOG=/tmp/log
 readonly MATERIAL=/tmp/demo
 readonly BUS_SOCKET=/tmp/var/run/mbusd/mbusd_socket
+readonly DAEMON_NAME=iot.gateway.remote_access_daemon
+readonly DAEMON_PATH=/iot/gateway/remote_access_daemon
 readonly BACKEND_NAME=backend.demo
-readonly DEVICE=demo-gateway
-readonly BACKEND_PORT=7443 SSHD_PORT=2222 WEB_PORT=8080         # what listens
+readonly PRODUCT_KEY=demo DEVICE=demo-gateway VERSION=1.0.0
+readonly TOPICS=/sys/$PRODUCT_KEY/$DEVICE/edge
+readonly BACKEND_PORT=7443 SSHD_PORT=2222 WEB_PORT=8080 BROKER_PORT=1883 # what listens
 readonly SSH_PORT=2022 SFTP_PORT=2023 HTTP_PORT=2080            # the tunnel's ends on the back end's side
-readonly START_S=15 USE_S=120                                   # how long a step may take
+readonly START_S=15 USE_S=120 SWITCH_S=5                        # how long a step may take
+readonly WATCHED_S=21                                           # longer than a watched thread may be silent
 readonly MIB=64
 readonly LOG_TUNNEL="$LOG/clients.log $LOG/daemon.log $LOG/backend.log"
+readonly LOG_CONTROL="$LOG/control.log $LOG/daemon.log $LOG/mqtt_bridge.log"
 
 declare -A PIDS=()
 
@@ -89,16 +94,15 @@ END
 
 # What the gateway and the back end know about each other and what the gateway offers.
 write_configuration() {
-    local key secret
-    key=$(random_hex 6)
+    local secret
     secret=$(random_hex 16)
     cat >"$CONFIG/gateway.conf" <<END
 # Settings of the demonstration's gateway
-gw_system_productkey=$key
+gw_system_productkey=$PRODUCT_KEY
 gw_system_devicename=$DEVICE
 gw_system_devicesecret=$secret
-# Without a long-lived cloud connection remote access is open from the start.
-gw_system_cloud_long_connection=0
+# The gateway stays connected to the broker; remote access starts closed and is opened from the cloud or over the bus.
+gw_system_cloud_long_connection=1
 gw_remoteaccess_cloud_host=$BACKEND_NAME
 gw_remoteaccess_cloud_port=$BACKEND_PORT
 gw_remoteaccess_cert_path=$CONFIG/ca.pem
@@ -109,12 +113,17 @@ END
  {"type":"SFTP","name":"sftp_localhost","ip":"127.0.0.1","port":$SSHD_PORT},
  {"type":"HTTP","name":"http_localhost","ip":"127.0.0.1","port":$WEB_PORT}]
 END
-    printf 'edition standard\n' >"$CONFIG/../SPECIFICATION"
-    printf '1.0.0\n' >"$CONFIG/../VERSION"
+    # No SPECIFICATION file: an installation of unknown edition describes itself to the cloud.
+    printf '%s' "$VERSION" >"$CONFIG/../VERSION"
     cat >"$MATERIAL/devices.json" <<END
-{"devices":[{"product_key":"$key","device_name":"$DEVICE","device_secret":"$secret"}]}
+{"devices":[{"product_key":"$PRODUCT_KEY","device_name":"$DEVICE","device_secret":"$secret"}]}
 END
     chmod 600 "$CONFIG/gateway.conf" "$MATERIAL/devices.json"
+    cat >"$MATERIAL/broker.conf" <<END
+listener $BROKER_PORT 127.0.0.1
+allow_anonymous true
+persistence false
+END
 }
 
 prepare() {
@@ -132,6 +141,22 @@ start_config_manager() {
     start config_manager "$BIN/gateway_config_manager" \
         --bus "unix:path=$BUS_SOCKET" --file "$CONFIG/gateway.conf"
     wait_for $START_S "${PIDS[config_manager]}" logged config_manager ' offered on '
+}
+
+start_watchdog() {
+    start watchdog "$BIN/gateway_watchdog" --bus "unix:path=$BUS_SOCKET"
+    wait_for $START_S "${PIDS[watchdog]}" logged watchdog 'watching the feeds'
+}
+
+start_broker() {
+    start broker mosquitto -c "$MATERIAL/broker.conf"
+    wait_for $START_S "${PIDS[broker]}" listens $BROKER_PORT
+}
+
+start_mqtt_bridge() {
+    start mqtt_bridge "$BIN/gateway_mqtt_bridge" --bus "unix:path=$BUS_SOCKET" \
+        --host 127.0.0.1 --port $BROKER_PORT --client-id "$DEVICE"
+    wait_for $START_S "${PIDS[mqtt_bridge]}" logged mqtt_bridge 'connected to the broker'
 }
 
 start_backend() {
@@ -154,9 +179,86 @@ start_web() {
     wait_for $START_S "${PIDS[web]}" listens $WEB_PORT
 }
 
+# The last of its topics is subscribed once its configuration has been read.
 start_daemon() {
     start daemon "$BIN/remote_access_daemon"
-    wait_for $START_S "${PIDS[daemon]}" logged backend "device $DEVICE connected"
+    WATCHED_UNTIL=$((SECONDS + WATCHED_S))
+    wait_for $START_S "${PIDS[daemon]}" \
+        logged mqtt_bridge "$DAEMON_NAME is subscribed to $TOPICS/ability/get"
+}
+
+# What another module of the gateway asks, and what the cloud sends and receives.
+ask() { busctl --address="unix:path=$BUS_SOCKET" call "$DAEMON_NAME" "$DAEMON_PATH" "$DAEMON_NAME" "$@"; }
+publish() { mosquitto_pub -h 127.0.0.1 -p $BROKER_PORT -q 1 -t "$TOPICS/$1" -m "$2"; }
+receive() { mosquitto_sub -h 127.0.0.1 -p $BROKER_PORT -C 1 -W "$2" -t "$TOPICS/$1"; }
+
+# Until it is acknowledged it comes with every pass of the daemon, of which there are two a second.
+describe_itself() {
+    local status=0
+    STEP_NOTE=$(receive ability/post $START_S) || return 1
+    [ "$STEP_NOTE" = "{\"version\":\"$VERSION\",\"spec\":\"lite\"}" ] || return 1
+    publish ability/post_reply '{"code":200}' || return 1
+    wait_for $START_S "${PIDS[daemon]}" logged daemon "cloud data topic:$TOPICS/ability/post_reply"
+    receive ability/post 2 || status=$?
+    [ "$status" -eq 27 ] # nothing came in that time
+}
+
+channel_is() { ask queryRemoteChannelState | tee /dev/stderr | grep -qF "\\\"state\\\": $1}"; }
+
+# switched STATE COMMAND...: gives the command, and waits until the channel has followed it at both of its ends.
+switched() {
+    local state=$1 event before
+    shift
+    event=$([ "$state" -eq 1 ] && echo connected || echo disconnected)
+    before=$(times_seen "$event")
+    "$@" && wait_for $SWITCH_S "${PIDS[daemon]}" channel_is "$state" &&
+        wait_for $SWITCH_S "${PIDS[backend]}" backend_saw "$event" $((before + 1))
+}
+times_seen() { grep -c "device $DEVICE.* $1" "$LOG/backend.log"; }
+backend_saw() { [ "$(times_seen "$1")" -eq "$2" ]; }
+
+list_services() {
+    local answer names
+    answer=$(ask queryEdgeServicesAvailable) || return 1
+    printf '%s\n' "$answer"
+    mapfile -t names < <(grep -oE '[a-z]+_localhost' <<<"$answer" | sort)
+    STEP_NOTE="${names[*]}"
+    [ "$STEP_NOTE" = "http_localhost sftp_localhost ssh_localhost" ]
+}
+
+# The name of the one open session's service, and its identifier.
+one_session() {
+    local answer pattern='"socket\\":[0-9]+,\\"sessionId\\":\\"([A-Za-z0-9]{30})\\",\\"serviceName\\":\\"([a-z_]+)\\"}]}}"$'
+    answer=$(ask queryAllSessionInfo) || return 1
+    printf '%s\n' "$answer"
+    [[ $answer =~ $pattern ]] || return 1
+    SESSION=${BASH_REMATCH[1]} STEP_NOTE="${BASH_REMATCH[2]} ${BASH_REMATCH[1]}"
+}
+no_session() { ask queryAllSessionInfo | grep -qF '\"sessionList\":[]'; }
+
+# The session before may still be closing. This one ends by itself when its input does.
+list_sessions() {
+    local client input passed=0
+    wait_for $START_S "${PIDS[daemon]}" no_session || return 1
+    exec {input}> >(ssh -F "$MATERIAL/ssh.conf" -p $SSH_PORT 127.0.0.1 cat)
+    client=$!
+    wait_for $START_S $client one_session &&
+        [ "$(ask GetRemoteAccessSession s "$SESSION")" = 'i -1' ] || passed=1
+    exec {input}>&-
+    wait $client && [ $passed -eq 0 ] && wait_for $START_S "${PIDS[daemon]}" no_session &&
+        [ "$(ask GetRemoteAccessSession s "$SESSION")" = 'i 0' ]
+}
+
+long_enough() { [ "$SECONDS" -ge "$WATCHED_UNTIL" ]; }
+
+# A thread that stopped after its first feed is reported only when its declared time is over.
+look_at_watchdog() {
+    local thread
+    wait_for $((WATCHED_S + START_S)) "${PIDS[watchdog]}" long_enough || return 1
+    for thread in mainThread remoteAccessProxyThread; do
+        logged watchdog "$thread of $DAEMON_NAME is watched" || return 1
+    done
+    ! logged watchdog 'has not been fed'
 }
 
 # The command's own exit status has to come through, too.
@@ -198,29 +300,45 @@ fetch_page() {
     cmp "$MATERIAL/page" "$MATERIAL/web/index.html"
 }
 
-# Leads connections from outside to the tunnel; the other relay is scripts/demo's.
-open_bridge() {
-    start bridge /project/scripts/lib/relay.py unix:/tmp/bridge "tcp:127.0.0.1:$SSH_PORT"
-    wait_for $START_S "${PIDS[bridge]}" test -S /tmp/bridge
+# open_relay NAME PORT: leads connections from outside to a port in here; the other relay is scripts/demo's.
+open_relay() {
+    start "$1" /project/scripts/lib/relay.py "unix:/tmp/$1" "tcp:127.0.0.1:$2"
+    wait_for $START_S "${PIDS[$1]}" test -S "/tmp/$1"
 }
+open_relays() { open_relay tunnel $SSH_PORT && open_relay gateway $SSHD_PORT; }
 
 mkdir -p "$LOG" "$MATERIAL/web" "$CONFIG" "${BUS_SOCKET%/*}"
 step "$LOG/prepare.log" "certificates, keys and settings made" prepare
 step "$LOG/steps.log $LOG/bus.log" "message bus started" start_bus
+step "$LOG/steps.log $LOG/watchdog.log" "watchdog started" start_watchdog
 step "$LOG/steps.log $LOG/config_manager.log" "configuration manager started" start_config_manager
+step "$LOG/steps.log $LOG/broker.log" "MQTT broker started" start_broker
+step "$LOG/steps.log $LOG/mqtt_bridge.log" "MQTT bridge started" start_mqtt_bridge
 step "$LOG/steps.log $LOG/backend.log" "back end started" start_backend
 step "$LOG/steps.log $LOG/sshd.log" "sshd started on the gateway" start_sshd
 step "$LOG/steps.log $LOG/web.log" "web server started on the gateway" start_web
-step "$LOG/steps.log $LOG/daemon.log $LOG/backend.log" "daemon started, channel open" start_daemon
+step "$LOG/steps.log $LOG/daemon.log $LOG/mqtt_bridge.log" "daemon started, cloud topics subscribed" start_daemon
+step "$LOG_CONTROL" "self-description received and acknowledged" describe_itself
+step "$LOG_CONTROL $LOG/backend.log" "switched on over the bus, channel open" switched 1 ask OpenRemoteAccess
+step "$LOG_CONTROL" "services listed over the bus" list_services
 step "$LOG_TUNNEL $LOG/sshd.log" "ssh through the tunnel" run_command
+step "$LOG_CONTROL $LOG/sshd.log" "session listed over the bus while ssh is open" list_sessions
 step "$LOG_TUNNEL $LOG/sshd.log" "sftp of $MIB MiB through the tunnel, SHA-256 equal" \
     copy_both_ways $SFTP_PORT
 step "$LOG/clients.log $LOG/sshd.log" "the same without the tunnel" copy_both_ways $SSHD_PORT
 step "$LOG_TUNNEL $LOG/web.log" "web page through the tunnel, bytes equal" fetch_page
+step "$LOG_CONTROL $LOG/backend.log" "switched off over the bus, channel down" switched 0 ask CloseRemoteAccess
+step "$LOG_CONTROL $LOG/backend.log" "switched on over the bus, channel up" switched 1 ask OpenRemoteAccess
+step "$LOG_CONTROL $LOG/backend.log" "switched off from the cloud, channel down" \
+    switched 0 publish debug/switch '{"status":0}'
+step "$LOG_CONTROL $LOG/backend.log" "switched on from the cloud, channel up" \
+    switched 1 publish debug/switch '{"status":1}'
+step "$LOG_TUNNEL $LOG/sshd.log" "ssh through the tunnel again" run_command
+step "$LOG/steps.log $LOG/watchdog.log" "no lapse seen by the watchdog in $WATCHED_S s" look_at_watchdog
 if [ "${1:-}" = stay ]; then
-    step "$LOG/steps.log $LOG/bridge.log" "bridge to the outside open" open_bridge
+    step "$LOG/steps.log $LOG/tunnel.log $LOG/gateway.log" "relays to the outside open" open_relays
     touch /tmp/ready
-    wait -n || true # until one of the programs ends, or until the sandbox is ended
+    wait -n "${PIDS[@]}" || true # until one of the programs ends, or until the sandbox is ended
     printf 'one of the programs has ended\n' >&2
     exit 1
 fi

@@ -27,8 +27,11 @@ install() {
 }
 # Without package lists, or with old ones, the first attempt fails.
 install "$@" || { apt-get update && install "$@"; }
-if command -v systemctl >/dev/null; then
-    dpkg -L "$@" | sed -nE "s#^(/usr)?/lib/systemd/system/([^/@]+\.(service|socket))\$#\2#p" |
+# systemd itself is wanted for its tools; its own units are not ours to disable.
+others=()
+for package in "$@"; do [ "$package" = systemd ] || others+=("$package"); done
+if command -v systemctl >/dev/null && [ ${#others[@]} -gt 0 ]; then
+    dpkg -L "${others[@]}" | sed -nE "s#^(/usr)?/lib/systemd/system/([^/@]+\.(service|socket))\$#\2#p" |
         sort -u | xargs --no-run-if-empty systemctl --quiet disable || true
 fi
 '

@@ -80,20 +80,17 @@ TEST(HmacSha256, RefusesWithAReportAndLeavesTheOutput)
     std::uint8_t out[SHA256_DIGEST_SIZE] = {0x5a};
     const std::string before = hex(out);
     const std::string key(131, '\xaa'); // as long as in the published cases 6 and 7
-    using ROW_T =
-        std::tuple<std::uint8_t *, const void *, const void *, std::uint32_t, const char *>;
-    const ROW_T rows[] = {{nullptr, nullptr, nullptr, 65, "out"},
-                          {out, nullptr, nullptr, 65, "data"},
-                          {out, "", nullptr, 65, "key"},
-                          {out, "", key.data(), 65, "key_len <= 64"},
-                          {out, "", key.data(), 131, "key_len <= 64"}};
-    for (const auto &[output, data, key_bytes, key_len, condition] : rows) {
+    using ROW_T = std::tuple<const void *, const void *, std::uint32_t, const char *>;
+    const ROW_T rows[] = {{nullptr, key.data(), 1, "data"},
+                          {"", nullptr, 1, "key"},
+                          {"", key.data(), 65, "key_len <= 64"},
+                          {"", key.data(), 131, "key_len <= 64"}};
+    for (const auto &[data, key_bytes, key_len, condition] : rows) {
         testing::internal::CaptureStderr();
-        hmac_sha256(output, data, 0, key_bytes, key_len);
-        const std::string report = testing::internal::GetCapturedStderr();
-        const std::string start = "API check '" + std::string(condition) + "' failed at ";
-        EXPECT_THAT(report, testing::StartsWith(start + "hmac_sha256 ("));
-        EXPECT_THAT(report, testing::ContainsRegex("hmac-sha256.cpp:[0-9]+\\)\n$"));
+        hmac_sha256(out, data, 0, key_bytes, key_len);
+        EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                    testing::MatchesRegex("API check '" + std::string(condition) +
+                                          "' failed at hmac_sha256 .*hmac-sha256.cpp:[0-9]+.\n"));
         EXPECT_EQ(before, hex(out));
     }
 }

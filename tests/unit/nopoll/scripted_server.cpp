@@ -4,19 +4,11 @@
 #include <chrono>
 #include <csignal>
 #include <gtest/gtest.h>
-#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <poll.h>
 #include <sys/socket.h>
 
 using Clock = std::chrono::steady_clock;
-
-static void limitWaits(int fd)
-{
-    const timeval patience{PATIENCE_S, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
-}
 
 ScriptedServer::ScriptedServer(const IDENTITY_T *identity, int max_tls)
     : listener_{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)}
@@ -27,10 +19,12 @@ ScriptedServer::ScriptedServer(const IDENTITY_T *identity, int max_tls)
     socklen_t size = sizeof address;
     auto *generic = reinterpret_cast<sockaddr *>(&address);
     EXPECT_EQ(bind(listener_.get(), generic, size), 0);
-    EXPECT_EQ(listen(listener_.get(), 8), 0);
+    EXPECT_EQ(listen(listener_.get(), 0), 0);
     getsockname(listener_.get(), generic, &size);
-    port_ = std::to_string(ntohs(address.sin_port));
-    limitWaits(listener_.get());
+    port = std::to_string(ntohs(address.sin_port));
+    const timeval patience{PATIENCE_S, 0}; // what is accepted inherits it
+    setsockopt(listener_.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    setsockopt(listener_.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     if (!identity) return;
     context_.reset(SSL_CTX_new(TLS_server_method()));
     SSL_CTX_set_min_proto_version(context_.get(), 0);
@@ -40,14 +34,9 @@ ScriptedServer::ScriptedServer(const IDENTITY_T *identity, int max_tls)
     SSL_CTX_use_PrivateKey(context_.get(), identity->key.get());
 }
 
-ScriptedServer::~ScriptedServer()
-{
-    settle();
-}
-
 void ScriptedServer::acceptOne(Answer answer)
 {
-    thread_ = std::thread{[this, answer = std::move(answer)] { serve(answer); }};
+    thread_ = std::jthread{[this, answer = std::move(answer)] { serve(answer); }};
 }
 
 void ScriptedServer::abandon()
@@ -68,7 +57,6 @@ void ScriptedServer::serve(const Answer &answer)
     pthread_sigmask(SIG_BLOCK, &broken_pipe, nullptr);
     socket_.reset(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!socket_) return;
-    limitWaits(socket_.get());
     if (context_) {
         ssl_.reset(SSL_new(context_.get()));
         SSL_set_fd(ssl_.get(), socket_.get());
@@ -77,15 +65,16 @@ void ScriptedServer::serve(const Answer &answer)
             return;
         }
         const char *name = SSL_get_servername(ssl_.get(), TLSEXT_NAMETYPE_host_name);
-        server_name_ = name ? name : "";
+        server_name = name ? name : "";
     }
-    while (!request_.ends_with("\r\n\r\n")) {
+    while (!request.ends_with("\r\n\r\n")) {
         const std::string byte = read(1);
         if (byte.empty()) return;
-        request_ += byte;
+        request += byte;
     }
-    const std::string text = answer(request_);
-    if (!text.empty()) write(text);
+    const std::string text = answer(request);
+    if (text.empty()) hangUp();
+    write(text);
 }
 
 void ScriptedServer::write(std::string_view bytes)
@@ -122,7 +111,7 @@ CLIENT_FRAME_T ScriptedServer::readFrame()
         return static_cast<unsigned char>(text[i]);
     };
     EXPECT_TRUE(byte(head, 1) & 0x80) << "not masked";
-    EXPECT_EQ(byte(head, 0) & 0x70, 0);
+    EXPECT_EQ(byte(head, 0) & 0xF0, 0x80) << "not one whole frame";
     uint64_t size = byte(head, 1) & 0x7F;
     const std::string extra = read(size == 127 ? 8 : size == 126 ? 2 : 0);
     if (!extra.empty()) size = 0;
@@ -133,20 +122,7 @@ CLIENT_FRAME_T ScriptedServer::readFrame()
     EXPECT_EQ(payload.size(), size) << "frame cut";
     for (std::size_t i = 0; i < payload.size(); ++i)
         payload[i] = static_cast<char>(payload[i] ^ mask[i % 4]);
-    return {byte(head, 0) & 0x0F, (byte(head, 0) & 0x80) != 0, std::move(payload)};
-}
-
-void ScriptedServer::requestKeyUpdate()
-{
-    EXPECT_EQ(SSL_key_update(ssl_.get(), SSL_KEY_UPDATE_REQUESTED), 1);
-    EXPECT_EQ(SSL_do_handshake(ssl_.get()), 1);
-}
-
-void ScriptedServer::reset()
-{
-    const linger abort_at_once{1, 0};
-    setsockopt(socket_.get(), SOL_SOCKET, SO_LINGER, &abort_at_once, sizeof abort_at_once);
-    hangUp();
+    return {byte(head, 0) & 0x0F, std::move(payload)};
 }
 
 void ScriptedServer::hangUp()

@@ -16,57 +16,41 @@ inline constexpr int PATIENCE_S = 20;
 
 struct CLIENT_FRAME_T {
     int opcode = -1; // -1: the stream ended
-    bool final = false;
     std::string payload;
+    bool operator==(const CLIENT_FRAME_T &) const = default;
 };
 
 class ScriptedServer {
 public:
-    // Answers the request's text; an empty answer sends none.
+    // Answers the request's text; an empty answer ends the connection.
     using Answer = std::function<std::string(const std::string &request)>;
 
     explicit ScriptedServer(const IDENTITY_T *identity = nullptr, int max_tls = TLS1_3_VERSION);
-    ~ScriptedServer();
     ScriptedServer(const ScriptedServer &) = delete;
-    ScriptedServer &operator=(const ScriptedServer &) = delete;
 
-    const char *port() const
-    {
-        return port_.c_str();
-    }
     void acceptOne(Answer answer);
     // Ends the wait for a client that will not come.
     void abandon();
     // Waits until the accept is done.
     void settle();
-    const std::string &request() const
-    {
-        return request_;
-    }
-    const std::string &serverName() const
-    {
-        return server_name_;
-    }
-
     void write(std::string_view bytes);
     // Up to `size` bytes; fewer when the stream ends.
     std::string read(std::size_t size);
     CLIENT_FRAME_T readFrame();
-    void requestKeyUpdate();
-    void reset();
     void hangUp();
+
+    std::string port;
+    std::string request;     // of the client, once settled
+    std::string server_name; // that it asked for in TLS
 
 private:
     void serve(const Answer &answer);
 
     UniqueFd listener_;
-    std::string port_;
     std::unique_ptr<SSL_CTX, Releaser<SSL_CTX_free>> context_;
-    std::thread thread_;
     UniqueFd socket_;
     std::unique_ptr<SSL, Releaser<SSL_free>> ssl_;
-    std::string request_;
-    std::string server_name_;
+    std::jthread thread_; // the last member: it uses the others until it is joined
 };
 
 // The answer that opens the WebSocket.

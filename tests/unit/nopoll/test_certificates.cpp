@@ -1,10 +1,9 @@
 #include "test_certificates.h"
 
-#include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
+#include <sys/mman.h>
 
 static void addExtension(X509 *certificate, X509 *issuer, int nid, const char *value)
 {
@@ -24,7 +23,7 @@ IDENTITY_T makeIdentity(const CERTIFICATE_REQUEST_T &request, const IDENTITY_T *
     X509 *signer = issuer ? issuer->certificate.get() : certificate;
     X509_set_version(certificate, X509_VERSION_3);
     ASN1_INTEGER_set(X509_get_serialNumber(certificate), serial++);
-    X509_gmtime_adj(X509_getm_notBefore(certificate), request.starts_in_s);
+    X509_gmtime_adj(X509_getm_notBefore(certificate), -3600);
     X509_gmtime_adj(X509_getm_notAfter(certificate), request.ends_in_s);
     const auto *text = reinterpret_cast<const unsigned char *>(request.subject);
     X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate), "CN", MBSTRING_ASC, text, -1, -1,
@@ -38,32 +37,13 @@ IDENTITY_T makeIdentity(const CERTIFICATE_REQUEST_T &request, const IDENTITY_T *
     return made;
 }
 
-std::string pemOf(const IDENTITY_T &identity)
+PEM_FILE_T pemFile(std::initializer_list<const IDENTITY_T *> identities)
 {
-    BIO *memory = BIO_new(BIO_s_mem());
-    PEM_write_bio_PrivateKey(memory, identity.key.get(), nullptr, nullptr, 0, nullptr, nullptr);
-    PEM_write_bio_X509(memory, identity.certificate.get());
-    char *text = nullptr;
-    const auto size = static_cast<std::size_t>(BIO_get_mem_data(memory, &text));
-    std::string pem{text, size};
-    BIO_free(memory);
-    return pem;
-}
-
-TemporaryDirectory::TemporaryDirectory() : path_{"/tmp/channel_test.XXXXXX"}
-{
-    EXPECT_NE(mkdtemp(path_.data()), nullptr);
-}
-
-TemporaryDirectory::~TemporaryDirectory()
-{
-    std::error_code ignored; // nothing to be done about it here
-    std::filesystem::remove_all(path_, ignored);
-}
-
-std::string TemporaryDirectory::write(const char *name, const std::string &content) const
-{
-    const std::string path = path_ + '/' + name;
-    std::ofstream{path} << content;
-    return path;
+    UniqueFd file{memfd_create("pem", MFD_CLOEXEC)};
+    std::string path = "/proc/self/fd/" + std::to_string(file.get());
+    FILE *stream = fopen(path.c_str(), "we");
+    for (const IDENTITY_T *identity : identities)
+        EXPECT_EQ(PEM_write_X509(stream, identity->certificate.get()), 1);
+    EXPECT_EQ(fclose(stream), 0);
+    return {std::move(file), std::move(path)};
 }

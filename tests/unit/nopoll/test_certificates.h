@@ -1,4 +1,4 @@
-// Certificates made at run time, in a directory that goes away with its owner.
+// Certificates made at run time, and files that leave nothing behind.
 #pragma once
 
 #include "utility/handles.h"
@@ -17,23 +17,16 @@ struct IDENTITY_T {
 struct CERTIFICATE_REQUEST_T {
     const char *subject = "server";
     const char *names = ""; // subjectAltName in OpenSSL's notation; empty for none
-    int starts_in_s = -3600;
     int ends_in_s = 3600;
     bool authority = false;
 };
 
 // Signed by the issuer, or by itself when there is none.
 IDENTITY_T makeIdentity(const CERTIFICATE_REQUEST_T &request, const IDENTITY_T *issuer = nullptr);
-std::string pemOf(const IDENTITY_T &identity);
 
-class TemporaryDirectory {
-public:
-    TemporaryDirectory();
-    ~TemporaryDirectory();
-    TemporaryDirectory(const TemporaryDirectory &) = delete;
-    TemporaryDirectory &operator=(const TemporaryDirectory &) = delete;
-    std::string write(const char *name, const std::string &content) const;
-
-private:
-    std::string path_;
+// The path is good for this process, as long as the descriptor is open.
+struct PEM_FILE_T {
+    UniqueFd file;
+    std::string path;
 };
+PEM_FILE_T pemFile(std::initializer_list<const IDENTITY_T *> identities);

@@ -1,8 +1,13 @@
+#include "utility/handles.h"
 #include "utility/message_id.h"
+#include "utility/socket_option.h"
 #include "utility/thread_handle.h"
 
 #include <cstdlib>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 
 TEST(MessageId, DrawsFromTheUnseededGenerator)
 {
@@ -15,6 +20,16 @@ TEST(MessageId, DrawsFromTheUnseededGenerator)
     EXPECT_STREQ("PKdhtXMmr18n2L9K88eMlGn7CcctT9", shared);
     EXPECT_EQ(shared, generateMsgId());
     EXPECT_STRNE("PKdhtXMmr18n2L9K88eMlGn7CcctT9", shared);
+}
+
+TEST(SocketOption, SendsWithoutDelay)
+{
+    const UniqueFd fd{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    EXPECT_EQ(0, setSocketNoDelay(fd.get()));
+    int value = 0;
+    socklen_t size = sizeof value;
+    EXPECT_EQ(0, ::getsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &value, &size));
+    EXPECT_NE(0, value);
 }
 
 TEST(ThreadHandle, StartsInStateZeroOnly)

@@ -12,11 +12,16 @@
 namespace {
 
 std::mutex g_lock;
-std::vector<std::string> g_lines;
+struct LINE_T {
+    std::string text;
+    std::string owner;
+};
+std::vector<LINE_T> g_lines;
+std::string g_owners; // of the last take
 
 } // namespace
 
-void log_print(int level, const char *, const char *, const char *, const char *, int,
+void log_print(int level, const char *, const char *, const char *, const char *function, int,
                const char *format, ...)
 {
     std::string text(60000, '\0');
@@ -25,17 +30,27 @@ void log_print(int level, const char *, const char *, const char *, const char *
     text.resize(static_cast<std::size_t>(std::vsnprintf(text.data(), text.size(), format, args)));
     va_end(args);
     const std::lock_guard lock{g_lock};
-    g_lines.push_back(std::to_string(level) + " " + text);
-    if (level == LOG_LEVEL_ERROR) std::fprintf(stderr, "%s\n", g_lines.back().c_str());
+    g_lines.push_back({std::to_string(level) + " " + text, function});
+    if (level == LOG_LEVEL_ERROR) std::fprintf(stderr, "%s\n", g_lines.back().text.c_str());
 }
 
 std::string fake_logger::take(int min_level)
 {
     const std::lock_guard lock{g_lock};
     std::string joined;
-    for (const std::string &line : std::exchange(g_lines, {}))
-        if (line[0] - '0' >= min_level) joined += (joined.empty() ? "" : "|") + line;
+    g_owners.clear();
+    for (const auto &[text, owner] : std::exchange(g_lines, {})) {
+        if (text[0] - '0' < min_level) continue;
+        joined += (joined.empty() ? "" : "|") + text;
+        if (("|" + g_owners + "|").find("|" + owner + "|") == std::string::npos)
+            g_owners += (g_owners.empty() ? "" : "|") + owner;
+    }
     return maskIds(joined);
+}
+
+std::string fake_logger::owners()
+{
+    return g_owners;
 }
 
 std::string maskIds(std::string text)

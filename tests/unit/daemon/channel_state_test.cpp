@@ -147,7 +147,9 @@ TEST_F(ChannelState, SixthFailedOpeningInARowEndsTheProcess)
 
 TEST_F(ChannelState, FailedOpeningsCountInARowOnly)
 {
-    failOpenings(5);
+    failOpenings(1);
+    EXPECT_EQ("300 ", fake_clock::takeSleeps());
+    failOpenings(4);
     fake_websocket = {};
     fake_clock::advance(64);
     runChannelState(&proxy, 1);
@@ -181,7 +183,7 @@ TEST_F(ChannelState, LeavesEachStateForAReason)
         {1, 1, 0, NO_SOCKET, "0 4 0", CLOSING, ""},
         {1, 1, 3, NO_SOCKET, "0 5 0", CLOSING, ""}, // lost and timed out counts twice
         {2, 1, 70, 0, "2 3 2", "", ""},
-        {2, 1, 0, NO_SOCKET, "0 0 0", CLOSING, "500 "},
+        {2, 1, 100, NO_SOCKET, "0 0 0", CLOSING, "500 "},
     };
     for (const auto &row : rows) {
         fake_clock::reset();

@@ -93,6 +93,7 @@ TEST_F(CloudChannel, ReleasesEverythingWhenOpeningFails)
         fake_websocket = row.script;
         EXPECT_EQ(nullptr, openCloudProxyChannel("h", "443", "/ca.pem", 0, row.tls));
         EXPECT_EQ(row.log, fake_logger::take(0));
+        EXPECT_EQ("openCloudProxyChannel", fake_logger::owners());
         EXPECT_TRUE(fake_websocket.calls.ends_with(row.last_calls)) << fake_websocket.calls;
     }
 }
@@ -113,6 +114,7 @@ TEST_F(CloudChannel, RoutesTheLibrarysLogWhileSwitchedOn)
     for (const auto level : {NOPOLL_LEVEL_DEBUG, NOPOLL_LEVEL_INFO, NOPOLL_LEVEL_CRITICAL})
         fake_websocket.handler(nullptr, level, "100%s", nullptr);
     EXPECT_EQ("0 100%s|2 100%s|2 100%s", fake_logger::take(0));
+    EXPECT_EQ("websocketLog", fake_logger::owners());
     setCloudProxyChannelDebug(conn, 0);
     setCloudProxyChannelDebug(nullptr, 1);
     EXPECT_EQ("handler on|handler off|", fake_websocket.calls);

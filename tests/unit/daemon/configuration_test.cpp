@@ -80,6 +80,7 @@ TEST_F(Configuration, ReadsEveryKeyInOrderAndLogsItsValue)
         "1 cloud long connection:0|1 gw_remoteaccess_tcp_keepalive_period : -7|"
         "1 gw_remoteaccess_ping_period : none",
         fake_logger::take(0));
+    EXPECT_EQ("getConfigParams", fake_logger::owners());
     EXPECT_EQ("gw_system_productkey 1000 gw_system_devicename 1000 gw_system_devicesecret 1000 "
               "gw_remoteaccess_cert_path 1000 gw_remoteaccess_cloud_host 1000 "
               "gw_remoteaccess_cloud_port 1000 gw_remoteaccess_tls_type 1000 "
@@ -126,6 +127,7 @@ TEST_F(Configuration, TakesTheDefaultOfEachMissingKey)
             missing("tcp keepalive,", "remoteaccess_tcp_keepalive_period", "5") +
             missing("ping period,", "remoteaccess_ping_period", "80"),
         rest() + "|");
+    EXPECT_EQ("getConfigParams|writeDefaultCert", fake_logger::owners());
     EXPECT_EQ("1 0 2000 1 5 80 0 ", numbers());
     EXPECT_EQ(cert, record.cert_path);
     EXPECT_STREQ("443", record.cloud_port);
@@ -160,16 +162,16 @@ TEST_F(Configuration, KeepsEachFieldsLongestText)
 TEST_F(Configuration, AttemptEndsAtWhatCannotBeDoneWithout)
 {
     const struct {
-        const char *missing, *unsubscribed, *line, *last_call, *topic;
+        const char *missing, *unsubscribed, *line, *last_call, *topic, *secret;
     } rows[] = {
-        {"gw_system_productkey", "", "2 can not get PK, result:1", "productkey 1000 ", ""},
-        {"gw_system_devicename", "", "2 can not get DN, result:1", "devicename 1000 ", ""},
+        {"gw_system_productkey", "", "2 can not get PK, result:1", "productkey 1000 ", "", "old"},
+        {"gw_system_devicename", "", "2 can not get DN, result:1", "devicename 1000 ", "", "old"},
         {"gw_system_devicesecret", "", "2 can not get DS, result:1", "devicesecret 1000 ",
-         "/sys/pk1/dev1/edge/debug/switch"},
+         "/sys/pk1/dev1/edge/debug/switch", ""},
         {"", "gw_remoteaccess_debug_switch", "2 subscribe module config debug log switch error!",
-         "debug_switch 1 1000 ", "/sys/pk1/dev1/edge/debug/switch"},
+         "debug_switch 1 1000 ", "/sys/pk1/dev1/edge/debug/switch", "secret1"},
         {"", "gw_remoteaccess_trans_timeout", "2 subscribe module config transtimeout error!",
-         "trans_timeout 1 1000 ", "/sys/pk1/dev1/edge/debug/switch"},
+         "trans_timeout 1 1000 ", "/sys/pk1/dev1/edge/debug/switch", "secret1"},
     };
     for (const auto &row : rows) {
         SetUp();
@@ -177,11 +179,14 @@ TEST_F(Configuration, AttemptEndsAtWhatCannotBeDoneWithout)
         fake_config_manager.values.erase(row.missing);
         fake_config_manager.refused_subscription = row.unsubscribed;
         std::strcpy(record.product_key, "old");
+        std::strcpy(record.device_secret, "old");
         std::strcpy(record.topic_debug_switch, "");
         EXPECT_EQ(-1, read());
         EXPECT_EQ(row.line, fake_logger::take(2));
+        EXPECT_EQ("getConfigParams", fake_logger::owners());
         EXPECT_THAT(fake_config_manager.calls, EndsWith(row.last_call));
         EXPECT_STREQ(row.topic, record.topic_debug_switch);
+        EXPECT_STREQ(row.secret, record.device_secret);
         EXPECT_STRNE("old", record.product_key);
     }
     SetUp();

@@ -67,50 +67,14 @@ ssize_t __wrap_send(int fd, const void *bytes, size_t size, int flags)
 }
 }
 
-TEST_F(DataPath, FramesWhatAServiceSends)
-{
-    const std::string bytes(100, 'b'), message = wire(21, ID, "s1", bytes);
-    const std::string header = message.substr(0, message.size() - 100);
-    const std::string fd = std::to_string(session->socket_fd);
-    serve(bytes);
-    EXPECT_EQ("0 select local socket:" + fd + "|0 local socket:" + fd +
-                  ", have data|0 recv local service data!|1 local service data to cloud header:" +
-                  header +
-                  "|1 local service data to cloud headlen:" + std::to_string(header.size()) +
-                  ", payloadlen:100, bufferLen:" + std::to_string(message.size()) +
-                  "|1 local service data to cloud packet:" + header,
-              pass(0));
-    EXPECT_EQ(message, sent());
-    const std::string burst = std::string(50172, '1') + std::string(9828, '2');
-    serve(burst);
-    for (const std::string &part : {burst.substr(0, 50172), burst.substr(50172)}) {
-        pass(0);
-        EXPECT_EQ(wire(21, ID, "s1", part), sent());
-    }
-    serve("x");
-    fake_websocket.sends = {{50, 60}}; // a part of it leaves: the session stays
-    EXPECT_EQ("2 send to cloud failed! writenLen:50 ", pass(2));
-    EXPECT_EQ(0, checkOneSessionInTable(&proxy.session_table, "s1"));
-}
-
-TEST_F(DataPath, ServiceThatEndsReleasesItsSession)
-{
-    const std::string request = wire(5, ID, "s1");
-    fake_logger::take();
-    localServiceDataProc(&proxy, session); // nothing there: tried again on a later pass
-    EXPECT_EQ("", fake_logger::take());
-    far.reset();
-    EXPECT_EQ("2 release session: s1|1 release session header:" + request, pass(1));
-    EXPECT_EQ(request, sent());
-    EXPECT_EQ(-1, checkOneSessionInTable(&proxy.session_table, "s1"));
-}
-
 TEST_F(DataPath, SendErrorsDecideWhatBecomesOfTheRest)
 {
-    const std::string again = "2 local service bad: Resource temporarily unavailable, "
-                              "writenLen:-1|2 local socket block, try again!|";
-    const std::string part = "2 want to write len: 10, but writen len: 4|";
+    const std::string total = "0 local data total len:10|0 send to local service len:10|";
+    const std::string part =
+        "2 want to write len: 10, but writen len: 4|0 send to local service len:6|";
     const std::string bad = "2 local service bad: ";
+    const std::string again = bad + "Resource temporarily unavailable, writenLen:-1|2 local socket "
+                                    "block, try again!|";
     const std::string broken = "|2 local socker error! release this session|";
     const SEND_STEP_T full{-1, EAGAIN};
     const struct {
@@ -126,7 +90,7 @@ TEST_F(DataPath, SendErrorsDecideWhatBecomesOfTheRest)
          0,
          again + again + part + again + again + again,
          "20 20 20 20 20 "},
-        {{{-1, EINTR}}, 0, bad + "Interrupted system call, writenLen:-1|", ""},
+        {{{-1, EINTR}}, 0, bad + "Interrupted system call, writenLen:-1|0 EINTR return error|", ""},
         {{{-1, ECONNRESET}}, -1, bad + "Connection reset by peer, writenLen:-1" + broken, ""},
         {{{0, 0}}, -1, bad + "Success, writenLen:0" + broken, ""},
     };
@@ -134,8 +98,8 @@ TEST_F(DataPath, SendErrorsDecideWhatBecomesOfTheRest)
         g_sends = row.sends;
         errno = EAGAIN; // left over from before
         EXPECT_EQ(row.result, sendDown("0123456789"));
-        const std::string log = fake_logger::take(2);
-        EXPECT_EQ(row.log, log.empty() ? "" : log + "|");
+        EXPECT_EQ(total + row.log, fake_logger::take(0) + "|");
+        EXPECT_EQ("sendRawData2LocalService", fake_logger::owners());
         EXPECT_EQ(row.sleeps, fake_clock::takeSleeps());
         EXPECT_TRUE(g_sends.empty());
     }

@@ -2,6 +2,8 @@
 #include "src/remote_access_proxy_trans.h"
 #include "tests/support/proxy_fixture.h"
 
+#include <map>
+
 namespace {
 
 constexpr char SERVICES[] = "[{\"service_type\":\"SSH\"}]";
@@ -30,19 +32,13 @@ protected:
     static std::string linesOf(const KIND_T &kind)
     {
         const std::size_t header = kind.message.find("\r\n\r\n") + 4;
+        const std::map<char, std::string> parts{{'P', kind.message.substr(header)},
+                                                {'H', kind.message.substr(0, header)},
+                                                {'M', kind.message},
+                                                {'L', std::to_string(kind.message.size())}};
         std::string lines;
-        for (const char c : kind.lines) {
-            if (c == 'P')
-                lines += kind.message.substr(header);
-            else if (c == 'H')
-                lines += kind.message.substr(0, header);
-            else if (c == 'M')
-                lines += kind.message;
-            else if (c == 'L')
-                lines += std::to_string(kind.message.size());
-            else
-                lines += c;
-        }
+        for (const char c : kind.lines)
+            lines += parts.contains(c) ? parts.at(c) : std::string(1, c);
         return lines;
     }
     void useBufferOf(std::size_t capacity)

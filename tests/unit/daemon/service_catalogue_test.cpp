@@ -55,41 +55,6 @@ protected:
 
 } // namespace
 
-TEST_F(ServiceCatalogue, FallsBackToTheBuiltInList)
-{
-    EXPECT_EQ(0, getLocalServiceInfo(&record));
-    EXPECT_EQ("2 failed to open file: /brimlock/gateway/build/config/remote_terminal.json: No such "
-              "file or directory|2 can not get service list, using default value|"
-              R"(1 local service list info : [{"type":"SFTP","name":"sftp_localhost",)"
-              R"("ip":"127.0.0.1","port":22},{"type":"SSH","name":"ssh_localhost",)"
-              R"("ip":"127.0.0.1","port":22},{"type":"SFTP","name":"sftp_hostmachine",)"
-              R"("ip":"172.17.0.1","port":22},{"type":"SSH","name":"ssh_hostmachine",)"
-              R"("ip":"172.17.0.1","port":22},{"type":"HTTP","name":"http_localhost",)"
-              R"("ip":"127.0.0.1","port":80},{"type":"HTTPS","name":"openapi_brimlock",)"
-              R"("ip":"127.0.0.1","port":9999}])",
-              fake_logger::take(0));
-    EXPECT_EQ("HTTPS openapi_brimlock 127.0.0.1 9999|HTTP http_localhost 127.0.0.1 80|"
-              "SSH ssh_hostmachine 172.17.0.1 22|SFTP sftp_hostmachine 172.17.0.1 22|"
-              "SSH ssh_localhost 127.0.0.1 22|SFTP sftp_localhost 127.0.0.1 22|",
-              take());
-}
-
-TEST_F(ServiceCatalogue, ExaminesTwentyObjectsOfAFile)
-{
-    for (const int count : {19, 20, 25}) {
-        std::string text = "  [1,\"two\",[3],true", expected;
-        for (int i = 0; i < count; ++i) { // the second one is not valid and counts all the same
-            const std::string name = "s" + std::to_string(i);
-            text += "," + service(name, i == 1 ? "-1" : "22");
-            if (i != 1 && i < 20) expected = "SSH " + name + " 10.0.0.1 22|" + expected;
-        }
-        EXPECT_EQ(expected, load(text));
-        EXPECT_EQ("1 local service list info : " + text + "|2 service port must <= 65535" +
-                      (count >= 20 ? "|2 number of services is limited: 20" : ""),
-                  fake_logger::take(0));
-    }
-}
-
 TEST_F(ServiceCatalogue, SkipsWhatIsNotAService)
 {
     const std::string a = "SSH a 10.0.0.1 22|", b = "SSH b 10.0.0.1 22|", n40(40, 'n');
@@ -118,24 +83,9 @@ TEST_F(ServiceCatalogue, SkipsWhatIsNotAService)
         EXPECT_EQ(row.entries, load(row.text)) << row.text;
         EXPECT_EQ(row.line, fake_logger::take(2)) << row.text;
     }
-}
-
-TEST_F(ServiceCatalogue, HostMachineServicesTakeItsAddressInTheProfessionalEdition)
-{
-    const std::string text = "[" + service("ssh_hostmachine") + "," + service("sftp_hostmachine2") +
-                             "," + service("ssh_hostmachin") + "," + service("sftp_hostmachin") +
-                             "]";
-    for (const std::string own : {"192.168.1.254", ""}) {
-        std::strcpy(record.host_machine_ip, own.c_str());
-        for (const int edition : {EDITION_UNKNOWN, EDITION_STANDARD, EDITION_PROFESSIONAL}) {
-            record.edition = edition;
-            const std::string ip = edition == EDITION_PROFESSIONAL ? own : "10.0.0.1";
-            EXPECT_EQ("SSH sftp_hostmachin 10.0.0.1 22|SSH ssh_hostmachin 10.0.0.1 22|"
-                      "SSH sftp_hostmachine2 " +
-                          ip + " 22|SSH ssh_hostmachine " + ip + " 22|",
-                      load(text));
-        }
-    }
+    EXPECT_EQ(-1, parseServiceInfo(&record, "{}"));
+    EXPECT_EQ(0, parseServiceInfo(&record, service("a").c_str()));
+    take();
 }
 
 TEST_F(ServiceCatalogue, FindsTheFirstEntryThatIsEqualInAllFour)

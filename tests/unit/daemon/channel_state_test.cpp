@@ -129,22 +129,6 @@ TEST_F(ChannelState, BackOffDoublesEveryFifthRetry)
     EXPECT_EQ(0, checkRetryInterval(&proxy));
 }
 
-TEST_F(ChannelState, SixthFailedOpeningInARowEndsTheProcess)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_THAT(failOpenings(5), ElementsAre(1000, 1001, 1002, 1003, 1004));
-    EXPECT_EXIT(
-        {
-            passUntil(1006);
-            std::fputs("the sixth\n", stderr);
-            runChannelState(&proxy, 1);
-            std::_Exit(7);
-        },
-        testing::ExitedWithCode(1),
-        "the sixth\n(.|\n)*3 =======retry to connect remote debug channel error! service "
-        "exit!=======\n$");
-}
-
 TEST_F(ChannelState, FailedOpeningsCountInARowOnly)
 {
     failOpenings(1);
@@ -222,24 +206,6 @@ TEST_F(ChannelState, WhatArrivesPostponesTheEndOfTheHandshake)
     EXPECT_EQ("1 0 0", standing());
     passUntil(1005);
     EXPECT_EQ("0 1 0", standing());
-}
-
-TEST_F(ChannelState, FourUnansweredPingsDropTheChannel)
-{
-    openChannel(CHANNEL_STATE_CONNECTED);
-    for (int ping = 1; ping <= 4; ++ping) {
-        passUntil(1000 + 80 * ping - 1);
-        EXPECT_EQ("", sent());
-        passUntil(1000 + 80 * ping);
-        EXPECT_EQ(wire(256, ID, ""), sent());
-        EXPECT_EQ("1 session keepalive ping header:,keepalive accumulate number:" +
-                      std::to_string(ping),
-                  fake_logger::take());
-    }
-    EXPECT_EQ("2 0 4", standing());
-    proxy.retry_count = 3;
-    runChannelState(&proxy, 1);
-    EXPECT_EQ("0 0 0", standing());
 }
 
 TEST_F(ChannelState, PingPeriodIsComparedUnsigned)

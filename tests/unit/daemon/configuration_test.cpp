@@ -105,35 +105,6 @@ TEST_F(Configuration, ReadsEveryKeyInOrderAndLogsItsValue)
     EXPECT_STREQ("/sys/pk1/dev1/edge/ability/post_reply", topic);
 }
 
-TEST_F(Configuration, TakesTheDefaultOfEachMissingKey)
-{
-    g_fake_files["brimlock_remote_access.pem"] = "";
-    EXPECT_EQ(0, read());
-    const std::string cert = "/brimlock/gateway/build/config/brimlock_remote_access.pem";
-    const std::string host = record.cloud_host;
-    const auto missing = [](const char *what, const char *key, const std::string &value) {
-        return std::string{"1 can not get "} + what + "using default value, result:1|1 gw_" + key +
-               " : " + value + "|";
-    };
-    EXPECT_EQ(
-        "1 can not get cert path,using default value, result:1|1 ca root file already exsited:  " +
-            cert + ".|1 gw_remoteaccess_cert_path : " + cert + "|" +
-            missing("host, ", "remoteaccess_cloud_host", host) +
-            missing("port, ", "remoteaccess_cloud_port", "443") +
-            missing("tls type,", "remoteaccess_tls_type", "1") +
-            missing("debug switch,", "remoteaccess_debug_switch", "0") +
-            missing("trans timeout,", "remoteaccess_trans_timeout", "2000") +
-            "1 can not get cloud long connection flag !|" +
-            missing("tcp keepalive,", "remoteaccess_tcp_keepalive_period", "5") +
-            missing("ping period,", "remoteaccess_ping_period", "80"),
-        rest() + "|");
-    EXPECT_EQ("getConfigParams|writeDefaultCert", fake_logger::owners());
-    EXPECT_EQ("1 0 2000 1 5 80 0 ", numbers());
-    EXPECT_EQ(cert, record.cert_path);
-    EXPECT_STREQ("443", record.cloud_port);
-    EXPECT_FALSE(host.empty());
-}
-
 TEST_F(Configuration, KeepsEachFieldsLongestText)
 {
     const std::string text(200, 'x');

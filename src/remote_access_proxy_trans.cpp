@@ -74,6 +74,40 @@ int writeSendBuffer(REMOTE_PROXY_T *proxy, int *result)
     return *result == length ? 0 : -1;
 }
 
+// What a successful response carries; second_part and token may be null.
+struct RESPONSE_T {
+    const char *second_part;
+    const char *message;
+    const char *msg_id;
+    const char *token;
+};
+
+// A response whose parts and whole are logged as lines of the operation `owner`.
+int sendLoggedResponse(REMOTE_PROXY_T *proxy, const char *owner, const char *write_failed,
+                       const RESPONSE_T &response)
+{
+    const DATA_BUFFER_T &buffer = proxy->send_buffer;
+    STAGED_T staged{};
+    if (stageResponse(proxy, RESPONSE_OK, response.second_part, response.message, response.msg_id,
+                      response.token, &staged) != 0)
+        return -1;
+    RA_INFO_FOR(owner, "reponse payload:%.*s", staged.payload_len, buffer.data);
+    RA_INFO_FOR(owner, "reponse header:%.*s", staged.header_len, headerBuffer().data());
+    if (joinHeader(proxy, staged) != 0) {
+        RA_WARN_FOR(owner, "join content before buffer error");
+        return -1;
+    }
+    RA_INFO_FOR(owner, "response len:%d,%d", getBufferDataLength(&buffer),
+                staged.payload_len + staged.header_len);
+    RA_INFO_FOR(owner, "reponse package:%.*s", getBufferDataLength(&buffer), buffer.data);
+    int result = 0;
+    if (writeSendBuffer(proxy, &result) != 0) {
+        RA_WARN_FOR(owner, "%s", write_failed);
+        return -1;
+    }
+    return 0;
+}
+
 } // namespace
 
 int sendCloudChannelHandShakeRequest(REMOTE_PROXY_T *proxy, const char *services_info)
@@ -207,50 +241,14 @@ int cloudChannelResponseNewSession(REMOTE_PROXY_T *proxy, const char *msg_id,
 int cloudChannelResponseReleaseSession(REMOTE_PROXY_T *proxy, const char *msg_id,
                                        const char *session_id)
 {
-    DATA_BUFFER_T &buffer = proxy->send_buffer;
     char session_part[SESSION_PART_SIZE];
     format_text(session_part, SESSION_PART_FORMAT, session_id);
-    STAGED_T staged{};
-    if (stageResponse(proxy, RESPONSE_OK, session_part, "release session response", msg_id,
-                      session_id, &staged) != 0)
-        return -1;
-    RA_INFO("reponse payload:%.*s", staged.payload_len, buffer.data);
-    RA_INFO("reponse header:%.*s", staged.header_len, headerBuffer().data());
-    if (joinHeader(proxy, staged) != 0) {
-        RA_WARN("join content before buffer error");
-        return -1;
-    }
-    RA_INFO("response len:%d,%d", getBufferDataLength(&buffer),
-            staged.payload_len + staged.header_len);
-    RA_INFO("reponse package:%.*s", getBufferDataLength(&buffer), buffer.data);
-    int result = 0;
-    if (writeSendBuffer(proxy, &result) != 0) {
-        RA_WARN("send release session response failed!");
-        return -1;
-    }
-    return 0;
+    return sendLoggedResponse(proxy, __func__, "send release session response failed!",
+                              {session_part, "release session response", msg_id, session_id});
 }
 
 int cloudChannelResponseVerifyAccount(REMOTE_PROXY_T *proxy, const char *msg_id, const char *token)
 {
-    DATA_BUFFER_T &buffer = proxy->send_buffer;
-    STAGED_T staged{};
-    if (stageResponse(proxy, RESPONSE_OK, nullptr, "verify account ok", msg_id, token, &staged) !=
-        0)
-        return -1;
-    RA_INFO("reponse payload:%.*s", staged.payload_len, buffer.data);
-    RA_INFO("reponse header:%.*s", staged.header_len, headerBuffer().data());
-    if (joinHeader(proxy, staged) != 0) {
-        RA_WARN("join content before buffer error");
-        return -1;
-    }
-    RA_INFO("response len:%d,%d", getBufferDataLength(&buffer),
-            staged.payload_len + staged.header_len);
-    RA_INFO("reponse package:%.*s", getBufferDataLength(&buffer), buffer.data);
-    int result = 0;
-    if (writeSendBuffer(proxy, &result) != 0) {
-        RA_WARN("send verifyAccout response failed!");
-        return -1;
-    }
-    return 0;
+    return sendLoggedResponse(proxy, __func__, "send verifyAccout response failed!",
+                              {nullptr, "verify account ok", msg_id, token});
 }

@@ -6,6 +6,7 @@
 #include "tests/support/fake_logger.h"
 #include "utility/install_root.h"
 #include "utility/sha256/hmac-sha256.h"
+#include "utility/text.h"
 
 #include <csignal>
 #include <cstring>
@@ -149,9 +150,9 @@ TEST_F(Configuration, AttemptEndsAtWhatCannotBeDoneWithout)
         g_fake_files["brimlock_remote_access.pem"] = "";
         fake_config_manager.values.erase(row.missing);
         fake_config_manager.refused_subscription = row.unsubscribed;
-        std::strcpy(record.product_key, "old");
-        std::strcpy(record.device_secret, "old");
-        std::strcpy(record.topic_debug_switch, "");
+        copy_text(record.product_key, "old");
+        copy_text(record.device_secret, "old");
+        copy_text(record.topic_debug_switch, "");
         EXPECT_EQ(-1, read());
         EXPECT_EQ(row.line, fake_logger::take(2));
         EXPECT_EQ("getConfigParams", fake_logger::owners());

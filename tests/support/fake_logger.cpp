@@ -5,6 +5,7 @@
 #include <cctype>
 #include <cstdarg>
 #include <cstdio>
+#include <gtest/gtest.h>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -18,6 +19,18 @@ struct LINE_T {
 };
 std::vector<LINE_T> g_lines;
 std::string g_owners; // of the last take
+
+// No test sees the lines of the one before.
+class ForgetsLines : public testing::EmptyTestEventListener {
+    void OnTestStart(const testing::TestInfo &) override
+    {
+        fake_logger::take();
+    }
+};
+[[maybe_unused]] const bool g_forgetting = [] {
+    testing::UnitTest::GetInstance()->listeners().Append(new ForgetsLines);
+    return true;
+}();
 
 } // namespace
 

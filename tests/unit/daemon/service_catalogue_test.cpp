@@ -24,7 +24,6 @@ protected:
     void SetUp() override
     {
         g_fake_files.clear();
-        fake_logger::take();
         list_init(&record.service_list);
     }
     // The entries as "type name ip port|", in list order; forgets them.

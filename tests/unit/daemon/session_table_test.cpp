@@ -23,7 +23,6 @@ protected:
     void SetUp() override
     {
         ASSERT_EQ(0, initSessionTable(&table));
-        fake_logger::take();
     }
     void TearDown() override
     {

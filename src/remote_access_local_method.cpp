@@ -69,7 +69,7 @@ void replyNumber(REMOTE_ACCESS_CONFIG_T *record, DBusMessage *call, dbus_int32_t
 void makeUtf8(char *text)
 {
     while (*text != '\0') {
-        const std::size_t length = utf8_character_length({text, std::strlen(text)});
+        const std::size_t length = utf8_character_length({text, ::strnlen(text, 4)});
         if (length == 0) *text = '?';
         text += length > 0 ? length : 1;
     }

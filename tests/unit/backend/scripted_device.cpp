@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -24,6 +25,8 @@ TCP_PEER::TCP_PEER(std::uint16_t port) : fd(socket(AF_INET, SOCK_STREAM | SOCK_C
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     EXPECT_EQ(connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    const int on = 1;
+    EXPECT_EQ(setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on), 0);
 }
 
 TCP_PEER::~TCP_PEER()

@@ -82,6 +82,20 @@ int failCreation(REMOTE_PROXY_T *proxy)
     return -1;
 }
 
+// Closes a channel that worked, or is not wanted any more: the next opening is not delayed.
+void dropChannel(REMOTE_PROXY_T *proxy)
+{
+    releaseRemoteProxy(proxy);
+    resetChannelRetry(proxy);
+}
+
+// Closes a channel that was never accepted: that counts for the back-off.
+void failHandShake(REMOTE_PROXY_T *proxy)
+{
+    releaseRemoteProxy(proxy);
+    recordChannelRetry(proxy);
+}
+
 } // namespace
 
 void recordChannelRetry(REMOTE_PROXY_T *proxy)
@@ -196,45 +210,38 @@ void cloudChannelClosedStateProc(REMOTE_PROXY_T *proxy, std::int32_t remote_swit
 void cloudChannelHandShakeStateProc(REMOTE_PROXY_T *proxy, std::int32_t remote_switch)
 {
     if (remote_switch == 0) {
-        releaseRemoteProxy(proxy);
-        resetChannelRetry(proxy);
+        dropChannel(proxy);
         return;
     }
     if (proxyDataProc(proxy) == PASS_NO_CHANNEL) {
-        releaseRemoteProxy(proxy);
-        recordChannelRetry(proxy);
+        failHandShake(proxy);
     }
     // Tested in any case: a pass that lost the channel after its time had run out counts twice.
     if (checkHandShakeTimeout(proxy) == 0) {
-        releaseRemoteProxy(proxy);
-        recordChannelRetry(proxy);
+        failHandShake(proxy);
     }
 }
 
 void cloudChannelConnectedStateProc(REMOTE_PROXY_T *proxy, std::int32_t remote_switch)
 {
     if (remote_switch == 0) {
-        releaseRemoteProxy(proxy);
-        resetChannelRetry(proxy);
+        dropChannel(proxy);
         return;
     }
     if (proxyDataProc(proxy) == PASS_NO_CHANNEL) {
-        releaseRemoteProxy(proxy);
-        resetChannelRetry(proxy);
+        dropChannel(proxy);
         ::usleep(LOST_CHANNEL_PAUSE_US);
         return;
     }
     if (checkKeepalive(proxy) != 0) {
-        releaseRemoteProxy(proxy);
-        resetChannelRetry(proxy);
+        dropChannel(proxy);
     }
 }
 
 void cloudChannelErrorStateProc(REMOTE_PROXY_T *proxy, std::int32_t /*remote_switch*/)
 {
     RA_WARN("cloud channel state error! state:%d", channelState(proxy));
-    releaseRemoteProxy(proxy);
-    resetChannelRetry(proxy);
+    dropChannel(proxy);
 }
 
 void runChannelState(REMOTE_PROXY_T *proxy, std::int32_t remote_switch)

@@ -50,14 +50,21 @@ int stageResponse(REMOTE_PROXY_T *proxy, int code, const char *second_part, cons
     return stageHeader(proxy, MSG_TYPE_RESPONSE, msg_id, token, staged) == STAGE::DONE ? 0 : -1;
 }
 
-// A message of a header alone, built where it is sent from.
-STAGE stageBareMessage(REMOTE_PROXY_T *proxy, int msg_type, const char *msg_id, const char *token)
+// A message of a header alone, built where it is sent from; failures are lines of `owner`.
+int stageBareMessage(REMOTE_PROXY_T *proxy, const char *owner, int msg_type, const char *msg_id,
+                     const char *token)
 {
     const std::span<char> storage = storageOf(proxy->send_buffer).first(HEADER_BUFFER_SIZE);
     const int header_len = spliceProxyProtocolHeader(storage, msg_type, 0, msg_id, token);
-    if (!isWhole(header_len, HEADER_BUFFER_SIZE)) return STAGE::NO_HEADER;
-    return moveBufferWritePointer(&proxy->send_buffer, header_len) == 0 ? STAGE::DONE
-                                                                        : STAGE::NO_WRITE_OFFSET;
+    if (!isWhole(header_len, HEADER_BUFFER_SIZE)) {
+        RA_WARN_FOR(owner, "splice Header error!");
+        return -1;
+    }
+    if (moveBufferWritePointer(&proxy->send_buffer, header_len) != 0) {
+        RA_WARN_FOR(owner, "move buffer write pointer failed!");
+        return -1;
+    }
+    return 0;
 }
 
 int joinHeader(REMOTE_PROXY_T *proxy, const STAGED_T &staged)
@@ -152,15 +159,8 @@ int sendCloudChannelReleaseSessionRequest(REMOTE_PROXY_T *proxy, const char *msg
                                           const char *session_id)
 {
     resetDataBuffer(&proxy->send_buffer);
-    const STAGE stage = stageBareMessage(proxy, MSG_TYPE_RELEASE_SESSION, msg_id, session_id);
-    if (stage == STAGE::NO_HEADER) {
-        RA_WARN("splice Header error!");
+    if (stageBareMessage(proxy, __func__, MSG_TYPE_RELEASE_SESSION, msg_id, session_id) != 0)
         return -1;
-    }
-    if (stage == STAGE::NO_WRITE_OFFSET) {
-        RA_WARN("move buffer write pointer failed!");
-        return -1;
-    }
     RA_INFO("release session header:%.*s", getBufferDataLength(&proxy->send_buffer),
             proxy->send_buffer.data);
     int result = 0;
@@ -177,15 +177,8 @@ int sendCloudChannelKeepalivePing(REMOTE_PROXY_T *proxy)
     ++proxy->ping_count;
     RA_INFO("session keepalive ping header:%.*s,keepalive accumulate number:%d",
             getBufferDataLength(&proxy->send_buffer), proxy->send_buffer.data, proxy->ping_count);
-    const STAGE stage = stageBareMessage(proxy, MSG_TYPE_KEEPALIVE_PING, nullptr, nullptr);
-    if (stage == STAGE::NO_HEADER) {
-        RA_WARN("splice Header error!");
+    if (stageBareMessage(proxy, __func__, MSG_TYPE_KEEPALIVE_PING, nullptr, nullptr) != 0)
         return -1;
-    }
-    if (stage == STAGE::NO_WRITE_OFFSET) {
-        RA_WARN("move buffer write pointer failed!");
-        return -1;
-    }
     int result = 0;
     if (writeSendBuffer(proxy, &result) != 0) {
         RA_WARN("release keepalive ping send msg failed,ret=%d", result);

@@ -1,0 +1,31 @@
+// The tool's side of the private bus: one connection, and calls of the daemon's methods.
+//
+// Threads  one.
+// Failure  functions that can fail say so in their result and put the reason, fit to be shown, into
+//          the fault text of the record.
+#pragma once
+
+#include "common/bus_handles.h"
+
+#include <cjson/cJSON.h>
+#include <optional>
+#include <string>
+
+using JsonPtr = std::unique_ptr<cJSON, Releaser<cJSON_Delete>>;
+
+struct BUS_CLIENT_T {
+    std::string address;
+    DBusConnectionPtr conn;
+    std::string fault;
+};
+
+[[nodiscard]] bool connectBus(BUS_CLIENT_T &bus);
+
+// The process that owns the daemon's name; none when nobody does.
+std::optional<long> daemonProcess(BUS_CLIENT_T &bus);
+
+// Calls a method of the daemon that takes nothing and answers a number or a text. A member that the
+// daemon does not know is never answered, so every call has a time-out.
+std::optional<int> callForNumber(BUS_CLIENT_T &bus, const char *member);
+// The "data" object of the answer; null on a failure.
+JsonPtr callForData(BUS_CLIENT_T &bus, const char *member);

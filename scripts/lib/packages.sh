@@ -20,3 +20,8 @@ PACKAGES_TEST=(
     libgtest-dev libgmock-dev
     python3-pytest python3-websockets python3-dbus python3-gi dbus-bin iproute2
 )
+
+# To build and run the benchmark, besides those to build and to run.
+PACKAGES_BENCH=(
+    libbenchmark-dev stunnel4 haproxy iproute2
+)

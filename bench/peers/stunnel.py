@@ -1,0 +1,26 @@
+"""stunnel: a TLS proxy on the gateway and its client on the far side, with a TLS connection for
+each session, so that there is no multiplexing to pay for."""
+from harness.network import free_port
+from harness.tls import HOST
+
+COMMON = """foreground = yes
+pid =
+[way]
+accept = 127.0.0.1:{accept}
+connect = 127.0.0.1:{connect}
+"""
+GATEWAY = COMMON + "cert = {certificate}\nkey = {key}\n"
+FAR = COMMON + "client = yes\nCAfile = {authority}\nverifyChain = yes\ncheckHost = {host}\n"
+
+
+def start(place):
+    def proxy(name, text, **values):
+        pid = place.spawn(name, "stunnel4", place.write(f"{name}.conf", text.format(**values)))
+        place.wait_for_port(values["accept"])
+        return pid
+
+    between, (certificate, key) = free_port(), place.tls.paths()
+    gateway = proxy("gateway", GATEWAY, accept=between, connect=place.service,
+                    certificate=certificate, key=key)
+    return gateway, proxy("far", FAR, accept=place.operator, connect=between, host=HOST,
+                          authority=place.tls.directory / "ca.pem")

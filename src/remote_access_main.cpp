@@ -52,10 +52,17 @@ bool waitForBusTraffic(DBusConnection *conn)
            dbus_connection_read_write(conn, BUS_WAIT_MS) != 0;
 }
 
-void dispatchBusMessages(REMOTE_ACCESS_CONFIG_T *record)
+void feedMainWatchdog(REMOTE_ACCESS_CONFIG_T *record, timespec *last_feed)
 {
-    while (const DBusMessagePtr message{dbus_connection_pop_message(record->bus_conn)})
+    feedWatchdog(record->bus_conn, MAIN_THREAD_NAME, WATCHDOG_FEED_PERIOD_S, last_feed);
+}
+
+void dispatchBusMessages(REMOTE_ACCESS_CONFIG_T *record, timespec *last_feed)
+{
+    while (const DBusMessagePtr message{dbus_connection_pop_message(record->bus_conn)}) {
         (void)localMessagesProc(record, message.get()); // what cannot be used is logged there
+        feedMainWatchdog(record, last_feed); // one call may cost seconds, and many may wait
+    }
 }
 
 // An installation of unknown edition describes itself on every pass until the cloud has acknowledged
@@ -87,12 +94,12 @@ void reconnectBus(REMOTE_ACCESS_CONFIG_T *record)
     for (;;) {
         const bool connected = waitForBusTraffic(record->bus_conn);
         if (connected) {
-            dispatchBusMessages(record);
+            dispatchBusMessages(record, &last_feed);
             driveSelfDescription(record);
         } else {
             reconnectBus(record);
         }
-        feedWatchdog(record->bus_conn, MAIN_THREAD_NAME, WATCHDOG_FEED_PERIOD_S, &last_feed);
+        feedMainWatchdog(record, &last_feed);
         if (!connected) ::usleep(BUS_RETRY_US);
     }
 }

@@ -18,6 +18,9 @@
 
 namespace {
 
+// Operations whose lines are written by helpers here.
+constexpr char CREATE[] = "createRemoteProxy";
+
 constexpr useconds_t CLOSED_PASS_US = 300000;
 constexpr useconds_t LOST_CHANNEL_PAUSE_US = 500000;
 constexpr std::int64_t HANDSHAKE_TIMEOUT_S = 3;
@@ -69,7 +72,11 @@ bool openConnection(REMOTE_PROXY_T *proxy)
 {
     proxy->conn = openCloudProxyChannel(proxy->cloud_host, proxy->cloud_port, proxy->cert_path,
                                         proxy->debug_switch, proxy->tls_type);
-    return proxy->conn != nullptr && getCloudProxyChannelSocket(proxy->conn) < FD_SETSIZE;
+    if (proxy->conn == nullptr) return false;
+    const int fd = getCloudProxyChannelSocket(proxy->conn);
+    if (fd < FD_SETSIZE) return true;
+    RA_WARN_FOR(CREATE, "no channel: descriptor %d is past what select can hold", fd);
+    return false;
 }
 
 int failCreation(REMOTE_PROXY_T *proxy)

@@ -93,6 +93,18 @@ noPollConn *startPlain(noPollCtx *ctx, const char *host, const char *port)
     return conn;
 }
 
+// With the debug switch on the library has told it by itself.
+void logFailedOpening(noPollCtx *ctx, const char *host, const char *port, int debug_switch)
+{
+#ifdef USE_SYSTEM_NOPOLL
+    (void)ctx, (void)host, (void)port, (void)debug_switch; // that library keeps no reason
+#else
+    const char *const reason = nopoll_ctx_failure(ctx);
+    if (debug_switch == 0 && reason[0] != '\0')
+        RA_WARN_FOR(OPEN, "no channel to %s port %s: %s", host, port, reason);
+#endif
+}
+
 bool waitUntilReady(noPollConn *conn)
 {
     for (int waited = 0; waited < READY_WAITS; ++waited) {
@@ -171,6 +183,7 @@ CLOUD_CHANNEL_T *openCloudProxyChannel(const char *host, const char *port, const
     noPollConn *const conn =
         tls_type != 0 ? startTls(ctx, host, port, cert_path) : startPlain(ctx, host, port);
     if (conn != nullptr && isAlive(conn) && waitUntilReady(conn)) return fromLibrary(conn);
+    logFailedOpening(ctx, host, port, debug_switch);
     if (conn != nullptr) nopoll_conn_close(conn);
     nopoll_ctx_unref(ctx);
     return nullptr;

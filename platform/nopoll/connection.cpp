@@ -53,6 +53,7 @@ bool fillRx(noPollConn &conn)
 STEP finish(noPollConn &conn, noPollDebugLevel level, const FAILURE_T &reason, uint16_t code)
 {
     logLine(conn.context, level, "%s", reason.text);
+    conn.context->failure = reason;
     sayGoodbye(conn, code);
     conn.ended = true;
     return STEP_ENDED;
@@ -83,11 +84,27 @@ STEP beginFrame(noPollConn &conn)
     return STEP_AGAIN;
 }
 
+// RFC 6455, 7.4: codes that no close frame may carry, so none that could be echoed.
+bool mayBeSent(int code)
+{
+    constexpr int NO_CODE = 1005;
+    constexpr int LOST = 1006;
+    constexpr int TLS_FAILED = 1015;
+    constexpr int LAST = 4999;
+    return code >= CLOSE_NORMAL && code <= LAST && code != NO_CODE && code != LOST &&
+           code != TLS_FAILED;
+}
+
 STEP handleClose(noPollConn &conn, std::span<const uint8_t> payload)
 {
     if (payload.size() == 1) return refuseFrame(conn, "close frame with half a code");
     const bool coded = payload.size() >= 2;
     const int code = coded ? payload[0] << 8 | payload[1] : CLOSE_NORMAL;
+    if (!mayBeSent(code)) {
+        char fault[32];
+        std::snprintf(fault, sizeof fault, "close code %d", code);
+        return refuseFrame(conn, fault);
+    }
     const auto text = payload.subspan(coded ? 2 : 0);
     char shown[MAX_CONTROL_PAYLOAD + 1];
     FAILURE_T reason{};
@@ -167,7 +184,10 @@ void logLine(noPollCtx *context, noPollDebugLevel level, const char *format, ...
 
 bool endConnection(noPollConn &conn, noPollDebugLevel level, const char *reason)
 {
-    if (!conn.ended) logLine(conn.context, level, "%s", reason);
+    if (!conn.ended) {
+        logLine(conn.context, level, "%s", reason);
+        fail(conn.context->failure, "%s", reason);
+    }
     conn.ended = true;
     return false;
 }

@@ -22,6 +22,7 @@ struct noPollCtx {
     int references;
     noPollLogHandler handler;
     noPollPtr user_data;
+    ws::FAILURE_T failure; // of the last of its connections that failed
 };
 
 struct noPollMsg {

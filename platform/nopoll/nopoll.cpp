@@ -135,6 +135,7 @@ noPollConn *openConnection(noPollCtx *context, const TARGET_T &target, bool tls_
     }
     ws::logLine(context, NOPOLL_LEVEL_CRITICAL, "no channel to %s port %s: %s", conn->host,
                 conn->port, failure.text);
+    context->failure = failure;
     conn->ended = true;
     ws::closeSocket(*conn);
     if (!unresolved) return conn;
@@ -146,7 +147,7 @@ noPollConn *openConnection(noPollCtx *context, const TARGET_T &target, bool tls_
 
 noPollCtx *nopoll_ctx_new(void)
 {
-    return new (std::nothrow) noPollCtx{1, nullptr, nullptr};
+    return new (std::nothrow) noPollCtx{1, nullptr, nullptr, {}};
 }
 
 void nopoll_ctx_unref(noPollCtx *ctx)
@@ -159,6 +160,11 @@ void nopoll_log_set_handler(noPollCtx *ctx, noPollLogHandler handler, noPollPtr 
     if (!ctx) return;
     ctx->handler = handler;
     ctx->user_data = user_data;
+}
+
+const char *nopoll_ctx_failure(noPollCtx *ctx)
+{
+    return ctx ? ctx->failure.text : "";
 }
 
 void nopoll_loop_stop(noPollCtx *) {} // there is no loop inside
@@ -225,7 +231,10 @@ nopoll_bool nopoll_conn_wait_until_connection_ready(noPollConn *conn, int timeou
         if (conn->ended) break;
         if (!ws::pushOut(*conn)) break;
         if (conn->ready) return nopoll_true;
-        if (ws::pollUntil(conn->wire.socket.get(), POLLIN, deadline_ms) == 0) break;
+        if (ws::pollUntil(conn->wire.socket.get(), POLLIN, deadline_ms) == 0) {
+            ws::fail(conn->context->failure, "no answer to the upgrade request in time");
+            break;
+        }
     }
     return nopoll_false;
 }

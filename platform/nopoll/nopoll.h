@@ -14,9 +14,10 @@
 //            allocated for a message that is no longer than an earlier one.
 // Identity   TLS 1.2 or later; with verification on, the peer is held against the given CA file
 //            alone, chain and name (see tls_link.h).
-// Failure    a connection that fails says why through the context's log handler, once. It is then
-//            not ok and has no socket; the descriptor itself stays open until the next
-//            nopoll_conn_get_msg or the close, so that its number is no other socket's meanwhile.
+// Failure    a connection that fails says why through the context's log handler, once, and in
+//            nopoll_ctx_failure. It is then not ok and has no socket; the descriptor itself stays
+//            open until the next nopoll_conn_get_msg or the close, so that its number is no other
+//            socket's meanwhile.
 #pragma once
 
 #ifdef __cplusplus
@@ -48,6 +49,9 @@ typedef void (*noPollLogHandler)(noPollCtx *ctx, noPollDebugLevel level, const c
 noPollCtx *nopoll_ctx_new(void);
 void nopoll_ctx_unref(noPollCtx *ctx);
 void nopoll_log_set_handler(noPollCtx *ctx, noPollLogHandler handler, noPollPtr user_data);
+// Why the last connection of this context that failed did so, "" when none has. What a peer sent is
+// quoted as printable ASCII. Valid until the next failure; an addition of this library.
+const char *nopoll_ctx_failure(noPollCtx *ctx);
 void nopoll_loop_stop(noPollCtx *ctx);
 // Releases what is global to the library; a new context may be made afterwards.
 void nopoll_cleanup_library(void);

@@ -45,7 +45,7 @@ int readFromQueue(BIO *bio, char *dst, int size)
     return static_cast<int>(taken);
 }
 
-long controlQueue(BIO *bio, int command, long, void *)
+long controlQueue(BIO *bio, int command, long /*number*/, void * /*pointer*/)
 {
     if (command == BIO_CTRL_FLUSH) return 1; // what is queued counts as written
     if (command == BIO_CTRL_EOF) return wireOf(bio).ended_by_peer ? 1 : 0;
@@ -85,10 +85,17 @@ int acceptPinnedCertificate(int accepted, X509_STORE_CTX *store)
     return 1;
 }
 
+// The last error tells most, unless it only names the library that the first one comes from.
+const char *fileFault()
+{
+    const unsigned long last = ERR_peek_last_error();
+    const bool names_library = (ERR_GET_REASON(last) & ERR_RFLAG_COMMON) != 0;
+    return ERR_reason_error_string(names_library ? ERR_peek_error() : last);
+}
+
 bool failOnFile(FAILURE_T &failure, const char *what, const char *path)
 {
-    const char *reason = access(path, R_OK) != 0 ? strerrordesc_np(errno)
-                                                 : ERR_reason_error_string(ERR_peek_last_error());
+    const char *reason = access(path, R_OK) != 0 ? strerrordesc_np(errno) : fileFault();
     return fail(failure, "cannot use the %s file %s: %s", what, path,
                 reason ? reason : "not readable");
 }

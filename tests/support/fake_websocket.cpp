@@ -76,6 +76,10 @@ void nopoll_log_set_handler(noPollCtx *ctx, noPollLogHandler handler, noPollPtr)
     record(ctx->references > 0 && handler != nullptr ? "handler on" : "handler off");
     fake_websocket.handler = handler;
 }
+const char *nopoll_ctx_failure(noPollCtx *ctx)
+{
+    return ctx->references > 0 ? fake_websocket.failure : "of a dead context";
+}
 void nopoll_loop_stop(noPollCtx *ctx)
 {
     record(ctx->references > 0 ? "loop_stop" : "loop_stop of a dead context");

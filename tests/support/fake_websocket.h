@@ -25,6 +25,7 @@ struct FAKE_WEBSOCKET_T {
     bool has_ctx = true, has_opts = true, has_conn = true; // whether each can be made
     bool ok = true, tls_on = true;
     int ready_on_wait = 1; // 0 = never
+    const char *failure = "";
     int resolver_result = 0;
     int socket_fd = -1;
     int read_pending = 0;

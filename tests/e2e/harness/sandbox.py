@@ -34,7 +34,7 @@ CONFIG = {
 FILES = {
     "etc/passwd": "root:x:0:0::/root:/bin/sh\n",
     "etc/shadow": "root:*:19000:0:99999:7:::\n",
-    "etc/hosts": "127.0.0.1 localhost local.test cloud.test\n",
+    "etc/hosts": "127.0.0.1 localhost local.test cloud.test eu.cloud.test\n",
     "etc/resolv.conf": "nameserver 127.0.0.1\n",
     "etc/nsswitch.conf": "passwd: files\nshadow: files\nhosts: files dns\n",
     f"{CONFIG_DIR}/logger.conf": "level=0\n",

@@ -93,7 +93,9 @@ TEST_F(ChannelState, OpeningThatFailsLeavesNothingBehind)
 {
     const std::pair<FAKE_WEBSOCKET_T, std::string> rows[] = {
         {{.has_conn = false}, "|2 cloud channel open failed|1 close cloud channel!"},
-        {{.socket_fd = FD_SETSIZE}, "|2 cloud channel open failed|1 close cloud channel!"},
+        {{.socket_fd = FD_SETSIZE},
+         "|2 no channel: descriptor 1024 is past what select can hold|2 cloud channel open failed"
+         "|1 close cloud channel!"},
         {{.sends = {{-1}}},
          "|2 send cloud channel HandShake request error!|1 close cloud channel!"}};
     for (const auto &[script, lines] : rows) {

@@ -88,6 +88,10 @@ TEST_F(CloudChannel, ReleasesEverythingWhenOpeningFails)
          0,
          "2 ERROR: connection not ready ",
          " - - - -|wait 1|wait 1|wait 1|close|ctx_unref|"},
+        {{.ok = false, .failure = "100%s"},
+         0,
+         "2 ERROR: E" + unusable + "|2 no channel to h port 443: 100%s",
+         " - - - -|close|ctx_unref|"},
     };
     for (const auto &row : rows) {
         fake_websocket = row.script;

@@ -51,7 +51,7 @@ protected:
         return nopoll_conn_send_binary(conn, message.data(), static_cast<long>(message.size()));
     }
 
-    // What a client logs about a server that gives this answer; it must end the channel by itself,
+    // What a client logs, and keeps, about a server that gives this answer; it must end the channel by itself,
     // with these last words if the channel was open.
     std::string refusalOf(ScriptedServer::Answer answer, const char *last_words = nullptr)
     {
@@ -69,7 +69,9 @@ protected:
         if (last_words) {
             EXPECT_EQ(liar.readFrame(), (CLIENT_FRAME_T{CLOSE, last_words}));
         }
-        return other.log;
+        const std::string failure = nopoll_ctx_failure(other.context.get());
+        EXPECT_THAT(other.log, HasSubstr(failure));
+        return failure;
     }
 
     void awaitReadable()
@@ -232,7 +234,13 @@ TEST_P(Channel, EndsForACloseAndForAFrameAgainstTheProtocol)
          "new message inside a fragmented"},
         {std::string("\x82\x7f\x80\0\0\0\0\0\0\1", 10), "frame length above"},
         {serverFrame(FIN | CLOSE, "x"), "close frame with half a code"},
+        {serverFrame(FIN | CLOSE, "\3\xE7"), "close code 999"},
+        {serverFrame(FIN | CLOSE, "\3\xED"), "close code 1005"},
+        {serverFrame(FIN | CLOSE, "\3\xEE"), "close code 1006"},
+        {serverFrame(FIN | CLOSE, "\3\xF7"), "close code 1015"},
+        {serverFrame(FIN | CLOSE, "\x13\x88"), "close code 5000"},
         {serverFrame(FIN | CLOSE, "\x03\xE9 going\naway"), "1001  going?away", "\x03\xE9"},
+        {serverFrame(FIN | CLOSE, "\x13\x87"), "the server closed the channel: 4999", "\x13\x87"},
     };
     for (const ROW_T &row : rows) {
         SCOPED_TRACE(row.logged);

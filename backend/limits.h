@@ -10,13 +10,13 @@ struct LIMITS_T {
     // Bytes from the device that wait for a session's client. Above it the whole channel is not
     // read (the protocol has no flow control for a single session) until that session is down to
     // half of it.
-    std::size_t session_buffer = 512 * 1024;
+    std::size_t session_buffer = std::size_t{512} * 1024;
     // Data bytes queued for a device above which no client is read. A message per session may come
     // on top.
-    std::size_t data_queue = 256 * 1024;
+    std::size_t data_queue = std::size_t{256} * 1024;
     // Answers queued for a device (pongs, releases) above which it is taken for one that only
     // sends: it is dropped.
-    std::size_t control_queue = 256 * 1024;
+    std::size_t control_queue = std::size_t{256} * 1024;
     std::size_t unauthenticated = 64; // connections whose handshake is not accepted yet
     std::size_t clients_per_device =
         64; // local connections, those that wait for the device's answer included

@@ -103,6 +103,7 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
     io.run();
 }
 
+// NOLINTNEXTLINE(bugprone-exception-escape): only a mistake in the table of options gets out
 int main(int argc, char **argv)
 {
     (void)signal(SIGPIPE, SIG_IGN); // a lost peer shows in the write's result

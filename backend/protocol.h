@@ -50,7 +50,7 @@ constexpr std::size_t CREDENTIAL_MAX = 255;
 // delays the others by what is queued. A device writes a data message to its local service at once:
 // it waits at most 60 ms for a service that accepts nothing and then drops the rest of that
 // message, which no answer reports.
-constexpr std::size_t DATA_MAX = 32 * 1024;
+constexpr std::size_t DATA_MAX = std::size_t{32} * 1024;
 
 // One service as a device announces it. A new session names it by all four values, unchanged.
 struct SERVICE_T {

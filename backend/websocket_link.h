@@ -21,7 +21,7 @@
 
 namespace backend {
 
-constexpr std::size_t LINK_MESSAGE_MAX = 64 * 1024;
+constexpr std::size_t LINK_MESSAGE_MAX = std::size_t{64} * 1024;
 
 struct OUT_MESSAGE_T {
     OUT_MESSAGE_T() = default;

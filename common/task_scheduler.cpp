@@ -156,7 +156,7 @@ int createDbusConnection(DELAY_WORKER_T *worker)
 
 // Keeps the worker's connection alive. A connection notices that the bus is gone only when it does
 // I/O, and nobody else takes what arrives on it (late answers, the bus's own signals).
-int sysDefaultTask(TASK_NODE_T *, void *arg, DBusConnection *conn)
+int sysDefaultTask(TASK_NODE_T * /*task*/, void *arg, DBusConnection *conn)
 {
     if (conn != nullptr) {
         (void)dbus_connection_read_write(conn, 0); // the connected test follows

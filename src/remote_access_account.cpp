@@ -24,7 +24,7 @@ struct WipedFree {
 int refuse(const char *reason)
 {
     std::puts(reason);
-    std::fflush(stdout); // the process may end without flushing it
+    (void)std::fflush(stdout); // the process may end without flushing it
     return -1;
 }
 

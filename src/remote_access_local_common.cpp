@@ -39,7 +39,7 @@ HeapText local_common::_load_cfg_from_json(const char *path)
         RA_WARN("failed to open file: %s: %s", path, std::strerror(errno));
         return nullptr;
     }
-    std::fseek(file.get(), 0, SEEK_END);
+    (void)std::fseek(file.get(), 0, SEEK_END); // what cannot seek tells no size
     const long size = std::ftell(file.get());
     if (size <= 0) {
         RA_WARN("file: %s is empty", path);
@@ -54,7 +54,7 @@ HeapText local_common::_load_cfg_from_json(const char *path)
         RA_WARN("failed to alloc memory to save config file content ");
         return nullptr;
     }
-    std::fseek(file.get(), 0, SEEK_SET);
+    std::rewind(file.get());
     if (std::fread(text.get(), 1, wanted + 1, file.get()) < wanted) {
         RA_WARN("failed to read file content: %s\n", std::strerror(errno));
         return nullptr;

@@ -7,7 +7,7 @@ struct REMOTE_PROXY_T;
 
 // The body; the argument is the configuration record. Started detached on the record's
 // proxy_thread.
-void *remoteProxyThread(void *record);
+void *remoteProxyThread(void *argument);
 
 // Buffers, session table, services text, and what is copied or borrowed from the record. 0 / -1,
 // logged here.

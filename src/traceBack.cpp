@@ -84,7 +84,7 @@ void handler(int signo)
     RA_INFO("socket pipe broken!");
 }
 
-void *reportSignals(void *)
+void *reportSignals(void * /*argument*/)
 {
     for (;;) {
         while (::sem_wait(&g_mailbox.wake) != 0) {
@@ -180,7 +180,7 @@ void registerSignalHandlers()
         // Without a reporter the signals keep their default actions, but a broken pipe must still
         // not end the process.
         RA_ERROR("signal reporter thread could not be started: signals are not reported");
-        ::signal(SIGPIPE, SIG_IGN);
+        (void)::signal(SIGPIPE, SIG_IGN);
         return;
     }
     g_reporter_started = true;

@@ -5,7 +5,7 @@
 namespace {
 
 // MINSIGSTKSZ is too small for backtrace, and with wide vector registers even for the frame itself.
-constexpr std::size_t ALTERNATE_STACK_SIZE = 64 * 1024;
+constexpr std::size_t ALTERNATE_STACK_SIZE = std::size_t{64} * 1024;
 
 } // namespace
 

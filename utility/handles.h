@@ -9,7 +9,7 @@
 template <auto Release> struct Releaser {
     template <class T> void operator()(T *handle) const noexcept
     {
-        Release(handle);
+        (void)Release(handle); // a destructor has nobody to tell
     }
 };
 

@@ -19,8 +19,8 @@
 #include <vector>
 
 constexpr std::size_t CONFIG_KEY_MAX = 128;
-constexpr std::size_t CONFIG_VALUE_MAX = 64 * 1024;
-constexpr std::size_t CONFIG_FILE_MAX = 1024 * 1024;
+constexpr std::size_t CONFIG_VALUE_MAX = std::size_t{64} * 1024;
+constexpr std::size_t CONFIG_FILE_MAX = std::size_t{1024} * 1024;
 
 struct CONFIG_LINE_T {
     std::string key;  // empty for a comment or a skipped line

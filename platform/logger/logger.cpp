@@ -29,7 +29,7 @@ constexpr std::size_t TIME_LENGTH = SECOND_LENGTH + sizeof ".123Z " - 1;
 constexpr std::size_t HEAD_SIZE = 512; // level, module, place
 // Formatting room. The C library formats what does not fit in steps of 64 bytes, 90 us for a
 // channel message of 50 KiB; with room for a whole one it takes 5.
-constexpr std::size_t TEXT_SIZE = 56 * 1024;
+constexpr std::size_t TEXT_SIZE = std::size_t{56} * 1024;
 constexpr std::size_t TEXT_START = 1 + TIME_LENGTH; // behind a spare line end and the time
 constexpr std::size_t CONF_SIZE = 64;
 constexpr int ROOM_WAIT_MS = 50;
@@ -223,15 +223,14 @@ std::size_t escape_log_text(std::string_view text, char *dst) noexcept
         text.remove_prefix(run);
         if (text.empty()) break;
         const std::size_t length = utf8_character_length(text);
-        if (length > 1 && !is_control(text.substr(0, length))) {
-            std::memcpy(dst, text.data(), length);
-            dst += length;
+        const std::string_view next = text.substr(0, std::max<std::size_t>(length, 1));
+        if (length > 1 && !is_control(next)) {
+            dst = std::copy(next.begin(), next.end(), dst);
         } else {
-            for (std::size_t i = 0; i < std::max<std::size_t>(length, 1); ++i) {
-                dst = put_escaped_byte(dst, text[i]);
-            }
+            for (const char c : next)
+                dst = put_escaped_byte(dst, c);
         }
-        text.remove_prefix(std::max<std::size_t>(length, 1));
+        text.remove_prefix(next.size());
     }
     return static_cast<std::size_t>(dst - start);
 }
@@ -266,7 +265,7 @@ int parse_logger_conf(std::string_view content, int *level) noexcept
 void log_init_from(const char *module, int output, int min_level, int format,
                    const char *conf_path) noexcept
 {
-    std::snprintf(g_module, sizeof g_module, "%s", module != nullptr ? module : "");
+    (void)std::snprintf(g_module, sizeof g_module, "%s", module != nullptr ? module : "");
     g_text_alone = format == FORMAT_TEXT_ALONE;
     if (output != OUTPUT_STDERR)
         warn(__LINE__, "output %d is not known, standard error is used", output);
@@ -279,8 +278,8 @@ void log_init(const char *module, int output, int min_level, int format)
     log_init_from(module, output, min_level, format, LOGGER_CONF_PATH);
 }
 
-void log_print(int level, const char *, const char *, const char *file, const char *function,
-               int line, const char *format, ...)
+void log_print(int level, const char * /*color*/, const char * /*tag*/, const char *file,
+               const char *function, int line, const char *format, ...)
 {
     if (level < g_min_level.load(std::memory_order_relaxed)) return;
     std::va_list arguments;

@@ -18,7 +18,7 @@ __attribute__((format(printf, 2, 3))) inline bool fail(FAILURE_T &failure, const
 {
     va_list arguments;
     va_start(arguments, format);
-    std::vsnprintf(failure.text, sizeof failure.text, format, arguments);
+    (void)std::vsnprintf(failure.text, sizeof failure.text, format, arguments);
     va_end(arguments);
     return false;
 }

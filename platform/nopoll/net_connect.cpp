@@ -112,8 +112,8 @@ AddressListPtr resolveHost(const char *host, const char *port, int64_t deadline_
         fail(failure, "no memory or descriptor left to resolve %s", host);
         return nullptr;
     }
-    std::snprintf(lookup->host, sizeof lookup->host, "%s", host);
-    std::snprintf(lookup->port, sizeof lookup->port, "%s", port);
+    (void)std::snprintf(lookup->host, sizeof lookup->host, "%s", host);
+    (void)std::snprintf(lookup->port, sizeof lookup->port, "%s", port);
     if (!startLookup(*lookup)) {
         fail(failure, "no thread left to resolve %s", host);
         return nullptr;

@@ -26,7 +26,7 @@ std::size_t formatUpgradeRequest(const UPGRADE_REQUEST_T &request, std::span<cha
 // True when the answer, without the blank line that ends it, opens the WebSocket that was asked
 // for: status 101, both upgrade headers, the right accept text, no extension, and no sub-protocol
 // that was not offered.
-bool checkUpgradeAnswer(std::string_view answer, std::string_view accept,
+bool checkUpgradeAnswer(std::string_view text, std::string_view accept,
                         std::string_view offered_protocols, FAILURE_T &failure);
 
 } // namespace ws

@@ -16,8 +16,8 @@
 
 namespace ws {
 
-inline constexpr std::size_t QUEUE_LIMIT = 17 * 1024 * 1024;
-inline constexpr std::size_t INPUT_SIZE = 64 * 1024;
+inline constexpr std::size_t QUEUE_LIMIT = std::size_t{17} * 1024 * 1024;
+inline constexpr std::size_t INPUT_SIZE = std::size_t{64} * 1024;
 // Reads from the socket within one receive call. It bounds the time that a flood of control frames
 // or of TLS housekeeping can hold the caller; what is left stays in the socket, where select sees
 // it.

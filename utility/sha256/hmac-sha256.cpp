@@ -27,8 +27,9 @@ constexpr std::uint8_t OUTER_PAD = 0x5c;
 
 void report_failed_check(const char *condition, const char *function, const char *file, int line)
 {
-    std::fprintf(stderr, "API check '%s' failed at %s (%s:%d)\n", condition, function, file, line);
-    std::fflush(stderr);
+    (void)std::fprintf(stderr, "API check '%s' failed at %s (%s:%d)\n", condition, function, file,
+                       line);
+    (void)std::fflush(stderr);
 }
 
 void store_big_endian(std::uint8_t *out, std::uint32_t word)
@@ -121,8 +122,10 @@ void sha256_transform(std::uint32_t state[8], const std::uint32_t words[16])
 {
     std::uint32_t schedule[64];
     expand_schedule(schedule, words);
+    // NOLINTBEGIN(readability-isolate-declaration): as the standard writes the working variables
     std::uint32_t a = state[0], b = state[1], c = state[2], d = state[3];
     std::uint32_t e = state[4], f = state[5], g = state[6], h = state[7];
+    // NOLINTEND(readability-isolate-declaration)
     for (int i = 0; i < 64; ++i) {
         const std::uint32_t sum1 = std::rotr(e, 6) ^ std::rotr(e, 11) ^ std::rotr(e, 25);
         const std::uint32_t choice = (e & f) ^ (~e & g);

@@ -227,14 +227,15 @@ static void onNewSessionAnswer(DEVICE_CHANNEL_T &channel, const MESSAGE_T &messa
     if (response.code != 0) {
         logWarning("session refused: %s: code %lld, %s", session->label.c_str(),
                    static_cast<long long>(response.code), deviceCodeText(response.code));
-        return abortSession(session);
+        return abortSession(session, "refused: code " + std::to_string(response.code) + ", " +
+                                         deviceCodeText(response.code));
     }
     const bool is_named =
         !token.empty() && (response.session_id.empty() || response.session_id == token);
     if (!is_named || channel.sessions.contains(token)) {
         logFault(channel, "new session without an identifier of its own");
         if (!token.empty()) sendRelease(channel, token);
-        return abortSession(session);
+        return abortSession(session, "refused: the device gave it no identifier of its own");
     }
     std::erase(channel.releasing, token);
     channel.sessions.emplace(token, session);
@@ -330,6 +331,7 @@ static void onHandshake(const CHANNEL_PTR &channel, const MESSAGE_T &message)
         return refuseDevice(*channel, result.code, result.detail);
     channel->services = std::move(result.services);
     channel->state = CHANNEL_STATE::CONNECTED;
+    channel->connected_at = time(nullptr);
     channel->timer.cancel();
     channel->events.connected(channel);
     sendHandshakeAnswer(*channel, HANDSHAKE_ACCEPTED);
@@ -408,9 +410,9 @@ void closeDeviceChannel(DEVICE_CHANNEL_T &channel, std::uint16_t code, const std
     channel.timer.cancel();
     // Ending a session takes it out of the tables.
     for (const auto &[token, session] : std::unordered_map(channel.sessions))
-        abortSession(session);
+        abortSession(session, "the device disconnected");
     for (const auto &[id, session] : std::unordered_map(channel.opening))
-        abortSession(session);
+        abortSession(session, "the device disconnected");
     for (auto &[id, request] : std::exchange(channel.accounts, {})) {
         request.answered({false, 0, "the device disconnected"});
     }
@@ -444,17 +446,19 @@ static void makeRoomForSession(DEVICE_CHANNEL_T &channel)
     logInfo("session %s (%s) makes room: its client is done", oldest->token.c_str(),
             oldest->label.c_str());
     takeOffChannel(oldest, true);
-    abortSession(oldest);
+    abortSession(oldest, "made room: its client was done");
 }
 
-void requestSession(DEVICE_CHANNEL_T &channel, tcp::socket client, const SERVICE_T &service)
+void requestSession(DEVICE_CHANNEL_T &channel, CLIENT_T client, const SERVICE_T &service)
 {
-    if (channel.sessions.size() + channel.opening.size() >= channel.limits.clients_per_device) {
-        logFault(channel, "too many clients, one was turned away");
-        return resetClient(client);
-    }
-    makeRoomForSession(channel);
+    const bool is_crowded =
+        channel.sessions.size() + channel.opening.size() >= channel.limits.clients_per_device;
+    if (!is_crowded) makeRoomForSession(channel);
     const auto session = std::make_shared<SESSION_T>(std::move(client), channel, service);
+    if (is_crowded) {
+        logFault(channel, "too many clients, one was turned away");
+        return abortSession(session, "refused: too many clients of this device");
+    }
     const std::string id = freshId(channel, OPEN_ID);
     channel.opening.emplace(id, session);
     armSessionTimer(session);

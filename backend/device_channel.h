@@ -17,6 +17,7 @@
 #include "backend/tunnel.h"
 #include "backend/websocket_link.h"
 
+#include <ctime>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -65,6 +66,7 @@ struct DEVICE_CHANNEL_T : std::enable_shared_from_this<DEVICE_CHANNEL_T> {
     std::string peer; // address and port
     DEVICE_KEY_T device;
     std::vector<SERVICE_T> services;
+    std::time_t connected_at = 0;
 
     std::deque<OUT_MESSAGE_PTR> queue; // behind the message that is being written
     std::vector<OUT_MESSAGE_PTR> spare;
@@ -95,8 +97,7 @@ const SERVICE_T *findService(const DEVICE_CHANNEL_T &channel, const std::string 
 
 // Asks the device for a session and carries the client over it. A device takes DEVICE_SESSIONS_MAX
 // sessions: when they are in use, the one that lingers longest makes room.
-void requestSession(DEVICE_CHANNEL_T &channel, boost::asio::ip::tcp::socket client,
-                    const SERVICE_T &service);
+void requestSession(DEVICE_CHANNEL_T &channel, CLIENT_T client, const SERVICE_T &service);
 
 // Has the device check one of its local accounts. The callback is called exactly once, not from
 // within the call unless the request cannot be sent.

@@ -1,6 +1,7 @@
-// The reference back end's command line.
+// The back end's command line and configuration file.
 // Exit status  0 after SIGINT or SIGTERM, 1 when something cannot be used at run time, 2 for a
 // wrong command line.
+#include "backend/audit.h"
 #include "backend/log.h"
 #include "backend/options.h"
 #include "backend/server.h"
@@ -8,6 +9,7 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -30,6 +32,8 @@ struct COMMAND_LINE_T {
     std::string key;
     std::string devices;
     std::vector<std::string> forwards;
+    std::string control;
+    std::string audit = "-";
     bool is_plain = false;
     double linger_s = 30;
 };
@@ -65,6 +69,18 @@ static void describeOptions(CLI::App &app, COMMAND_LINE_T &line)
         ->type_name("SECONDS")
         ->capture_default_str()
         ->check(CLI::Range(0.0, 86400.0));
+    app.add_option("--control", line.control,
+                   "Socket for the operator's tool; whoever may write to it may use every device")
+        ->type_name("PATH");
+    app.add_option("--audit", line.audit,
+                   "File that gets one JSON line for each session, opened anew on SIGHUP; - is "
+                   "standard output")
+        ->type_name("FILE")
+        ->capture_default_str();
+    app.set_config("--config", "",
+                   "File with these options, one \"name=value\" a line (TOML or INI); what the "
+                   "command line gives comes first")
+        ->type_name("FILE");
     app.set_version_flag("--version", "remote_access_backend " RA_VERSION);
 }
 
@@ -77,8 +93,19 @@ static SERVER_OPTIONS_T readOptions(const COMMAND_LINE_T &line)
         options.forwards.push_back(parseForward(text));
     if (!line.is_plain && line.cert.empty())
         throw std::invalid_argument("either --cert and --key or --plain is required");
+    options.control = line.control;
     options.limits.linger_time = std::chrono::milliseconds(static_cast<long>(line.linger_s * 1000));
     return options;
+}
+
+static void reopenAudit(const std::string &path)
+{
+    try {
+        openAudit(path);
+        logInfo("audit file opened anew");
+    } catch (const std::exception &fault) {
+        logError("%s: the audit goes on in the old file", fault.what());
+    }
 }
 
 static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
@@ -87,19 +114,30 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
     options.registry = loadRegistry(line.devices, warnings);
     for (const std::string &warning : warnings)
         logWarning("%s", warning.c_str());
+    openAudit(line.audit);
     if (!line.is_plain) options.tls = makeTlsContext(line.cert, line.key);
 
     asio::io_context io{1};
     const auto server = startServer(io, std::move(options));
     asio::steady_timer goodbye(io);
+    asio::signal_set rotations(io, SIGHUP);
     asio::signal_set signals(io, SIGINT, SIGTERM);
     signals.async_wait([&](const boost::system::error_code &error, int number) {
         if (error) return;
         logInfo("ending on signal %d", number);
         stopServer(*server);
+        rotations.cancel();
         goodbye.expires_after(GOODBYE_TIME);
         goodbye.async_wait([&io](const boost::system::error_code &) { io.stop(); });
     });
+    const std::function<void()> waitForRotation = [&] {
+        rotations.async_wait([&](const boost::system::error_code &error, int) {
+            if (error) return;
+            reopenAudit(line.audit);
+            waitForRotation();
+        });
+    };
+    waitForRotation();
     io.run();
 }
 

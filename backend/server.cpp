@@ -94,9 +94,14 @@ static void acceptClient(SERVER_T &server, const LISTENER_T &listener, tcp::sock
                        channel ? "device does not announce this service"
                                : "device is not connected");
         }
-        return resetClient(socket);
+        CLIENT_SOCKET client(std::move(socket));
+        return resetClient(client);
     }
-    requestSession(*channel, std::move(socket), *service);
+    error_code error;
+    const tcp::endpoint peer = socket.remote_endpoint(error);
+    requestSession(*channel,
+                   {std::move(socket), error ? "(gone)" : endpointText(peer), nullptr, nullptr},
+                   *service);
 }
 
 std::unique_ptr<SERVER_T> startServer(asio::io_context &io, SERVER_OPTIONS_T options)
@@ -116,6 +121,7 @@ std::unique_ptr<SERVER_T> startServer(asio::io_context &io, SERVER_OPTIONS_T opt
     }
     for (const auto &listener : self.listeners)
         acceptNext(*listener);
+    if (!self.options.control.empty()) self.control = openControl(self, self.options.control);
     logInfo("listening on %s (%s), %zu devices registered",
             endpointText(listenEndpoint(self)).c_str(), self.options.tls ? "TLS" : "plain",
             self.options.registry.size());
@@ -129,6 +135,7 @@ std::unique_ptr<SERVER_T> startServer(asio::io_context &io, SERVER_OPTIONS_T opt
 
 void stopServer(SERVER_T &server)
 {
+    if (server.control) closeControl(*server.control);
     for (const auto &listener : server.listeners) {
         error_code ignored;
         listener->acceptor.close(ignored);

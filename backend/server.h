@@ -1,11 +1,12 @@
-// The back end as a whole: the port for devices, the local ports for clients, and which channel
-// belongs to which device.
+// The back end as a whole: the port for devices, the local ports for clients, the control socket,
+// and which channel belongs to which device.
 // Ownership  the server holds every channel; it must outlive the run of its io_context.
 // Threads    the thread of the io_context.
 // Failure    startServer throws std::runtime_error when something cannot be used; afterwards faults
 //            are logged and the server goes on.
 #pragma once
 
+#include "backend/control.h"
 #include "backend/device_channel.h"
 #include "backend/device_registry.h"
 #include "backend/limits.h"
@@ -27,6 +28,7 @@ struct SERVER_OPTIONS_T {
     std::shared_ptr<TLS_CONTEXT_T> tls; // null: plain connections
     DEVICE_REGISTRY_T registry;
     std::vector<FORWARD_OPTION_T> forwards;
+    std::string control; // path of the control socket; empty for none
     LIMITS_T limits;
 };
 
@@ -47,7 +49,8 @@ struct SERVER_T {
     boost::asio::io_context &io;
     SERVER_OPTIONS_T options;
     std::vector<std::unique_ptr<LISTENER_T>>
-        listeners; // the devices' port first, then the forwards in their order
+        listeners;                      // the devices' port first, then the forwards in their order
+    std::shared_ptr<CONTROL_T> control; // null without a control socket
     std::set<CHANNEL_PTR> unauthenticated;
     std::map<DEVICE_KEY_T, CHANNEL_PTR> devices;
     RATE_LIMIT_T refused_lines;

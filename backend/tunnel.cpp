@@ -1,5 +1,6 @@
 #include "backend/tunnel.h"
 
+#include "backend/audit.h"
 #include "backend/device_channel.h"
 #include "backend/limits.h"
 #include "backend/log.h"
@@ -8,6 +9,7 @@
 
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/error.hpp>
+#include <boost/asio/ip/tcp.hpp>
 
 namespace backend {
 
@@ -15,27 +17,27 @@ namespace asio = boost::asio;
 using boost::system::error_code;
 using tcp = asio::ip::tcp;
 
-static std::string peerName(const tcp::socket &socket)
+SESSION_T::SESSION_T(CLIENT_T from, DEVICE_CHANNEL_T &on, SERVICE_T wanted)
+    : channel(&on), limits(on.limits), origin(std::move(from)), client(std::move(origin.socket)),
+      timer(on.io), service(std::move(wanted)), device(on.device.device_name),
+      asked_at(std::time(nullptr))
 {
-    error_code error;
-    const tcp::endpoint peer = socket.remote_endpoint(error);
-    return error ? "(gone)" : peer.address().to_string() + ":" + std::to_string(peer.port());
-}
-
-SESSION_T::SESSION_T(tcp::socket socket, DEVICE_CHANNEL_T &on, SERVICE_T wanted)
-    : channel(&on), limits(on.limits), client(std::move(socket)), timer(on.io),
-      service(std::move(wanted))
-{
-    label = on.device.device_name + "/" + service.name + " for " + peerName(client);
-    error_code ignored; // a client that is gone already shows in the first read
+    label = device + "/" + service.name + " for " + origin.who;
+    error_code
+        ignored; // a client that is gone already shows in the first read; Unix sockets have none
     client.set_option(tcp::no_delay(true), ignored);
 }
 
-void resetClient(tcp::socket &client)
+void resetClient(CLIENT_SOCKET &client)
 {
     error_code ignored;
     client.set_option(asio::socket_base::linger(true, 0), ignored);
     client.close(ignored);
+}
+
+static void noteReason(SESSION_T &session, const std::string &reason)
+{
+    if (session.end_reason.empty()) session.end_reason = reason;
 }
 
 static std::size_t bufferedBytes(const SESSION_T &session)
@@ -43,35 +45,39 @@ static std::size_t bufferedBytes(const SESSION_T &session)
     return session.filling.size() + session.writing.size() - session.written;
 }
 
-static void closeClient(SESSION_T &session)
+// The one way into CLOSED.
+static void finishSession(const SESSION_PTR &session, bool is_whole)
 {
-    session.state = SESSION_STATE::CLOSED;
-    session.timer.cancel();
-    error_code ignored;
-    session.client.close(ignored);
-}
-
-void abortSession(const SESSION_PTR &session)
-{
-    if (session->state == SESSION_STATE::CLOSED) return;
     session->state = SESSION_STATE::CLOSED;
+    session->is_whole = is_whole;
     session->timer.cancel();
-    resetClient(session->client);
+    if (is_whole) {
+        error_code ignored;
+        session->client.close(ignored);
+    } else {
+        resetClient(session->client);
+    }
     takeOffChannel(session, false);
+    auditSession(*session);
+    const auto ended = std::exchange(session->origin.ended, nullptr);
+    if (ended) ended(*session);
 }
 
-// Ends a session from this side: the device is told, and the client is reset or, when it got all
-// there was, closed.
-static void endSession(const SESSION_PTR &session, const char *reason, bool is_orderly)
+void abortSession(const SESSION_PTR &session, const std::string &reason)
 {
     if (session->state == SESSION_STATE::CLOSED) return;
+    noteReason(*session, reason);
+    finishSession(session, false);
+}
+
+void endSession(const SESSION_PTR &session, const std::string &reason, bool is_orderly)
+{
+    if (session->state == SESSION_STATE::CLOSED) return;
+    noteReason(*session, reason);
     logInfo("session %s (%s) ended: %s", session->token.empty() ? "-" : session->token.c_str(),
-            session->label.c_str(), reason);
+            session->label.c_str(), reason.c_str());
     takeOffChannel(session, true);
-    if (is_orderly)
-        closeClient(*session);
-    else
-        abortSession(session);
+    finishSession(session, is_orderly);
 }
 
 static void sessionTimedOut(const SESSION_PTR &session)
@@ -86,8 +92,7 @@ static void sessionTimedOut(const SESSION_PTR &session)
             return endSession(session, "the client does not read", false);
         return endSession(session, "the client is done and the device sends nothing", true);
     case SESSION_STATE::FLUSHING:
-        if (bufferedBytes(*session) > 0) return abortSession(session);
-        return closeClient(*session);
+        return finishSession(session, bufferedBytes(*session) == 0);
     case SESSION_STATE::CLOSED:
         return;
     }
@@ -133,9 +138,9 @@ static void clientIsFlushed(const SESSION_PTR &session)
 {
     if (session->state == SESSION_STATE::LINGERING) return armSessionTimer(session);
     if (session->state != SESSION_STATE::FLUSHING) return;
-    if (session->client_ended) return closeClient(*session);
+    if (session->client_ended) return finishSession(session, true);
     error_code ignored; // a broken connection ends the read
-    session->client.shutdown(tcp::socket::shutdown_send, ignored);
+    session->client.shutdown(CLIENT_SOCKET::shutdown_send, ignored);
     armSessionTimer(session);
 }
 
@@ -174,6 +179,7 @@ static void writeClient(const SESSION_PTR &session)
 void passToClient(const SESSION_PTR &session, std::span<const std::uint8_t> bytes)
 {
     if (bytes.empty()) return;
+    session->bytes_up += bytes.size();
     session->filling.insert(session->filling.end(), bytes.begin(), bytes.end());
     if (!session->is_full && bufferedBytes(*session) >= session->limits.session_buffer) {
         noteSessionFull(*session, true);
@@ -191,7 +197,7 @@ static void clientEnded(const SESSION_PTR &session)
         session->lingering_since = std::chrono::steady_clock::now();
         armSessionTimer(session);
     } else if (session->state == SESSION_STATE::FLUSHING && bufferedBytes(*session) == 0) {
-        closeClient(*session);
+        finishSession(session, true);
     }
 }
 
@@ -203,6 +209,7 @@ static void clientRead(const SESSION_PTR &session, const error_code &error, std:
     if (error) return endSession(session, "the client's connection is lost", false);
     if (session->state == SESSION_STATE::OPEN) {
         session->message->payload_size = count;
+        session->bytes_down += count;
         sendSessionData(*session);
     }
     readClient(session);
@@ -231,6 +238,7 @@ void openSession(const SESSION_PTR &session, const std::string &token)
     session->state = SESSION_STATE::OPEN;
     armSessionTimer(session);
     logInfo("session %s opened: %s", token.c_str(), session->label.c_str());
+    if (session->origin.opened) session->origin.opened(*session);
     readClient(session);
 }
 
@@ -238,6 +246,7 @@ void releaseByDevice(const SESSION_PTR &session)
 {
     logInfo("session %s (%s) released by the device", session->token.c_str(),
             session->label.c_str());
+    noteReason(*session, "the service closed");
     takeOffChannel(session, false);
     session->state = SESSION_STATE::FLUSHING;
     armSessionTimer(session);

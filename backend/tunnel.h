@@ -1,4 +1,4 @@
-// One session's local end: the TCP connection of a client, carried over a device's channel.
+// One session's local end: the stream socket of a client, carried over a device's channel.
 // Ownership  the channel owns its sessions; a running operation keeps its session alive. A session
 //            that the device has released only flushes what is left to its client and belongs to
 //            itself.
@@ -7,7 +7,8 @@
 //            device still sends, until the device releases it or nothing has come for linger_time.
 // Endings    a client whose session was refused, lost or cut off gets a reset, so that it cannot
 //            take a part for the whole; after an orderly release it gets everything that was sent
-//            to it and then an end of file.
+//            to it and then an end of file. Each session, refused ones too, ends with one line in
+//            the audit log.
 // Limits     LIMITS_T: the session's buffer, and the waits that end a session nobody moves.
 #pragma once
 
@@ -16,12 +17,14 @@
 
 #include <chrono>
 #include <cstdint>
+#include <ctime>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
 #include <vector>
 
-#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/generic/stream_protocol.hpp>
 #include <boost/asio/steady_timer.hpp>
 
 namespace backend {
@@ -37,16 +40,31 @@ enum class SESSION_STATE {
     CLOSED,
 };
 
+struct SESSION_T;
+
+// TCP of any family, or a Unix socket.
+using CLIENT_SOCKET = boost::asio::generic::stream_protocol::socket;
+
+struct CLIENT_T {
+    CLIENT_SOCKET socket;
+    std::string who;                               // for the log and the audit
+    std::function<void(const SESSION_T &)> opened; // may be empty
+    // Once for each client, also for one whose session is refused. May be empty.
+    std::function<void(const SESSION_T &)> ended;
+};
+
 struct SESSION_T {
-    SESSION_T(boost::asio::ip::tcp::socket socket, DEVICE_CHANNEL_T &on, SERVICE_T wanted);
+    SESSION_T(CLIENT_T from, DEVICE_CHANNEL_T &on, SERVICE_T wanted);
 
     DEVICE_CHANNEL_T *channel; // borrowed; null once the session is off the channel
     const LIMITS_T &limits;
-    boost::asio::ip::tcp::socket client;
+    CLIENT_T origin; // its socket has gone into client
+    CLIENT_SOCKET client;
     boost::asio::steady_timer timer; // the one wait of the current state
     SERVICE_T service;
-    std::string label; // device, service and client, for the log
-    std::string token; // empty until the device has answered
+    std::string device; // its name
+    std::string label;  // device, service and client, for the log
+    std::string token;  // empty until the device has answered
     SESSION_STATE state = SESSION_STATE::OPENING;
     std::chrono::steady_clock::time_point lingering_since;
 
@@ -60,6 +78,12 @@ struct SESSION_T {
     OUT_MESSAGE_PTR message; // the storage that the next client bytes are read into
     bool read_active = false;
     bool client_ended = false;
+
+    std::time_t asked_at = 0;
+    std::uint64_t bytes_up = 0;   // from the device for the client
+    std::uint64_t bytes_down = 0; // from the client for the device
+    std::string end_reason;       // the first one counts
+    bool is_whole = false;        // the client got everything that the device sent
 };
 using SESSION_PTR = std::shared_ptr<SESSION_T>;
 
@@ -73,7 +97,7 @@ void passToClient(const SESSION_PTR &session, std::span<const std::uint8_t> byte
 void releaseByDevice(const SESSION_PTR &session);
 
 // Cuts the session off at once, without telling the device.
-void abortSession(const SESSION_PTR &session);
+void abortSession(const SESSION_PTR &session, const std::string &reason);
 
 // Starts the next read from the client, unless the channel has no room: then the channel calls
 // again.
@@ -82,7 +106,11 @@ void readClient(const SESSION_PTR &session);
 // (Re)starts the wait of the session's state, or ends it where the state has none.
 void armSessionTimer(const SESSION_PTR &session);
 
+// Ends a session from this side: the device is told, and the client is reset or, when it got all
+// there was, closed.
+void endSession(const SESSION_PTR &session, const std::string &reason, bool is_orderly);
+
 // Resets a connection for which there is no session.
-void resetClient(boost::asio::ip::tcp::socket &client);
+void resetClient(CLIENT_SOCKET &client);
 
 } // namespace backend

@@ -68,7 +68,8 @@ def test_doctor(link, setting):
     key, _, value = setting.partition("=")
 
     def put(text):
-        assert link.gateway.call(MANAGER, f"{MANAGER}.set", f"string:{key}", f"string:{text}")[0] == 0
+        status, _ = link.gateway.call(MANAGER, f"{MANAGER}.set", f"string:{key}", f"string:{text}")
+        assert status == 0
 
     if setting:
         put(value)

@@ -1,7 +1,11 @@
 """The whole way with our own back end: real ssh, sftp and curl through the tunnel over TLS."""
 import asyncio
 import json
+import os
+import pwd
 import random
+import socket
+import stat
 import subprocess
 
 import pytest
@@ -11,6 +15,7 @@ from harness.sandbox import BIN, CA_FILE, CONFIG, CONFIG_DIR
 from harness.tls import HOST
 from harness.waiting import SCALE, poll
 from harness.waiting import run as run_on_loop
+from test_account import sha512
 
 NAMES = ("ssh_localhost", "sftp_localhost", "http_localhost")
 PAGE, COPY = random.Random(1).randbytes(1 << 20), random.Random(2).randbytes(8 << 20)
@@ -44,6 +49,7 @@ class Tunnel:
             "cloud": self.listen,
             "config": {"gw_remoteaccess_cloud_host": HOST, "gw_remoteaccess_tls_type": 1},
             "files": {CA_FILE: certificates.authority, f"{CONFIG_DIR}/logger.conf": "level=1\n",
+                      "etc/shadow": f"root:{sha512('right')}:19000:0:99999:7:::\n",
                       f"{CONFIG_DIR}/remote_terminal.json": json.dumps(offered)}})["demo"]
         self.start_back_end(*certificates.paths())
         self.start_sshd(sshd)
@@ -56,6 +62,7 @@ class Tunnel:
         self.back_end = self.gateway.spawn_beside(
             "backend", BIN / "remote_access_backend", "--listen", f"127.0.0.1:{self.listen}",
             "--cert", certificate, "--key", key, "--devices", self.home / "devices.json",
+            "--control", self.home / "control", "--audit", self.home / "audit",
             *[part for name in NAMES for part in ("--forward", f"{self.ports[name]}=dev1/{name}")])
 
     def start_sshd(self, port):
@@ -79,6 +86,16 @@ class Tunnel:
                               check=False)
         assert done.returncode == 0, done.stderr.decode() + self.gateway.log_beside("backend")
         return done.stdout
+
+    def operate(self, *arguments, control="control", **options):
+        """(status, output) of the operator's tool."""
+        done = subprocess.run([BIN / "remote-access", "--control", self.home / control, *arguments],
+                              capture_output=True, text=True, timeout=60 * SCALE, check=False,
+                              **options)
+        return done.returncode, done.stdout + done.stderr
+
+    def audit(self):
+        return [json.loads(line) for line in (self.home / "audit").read_text().splitlines()]
 
     def login(self, program, *arguments):
         options = ("StrictHostKeyChecking=no", "UserKnownHostsFile=/dev/null", "BatchMode=yes")
@@ -117,3 +134,69 @@ def test_curl(tunnel, count):
     tunnel.run("curl", "-sS", "--fail", "--parallel", "--parallel-immediate",
                *[part for output in outputs for part in (url, "-o", output)])
     assert all(output.read_bytes() == PAGE for output in outputs)
+
+
+def test_operator_logs_in_by_the_devices_name(tunnel):
+    tool = f"{BIN}/remote-access --control {tunnel.home}/control"
+    proxy = f"ProxyCommand={tool} connect %h/ssh_localhost"
+    count = len(tunnel.audit())
+    assert tunnel.login("ssh", "-o", proxy, "operator@dev1", "seq 20000").split()[-1] == b"20000"
+    line = poll(lambda: tunnel.audit()[count:], 5, "an audit line")[0]
+    assert line["who"].startswith(pwd.getpwuid(os.getuid()).pw_name + ", process ")
+    assert (line["device"], line["service"], line["whole"]) == ("dev1", "ssh_localhost", True)
+    assert line["bytes_up"] > 100000 and line["bytes_down"] > 1000
+    assert line["reason"] == "the service closed"
+
+
+def test_operator_forwards_a_port(tunnel):
+    with subprocess.Popen([BIN / "remote-access", "--control", tunnel.home / "control", "forward",
+                           "dev1/http_localhost"], stdout=subprocess.PIPE, text=True) as tool:
+        try:
+            port = tool.stdout.readline().split()[0].rpartition(":")[2]
+            assert tunnel.run("curl", "-sS", "--fail", f"http://127.0.0.1:{port}/") == PAGE
+            assert " opened" in tool.stdout.readline()
+            assert "the service closed; up 1.0 MiB" in tool.stdout.readline()
+        finally:
+            tool.kill()
+
+
+def test_operator_asks(tunnel):
+    def listed(*command):
+        status, text = tunnel.operate(*command, "--json")
+        assert status == 0, text
+        return json.loads(text)
+
+    assert [(device["device"], device["connected"], device["services"])
+            for device in listed("devices")] == [("dev1", True, 3)]
+    assert sorted(s["name"] for s in listed("services", "dev1")) == sorted(NAMES)
+    assert listed("sessions") == []
+    for password, status in ("right", 0), ("wrong", 1):
+        assert tunnel.operate("verify", "dev1", "root", "--password-stdin",
+                              input=password)[0] == status
+
+
+@pytest.mark.parametrize("command, status, text", [
+    (("connect", "dev1/nothing"), 1, "dev1 does not offer nothing"),
+    (("connect", "dev2/ssh"), 1, "no device is named dev2"),
+    (("connect", "dev1"), 2, "no DEVICE/SERVICE"),
+    (("verify", "dev1", "root"), 2, "no terminal")])
+def test_operator_is_told_what_is_wrong(tunnel, command, status, text):
+    done, output = tunnel.operate(*command, start_new_session=True)
+    assert (done, text in output) == (status, True), output
+
+
+def test_operator_without_a_back_end(tunnel):
+    assert tunnel.operate("devices", control="missing")[0] == 3
+
+
+def test_control_socket_takes_no_nonsense(tunnel):
+    for request, answer in {b"no json\n": "no JSON object", b'{"do":7}\n': 'no "do"',
+                            b'{"do":"rm"}\n': "unknown request", b"x" * 5000: "too long",
+                            b'{"do":"connect","device":"dev1","service":"http_localhost"}\n':
+                            "no connected stream socket"}.items():
+        with socket.socket(socket.AF_UNIX) as link:
+            link.connect(str(tunnel.home / "control"))
+            link.sendall(request)
+            refused = json.loads(link.makefile().readline())
+            assert refused["ok"] is False and answer in refused["error"]
+    assert stat.S_IMODE((tunnel.home / "control").stat().st_mode) == 0o660

@@ -1,0 +1,378 @@
+#include "backend/control.h"
+
+#include "backend/log.h"
+#include "backend/server.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <pwd.h>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/write.hpp>
+#include <nlohmann/json.hpp>
+
+namespace backend {
+
+namespace asio = boost::asio;
+using boost::system::error_code;
+using nlohmann::json;
+using local = asio::local::stream_protocol;
+
+constexpr std::size_t CONNECTIONS_MAX = 256;
+constexpr auto REQUEST_TIME = std::chrono::seconds(5);
+constexpr auto ACCEPT_PAUSE = std::chrono::milliseconds(100);
+
+struct CONTROL_T {
+    CONTROL_T(SERVER_T &of, std::string file)
+        : server(of), path(std::move(file)), acceptor(of.io), pause(of.io)
+    {
+    }
+    SERVER_T &server;
+    std::string path;
+    local::acceptor acceptor;
+    asio::steady_timer pause;
+    std::size_t connections = 0;
+};
+
+using CONTROL_PTR = std::shared_ptr<CONTROL_T>;
+
+struct CONTROL_LINK_T {
+    CONTROL_LINK_T(CONTROL_PTR of, local::socket from)
+        : control(std::move(of)), socket(std::move(from)), timer(control->server.io)
+    {
+        control->connections++;
+    }
+    CONTROL_LINK_T(const CONTROL_LINK_T &) = delete;
+    CONTROL_LINK_T &operator=(const CONTROL_LINK_T &) = delete;
+    ~CONTROL_LINK_T()
+    {
+        control->connections--;
+        if (passed_fd >= 0) close(passed_fd);
+    }
+
+    CONTROL_PTR control;
+    local::socket socket;
+    asio::steady_timer timer;
+    std::string request;
+    std::string answers; // what is written, or waits for the write under way
+    bool write_active = false;
+    bool is_done = false; // closed once everything is written
+    int passed_fd = -1;
+    std::string who;
+};
+using LINK_PTR = std::shared_ptr<CONTROL_LINK_T>;
+
+static std::string peerText(int fd)
+{
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return "(unknown)";
+    std::array<char, 4096> storage{};
+    passwd entry{};
+    passwd *found = nullptr;
+    const bool is_named =
+        getpwuid_r(peer.uid, &entry, storage.data(), storage.size(), &found) == 0 && found;
+    return (is_named ? std::string(entry.pw_name) : "uid " + std::to_string(peer.uid)) +
+           ", process " + std::to_string(peer.pid);
+}
+
+// ---- answers
+
+static void writeAnswers(const LINK_PTR &link)
+{
+    if (link->write_active) return;
+    if (link->answers.empty()) {
+        error_code ignored;
+        if (link->is_done) link->socket.close(ignored);
+        return;
+    }
+    link->write_active = true;
+    const auto text = std::make_shared<std::string>(std::exchange(link->answers, {}));
+    asio::async_write(link->socket, asio::buffer(*text),
+                      [link, text](const error_code &error, std::size_t) {
+                          link->write_active = false;
+                          if (!error) writeAnswers(link);
+                      });
+}
+
+static void answer(const LINK_PTR &link, const json &line, bool is_last)
+{
+    link->answers += line.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
+    link->is_done = link->is_done || is_last;
+    writeAnswers(link);
+}
+
+static void refuse(const LINK_PTR &link, const std::string &error)
+{
+    answer(link, {{"ok", false}, {"error", error}}, true);
+}
+
+// ---- requests
+
+static std::string memberOf(const json &request, const char *name)
+{
+    const auto found = request.find(name);
+    if (found == request.end() || !found->is_string() ||
+        found->get_ref<const std::string &>().empty())
+        throw std::runtime_error(std::string("the request has no \"") + name + "\"");
+    return found->get<std::string>();
+}
+
+static CHANNEL_PTR channelOf(CONTROL_T &control, const json &request)
+{
+    const std::string name = memberOf(request, "device");
+    CHANNEL_PTR channel =
+        findChannel(control.server, findDeviceByName(control.server.options.registry, name));
+    if (!channel) throw std::runtime_error(name + " is not connected");
+    return channel;
+}
+
+static json sessionJson(const SESSION_T &session)
+{
+    return {{"session", session.token},        {"device", session.device},
+            {"service", session.service.name}, {"who", session.origin.who},
+            {"since", session.asked_at},       {"bytes_up", session.bytes_up},
+            {"bytes_down", session.bytes_down}};
+}
+
+static void listDevices(const LINK_PTR &link, const json & /*request*/)
+{
+    const SERVER_T &server = link->control->server;
+    json devices = json::array();
+    for (const auto &[key, secret] : server.options.registry) {
+        const CHANNEL_PTR channel = findChannel(server, key);
+        json device = {{"product", key.product_key},
+                       {"device", key.device_name},
+                       {"connected", channel != nullptr}};
+        if (channel) {
+            device["peer"] = channel->peer;
+            device["since"] = channel->connected_at;
+            device["services"] = channel->services.size();
+            device["sessions"] = channel->sessions.size();
+        }
+        devices.push_back(std::move(device));
+    }
+    answer(link, {{"ok", true}, {"devices", std::move(devices)}}, true);
+}
+
+static void listServices(const LINK_PTR &link, const json &request)
+{
+    json services = json::array();
+    for (const SERVICE_T &service : channelOf(*link->control, request)->services) {
+        services.push_back({{"name", service.name},
+                            {"type", service.type},
+                            {"ip", service.ip},
+                            {"port", service.port}});
+    }
+    answer(link, {{"ok", true}, {"services", std::move(services)}}, true);
+}
+
+static void listSessions(const LINK_PTR &link, const json & /*request*/)
+{
+    json sessions = json::array();
+    for (const auto &[key, channel] : link->control->server.devices) {
+        for (const auto &[token, session] : channel->sessions)
+            sessions.push_back(sessionJson(*session));
+    }
+    answer(link, {{"ok", true}, {"sessions", std::move(sessions)}}, true);
+}
+
+static void verifyAccount(const LINK_PTR &link, const json &request)
+{
+    const CHANNEL_PTR channel = channelOf(*link->control, request);
+    requestAccountCheck(
+        *channel, memberOf(request, "user"), memberOf(request, "password"),
+        [link](const ACCOUNT_RESULT_T &result) {
+            if (!result.is_answered) return refuse(link, result.message);
+            answer(link, {{"ok", true}, {"code", result.code}, {"message", result.message}}, true);
+        });
+}
+
+// The socket that came with the request; nothing when none that can be used did.
+static std::optional<CLIENT_SOCKET> takeClientSocket(CONTROL_LINK_T &link)
+{
+    int domain = 0;
+    int type = 0;
+    socklen_t size = sizeof(int);
+    sockaddr_storage peer{};
+    socklen_t peer_size = sizeof peer;
+    const int fd = link.passed_fd;
+    if (fd < 0 || getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 ||
+        getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_STREAM ||
+        getpeername(fd, reinterpret_cast<sockaddr *>(&peer), &peer_size) != 0)
+        return std::nullopt;
+    CLIENT_SOCKET client(link.control->server.io);
+    error_code error;
+    client.assign(asio::generic::stream_protocol(domain, 0), fd, error);
+    if (error) return std::nullopt;
+    link.passed_fd = -1;
+    return client;
+}
+
+static void connectClient(const LINK_PTR &link, const json &request)
+{
+    const CHANNEL_PTR channel = channelOf(*link->control, request);
+    const std::string name = memberOf(request, "service");
+    const SERVICE_T *service = findService(*channel, name);
+    if (service == nullptr)
+        return refuse(link, channel->device.device_name + " does not offer " + name);
+    auto socket = takeClientSocket(*link);
+    if (!socket) return refuse(link, "no connected stream socket came with the request");
+    CLIENT_T client{std::move(*socket), link->who, nullptr, nullptr};
+    client.opened = [link](const SESSION_T &session) {
+        answer(link, {{"ok", true}, {"session", session.token}}, false);
+    };
+    client.ended = [link](const SESSION_T &session) {
+        if (session.token.empty()) return refuse(link, session.end_reason);
+        answer(link,
+               {{"ended", session.end_reason},
+                {"whole", session.is_whole},
+                {"bytes_up", session.bytes_up},
+                {"bytes_down", session.bytes_down}},
+               true);
+    };
+    requestSession(*channel, std::move(client), *service);
+}
+
+struct REQUEST_ROUTE_T {
+    std::string_view name;
+    void (*handler)(const LINK_PTR &link, const json &request);
+};
+
+constexpr auto REQUEST_ROUTES = std::to_array<REQUEST_ROUTE_T>({
+    {"devices", listDevices},
+    {"services", listServices},
+    {"sessions", listSessions},
+    {"verify", verifyAccount},
+    {"connect", connectClient},
+});
+
+static void handleRequest(const LINK_PTR &link)
+{
+    link->timer.cancel();
+    try {
+        const json request = json::parse(link->request, nullptr, false);
+        explicit_bzero(link->request.data(), link->request.size()); // it may hold a password
+        if (!request.is_object()) return refuse(link, "the request is no JSON object");
+        const std::string wanted = memberOf(request, "do");
+        for (const REQUEST_ROUTE_T &route : REQUEST_ROUTES)
+            if (route.name == wanted) return route.handler(link, request);
+        refuse(link, "unknown request \"" + wanted + "\"");
+    } catch (const std::exception &fault) {
+        refuse(link, fault.what());
+    }
+}
+
+// ---- connections
+
+// What has come, with a descriptor that may come with it. False at the end of the stream.
+static bool receiveRequest(CONTROL_LINK_T &link)
+{
+    std::array<char, REQUEST_MAX> bytes{};
+    iovec part{bytes.data(), REQUEST_MAX - link.request.size()};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> rights{};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = rights.data();
+    message.msg_controllen = rights.size();
+    const ssize_t got =
+        recvmsg(link.socket.native_handle(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+    if (got < 0) return errno == EAGAIN || errno == EINTR;
+    const cmsghdr *const first = CMSG_FIRSTHDR(&message);
+    if (first != nullptr && first->cmsg_level == SOL_SOCKET && first->cmsg_type == SCM_RIGHTS &&
+        first->cmsg_len == CMSG_LEN(sizeof(int))) {
+        if (link.passed_fd >= 0) close(link.passed_fd);
+        memcpy(&link.passed_fd, CMSG_DATA(first), sizeof(int));
+    }
+    link.request.append(bytes.data(), static_cast<std::size_t>(got));
+    explicit_bzero(bytes.data(), bytes.size());
+    return got > 0;
+}
+
+static void readRequest(const LINK_PTR &link)
+{
+    link->socket.async_wait(local::socket::wait_read, [link](const error_code &error) {
+        if (error) return;
+        const bool goes_on = receiveRequest(*link);
+        if (link->request.find('\n') != std::string::npos) return handleRequest(link);
+        if (link->request.size() >= REQUEST_MAX) return refuse(link, "the request is too long");
+        if (goes_on) readRequest(link);
+    });
+}
+
+static void acceptOperator(const CONTROL_PTR &control)
+{
+    control->acceptor.async_accept([control](const error_code &error, local::socket socket) {
+        if (!control->acceptor.is_open()) return;
+        if (!error && control->connections < CONNECTIONS_MAX) {
+            const auto link = std::make_shared<CONTROL_LINK_T>(control, std::move(socket));
+            link->request.reserve(REQUEST_MAX);
+            link->who = peerText(link->socket.native_handle());
+            link->timer.expires_after(REQUEST_TIME);
+            link->timer.async_wait([link](const error_code &stopped) {
+                error_code ignored;
+                if (!stopped) link->socket.close(ignored);
+            });
+            readRequest(link);
+            return acceptOperator(control);
+        }
+        control->pause.expires_after(ACCEPT_PAUSE);
+        control->pause.async_wait([control](const error_code &stopped) {
+            if (!stopped && control->acceptor.is_open()) acceptOperator(control);
+        });
+    });
+}
+
+// A file that is left of a back end that has ended must not keep the next one from starting.
+static void removeStaleSocket(asio::io_context &io, const std::string &path)
+{
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0) return;
+    if (!S_ISSOCK(status.st_mode)) throw std::runtime_error(path + ": is no socket");
+    local::socket probe(io);
+    error_code error;
+    probe.connect(local::endpoint(path), error);
+    if (!error) throw std::runtime_error(path + ": another back end listens there");
+    (void)unlink(path.c_str());
+}
+
+std::shared_ptr<CONTROL_T> openControl(SERVER_T &server, const std::string &path)
+{
+    if (path.size() >= sizeof(sockaddr_un::sun_path))
+        throw std::runtime_error(path + ": the path of a socket has at most " +
+                                 std::to_string(sizeof(sockaddr_un::sun_path) - 1) + " bytes");
+    removeStaleSocket(server.io, path);
+    const auto control = std::make_shared<CONTROL_T>(server, path);
+    const mode_t usual = umask(0117); // from the first moment on, not only after a chmod
+    try {
+        control->acceptor.open();
+        control->acceptor.bind(local::endpoint(path));
+        control->acceptor.listen();
+    } catch (const boost::system::system_error &fault) {
+        umask(usual);
+        throw std::runtime_error(path + ": " + fault.code().message());
+    }
+    umask(usual);
+    acceptOperator(control);
+    logInfo("control socket %s ready", path.c_str());
+    return control;
+}
+
+void closeControl(CONTROL_T &control)
+{
+    if (!control.acceptor.is_open()) return;
+    (void)unlink(control.path.c_str());
+    error_code ignored;
+    control.acceptor.close(ignored);
+    control.pause.cancel();
+}
+
+} // namespace backend

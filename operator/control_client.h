@@ -1,0 +1,33 @@
+// One request to the back end over its control socket; backend/control.h tells what is said there.
+// Failure  CONTROL_ERROR: the back end cannot be reached, or has refused with these words.
+// Threads  each client is one thread's.
+#pragma once
+
+#include "utility/handles.h"
+
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+struct CONTROL_ERROR : std::runtime_error {
+    CONTROL_ERROR(const std::string &text, bool unreachable)
+        : std::runtime_error(text), is_unreachable(unreachable)
+    {
+    }
+    bool is_unreachable; // else refused
+};
+
+struct CONTROL_CLIENT_T {
+    UniqueFd socket;
+    std::string received; // behind the last line taken
+};
+
+// Sends the request, with a descriptor if one is given; the caller keeps his own copy of it.
+CONTROL_CLIENT_T openRequest(const std::string &path, const nlohmann::json &request, int fd = -1);
+
+// The next line; none at the end of the answers. A refusal is thrown.
+std::optional<nlohmann::json> nextAnswer(CONTROL_CLIENT_T &client);
+
+// For a request with one answer.
+nlohmann::json ask(const std::string &path, const nlohmann::json &request);

@@ -1,0 +1,86 @@
+// remote-access: the operator's command line.
+#include "operator/commands.h"
+#include "operator/control_client.h"
+#include "operator/terminal.h"
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+
+namespace {
+
+constexpr char DEFAULT_CONTROL[] = "/run/remote-access/control";
+
+using COMMAND = int (*)(const OPERATOR_OPTIONS_T &);
+
+CLI::App *addCommand(CLI::App &app, const char *name, const char *help, COMMAND run,
+                     COMMAND &chosen)
+{
+    CLI::App *const command = app.add_subcommand(name, help);
+    command->callback([&chosen, run] { chosen = run; });
+    return command;
+}
+
+void describe(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND &chosen)
+{
+    app.require_subcommand(1);
+    app.set_version_flag("--version", "remote-access " RA_VERSION);
+    app.add_option("--control", options.control, "Control socket of the back end")
+        ->envname("REMOTE_ACCESS_CONTROL")
+        ->type_name("PATH")
+        ->capture_default_str();
+    CLI::App *command = addCommand(
+        app, "devices", "The registered devices, and which are connected", showDevices, chosen);
+    command->add_flag("--json", options.json, "As a JSON array");
+    command = addCommand(app, "services", "What a device offers", showServices, chosen);
+    command->add_option("device", options.device, "Its name, or PRODUCT_KEY:NAME")->required();
+    command->add_flag("--json", options.json, "As a JSON array");
+    command = addCommand(app, "sessions", "The open sessions", showSessions, chosen);
+    command->add_flag("--json", options.json, "As a JSON array");
+    command->add_flag("--watch", options.watch, "Every second, with the rates, until Ctrl-C");
+    command = addCommand(app, "forward", "Lead a local port to a service", forwardPort, chosen);
+    command->add_option("target", options.target, "DEVICE/SERVICE")->required();
+    command->add_option("port", options.port, "On 127.0.0.1; any free one if none is given");
+    command =
+        addCommand(app, "connect",
+                   "Lead standard input and output to a service, as ssh's ProxyCommand wants it",
+                   connectStreams, chosen);
+    command->add_option("target", options.target, "DEVICE/SERVICE")->required();
+    command->add_flag("--progress", options.progress, "Bytes and rates on standard error");
+    command =
+        addCommand(app, "verify", "Have a device check one of its accounts", verifyAccount, chosen);
+    command->add_option("device", options.device, "Its name, or PRODUCT_KEY:NAME")->required();
+    command->add_option("user", options.user, "The account")->required();
+    command->add_flag("--password-stdin", options.password_stdin,
+                      "Read the password from standard input, not from the terminal");
+    app.footer("Exit status: 0 done; 1 refused, or a session was cut off; 2 wrong command line;\n"
+               "3 the back end cannot be reached.");
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    (void)std::signal(SIGPIPE, SIG_IGN); // a lost peer shows in the write's result
+    CLI::App app{"Reaches the services of remote gateways, through the back end."};
+    OPERATOR_OPTIONS_T options;
+    options.control = DEFAULT_CONTROL;
+    COMMAND chosen = nullptr;
+    describe(app, options, chosen);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &fault) {
+        return app.exit(fault) == 0 ? OPERATOR_DONE : OPERATOR_USAGE;
+    }
+    try {
+        return chosen(options);
+    } catch (const CONTROL_ERROR &fault) {
+        (void)std::fprintf(stderr, "remote-access: %s\n", shown(fault.what()).c_str());
+        return fault.is_unreachable ? OPERATOR_UNREACHABLE : OPERATOR_REFUSED;
+    } catch (const std::exception &fault) {
+        (void)std::fprintf(stderr, "remote-access: %s\n", shown(fault.what()).c_str());
+        return OPERATOR_USAGE;
+    }
+}

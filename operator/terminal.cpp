@@ -1,0 +1,92 @@
+#include "operator/terminal.h"
+
+#include "utility/handles.h"
+
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <fcntl.h>
+#include <stdexcept>
+#include <termios.h>
+#include <unistd.h>
+
+namespace {
+
+// Echo is off for the life of this.
+class SilentTerminal {
+public:
+    explicit SilentTerminal(int fd) : fd_{fd}, is_terminal_{::tcgetattr(fd, &usual_) == 0}
+    {
+        if (!is_terminal_) return;
+        termios silent = usual_;
+        silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        (void)::tcsetattr(fd, TCSAFLUSH, &silent);
+    }
+    ~SilentTerminal()
+    {
+        if (is_terminal_) (void)::tcsetattr(fd_, TCSAFLUSH, &usual_);
+    }
+    SilentTerminal(const SilentTerminal &) = delete;
+    SilentTerminal &operator=(const SilentTerminal &) = delete;
+
+private:
+    int fd_;
+    termios usual_{};
+    bool is_terminal_;
+};
+
+void say(int fd, const std::string &text)
+{
+    if (::write(fd, text.data(), text.size()) < 0) throw std::runtime_error("the terminal is gone");
+}
+
+} // namespace
+
+std::string shown(std::string text)
+{
+    for (char &c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7f) c = '?';
+    }
+    return text;
+}
+
+std::string sizeText(double bytes)
+{
+    static constexpr std::array<const char *, 5> UNITS{"B", "KiB", "MiB", "GiB", "TiB"};
+    std::size_t unit = 0;
+    for (; bytes >= 1024 && unit + 1 < UNITS.size(); ++unit)
+        bytes /= 1024;
+    std::array<char, 32> text{};
+    (void)std::snprintf(text.data(), text.size(), unit == 0 ? "%.0f %s" : "%.1f %s", bytes,
+                        UNITS.at(unit));
+    return text.data();
+}
+
+std::string timeText(std::int64_t seconds)
+{
+    if (seconds == 0) return "-";
+    const auto time = static_cast<std::time_t>(seconds);
+    std::tm parts{};
+    ::gmtime_r(&time, &parts);
+    std::array<char, 32> text{};
+    (void)std::strftime(text.data(), text.size(), "%F %T", &parts);
+    return text.data();
+}
+
+std::string readPassword(const std::string &prompt)
+{
+    const UniqueFd terminal{::open("/dev/tty", O_RDWR | O_CLOEXEC)};
+    if (!terminal)
+        throw std::runtime_error("no terminal to ask for the password on; see --password-stdin");
+    std::string password;
+    {
+        say(terminal.get(), prompt);
+        const SilentTerminal silence{terminal.get()};
+        char c = 0;
+        while (::read(terminal.get(), &c, 1) == 1 && c != '\n')
+            password += c;
+    }
+    say(terminal.get(), "\n");
+    return password;
+}

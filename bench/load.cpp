@@ -11,11 +11,12 @@
 // plays both ends of a round trip, so that no wake-up in it is the load's own.
 // Failure  a line on standard error and status 1, also when a socket makes no progress for 10 s.
 #include "utility/handles.h"
+#include "utility/text.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -25,7 +26,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/ssl.h>
-#include <pthread.h>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
@@ -34,9 +34,9 @@
 
 namespace {
 
-constexpr int PROGRESS_S = 10;
+constexpr int PROGRESS_MS = 10000;
 constexpr int NAP_MS = 100; // how late the end of a flow may be noticed
-constexpr std::size_t CHUNK = 64 * 1024;
+constexpr std::size_t CHUNK = 65536;
 constexpr std::size_t MESSAGE = 50172; // what the daemon sends up at most at a time
 constexpr std::size_t EXCHANGE = 64;
 constexpr std::size_t MANY = 8;
@@ -74,8 +74,8 @@ double cpuTime(clockid_t clock)
 clockid_t clockOfProcess(const char *pid)
 {
     clockid_t clock = NO_CLOCK;
-    if (std::atoi(pid) > 0)
-        require(::clock_getcpuclockid(std::atoi(pid), &clock) == 0, "no such process");
+    if (parse_int32(pid) > 0)
+        require(::clock_getcpuclockid(parse_int32(pid), &clock) == 0, "no such process");
     return clock;
 }
 
@@ -99,7 +99,7 @@ void reportPercentiles(const std::string &name, std::vector<double> &samples)
 
 // ---- sockets
 
-void setTimeout(int fd, int option, int milliseconds)
+void setTimeout(int fd, int option, long milliseconds)
 {
     const timeval time{milliseconds / 1000, milliseconds % 1000 * 1000};
     require(::setsockopt(fd, SOL_SOCKET, option, &time, sizeof time) == 0, "socket time-out");
@@ -110,8 +110,8 @@ UniqueFd prepared(int fd)
     require(fd >= 0, "socket");
     const int on = 1;
     (void)::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    setTimeout(fd, SO_RCVTIMEO, PROGRESS_S * 1000);
-    setTimeout(fd, SO_SNDTIMEO, PROGRESS_S * 1000);
+    setTimeout(fd, SO_RCVTIMEO, PROGRESS_MS);
+    setTimeout(fd, SO_SNDTIMEO, PROGRESS_MS);
     return UniqueFd{fd};
 }
 
@@ -119,7 +119,7 @@ sockaddr_in loopback(const char *port)
 {
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(std::atoi(port)));
+    address.sin_port = htons(static_cast<std::uint16_t>(parse_int32(port)));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     return address;
 }
@@ -185,14 +185,14 @@ void closeSession(SESSION_T &session)
 {
     session.service.reset();
     char byte = 0;
-    setTimeout(session.client.get(), SO_RCVTIMEO, PROGRESS_S * 1000);
+    setTimeout(session.client.get(), SO_RCVTIMEO, PROGRESS_MS);
     require(::recv(session.client.get(), &byte, 1, 0) == 0, "the session's end");
     session.client.reset();
 }
 
 struct FLOW_T {
-    int from;
-    int to;
+    int from = -1;
+    int to = -1;
     std::atomic<std::uint64_t> sent{0};
     std::atomic<std::uint64_t> received{0};
     std::atomic<bool> stopping{false};
@@ -222,7 +222,7 @@ void receiveFlow(FLOW_T &flow)
         require(count > 0 || (count < 0 && errno == EAGAIN), "bulk receive");
         naps = count > 0 ? 0 : naps + 1;
         if (count > 0) flow.received += static_cast<std::uint64_t>(count);
-        if (naps * NAP_MS > PROGRESS_S * 1000) return; // what is missing now is lost
+        if (naps * NAP_MS > PROGRESS_MS) return; // what is missing now is lost
     }
 }
 
@@ -232,8 +232,9 @@ FLOWS startFlows(const std::vector<SESSION_T> &sessions, bool down)
     for (const SESSION_T &session : sessions) {
         const int service = session.service.get();
         const int client = session.client.get();
-        flows.push_back(std::make_unique<FLOW_T>(down ? service : client, down ? client : service));
-        FLOW_T &flow = *flows.back();
+        FLOW_T &flow = *flows.emplace_back(std::make_unique<FLOW_T>());
+        flow.from = down ? service : client;
+        flow.to = down ? client : service;
         flow.receiver = std::thread(receiveFlow, std::ref(flow));
         flow.sender = std::thread(sendFlow, std::ref(flow));
     }
@@ -369,33 +370,43 @@ SslContextPtr makeContext(const SSL_METHOD *method, char **arguments)
 struct BARE_END_T {
     int fd;
     SSL *ssl; // null: plain
-    std::atomic<bool> *stopping;
-    std::atomic<std::uint64_t> received{0};
+    const std::atomic<bool> *stopping;
+    double cpu_s = 0;
+    double seconds = 0;
+    double gigabytes = 0;
 };
 
-void sendBare(BARE_END_T &end)
+ssize_t sendBare(const BARE_END_T &end, char *message)
 {
-    const std::vector<char> message(MESSAGE, 'x');
-    require(!end.ssl || SSL_accept(end.ssl) == 1, "TLS accept");
-    while (!*end.stopping) {
-        const ssize_t count = end.ssl ? SSL_write(end.ssl, message.data(), MESSAGE)
-                                      : ::send(end.fd, message.data(), MESSAGE, MSG_NOSIGNAL);
-        require(count > 0, "bare send");
-    }
-    (void)::shutdown(end.fd, SHUT_WR);
+    const ssize_t count = end.ssl != nullptr ? SSL_write(end.ssl, message, MESSAGE)
+                                             : ::send(end.fd, message, MESSAGE, MSG_NOSIGNAL);
+    require(count > 0, "bare send");
+    return count;
 }
 
-void receiveBare(BARE_END_T &end)
+ssize_t receiveBare(const BARE_END_T &end, char *message)
 {
-    std::vector<char> message(MESSAGE);
-    require(!end.ssl || SSL_connect(end.ssl) == 1, "TLS connect");
-    for (;;) {
-        const ssize_t count = end.ssl ? SSL_read(end.ssl, message.data(), MESSAGE)
-                                      : ::recv(end.fd, message.data(), MESSAGE, 0);
-        if (count <= 0 && *end.stopping) return;
-        require(count > 0, "bare receive");
-        end.received += static_cast<std::uint64_t>(count);
+    const ssize_t count = end.ssl != nullptr ? SSL_read(end.ssl, message, MESSAGE)
+                                             : ::recv(end.fd, message, MESSAGE, 0);
+    require(count > 0 || *end.stopping, "bare receive");
+    return std::max<ssize_t>(count, 0);
+}
+
+// Each end counts what its own thread spends, its part of the TLS handshake left out.
+void runBareEnd(BARE_END_T &end, bool sends)
+{
+    std::vector<char> message(MESSAGE, 'x');
+    require(end.ssl == nullptr || (sends ? SSL_accept(end.ssl) : SSL_connect(end.ssl)) == 1,
+            "TLS handshake");
+    const double start = now();
+    const double cpu = readClock(CLOCK_THREAD_CPUTIME_ID);
+    for (ssize_t count = 1; count > 0 && !(sends && *end.stopping);) {
+        count = sends ? sendBare(end, message.data()) : receiveBare(end, message.data());
+        end.gigabytes += static_cast<double>(count) / 1e9;
     }
+    end.cpu_s = readClock(CLOCK_THREAD_CPUTIME_ID) - cpu;
+    end.seconds = now() - start;
+    if (sends) (void)::shutdown(end.fd, SHUT_WR);
 }
 
 struct BARE_COST_T { // CPU seconds per GB
@@ -412,38 +423,29 @@ BARE_COST_T measureBare(SSL_CTX *server, SSL_CTX *client, double window_s)
     (void)::getsockname(listener.get(), reinterpret_cast<sockaddr *>(&address), &size);
     const UniqueFd to = connectTo(address);
     const UniqueFd from = prepared(::accept(listener.get(), nullptr, nullptr));
-    const SslPtr from_ssl{server ? SSL_new(server) : nullptr};
-    const SslPtr to_ssl{client ? SSL_new(client) : nullptr};
-    require(!server || (SSL_set_fd(from_ssl.get(), from.get()) == 1 &&
-                        SSL_set_fd(to_ssl.get(), to.get()) == 1),
+    const SslPtr from_ssl{server != nullptr ? SSL_new(server) : nullptr};
+    const SslPtr to_ssl{client != nullptr ? SSL_new(client) : nullptr};
+    require(server == nullptr || (SSL_set_fd(from_ssl.get(), from.get()) == 1 &&
+                                  SSL_set_fd(to_ssl.get(), to.get()) == 1),
             "TLS");
 
     std::atomic<bool> stopping{false};
     BARE_END_T sender{from.get(), from_ssl.get(), &stopping};
     BARE_END_T receiver{to.get(), to_ssl.get(), &stopping};
-    std::thread threads[] = {std::thread(sendBare, std::ref(sender)),
-                             std::thread(receiveBare, std::ref(receiver))};
-    clockid_t clocks[2] = {};
-    for (int i = 0; i < 2; ++i)
-        require(::pthread_getcpuclockid(threads[i].native_handle(), &clocks[i]) == 0, "clock");
-    sleepFor(window_s / 3);
-    const double before[] = {readClock(clocks[0]), readClock(clocks[1]), now()};
-    const std::uint64_t first = receiver.received;
+    std::thread sending(runBareEnd, std::ref(sender), true);
+    std::thread receiving(runBareEnd, std::ref(receiver), false);
     sleepFor(window_s);
-    const double after[] = {readClock(clocks[0]), readClock(clocks[1]), now()};
-    const auto bytes = static_cast<double>(receiver.received - first);
     stopping = true;
-    for (std::thread &thread : threads)
-        thread.join();
-    require(bytes > 0, "no bare data came through");
-    return {(after[0] - before[0]) / bytes * 1e9, (after[1] - before[1]) / bytes * 1e9,
-            bytes / (after[2] - before[2]) / 1e6};
+    sending.join();
+    receiving.join();
+    return {sender.cpu_s / sender.gigabytes, receiver.cpu_s / receiver.gigabytes,
+            receiver.gigabytes * 1e3 / receiver.seconds};
 }
 
 // The least that a gateway can spend: one end plain, the other TLS.
 void measureTls(char **arguments)
 {
-    const double window_s = std::atof(arguments[3]) / 1000;
+    const double window_s = parse_int32(arguments[3]) / 1000.0;
     const SslContextPtr server = makeContext(TLS_server_method(), arguments);
     const SslContextPtr client = makeContext(TLS_client_method(), arguments);
     const BARE_COST_T tls = measureBare(server.get(), client.get(), window_s);
@@ -451,10 +453,6 @@ void measureTls(char **arguments)
     report("mbs_down1", tls.mbs);
     report("cpu_down1", tls.sender + plain.receiver);
     report("cpu_up1", tls.receiver + plain.sender);
-    report("tls_sender", tls.sender);
-    report("tls_receiver", tls.receiver);
-    report("plain_sender", plain.sender);
-    report("plain_receiver", plain.receiver);
 }
 
 } // namespace
@@ -466,7 +464,7 @@ int main(int argc, char **argv)
         measureTls(argv + 2);
     } else if (what == "way" && argc == 7) {
         measureWay({listenOn(argv[2]), loopback(argv[3]), clockOfProcess(argv[4]),
-                    clockOfProcess(argv[5]), std::atof(argv[6]) / 1000});
+                    clockOfProcess(argv[5]), parse_int32(argv[6]) / 1000.0});
     } else {
         (void)std::fprintf(stderr, "bench_load: see the head of bench/load.cpp\n");
         return 2;

@@ -25,3 +25,8 @@ PACKAGES_TEST=(
 PACKAGES_BENCH=(
     libbenchmark-dev stunnel4 haproxy iproute2
 )
+
+# To run the fuzz targets, besides those to build.
+PACKAGES_FUZZ=(
+    clang-14 libclang-rt-14-dev llvm-14 python3
+)

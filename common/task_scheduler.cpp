@@ -267,7 +267,7 @@ int addOneTask(const char *name, int mode, int delay, int interval, int count, T
     std::unique_ptr<TASK_NODE_T> added;
     TASK_NODE_T *task = find_task(name);
     if (task == nullptr) {
-        added.reset(new (std::nothrow) TASK_NODE_T{});
+        added.reset(new (std::nothrow) TASK_NODE_T());
         if (added == nullptr) {
             RA_ERROR("malloc TASK_NODE_T failed");
             return TASK_NO_MEMORY;

@@ -39,12 +39,12 @@ int read_module_options(int argc, char **argv, const char *usage,
     for (int found = 0, row = 0;
          (found = ::getopt_long(argc, argv, "", known.data(), &row)) != -1;) {
         if (found != 0) {
-            std::fputs(usage, stderr);
+            (void)std::fputs(usage, stderr);
             return EXIT_WRONG_ARGUMENTS;
         }
         const auto index = static_cast<std::size_t>(row);
         if (index == options.size()) {
-            std::fputs(usage, stdout);
+            (void)std::fputs(usage, stdout);
             return EXIT_SUCCESS;
         }
         *options[index].value = optarg;
@@ -53,14 +53,14 @@ int read_module_options(int argc, char **argv, const char *usage,
         return row.needed == OPTION_NEEDED && *row.value == nullptr;
     });
     if (complete && optind == argc) return -1;
-    std::fputs(usage, stderr);
+    (void)std::fputs(usage, stderr);
     return EXIT_WRONG_ARGUMENTS;
 }
 
 int start_module(const char *name)
 {
     log_init(name, 1, LOG_LEVEL_INFO, 2);
-    std::signal(SIGPIPE, SIG_IGN); // a reader of the log, or a peer, may go away
+    (void)std::signal(SIGPIPE, SIG_IGN); // a reader of the log, or a peer, may go away
     sigset_t stop;
     sigemptyset(&stop);
     sigaddset(&stop, SIGTERM);

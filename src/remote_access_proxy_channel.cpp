@@ -137,7 +137,7 @@ bool isAlive(noPollConn *conn)
 bool flushPendingWrite(noPollConn *conn)
 {
     std::int64_t attempt_end = nowMilliseconds();
-    const std::int64_t end = attempt_end + FLUSH_ATTEMPTS * ATTEMPT_MS;
+    const std::int64_t end = attempt_end + std::int64_t{FLUSH_ATTEMPTS} * ATTEMPT_MS;
     do {
         if (nopoll_conn_pending_write_bytes(conn) == 0) return true;
         // Libraries differ in what a completed write returns; that nothing is pending afterwards
@@ -155,7 +155,7 @@ int completeWrite(noPollConn *conn, int length, int sent, int timeout_ms)
 {
     const int attempts = std::clamp(timeout_ms, MIN_TIMEOUT_MS, MAX_TIMEOUT_MS) / ATTEMPT_MS;
     std::int64_t attempt_end = nowMilliseconds();
-    const std::int64_t end = attempt_end + attempts * ATTEMPT_MS;
+    const std::int64_t end = attempt_end + std::int64_t{attempts} * ATTEMPT_MS;
     do {
         if (!isAlive(conn)) return sent;
         if (nopoll_conn_pending_write_bytes(conn) == 0) return length;

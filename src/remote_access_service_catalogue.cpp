@@ -46,7 +46,7 @@ const char *stringMember(const cJSON *object, const char *key)
 void addServiceToList(std::uint32_t *service_count, LIST_LINK_T *service_list, const char *name,
                       const char *type, const char *ip, std::uint32_t port)
 {
-    auto *const service = new (std::nothrow) SERVICE_INFO_T{};
+    auto *const service = new (std::nothrow) SERVICE_INFO_T();
     if (service == nullptr) return;
     copy_text(service->service_name, name);
     copy_text(service->service_type, type);

@@ -47,7 +47,7 @@ int compareSessionId(const void *key, const hashtable_node_t *link)
 
 SESSION_NODE_T *createSessionNode(int socket_fd, const char *session_id, SERVICE_INFO_T *service)
 {
-    auto *const node = new (std::nothrow) SESSION_NODE_T{};
+    auto *const node = new (std::nothrow) SESSION_NODE_T();
     if (node == nullptr) return nullptr;
     node->socket_fd = socket_fd;
     node->service = service;

@@ -50,7 +50,7 @@ int main(int argc, char **argv)
     }
     const int port = parse_port(port_text);
     if (port == 0) {
-        std::fprintf(stderr, "gateway_mqtt_bridge: '%s' is no port\n%s", port_text, USAGE);
+        (void)std::fprintf(stderr, "gateway_mqtt_bridge: '%s' is no port\n%s", port_text, USAGE);
         return EXIT_WRONG_ARGUMENTS;
     }
     if (mosquitto_lib_init() != MOSQ_ERR_SUCCESS) return EXIT_FAILURE;

@@ -177,7 +177,7 @@ void logLine(noPollCtx *context, noPollDebugLevel level, const char *format, ...
     char line[512];
     va_list arguments;
     va_start(arguments, format);
-    std::vsnprintf(line, sizeof line, format, arguments);
+    (void)std::vsnprintf(line, sizeof line, format, arguments);
     va_end(arguments);
     context->handler(context, level, line, context->user_data);
 }

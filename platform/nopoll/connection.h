@@ -69,8 +69,9 @@ struct noPollConn {
 
 namespace ws {
 
-inline constexpr std::size_t RX_SIZE = 16 * 1024; // the longest piece, but for the byte held back
-inline constexpr std::size_t MAX_MESSAGE = 16 * 1024 * 1024;
+// The longest piece, but for the byte held back.
+inline constexpr std::size_t RX_SIZE = std::size_t{16} * 1024;
+inline constexpr std::size_t MAX_MESSAGE = std::size_t{16} * 1024 * 1024;
 
 enum CLOSE_CODE : uint16_t { CLOSE_NORMAL = 1000, CLOSE_PROTOCOL_ERROR = 1002 };
 

@@ -63,10 +63,11 @@ bool describeTarget(noPollConn &conn, const TARGET_T &target, ws::FAILURE_T &fai
     if (!copyRequestText(conn.host_name, target.host_name ? target.host_name : target.host))
         return ws::fail(failure,
                         "the host name for the request is too long or has bytes that no name has");
-    const bool bare_ipv6 = strchr(conn.host_name, ':') && ws::isAddress(conn.host_name);
-    snprintf(conn.host_header, sizeof conn.host_header, bare_ipv6 ? "[%s]" : "%s", conn.host_name);
+    const bool bare_ipv6 = strchr(conn.host_name, ':') != nullptr && ws::isAddress(conn.host_name);
+    (void)snprintf(conn.host_header, sizeof conn.host_header, bare_ipv6 ? "[%s]" : "%s",
+                   conn.host_name);
     char origin[sizeof conn.origin];
-    snprintf(origin, sizeof origin, "http://%s", conn.host_header);
+    (void)snprintf(origin, sizeof origin, "http://%s", conn.host_header);
     if (!copyRequestText(conn.path, target.path ? target.path : "/") || conn.path[0] != '/' ||
         !copyRequestText(conn.origin, target.origin ? target.origin : origin) ||
         !copyRequestText(conn.protocols, target.protocols ? target.protocols : ""))
@@ -118,7 +119,7 @@ noPollConn *openConnection(noPollCtx *context, const TARGET_T &target, bool tls_
                            const noPollConnOpts *options)
 {
     if (!context) return nullptr;
-    auto *conn = new (std::nothrow) noPollConn{};
+    auto *conn = new (std::nothrow) noPollConn();
     if (!conn) return nullptr;
     conn->context = context;
     ++context->references;
@@ -173,7 +174,7 @@ void nopoll_cleanup_library(void) {} // nothing outlives its connection
 
 noPollConnOpts *nopoll_conn_opts_new(void)
 {
-    return new (std::nothrow) noPollConnOpts{};
+    return new (std::nothrow) noPollConnOpts();
 }
 
 nopoll_bool nopoll_conn_opts_set_ssl_certs(noPollConnOpts *opts, const char *client_certificate,
@@ -214,12 +215,12 @@ noPollConn *nopoll_conn_tls_new(noPollCtx *ctx, noPollConnOpts *options, const c
 
 nopoll_bool nopoll_conn_is_ok(noPollConn *conn)
 {
-    return conn && !conn->ended;
+    return conn && !conn->ended ? nopoll_true : nopoll_false;
 }
 
 nopoll_bool nopoll_conn_is_tls_on(noPollConn *conn)
 {
-    return conn && conn->tls_on && !conn->ended;
+    return conn && conn->tls_on && !conn->ended ? nopoll_true : nopoll_false;
 }
 
 nopoll_bool nopoll_conn_wait_until_connection_ready(noPollConn *conn, int timeout)
@@ -294,7 +295,7 @@ const unsigned char *nopoll_msg_get_payload(noPollMsg *msg)
 
 nopoll_bool nopoll_msg_is_final(noPollMsg *msg)
 {
-    return msg && msg->final;
+    return msg && msg->final ? nopoll_true : nopoll_false;
 }
 
 void nopoll_msg_unref(noPollMsg *msg)

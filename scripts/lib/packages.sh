@@ -30,3 +30,13 @@ PACKAGES_BENCH=(
 PACKAGES_FUZZ=(
     clang-14 libclang-rt-14-dev llvm-14 python3
 )
+
+# To make and check Debian packages, besides those to build.
+PACKAGES_PACKAGE=(
+    dpkg-dev binutils gzip git python3 lintian
+)
+
+# To run the matrix of faults, besides those to build and to run.
+PACKAGES_FAULTS=(
+    iproute2 nftables dnsmasq-base libfaketime
+)

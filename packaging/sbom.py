@@ -1,0 +1,87 @@
+#!/usr/bin/python3
+"""Writes the SPDX 2.3 document of a package: its programs, and the Debian packages they run with.
+
+Usage: sbom.py PACKAGE VERSION ROOT    ROOT is the tree that the package is made of
+"""
+import datetime
+import hashlib
+import json
+import os
+import pathlib
+import re
+import subprocess
+import sys
+
+LICENSES = {  # of the libraries' packages, as their copyright files state them
+    "libc6": "LGPL-2.1-or-later", "libgcc-s1": "GPL-3.0-or-later WITH GCC-exception-3.1",
+    "libstdc++6": "GPL-3.0-or-later WITH GCC-exception-3.1", "libssl3": "Apache-2.0",
+    "libdbus-1-3": "AFL-2.1 OR GPL-2.0-or-later", "libcjson1": "MIT", "libcrypt1": "LGPL-2.1-or-later",
+    "libmosquitto1": "EPL-2.0 OR BSD-3-Clause", "libsdbus-c++1": "LGPL-2.1-or-later WITH "
+    "LGPL-exception-1.1", "libboost-dev": "BSL-1.0", "nlohmann-json3-dev": "MIT", "libcli11-dev": "BSD-3-Clause"}
+COMPILED_IN = {"remote-access-backend": ["libboost-dev", "nlohmann-json3-dev", "libcli11-dev"]}
+
+
+def output(*command):
+    return subprocess.run(command, check=True, capture_output=True, text=True).stdout
+
+
+def is_program(path):
+    with open(path, "rb") as file:
+        return file.read(4) == b"\x7fELF"
+
+
+def needed(path):
+    return re.findall(r"\(NEEDED\).*\[(.+)\]", output("readelf", "-dW", path))
+
+
+def machine(path):
+    found = re.search(r"Machine:\s+(.*)", output("readelf", "-hW", path))[1]
+    return {"AArch64": "arm64", "ARM": "armhf"}.get(found, "amd64")
+
+
+def owner(library, architecture):
+    """(package, version) that brings a library for the architecture."""
+    for line in output("dpkg-query", "-S", f"*/{library}").splitlines():
+        name = line.split(": ")[0]
+        package, _, of = name.partition(":")
+        if of == architecture:
+            if package.endswith("-cross"):
+                continue
+            return package, output("dpkg-query", "-W", "-f", "${Version}", name)
+    raise SystemExit(f"sbom.py: no package of {architecture} brings {library}")
+
+
+def entry(name, version, license_id):
+    return {"SPDXID": "SPDXRef-" + re.sub(r"[^A-Za-z0-9.]", "-", name), "name": name, "versionInfo": version,
+            "downloadLocation": "NOASSERTION", "filesAnalyzed": False, "licenseConcluded": license_id,
+            "licenseDeclared": license_id, "copyrightText": "NOASSERTION"}
+
+
+def main(package, version, root):
+    programs = sorted(path for path in pathlib.Path(root).rglob("*")
+                      if path.is_file() and not path.is_symlink() and is_program(path))
+    libraries = {owner(library, machine(path)) for path in programs for library in needed(path)
+                 if not library.startswith("ld-")}
+    libraries |= {(name, output("dpkg-query", "-W", "-f", "${Version}", name))
+                  for name in COMPILED_IN.get(package, ())}
+    time = datetime.datetime.fromtimestamp(int(os.environ.get("SOURCE_DATE_EPOCH", "0")), datetime.timezone.utc)
+    entries = [entry(package, version, "Apache-2.0"),
+               *(entry(name, number, LICENSES[name]) for name, number in sorted(libraries))]
+    names = "".join(str(item) for item in entries)
+    document = {
+        "spdxVersion": "SPDX-2.3", "dataLicense": "CC0-1.0", "SPDXID": "SPDXRef-DOCUMENT", "name": f"{package}-{version}",
+        "documentNamespace": f"urn:sha256:{hashlib.sha256(names.encode()).hexdigest()}",
+        "creationInfo": {"created": time.strftime("%Y-%m-%dT%H:%M:%SZ"), "creators": ["Tool: packaging/sbom.py"]},
+        "packages": entries,
+        "relationships": [
+            {"spdxElementId": "SPDXRef-DOCUMENT", "relationshipType": "DESCRIBES", "relatedSpdxElement": entries[0]["SPDXID"]},
+            *({"spdxElementId": entries[0]["SPDXID"], "relatedSpdxElement": item["SPDXID"],
+               "relationshipType": "STATIC_LINK" if item["name"].endswith("-dev") else "DYNAMIC_LINK"}
+              for item in entries[1:])]}
+    target = pathlib.Path(root) / f"usr/share/doc/{package}/sbom.spdx.json"
+    target.parent.mkdir(parents=True, exist_ok=True)
+    target.write_text(json.dumps(document, indent=1) + "\n")
+
+
+if __name__ == "__main__":
+    main(*sys.argv[1:])

@@ -70,6 +70,15 @@ TEST_F(Dispatch, WorksOnlyInTheStateOfEachType)
     EXPECT_EQ("", sent() + drain(far.get()));
 }
 
+TEST_F(Dispatch, HandsNoHeaderOnAsPayload)
+{
+    const UniqueFd far = addSession("s1");
+    std::string text = R"({"msg_type":22,"payload_len":51200,"token":"s1","x":")";
+    text.resize(MESSAGE_BUFFER_SIZE - 2, 'x'); // the separator would lie behind the buffer
+    receive(text + "\"}");
+    EXPECT_EQ("", drain(far.get()));
+}
+
 TEST_F(Dispatch, RefusesASessionThatCannotBeConnectedOrKept)
 {
     const int dead_port = LISTENER_T{}.port; // nobody listens there any more

@@ -142,6 +142,7 @@ int createDbusConnection(DELAY_WORKER_T *worker)
         RA_WARN("conn is NULL!");
         return -1;
     }
+    bound_bus_input(conn.get());
     dbus_bus_register(conn.get(), error);
     if (check_and_abort(error) != 0) {
         conn.reset();

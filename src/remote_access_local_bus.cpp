@@ -97,6 +97,7 @@ int connectLocalBus(REMOTE_ACCESS_CONFIG_T *record)
         RA_WARN("remote access daemon connection to dbus is NULL!");
         return -1;
     }
+    bound_bus_input(fresh.get());
     dbus_bus_register(fresh.get(), error);
     if (check_and_abort(error) != 0) {
         fresh.reset();

@@ -5,9 +5,9 @@ import subprocess
 import pytest
 
 from harness.cloud import VERIFY, BackEnd
-from harness.sandbox import PID_FILE, PROGRAM
+from harness.sandbox import PASSWORD, PID_FILE, PROGRAM
 
-PASSWORD, LONG_NAME, LONG_PASSWORD = "correct horse", "u" * 255, "p" * 255
+LONG_NAME, LONG_PASSWORD = "u" * 255, "p" * 255
 OK = (0, "verify account ok", "null")
 FAILED = (101607, "verify account failed", "null")
 UNREADABLE = (101601, "parse VerifyAccount failed", "null")

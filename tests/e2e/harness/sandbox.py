@@ -23,6 +23,7 @@ CA_FILE, SOCKET = f"{CONFIG_DIR}/ca.pem", "tmp/var/run/mbusd/mbusd_socket"
 PROGRAM = f"/{INSTALLED}/bin/remote_access_daemon"
 NAME, MANAGER = "iot.gateway.remote_access_daemon", "iot.gateway.config_manager"
 SECRET = "kXw81-device-secret-of-the-tests"
+PASSWORD = "correct horse"  # of accounts
 TERMINATED = 128 + signal.SIGTERM
 CONFIG = {
     "gw_system_productkey": "pk1", "gw_system_devicename": "dev1", "gw_system_devicesecret": SECRET,
@@ -149,13 +150,16 @@ class Gateway:
     bus, manager   whether they are there from the start
     watched        the watchdog feeds are recorded
     command        what to run instead of the daemon itself
+    mounts         further options of bwrap
     prepare        called with the root directory before anything starts
     ends, strays   statuses and a pattern of stray lines to be expected
     """
 
     def __init__(self, directory, name, cloud=1, config=(), files=(), bus=True, manager=True,
-                 watched=False, command=(PROGRAM,), prepare=None, ends=(), strays="(?!)"):
+                 watched=False, command=(PROGRAM,), mounts=(), prepare=None, ends=(),
+                 strays="(?!)"):
         self.name, self.root, self.command = name, directory / name, command
+        self._mounts = mounts
         self.config = {**CONFIG, "gw_remoteaccess_cloud_port": cloud, **dict(config)}
         self.bus, self.manager, self.watched = bus, manager and bus, watched
         self._ends, self._strays = {TERMINATED, *ends}, strays
@@ -186,7 +190,7 @@ class Gateway:
                 "--ro-bind", f"{self.root}/etc", "/etc", "--bind", f"{self.root}/tmp", "/tmp",
                 "--bind", f"{self.root}/brimlock", "/brimlock", "--ro-bind", BIN,
                 f"/{INSTALLED}/bin", "--clearenv", "--setenv", "ASAN_OPTIONS",
-                "quarantine_size_mb=1"]
+                "quarantine_size_mb=1", *self._mounts]
 
     def spawn_beside(self, name, *command):
         """Run a program until stop(); its output is log_beside(name)."""
@@ -237,6 +241,15 @@ class Gateway:
         poll(lambda: self.call("org.freedesktop.DBus", "org.freedesktop.DBus.NameHasOwner",
                                f"string:{name}") == (0, "boolean true"), 5, f"{name} on the bus")
 
+    def _betrayals(self):
+        """Secrets and raw control bytes in what the daemon's runs have written."""
+        secret = self.config["gw_system_devicesecret"] or SECRET
+        unfit = re.compile(rf"{re.escape(secret)}|{PASSWORD}|\$(?:6|y)\$\w{{8}}|[\0-\x1f\x7f]")
+        for path in sorted(self.root.glob("std*")):
+            for line in path.read_bytes().decode("latin-1").split("\n"):
+                if found := unfit.search(line):
+                    yield f"{found[0]!r} in {path.name}: {line[:300]}"
+
     def stop(self):
         """End everything; returns what went wrong while it ran."""
         faults = []
@@ -244,9 +257,7 @@ class Gateway:
             status = self.daemon.terminate()
             if status not in self._ends:
                 faults.append(f"the daemon ended with status {status}")
-            secret = self.config["gw_system_devicesecret"] or SECRET
-            faults += [f"the secret was logged: {line.text}" for line in self.log.lines
-                       if secret in line.text]
+            faults += self._betrayals()
             faults += [f"not a log line: {text}" for text in self.log.strays
                        if not re.fullmatch(self._strays, text)]
         for process in self._beside.values():

@@ -1,0 +1,45 @@
+"""What a daemon holds (memory, descriptors, threads), and what it allocates."""
+import os
+import re
+import struct
+from dataclasses import dataclass
+
+from .sandbox import BIN, INSTALLED, PROGRAM
+
+INSTRUMENTED = re.search(rb"__[at]san_init", (BIN / "remote_access_daemon").read_bytes())
+
+
+@dataclass
+class Footprint:
+    resident_kb: int
+    descriptors: int
+    threads: int
+
+
+def footprint(gateway):
+    process = f"/proc/{gateway.daemon.pid}"
+    with open(f"{process}/smaps_rollup", encoding="ascii") as rollup:
+        resident_kb = int(re.search(r"^Rss:\s+(\d+) kB", rollup.read(), re.MULTILINE)[1])
+    return Footprint(resident_kb, len(os.listdir(f"{process}/fd")),
+                     len(os.listdir(f"{process}/task")))
+
+
+# Options of a Gateway whose daemon counts its allocations.
+COUNTED = {"command": ("/usr/bin/env", f"LD_PRELOAD=/{INSTALLED}/bin/libmalloc_count.so",
+                       "MALLOC_COUNT=/tmp/malloc_count", PROGRAM)}
+
+
+@dataclass
+class Allocations:
+    """Calls to malloc and its kin so far, by who made them."""
+    openssl: int
+    program: int
+    others: int
+
+    def __sub__(self, before):
+        return Allocations(self.openssl - before.openssl, self.program - before.program,
+                           self.others - before.others)
+
+
+def allocations(gateway):
+    return Allocations(*struct.unpack("3Q", (gateway.root / "tmp/malloc_count").read_bytes()))

@@ -19,6 +19,7 @@ int refreshResolver() noexcept
     const int saved_errno = errno;
     _res.retrans = QUERY_TIMEOUT_S;
     _res.retry = QUERY_TRIES;
+    _res.options |= RES_NORELOAD; // else the library puts its own values back, though not always
     errno = saved_errno;
     return result;
 }

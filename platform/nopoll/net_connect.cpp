@@ -52,7 +52,10 @@ void *lookUpInThread(void *argument)
     const LookupPtr lookup{static_cast<LOOKUP_T *>(argument)};
     // Two seconds a server instead of five: a second name server gets its turn within the deadline.
     constexpr int SECONDS_PER_SERVER = 2;
-    if (res_init() == 0) _res.retrans = std::min(_res.retrans, SECONDS_PER_SERVER);
+    if (res_init() == 0) {
+        _res.retrans = std::min(_res.retrans, SECONDS_PER_SERVER);
+        _res.options |= RES_NORELOAD; // else the library puts its own time back, though not always
+    }
     lookup->result = lookUp(lookup->host, lookup->port, 0, lookup->found);
     lookup->done.store(true, std::memory_order_release);
     eventfd_write(lookup->finished.get(), 1);

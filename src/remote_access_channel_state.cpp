@@ -2,6 +2,7 @@
 
 #include "common/log.h"
 #include "src/process_end.h"
+#include "src/remote_access_peer_watch.h"
 #include "src/remote_access_proxy.h"
 #include "src/remote_access_proxy_channel.h"
 #include "src/remote_access_proxy_thread.h"
@@ -11,8 +12,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -30,40 +29,12 @@ constexpr std::int32_t MAX_UNANSWERED_PINGS = 3;
 constexpr std::int32_t MAX_FAILED_OPENINGS = 5;
 constexpr int EXIT_STATUS_NO_CHANNEL = 1;
 
-constexpr std::int32_t KEEPALIVE_PROBES = 3;
-constexpr std::int32_t IDLE_PERIODS = 3;           // before the first probe
-constexpr std::int32_t UNACKNOWLEDGED_PERIODS = 6; // the idle time and the probes together
-
 std::int32_t connect_fail_count = 0; // failed openings in a row, in the closed state
 
 std::int64_t secondsSince(const timespec &time)
 {
     return static_cast<std::int64_t>(monotonic_now().tv_sec) -
            static_cast<std::int64_t>(time.tv_sec);
-}
-
-int periods(std::int32_t period_s, std::int32_t count, std::int64_t unit)
-{
-    return static_cast<int>(std::clamp<std::int64_t>(unit * count * period_s, INT_MIN, INT_MAX));
-}
-
-// A channel that is gone without a word is found by keepalive probes while it is idle and, within
-// the same time, by TCP_USER_TIMEOUT while data is in flight, when no probes run (tcp(7)). What the
-// kernel refuses stays at its default.
-void watchPeer(int fd, std::int32_t period_s)
-{
-    const int on = 1;
-    const int idle_s = periods(period_s, IDLE_PERIODS, 1);
-    const int interval_s = period_s;
-    const int probes = KEEPALIVE_PROBES;
-    (void)::setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-    (void)::setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &idle_s, sizeof idle_s);
-    (void)::setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &interval_s, sizeof interval_s);
-    (void)::setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
-    if (period_s <= 0) return;
-    const int unacknowledged_ms = periods(period_s, UNACKNOWLEDGED_PERIODS, 1000);
-    (void)::setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &unacknowledged_ms,
-                       sizeof unacknowledged_ms);
 }
 
 // Opens the connection; a descriptor that the select pass could not hold counts as a failed
@@ -238,6 +209,11 @@ void cloudChannelConnectedStateProc(REMOTE_PROXY_T *proxy, std::int32_t remote_s
     if (proxyDataProc(proxy) == PASS_NO_CHANNEL) {
         dropChannel(proxy);
         ::usleep(LOST_CHANNEL_PAUSE_US);
+        return;
+    }
+    if (isPeerDeaf(getCloudProxyChannelSocket(proxy->conn), proxy->tcp_keepalive_period)) {
+        RA_WARN("the back end repeats itself and hears nothing, the channel is dropped");
+        dropChannel(proxy);
         return;
     }
     if (checkKeepalive(proxy) != 0) {

@@ -190,30 +190,6 @@ TEST_F(Loopback, NewerChannelReplacesTheOlderWithItsSessions)
     expectAlive(neighbour);
 }
 
-TEST_F(Loopback, BytesGoBothWaysAtAwkwardSizes)
-{
-    start();
-    SCRIPTED_DEVICE device = connectDevice();
-    TCP_PEER client = connectClient(device, "t1");
-    for (const std::size_t size :
-         {std::size_t{1}, std::size_t{125}, std::size_t{32768}, std::size_t{100001}}) {
-        std::string bytes(size, '\0');
-        for (std::size_t i = 0; i < size; i++)
-            bytes[i] = static_cast<char>(i * 7);
-        client.send(bytes);
-        std::string got;
-        while (got.size() < size) {
-            const auto data = device.receive();
-            ASSERT_TRUE(data && data->type() == 22 && data->token() == "t1");
-            got += data->payload;
-        }
-        EXPECT_TRUE(got == bytes);
-        for (std::size_t at = 0; at < size; at += 50172)
-            device.send(21, "d", "t1", bytes.substr(at, 50172));
-        EXPECT_TRUE(client.receive(size) == bytes);
-    }
-}
-
 TEST_F(Loopback, ReleaseByTheDeviceFlushesThenEnds)
 {
     start();

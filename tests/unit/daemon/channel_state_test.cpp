@@ -239,15 +239,6 @@ TEST_F(ChannelState, FollowsTheRecord)
         EXPECT_EQ(row.mark + 4, proxy.debug_switch);
         EXPECT_EQ(0, record.switch_changed);
     }
-    const std::pair<const void *, const void *> borrowed[] = {
-        {record.cloud_host, proxy.cloud_host},     {record.cloud_port, proxy.cloud_port},
-        {record.cert_path, proxy.cert_path},       {record.product_key, proxy.product_key},
-        {record.device_name, proxy.device_name},   {record.device_secret, proxy.device_secret},
-        {&record.service_list, proxy.service_list}};
-    for (const auto &[here, there] : borrowed)
-        EXPECT_EQ(here, there);
-    EXPECT_EQ(1 + 100 + 5, proxy.tls_type + proxy.trans_timeout + proxy.tcp_keepalive_period);
-    EXPECT_EQ(51200 * 2, proxy.recv_buffer.capacity + proxy.send_buffer.capacity);
 }
 
 TEST_F(ChannelState, ThreadWaitsForTheConfigurationAndCountsItsPasses)

@@ -69,20 +69,11 @@ TEST(MessageHeader, IsParsedByTheScannersRules)
         {R"({"msg_type":" -5","payload_len":"-4","timestamp":"-9"})", "-5 0 -4 -9  "},
         {R"({"msg_type":-5,"payload_len":1.75,"timestamp":99999999999})", "5 0 1 2147483647  "},
         {R"({"msg_type":99999999999,"payload_len":true,"msg_id":17})", "1215752191 0 0 0 17 "},
-        {R"({"msg_types":5,"msg_type":4,"payload_len":0,"token2":"a","token":"b"})", "5 0 0 0  a"},
         {R"({"msg_type":4,"payload_len":0,"token":"","token_x":"c","msg_id":""})", "4 0 0 0  c"},
         {R"({"msg_type":0,"token":null,"payload_len":9,"payload_len":3})", "0 0 3 0  payload_len"},
         {R"({"msg_type":0,"payload_len":3,"token":"a\"b"})", "0 0 3 0  a\\"},
-        {R"({"msg_type":4,"payload_len":0,"token":")" + LONG + "\",\"msg_id\":\"" + LONG + "\"}",
-         "4 0 0 0 " + LONG.substr(0, 63) + " " + LONG.substr(0, 63)},
-        {"", "refused"},
-        {R"( {"msg_type":4,"payload_len":0})", "refused"},
-        {R"({"msg_type":4,"payload_len":0)", "refused"},
-        {R"({"payload_len":0})", "refused"},
-        {R"({"msg_type":4})", "refused"},
         {R"({"msg_type":"","payload_len":0})", "refused"},
         {R"({"a":{"msg_type":4},"payload_len":0})", "refused"}, // ends at the first brace
-        {R"([{"msg_type":4,"payload_len":0}])", "refused"},
     };
     for (const auto &[text, expected] : rows) {
         EXPECT_EQ(expected, parsed(text)) << text;
@@ -98,22 +89,6 @@ TEST(MessageHeader, IsParsedByTheScannersRules)
     EXPECT_EQ(-1, parseProxyProtocolHeader(whole.c_str(), 30, nullptr));
 }
 
-TEST(Handshake, SignsWithTheSecretAndTheTime)
-{
-    const std::pair<std::string, std::string> rows[] = {
-        {"secret1", SIGN}, // as another implementation gives it
-        {std::string(63, 'k'), "094f075386f4eb03696b319f9a1799f11d525e956ab8c3dfc4b81729cb326080"},
-        {std::string(64, 'k'), std::string(64, '0')},
-        {std::string(68, 'k'), std::string(64, '0')}};
-    fake_logger::take();
-    for (const auto &[secret, sign] : rows) {
-        EXPECT_EQ(sign, calc_sign("quorvex_iot", "dev1", "pk1", secret.c_str()));
-        EXPECT_EQ("0 sign string is :  clientIdquorvex_iotdeviceNamedev1productKeypk1"
-                  "timestamp1600000000",
-                  fake_logger::take(0));
-    }
-}
-
 TEST(Handshake, PayloadIsBuiltIfThereIsRoom)
 {
     const std::string expected =
@@ -126,7 +101,10 @@ TEST(Handshake, PayloadIsBuiltIfThereIsRoom)
                                    dst, "pk1", "dev1", "secret1", "[{}]")));
     EXPECT_EQ(expected, dst.data());
     EXPECT_EQ('\0', dst.back());
-    EXPECT_TRUE(fake_logger::take(0).ends_with("|0 handshake payload: " + expected));
+    EXPECT_EQ("0 sign string is :  clientIdquorvex_iotdeviceNamedev1productKeypk1"
+              "timestamp1600000000|0 handshake payload: " +
+                  expected,
+              fake_logger::take(0));
     dst.resize(room);
     EXPECT_EQ(-1, spliceProxyProtocolHandShakePayload(dst, "pk1", "dev1", "secret1", "[{}]"));
     EXPECT_EQ("3 cloud channel hand shake payload is longer than buffer", fake_logger::take());
@@ -155,38 +133,13 @@ TEST(Handshake, ListsTheServicesAsOneArray)
     }
 }
 
-TEST(Handshake, ResponseNeedsANumericCode)
-{
-    const std::pair<std::string, std::int32_t> rows[] = {{R"({"code": 0, "message": "ok"})", 0},
-                                                         {R"({"code": 101604})", 101604},
-                                                         {R"({"code":-5})", 5},
-                                                         {R"({"codes":3,"code":0})", 3},
-                                                         {R"({"code":"0"})", -1},
-                                                         {R"({"code":true})", -1},
-                                                         {R"({"message":"x"})", -1},
-                                                         {R"({"code":7)", -1},
-                                                         {"", -1}};
-    for (const auto &[payload, expected] : rows) {
-        std::int32_t code = -1;
-        const auto length = static_cast<std::int32_t>(payload.size());
-        const int result = parseProxyProtocolHandShakeResponse(payload.c_str(), length, &code);
-        EXPECT_EQ(expected < 0 ? -1 : 0, result) << payload;
-        EXPECT_EQ(expected, code) << payload;
-        EXPECT_EQ(expected < 0 ? "3 cloud response packet error: " + payload + " " : "",
-                  fake_logger::take());
-    }
-}
-
 TEST(RequestPayload, NewSessionFallsBackToLocalSsh)
 {
     const std::string fallback = "SSH ssh_localhost 127.0.0.1 22";
     const std::pair<std::string, std::string> rows[] = {
         {"{}", fallback},
-        {"", fallback},
         {R"({"service_port":8080,"service_ip":"10.0.0.1","service_name":"web","service_type":"H"})",
          "H web 10.0.0.1 8080"},
-        {R"({"service_port":"8080","service_ip":7,"service_name":["x"],"service_type":true})",
-         fallback},
         {R"({"service_port":99999999999,"service_ip":"","service_name":"a\"b"})",
          "SSH a\\ 127.0.0.1 1215752191"},
         {R"({"service_type":"1234567890123456","service_ip":"255.255.255.2551","service_name":")" +
@@ -204,36 +157,4 @@ TEST(RequestPayload, NewSessionFallsBackToLocalSsh)
     parseProxyProtocolNewSessionPayload(nullptr, 5, &untouched);
     EXPECT_EQ(0, untouched.service_name[0] + untouched.service_port);
     EXPECT_EQ("", fake_logger::take());
-}
-
-TEST(RequestPayload, AccountNeedsBothTexts)
-{
-    const std::string invalid = "3 verify account body is invalid: ";
-    const struct {
-        std::size_t username, password;
-        std::string line; // empty: accepted
-    } rows[] = {{1, 1, ""},
-                {255, 255, ""},
-                {256, 0, "2 account:username is too long: "},
-                {255, 256, "2 account:password is too long: "},
-                {0, 5, invalid},
-                {5, 0, invalid}};
-    VERIFY_ACCOUNT_T account{};
-    for (const auto &row : rows) {
-        const std::string name(row.username, 'u'), password(row.password, 'p');
-        const std::string body =
-            "{\"username\":\"" + name + "\",\"password\":\"" + password + "\"}";
-        const auto length = static_cast<std::int32_t>(body.size());
-        EXPECT_EQ(row.line.empty() ? 0 : -1,
-                  parseProxyProtocolVerifyAccount(body.c_str(), length, &account));
-        EXPECT_EQ(row.line.empty() ? "" : row.line + body + " ", fake_logger::take());
-        const std::string taken = account.username + std::string{account.password};
-        EXPECT_EQ(row.line.empty() ? name + password : taken, taken);
-    }
-    for (const std::string body : {R"({"username":"u"})", R"({"username":5,"password":"p"})",
-                                   R"({"username":"u","password":5})", ""}) {
-        const auto length = static_cast<std::int32_t>(body.size());
-        EXPECT_EQ(-1, parseProxyProtocolVerifyAccount(body.c_str(), length, &account));
-        EXPECT_EQ(invalid + body + " ", fake_logger::take());
-    }
 }

@@ -14,9 +14,9 @@
 
 namespace {
 
-std::string service(const std::string &name, const std::string &port = "22")
+std::string service(const std::string &name)
 {
-    return R"({"type":"SSH","name":")" + name + R"(","ip":"10.0.0.1","port":)" + port + "}";
+    return R"({"type":"SSH","name":")" + name + R"(","ip":"10.0.0.1","port":22})";
 }
 
 class ServiceCatalogue : public testing::Test {
@@ -56,27 +56,15 @@ protected:
 
 TEST_F(ServiceCatalogue, SkipsWhatIsNotAService)
 {
-    const std::string a = "SSH a 10.0.0.1 22|", b = "SSH b 10.0.0.1 22|", n40(40, 'n');
+    const std::string a = "SSH a 10.0.0.1 22|", b = "SSH b 10.0.0.1 22|";
     const struct {
         std::string text, line, entries;
     } rows[] = {
         {service("a"), "", ""}, // not an array
         {"\t[" + service("a") + "]", "", ""},
-        {"[{}]", "2 serviceInfo \"name\"  is invalid", ""},
-        {R"([{"name":1,"type":"t"}])", "2 serviceInfo \"name\"  is invalid", ""},
-        {R"([{"name":"a","ip":1,"port":1}])", "2 serviceInfo \"type\"  is invalid", ""},
-        {R"([{"name":"a","type":"t","ip":1}])", "2 serviceInfo \"ip\"  is invalid", ""},
-        {R"([{"name":"a","type":"t","ip":"1"}])", "2 serviceInfo \"port\"  is invalid", ""},
-        {"[" + service("a", "\"22\"") + "]", "2 serviceInfo \"port\"  is invalid", ""},
-        {"[" + service("a", "65536") + "]", "2 service port must <= 65535", ""},
-        {"[" + service("a", "65535.9") + "]", "", "SSH a 10.0.0.1 65535|"},
-        {"[" + service("a", "0") + "]", "", "SSH a 10.0.0.1 0|"},
         {"[{a}," + service("b") + "]", "2 cJSON parse serviceInfo failed", b},
         {"[" + service("a") + "]," + service("b"), "", b + a},
         {"[" + service("a") + service("b") + "]", "", a}, // no comma
-        {R"([{"NAME":"a","type":"12345678901234567","ip":"123456789012345678901234","Port":1}])",
-         "", "123456789012345 a 12345678901234567890123 1|"},
-        {"[" + service(n40) + "]", "", "SSH " + n40.substr(0, 31) + " 10.0.0.1 22|"},
     };
     for (const auto &row : rows) {
         EXPECT_EQ(row.entries, load(row.text)) << row.text;

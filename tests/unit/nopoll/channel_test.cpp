@@ -18,8 +18,9 @@ constexpr int BINARY = 2;
 constexpr int CLOSE = 8;
 constexpr int PING = 9;
 constexpr int PONG = 10;
-constexpr std::size_t MESSAGE_SIZE = 50 * 1024;
-constexpr std::size_t HUGE_SIZE = 16 * 1024 * 1024; // more than the sockets of both ends hold
+constexpr std::size_t MESSAGE_SIZE = std::size_t{50} * 1024;
+constexpr std::size_t HUGE_SIZE =
+    std::size_t{16} * 1024 * 1024; // more than the sockets of both ends hold
 
 // One for all: making it takes longer than most of the cases.
 const IDENTITY_T &sharedIdentity()

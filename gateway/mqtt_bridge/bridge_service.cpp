@@ -234,27 +234,30 @@ void deliver(BRIDGE_T &bridge, const BROKER_EVENT_T &message)
     }
 }
 
+void take_broker_event(BRIDGE_T &bridge, const BROKER_EVENT_T &event)
+{
+    switch (event.kind) {
+    case BROKER_CONNECTED:
+        take_connected(bridge);
+        break;
+    case BROKER_LOST:
+        answer_waiting(bridge, BRIDGE_NOT_CONNECTED, [](const WAITING_T &) { return true; });
+        break;
+    case BROKER_ANSWERED:
+        take_broker_answer(bridge, event);
+        break;
+    case BROKER_MESSAGE:
+        deliver(bridge, event);
+        break;
+    }
+}
+
 void take_broker_events(BRIDGE_T &bridge)
 {
     // Taking one can make another, such as a lost connection.
     while (!bridge.link.events.empty()) {
-        for (const BROKER_EVENT_T &event : std::exchange(bridge.link.events, {})) {
-            switch (event.kind) {
-            case BROKER_CONNECTED:
-                take_connected(bridge);
-                break;
-            case BROKER_LOST:
-                answer_waiting(bridge, BRIDGE_NOT_CONNECTED,
-                               [](const WAITING_T &) { return true; });
-                break;
-            case BROKER_ANSWERED:
-                take_broker_answer(bridge, event);
-                break;
-            case BROKER_MESSAGE:
-                deliver(bridge, event);
-                break;
-            }
-        }
+        for (const BROKER_EVENT_T &event : std::exchange(bridge.link.events, {}))
+            take_broker_event(bridge, event);
     }
 }
 

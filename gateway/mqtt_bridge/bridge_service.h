@@ -22,7 +22,7 @@
 
 #include "gateway/mqtt_bridge/broker_link.h"
 
-constexpr std::size_t PAYLOAD_MAX = 256 * 1024;
+constexpr std::size_t PAYLOAD_MAX = std::size_t{256} * 1024;
 constexpr std::size_t WAITING_MAX = 256;
 constexpr int SUBSCRIBE_LIMIT_MS = 750;
 constexpr int ANSWER_LIMIT_MS = 350;

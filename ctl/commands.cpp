@@ -13,7 +13,7 @@ constexpr useconds_t WAIT_STEP_US = 300000;
 
 int noDaemon(const BUS_CLIENT_T &bus)
 {
-    std::fprintf(stderr, "remote-access-ctl: %s\n", bus.fault.c_str());
+    (void)std::fprintf(stderr, "remote-access-ctl: %s\n", bus.fault.c_str());
     return CTL_NO_DAEMON;
 }
 
@@ -96,7 +96,7 @@ int command(BUS_CLIENT_T &bus, const char *member, const char *done)
     const auto result = callForNumber(bus, member);
     if (!result) return noDaemon(bus);
     if (*result != 0) {
-        std::fprintf(stderr, "remote-access-ctl: %s was answered with %d\n", member, *result);
+        (void)std::fprintf(stderr, "remote-access-ctl: %s was answered with %d\n", member, *result);
         return CTL_NO;
     }
     std::puts(done);
@@ -178,8 +178,8 @@ int waitConnected(BUS_CLIENT_T &bus, const CTL_OPTIONS_T &options)
         if (state.value_or(false)) return CTL_YES;
         if (state) bus.fault = "the channel is down";
         if (limit_ms > 0 && milliseconds_of(monotonic_now()) - start_ms >= limit_ms) {
-            std::fprintf(stderr, "remote-access-ctl: not connected within %g s: %s\n",
-                         options.timeout_s, bus.fault.c_str());
+            (void)std::fprintf(stderr, "remote-access-ctl: not connected within %g s: %s\n",
+                               options.timeout_s, bus.fault.c_str());
             return state ? CTL_NO : CTL_NO_DAEMON;
         }
         ::usleep(WAIT_STEP_US);

@@ -65,8 +65,8 @@ constexpr auto OPTIONS = std::to_array<option>({
 
 int refuse(const char *what, const char *which)
 {
-    std::fprintf(stderr, "remote-access-ctl: %s%s\nRun with --help for more information.\n", what,
-                 which);
+    (void)std::fprintf(stderr, "remote-access-ctl: %s%s\nRun with --help for more information.\n",
+                       what, which);
     return CTL_USAGE;
 }
 
@@ -109,7 +109,7 @@ int main(int argc, char **argv)
             used |= ACCEPT_WAIT;
             break;
         case 'h':
-            std::fputs(USAGE, stdout);
+            (void)std::fputs(USAGE, stdout);
             return CTL_YES;
         case 'v':
             std::puts("remote-access-ctl " RA_VERSION);

@@ -75,7 +75,7 @@ void addFinding(EXAMINATION_T &exam, VERDICT verdict, const char *topic, std::st
 {
     exam.findings.push_back({verdict, topic, std::move(text), std::move(advice)});
     print(exam.findings.back()); // at once: some checks take seconds
-    std::fflush(stdout);
+    (void)std::fflush(stdout);
 }
 
 void checkBus(EXAMINATION_T &exam)

@@ -33,7 +33,7 @@ void printTable(const std::vector<ROW> &rows)
         }
         std::puts(line.c_str());
     }
-    std::fflush(stdout);
+    (void)std::fflush(stdout);
 }
 
 std::string textOf(const json &object, const char *name)

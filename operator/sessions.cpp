@@ -122,7 +122,7 @@ void forwardOne(const std::string &control, const json &request, UniqueFd client
         if (!opened) throw CONTROL_ERROR("the back end went away", true);
         const std::string id = shown(opened->value("session", "?"));
         std::printf("%s opened\n", id.c_str());
-        std::fflush(stdout);
+        (void)std::fflush(stdout);
         const json end = endOf(answers);
         const double seconds =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -133,7 +133,7 @@ void forwardOne(const std::string &control, const json &request, UniqueFd client
                     end.value("whole", false) ? "" : ", CUT OFF", sizeText(up).c_str(),
                     sizeText(up / seconds).c_str(), sizeText(down).c_str(),
                     sizeText(down / seconds).c_str());
-        std::fflush(stdout);
+        (void)std::fflush(stdout);
     } catch (const std::exception &fault) {
         (void)std::fprintf(stderr, "remote-access: a connection was turned away: %s\n",
                            shown(fault.what()).c_str());
@@ -182,7 +182,7 @@ int forwardPort(const OPERATOR_OPTIONS_T &options)
     const UniqueFd listener = listenOn(options.port);
     std::printf("127.0.0.1:%u leads to %s; Ctrl-C ends it\n", portOf(listener.get()),
                 options.target.c_str());
-    std::fflush(stdout);
+    (void)std::fflush(stdout);
     for (;;) {
         UniqueFd client{::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)};
         if (!client) {

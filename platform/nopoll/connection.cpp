@@ -102,7 +102,7 @@ STEP handleClose(noPollConn &conn, std::span<const uint8_t> payload)
     const int code = coded ? payload[0] << 8 | payload[1] : CLOSE_NORMAL;
     if (!mayBeSent(code)) {
         char fault[32];
-        std::snprintf(fault, sizeof fault, "close code %d", code);
+        (void)std::snprintf(fault, sizeof fault, "close code %d", code);
         return refuseFrame(conn, fault);
     }
     const auto text = payload.subspan(coded ? 2 : 0);

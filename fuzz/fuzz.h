@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 
 [[noreturn]] inline void failRequirement(const char *condition, const char *file, int line)
 {
-    std::fprintf(stderr, "%s:%d: not true: %s\n", file, line, condition);
+    (void)std::fprintf(stderr, "%s:%d: not true: %s\n", file, line, condition);
     std::abort();
 }
 

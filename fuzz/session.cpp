@@ -106,7 +106,9 @@ int __wrap_getaddrinfo(const char *host, const char *port, const addrinfo *hints
 constexpr char HASH[] = "abzlUXK5ed5rs";
 passwd *__wrap_getpwnam(const char *name)
 {
-    static char shadowed[] = "x", hash[sizeof HASH], locked[] = "*";
+    static char shadowed[] = "x";
+    static char hash[sizeof HASH];
+    static char locked[] = "*";
     static passwd entry{};
     copy_text(hash, HASH);
     const std::string_view user{name};

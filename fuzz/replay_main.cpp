@@ -15,7 +15,8 @@ void replay(const std::filesystem::path &path)
     const auto input =
         std::make_unique<std::uint8_t[]>(size); // not a byte more: see terminatedCopy
     REQUIRE(file && std::fread(input.get(), 1, size, file.get()) == size);
-    std::fprintf(stderr, "%s\n", path.filename().c_str()); // if it is the last line, it failed
+    // If it is the last line, it failed.
+    (void)std::fprintf(stderr, "%s\n", path.filename().c_str());
     LLVMFuzzerTestOneInput(input.get(), size);
 }
 

@@ -19,13 +19,32 @@ bool liesIn(std::string_view text, const char *part, std::size_t length)
            part + length <= text.data() + text.size();
 }
 
+bool isWellFormed(std::string_view value, std::int32_t type)
+{
+    switch (type) {
+    case JSON_TYPE_STRING:
+        return value.find('"') == std::string_view::npos;
+    case JSON_TYPE_NUMBER:
+        return value.find_first_not_of("0123456789") == std::string_view::npos;
+    case JSON_TYPE_BOOL:
+        return value == "true" || value == "TRUE" || value == "false" || value == "FALSE";
+    case JSON_TYPE_OBJECT:
+        return value.front() == '{' && value.back() == '}';
+    case JSON_TYPE_ARRAY:
+        return value.front() == '[' && value.back() == ']';
+    default:
+        return false;
+    }
+}
+
 int visit(const JSON_ITEM_T *member, void *user)
 {
     auto *walk = static_cast<WALK_T *>(user);
     REQUIRE(member->key_len > 0 && liesIn(walk->text, member->key, member->key_len));
     REQUIRE(member->value_len > 0 && liesIn(walk->text, member->value, member->value_len));
-    REQUIRE(member->type >= JSON_TYPE_STRING && member->type <= JSON_TYPE_BOOL);
+    REQUIRE(isWellFormed({member->value, member->value_len}, member->type));
     walk->keys.emplace_back(member->key, member->key_len);
+    REQUIRE(walk->keys.back().find('"') == std::string::npos);
     return walk->keys.size() < 8 ? 0 : JSON_VISIT_STOP;
 }
 

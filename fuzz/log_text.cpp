@@ -7,9 +7,13 @@
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     bool cut = false;
-    const std::string_view bounded = bound_log_text(viewOf(data, size), &cut);
+    const std::string_view stored = viewOf(data, size);
+    const std::string_view bounded = bound_log_text(stored, &cut);
     REQUIRE(bounded.size() <= LOG_TEXT_MAX && bounded.size() <= size);
     REQUIRE(cut || size - bounded.size() <= 2); // but for a line end, all of it
+    for (std::size_t start = bounded.size() - std::min<std::size_t>(bounded.size(), 3);
+         start < bounded.size(); ++start) // no character is cut in two
+        REQUIRE(start + utf8_character_length(stored.substr(start)) <= bounded.size());
     const auto line = std::make_unique<char[]>(escaped_size(bounded.size()));
     std::string_view escaped{line.get(), escape_log_text(bounded, line.get())};
     REQUIRE(escaped.size() >= bounded.size() && escaped.size() <= escaped_size(bounded.size()));

@@ -8,7 +8,7 @@
 //   E         an empty piece    W chars   how the next writes go               pieces of 2^d bytes
 //   L         channel is lost   T         ten seconds go by           O        switched off and on
 //   V         40000 bytes of an unfinished message                    Xk       service stops receiving
-//   od        the next d openings of the channel fail
+//   Gk        reads slowly      od        the next d openings of the channel fail
 // In the text of M and U, $n is a line end and $k the identifier of a session. A service at a port
 // divisible by 4 refuses, at 3 modulo 8 it is not there after all, and an odd one takes a moment.
 // Under test: src/remote_access_cloud_dispatch.cpp src/remote_access_local_data.cpp src/remote_access_session_mgr.cpp src/remote_access_proxy_trans.cpp src/remote_access_channel_state.cpp src/remote_access_select_pass.cpp src/remote_access_proxy_channel.cpp src/remote_access_local_connect.cpp src/remote_access_account.cpp
@@ -49,7 +49,7 @@ struct PEER_T {
     std::string id;
     std::string to_service, at_service; // what was sent in well-formed messages, what has come
     std::string to_cloud, at_cloud;
-    bool reads = true;
+    bool reads = true, may_end = false;
     bool down_exact = true, up_exact = true; // nothing was sent that may be lost or is not known
 };
 
@@ -196,6 +196,12 @@ void readAll(PEER_T &peer)
         count = ::recv(peer.far.get(), bytes, sizeof bytes, 0);
         if (count > 0) peer.at_service.append(bytes, static_cast<std::size_t>(count));
     }
+}
+
+void requireAllAtService(PEER_T &peer)
+{
+    if (peer.down_exact && peer.at_service == peer.to_service) return;
+    readAll(peer);
     REQUIRE(!peer.down_exact || !peer.reads || peer.at_service == peer.to_service);
 }
 
@@ -206,21 +212,25 @@ void serve(WORLD_T &world)
     for (PEER_T &peer : std::exchange(g_connecting, {})) {
         peer.up_exact = world.writes_whole;
         peer.down_exact = static_cast<bool>(peer.far);
+        peer.may_end = !peer.down_exact;
         if (!peer.id.empty()) world.peers.push_back(std::move(peer)); // else refused after all
     }
     for (PEER_T &peer : world.peers)
-        if (!peer.down_exact || peer.at_service != peer.to_service) readAll(peer);
+        requireAllAtService(peer);
 }
 
-// The sessions that have ended: the daemon has closed its end.
+// The sessions that have ended, each for a reason: the daemon has closed its end.
 void dropEnded(WORLD_T &world)
 {
+    REQUIRE(getSessionTableSize(&world.proxy.session_table) <= MAX_SESSIONS);
     if (world.peers.size() == getSessionTableSize(&world.proxy.session_table)) return;
+    const bool connected = channelState(&world.proxy) == CHANNEL_STATE_CONNECTED;
     std::erase_if(world.peers, [&](const PEER_T &peer) {
-        return checkOneSessionInTable(&world.proxy.session_table, peer.id.c_str()) != 0;
+        const bool ended = checkOneSessionInTable(&world.proxy.session_table, peer.id.c_str()) != 0;
+        REQUIRE(!ended || peer.may_end || !connected);
+        return ended;
     });
     REQUIRE(world.peers.size() == getSessionTableSize(&world.proxy.session_table));
-    REQUIRE(world.peers.size() <= MAX_SESSIONS);
 }
 
 void pass(WORLD_T &world, int remote_switch = 1)
@@ -252,8 +262,11 @@ void settle(WORLD_T &world)
         pass(world);
     } while (++passes < MAX_PASSES &&
              (fake_clock::seconds() == before || !fake_websocket.incoming.empty()));
-    for (const PEER_T &peer : world.peers)
+    REQUIRE(passes < MAX_PASSES);
+    for (const PEER_T &peer : world.peers) {
+        REQUIRE(peer.far); // the session of a service that is gone has ended
         REQUIRE(!peer.up_exact || peer.at_cloud == peer.to_cloud);
+    }
 }
 
 bool isListening(const WORLD_T &world)
@@ -318,6 +331,7 @@ void stepOfSession(WORLD_T &world, char what, PEER_T &peer, std::string_view byt
     const int smallest = 1;
     switch (what) {
     case 'R':
+        peer.may_end = true;
         return deliver(world, message(MSG_TYPE_RELEASE_SESSION, "m2", peer.id, ""));
     case 'D':
         return sendDown(world, peer, bytes);
@@ -328,9 +342,12 @@ void stepOfSession(WORLD_T &world, char what, PEER_T &peer, std::string_view byt
     case 'Y':
         return sendUp(peer, big);
     case 'C':
+        peer.may_end = true;
         return peer.far.reset();
     case 'B':
         peer.reads = peer.down_exact = false;
+        [[fallthrough]];
+    case 'G':
         (void)::setsockopt(peer.near, SOL_SOCKET, SO_SNDBUF, &smallest, sizeof smallest);
         return;
     case 'b':
@@ -338,6 +355,7 @@ void stepOfSession(WORLD_T &world, char what, PEER_T &peer, std::string_view byt
         return;
     case 'X':
         peer.down_exact = false;
+        peer.may_end = true;
         if (peer.far) (void)::shutdown(peer.far.get(), SHUT_RD);
         return;
     default:
@@ -361,8 +379,10 @@ void step(WORLD_T &world, std::string_view line)
         return deliver(world, message(MSG_TYPE_KEEPALIVE_PONG, "m5", "", ""));
     case 'M':
     case 'U':
-        for (PEER_T &peer : world.peers)
+        for (PEER_T &peer : world.peers) {
             peer.down_exact = false;
+            peer.may_end = true;
+        }
         return deliver(world, expanded(world, rest), what == 'M');
     case 'V':
         return deliver(world, std::string(40000, 'v'), false);
@@ -403,6 +423,10 @@ int openDescriptors()
 void start(WORLD_T &world)
 {
     fake_clock::reset();
+    fake_clock::onSleep([&world] { // while the daemon naps, the services read
+        for (PEER_T &peer : world.peers)
+            readAll(peer);
+    });
     std::srand(1); // the same identifiers in every run
     fake_websocket = {};
     list_init(&world.record.service_list);
@@ -422,9 +446,8 @@ void start(WORLD_T &world)
 
 void finish(WORLD_T &world)
 {
-    for (PEER_T &peer : world.peers)
-        readAll(peer);
     pass(world, 0);
+    fake_clock::onSleep(nullptr);
     REQUIRE(channelState(&world.proxy) == CHANNEL_STATE_CLOSED && world.peers.empty());
     freeDataBuffer(&world.proxy.recv_buffer);
     freeDataBuffer(&world.proxy.send_buffer);

@@ -78,7 +78,8 @@ static std::string peerText(int fd)
     passwd entry{};
     passwd *found = nullptr;
     const bool is_named =
-        getpwuid_r(peer.uid, &entry, storage.data(), storage.size(), &found) == 0 && found;
+        getpwuid_r(peer.uid, &entry, storage.data(), storage.size(), &found) == 0 &&
+        found != nullptr;
     return (is_named ? std::string(entry.pw_name) : "uid " + std::to_string(peer.uid)) +
            ", process " + std::to_string(peer.pid);
 }
@@ -308,20 +309,25 @@ static void readRequest(const LINK_PTR &link)
     });
 }
 
+static void takeOperator(const CONTROL_PTR &control, local::socket &&socket)
+{
+    const auto link = std::make_shared<CONTROL_LINK_T>(control, std::move(socket));
+    link->request.reserve(REQUEST_MAX);
+    link->who = peerText(link->socket.native_handle());
+    link->timer.expires_after(REQUEST_TIME);
+    link->timer.async_wait([link](const error_code &stopped) {
+        error_code ignored;
+        if (!stopped) link->socket.close(ignored);
+    });
+    readRequest(link);
+}
+
 static void acceptOperator(const CONTROL_PTR &control)
 {
     control->acceptor.async_accept([control](const error_code &error, local::socket socket) {
         if (!control->acceptor.is_open()) return;
         if (!error && control->connections < CONNECTIONS_MAX) {
-            const auto link = std::make_shared<CONTROL_LINK_T>(control, std::move(socket));
-            link->request.reserve(REQUEST_MAX);
-            link->who = peerText(link->socket.native_handle());
-            link->timer.expires_after(REQUEST_TIME);
-            link->timer.async_wait([link](const error_code &stopped) {
-                error_code ignored;
-                if (!stopped) link->socket.close(ignored);
-            });
-            readRequest(link);
+            takeOperator(control, std::move(socket));
             return acceptOperator(control);
         }
         control->pause.expires_after(ACCEPT_PAUSE);
@@ -350,7 +356,7 @@ std::shared_ptr<CONTROL_T> openControl(SERVER_T &server, const std::string &path
         throw std::runtime_error(path + ": the path of a socket has at most " +
                                  std::to_string(sizeof(sockaddr_un::sun_path) - 1) + " bytes");
     removeStaleSocket(server.io, path);
-    const auto control = std::make_shared<CONTROL_T>(server, path);
+    auto control = std::make_shared<CONTROL_T>(server, path);
     const mode_t usual = umask(0117); // from the first moment on, not only after a chmod
     try {
         control->acceptor.open();

@@ -6,7 +6,7 @@
 namespace {
 
 constexpr std::int64_t MS_PER_S = 1000;
-constexpr std::int64_t DAY_MS = 24 * 60 * 60 * MS_PER_S;
+constexpr std::int64_t DAY_MS = MS_PER_S * 60 * 60 * 24;
 
 bool is_watched_name(const std::string &name)
 {

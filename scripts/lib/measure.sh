@@ -1,0 +1,13 @@
+# shellcheck shell=bash
+# For the scripts that measure: goes to the repository, installs what is missing, and builds unless RA_BUILD_DIR names a
+# build.
+cd "$(dirname "${BASH_SOURCE[0]}")/../.."
+# shellcheck source=scripts/lib/install.sh
+. scripts/lib/install.sh
+# shellcheck source=scripts/lib/packages.sh
+. scripts/lib/packages.sh
+install_packages "${PACKAGES_BUILD[@]}" "${PACKAGES_RUN[@]}" "${PACKAGES_TEST[@]}"
+if [ -z "${RA_BUILD_DIR:-}" ]; then
+    cmake --preset release >/dev/null
+    cmake --build --preset release -- --quiet
+fi

@@ -1,7 +1,7 @@
 // Preloaded into a program, counts its calls to malloc and its kin, by who makes them, in the file
-// that MALLOC_COUNT names: three 64-bit counters for OpenSSL, for the program itself (the C++
-// library's calls are its own), and for all other libraries. A reader may map or read the file at
-// any time.
+// that MALLOC_COUNT names: 64-bit counters for OpenSSL, for the program itself (the C++ library's
+// calls are its own), for all other libraries, and of the blocks that have not been freed. A reader
+// may map or read the file at any time.
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -18,12 +18,17 @@ void *__libc_malloc(std::size_t size);
 void *__libc_calloc(std::size_t count, std::size_t size);
 void *__libc_realloc(void *block, std::size_t size);
 void *__libc_memalign(std::size_t alignment, std::size_t size);
+void __libc_free(void *block);
 }
 
 namespace {
 
 enum CALLER : std::size_t { OPENSSL, PROGRAM, OTHERS, CALLERS };
-using COUNTERS_T = std::array<std::atomic<std::uint64_t>, CALLERS>;
+
+struct COUNTERS_T {
+    std::array<std::atomic<std::uint64_t>, CALLERS> calls;
+    std::atomic<std::int64_t> blocks;
+};
 
 struct RANGE_T {
     std::uintptr_t start;
@@ -61,16 +66,34 @@ __attribute__((constructor)) void openCounters()
         shared = ::mmap(nullptr, sizeof(COUNTERS_T), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (shared == MAP_FAILED) std::abort();
     ::close(fd);
-    g_counters.store(static_cast<COUNTERS_T *>(shared));
+    auto *const counters = static_cast<COUNTERS_T *>(shared);
+    counters->blocks.store(g_early.blocks.load());
+    g_counters.store(counters);
 }
 
-void count(const void *return_address)
+COUNTERS_T &counters()
+{
+    return *g_counters.load(std::memory_order_relaxed);
+}
+
+void countCall(const void *return_address)
 {
     const auto address = reinterpret_cast<std::uintptr_t>(return_address);
     CALLER caller = OTHERS;
     for (std::size_t i = 0; i < g_range_count; ++i)
         if (address >= g_ranges[i].start && address < g_ranges[i].end) caller = g_ranges[i].caller;
-    (*g_counters.load(std::memory_order_relaxed))[caller].fetch_add(1, std::memory_order_relaxed);
+    counters().calls[caller].fetch_add(1, std::memory_order_relaxed);
+}
+
+void *countBlock(void *block)
+{
+    if (block) counters().blocks.fetch_add(1, std::memory_order_relaxed);
+    return block;
+}
+
+void forgetBlock(const void *block)
+{
+    if (block) counters().blocks.fetch_sub(1, std::memory_order_relaxed);
 }
 
 } // namespace
@@ -79,32 +102,40 @@ extern "C" {
 
 void *malloc(std::size_t size)
 {
-    count(__builtin_return_address(0));
-    return __libc_malloc(size);
+    countCall(__builtin_return_address(0));
+    return countBlock(__libc_malloc(size));
 }
 
 void *calloc(std::size_t number, std::size_t size)
 {
-    count(__builtin_return_address(0));
-    return __libc_calloc(number, size);
+    countCall(__builtin_return_address(0));
+    return countBlock(__libc_calloc(number, size));
 }
 
 void *realloc(void *block, std::size_t size)
 {
-    count(__builtin_return_address(0));
-    return __libc_realloc(block, size);
+    countCall(__builtin_return_address(0));
+    void *const moved = __libc_realloc(block, size);
+    if (moved || size == 0) forgetBlock(block); // what could not grow stays
+    return countBlock(moved);
 }
 
 void *aligned_alloc(std::size_t alignment, std::size_t size)
 {
-    count(__builtin_return_address(0));
-    return __libc_memalign(alignment, size);
+    countCall(__builtin_return_address(0));
+    return countBlock(__libc_memalign(alignment, size));
 }
 
 int posix_memalign(void **block, std::size_t alignment, std::size_t size)
 {
-    count(__builtin_return_address(0));
-    *block = __libc_memalign(alignment, size);
+    countCall(__builtin_return_address(0));
+    *block = countBlock(__libc_memalign(alignment, size));
     return *block ? 0 : ENOMEM;
+}
+
+void free(void *block)
+{
+    forgetBlock(block);
+    __libc_free(block);
 }
 }

@@ -31,7 +31,7 @@ def twenty_sessions(channel, echo, chance):
 
 
 def test_thousand_sessions(connect, echo):
-    link = connect("thousand", files=LOGGED)
+    link = connect("thousand", files=LOGGED, **({} if INSTRUMENTED else COUNTED))
     chance = random.Random(1)
     idle = footprint(link.gateway)
     for _ in range(10):
@@ -42,6 +42,7 @@ def test_thousand_sessions(connect, echo):
     after = footprint(link.gateway)
     assert after.resident_kb - before.resident_kb < GROWTH_LIMIT_KB
     assert (after.descriptors, after.threads) == (idle.descriptors, idle.threads)
+    assert after.blocks - before.blocks < 10
     assert not link.channel.unread and not link.channel.errors
 
 

@@ -14,6 +14,12 @@ class Footprint:
     resident_kb: int
     descriptors: int
     threads: int
+    blocks: int  # of the heap, that have not been freed; 0 unless the daemon was started COUNTED
+
+
+def _counters(gateway):
+    counted = gateway.root / "tmp/malloc_count"
+    return struct.unpack("3Qq", counted.read_bytes()) if counted.exists() else (0,) * 4
 
 
 def footprint(gateway):
@@ -21,7 +27,7 @@ def footprint(gateway):
     with open(f"{process}/smaps_rollup", encoding="ascii") as rollup:
         resident_kb = int(re.search(r"^Rss:\s+(\d+) kB", rollup.read(), re.MULTILINE)[1])
     return Footprint(resident_kb, len(os.listdir(f"{process}/fd")),
-                     len(os.listdir(f"{process}/task")))
+                     len(os.listdir(f"{process}/task")), _counters(gateway)[3])
 
 
 # Options of a Gateway whose daemon counts its allocations.
@@ -42,4 +48,4 @@ class Allocations:
 
 
 def allocations(gateway):
-    return Allocations(*struct.unpack("3Q", (gateway.root / "tmp/malloc_count").read_bytes()))
+    return Allocations(*_counters(gateway)[:3])

@@ -91,7 +91,7 @@ class Cell:
             client = self.world.client()
             client.sendall(nonce)
             while True:  # what earlier attempts left behind comes first
-                ready, _, _ = select.select([self.world.service, client], [], [], 1)
+                ready, _, _ = select.select([self.world.service, client], [], [], 2)
                 if self.world.service not in ready:
                     raise OSError("turned away, or no answer")
                 service, _ = self.world.service.accept()
@@ -164,7 +164,7 @@ class Cell:
     def check_undisturbed(self, seconds):
         """The channel and every session live on, and new ones can be opened."""
         since = time.monotonic()
-        self.probe(2)
+        self.probe(5)
         wait_until(lambda: self.seen(END, since), since + seconds - time.monotonic())
         self.check(not self.seen(END, since), "the channel was lost")
 

@@ -78,6 +78,7 @@ KbdInteractiveAuthentication no
 UsePAM no
 PidFile none
 Subsystem sftp internal-sftp
+SetEnv PATH=/usr/sbin:/usr/bin:$BIN
 END
     cat >"$MATERIAL/ssh.conf" <<END
 Host *
@@ -162,7 +163,7 @@ start_mqtt_bridge() {
 start_backend() {
     start backend "$BIN/remote_access_backend" --listen "127.0.0.1:$BACKEND_PORT" \
         --cert "$MATERIAL/backend.pem" --key "$MATERIAL/backend.key" \
-        --devices "$MATERIAL/devices.json" \
+        --devices "$MATERIAL/devices.json" --control "$MATERIAL/control" --audit "$LOG/audit.json" \
         --forward "$SSH_PORT=$DEVICE/ssh_localhost" \
         --forward "$SFTP_PORT=$DEVICE/sftp_localhost" \
         --forward "$HTTP_PORT=$DEVICE/http_localhost"
@@ -271,6 +272,21 @@ run_command() {
     [ "$status" -eq 7 ] && [ "$answer" = gateway@gateway ]
 }
 
+# By the device's name, through the operator's tool instead of a port of the back end.
+run_command_by_name() {
+    local answer proxy="$BIN/remote-access --control $MATERIAL/control connect %h/ssh_localhost"
+    answer=$(timeout $USE_S ssh -F "$MATERIAL/ssh.conf" -o HostKeyAlias="[127.0.0.1]:$SSHD_PORT" \
+        -o ProxyCommand="$proxy" "$DEVICE" uname -n) || return 1
+    STEP_NOTE="$answer"
+    [ "$answer" = gateway ] && tail -n 1 "$LOG/audit.json" | grep -F '"whole":true'
+}
+
+# Nothing that is amiss on this gateway may be a failure.
+examine() {
+    STEP_NOTE="$("$BIN/remote-access-ctl" doctor | tee /dev/stderr | grep -c '^OK') checks passed" &&
+        "$BIN/remote-access-ctl" wait --connected --timeout $SWITCH_S
+}
+
 # rate NANOSECONDS: of the file's transfer.
 rate() { awk -v ns="$1" -v mib=$MIB 'BEGIN { printf "%.1f MB/s", mib * 1.048576 / (ns / 1e9) }'; }
 
@@ -322,6 +338,8 @@ step "$LOG_CONTROL" "self-description received and acknowledged" describe_itself
 step "$LOG_CONTROL $LOG/backend.log" "switched on over the bus, channel open" switched 1 ask OpenRemoteAccess
 step "$LOG_CONTROL" "services listed over the bus" list_services
 step "$LOG_TUNNEL $LOG/sshd.log" "ssh through the tunnel" run_command
+step "$LOG_TUNNEL $LOG/sshd.log" "ssh to the device by its name" run_command_by_name
+step "$LOG_CONTROL" "gateway examined by its doctor" examine
 step "$LOG_CONTROL $LOG/sshd.log" "session listed over the bus while ssh is open" list_sessions
 step "$LOG_TUNNEL $LOG/sshd.log" "sftp of $MIB MiB through the tunnel, SHA-256 equal" \
     copy_both_ways $SFTP_PORT

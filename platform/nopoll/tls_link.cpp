@@ -85,12 +85,15 @@ int acceptPinnedCertificate(int accepted, X509_STORE_CTX *store)
     return 1;
 }
 
-// The last error tells most, unless it only names the library that the first one comes from.
+// The system's word comes first. Else the last error tells most, unless it only names the library
+// that the first one comes from.
 const char *fileFault()
 {
+    const unsigned long first = ERR_peek_error();
     const unsigned long last = ERR_peek_last_error();
+    if (ERR_SYSTEM_ERROR(first)) return strerrordesc_np(ERR_GET_REASON(first));
     const bool names_library = (ERR_GET_REASON(last) & ERR_RFLAG_COMMON) != 0;
-    return ERR_reason_error_string(names_library ? ERR_peek_error() : last);
+    return ERR_reason_error_string(names_library ? first : last);
 }
 
 bool failOnFile(FAILURE_T &failure, const char *what, const char *path)

@@ -218,12 +218,14 @@ std::vector<std::string> messagesIn(std::string_view bytes)
     std::string message, payload;
     std::uint8_t first = 0;
     bool masked = false, open = false;
-    while (takeFrame(bytes, first, masked, payload)) {
+    while (bytes.size() >= 2) {
+        const bool one_byte_length = (bytes[1] & 0x7f) <= 125;
+        if (!takeFrame(bytes, first, masked, payload)) break;
         const unsigned opcode = first & 0x0f;
         const bool final = (first & 0x80) != 0;
         const bool control = opcode >= 8;
         if (masked || (first & 0x70) != 0 || opcode == 8 || opcode > 10 ||
-            (opcode > 2 && opcode < 8) || (control && (!final || payload.size() > 125)) ||
+            (opcode > 2 && opcode < 8) || (control && (!final || !one_byte_length)) ||
             (!control && (opcode == 0) != open))
             break;
         if (control) continue;

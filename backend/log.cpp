@@ -39,7 +39,8 @@ static void appendEscaped(std::string &line, char byte)
     line += DIGITS[value & 15];
 }
 
-static void writeLine(char level, const char *format, va_list arguments)
+__attribute__((format(printf, 2, 0))) static void writeLine(char level, const char *format,
+                                                            va_list arguments)
 {
     std::array<char, TEXT_MAX + 1> text{};
     const int count = vsnprintf(text.data(), text.size(), format, arguments);

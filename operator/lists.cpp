@@ -87,7 +87,10 @@ ROW sessionRow(const json &session)
             textOf(session, "session")};
 }
 
-const ROW SESSION_HEAD{"SESSION OF", "WHO", "SINCE (UTC)", "UP", "DOWN", "IDENTIFIER"};
+ROW sessionHead()
+{
+    return {"SESSION OF", "WHO", "SINCE (UTC)", "UP", "DOWN", "IDENTIFIER"};
+}
 
 json askForSessions(const OPERATOR_OPTIONS_T &options)
 {
@@ -99,7 +102,7 @@ json askForSessions(const OPERATOR_OPTIONS_T &options)
 {
     std::map<std::string, std::pair<double, double>> before;
     for (;;) {
-        std::vector<ROW> rows{SESSION_HEAD};
+        std::vector<ROW> rows{sessionHead()};
         rows.front().insert(rows.front().begin() + 5, {"UP/S", "DOWN/S"});
         std::map<std::string, std::pair<double, double>> now;
         for (const json &session : askForSessions(options)) {
@@ -112,7 +115,7 @@ json askForSessions(const OPERATOR_OPTIONS_T &options)
             rows.push_back(std::move(row));
             now[id] = count;
         }
-        if (::isatty(STDOUT_FILENO) != 0) std::fputs("\033[H\033[2J", stdout);
+        if (::isatty(STDOUT_FILENO) != 0) (void)std::fputs("\033[H\033[2J", stdout);
         printTable(rows);
         before = std::move(now);
         std::this_thread::sleep_for(std::chrono::seconds(1));
@@ -138,7 +141,7 @@ int showServices(const OPERATOR_OPTIONS_T &options)
 int showSessions(const OPERATOR_OPTIONS_T &options)
 {
     if (options.watch) watchSessions(options);
-    return printList(options, askForSessions(options), SESSION_HEAD, sessionRow);
+    return printList(options, askForSessions(options), sessionHead(), sessionRow);
 }
 
 int verifyAccount(const OPERATOR_OPTIONS_T &options)

@@ -44,7 +44,7 @@ void log_print(int level, const char *, const char *, const char *, const char *
     va_end(args);
     const std::lock_guard lock{g_lock};
     g_lines.push_back({std::to_string(level) + " " + text, function});
-    if (level == LOG_LEVEL_ERROR) std::fprintf(stderr, "%s\n", g_lines.back().text.c_str());
+    if (level == LOG_LEVEL_ERROR) (void)std::fprintf(stderr, "%s\n", g_lines.back().text.c_str());
 }
 
 std::string fake_logger::take(int min_level)

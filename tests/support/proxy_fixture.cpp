@@ -71,7 +71,7 @@ void ProxyTest::SetUp()
 {
     fake_clock::reset();
     fake_websocket = {};
-    ::signal(SIGPIPE, SIG_IGN);
+    (void)::signal(SIGPIPE, SIG_IGN);
     list_init(&record.service_list);
     copy_text(record.product_key, "pk1");
     copy_text(record.device_name, "dev1");

@@ -198,7 +198,7 @@ TEST_F(Loopback, ReleaseByTheDeviceFlushesThenEnds)
     const std::string bytes(50000, 'x');
     std::size_t total = 0;
     // More than the sockets take, so that a part waits in the session.
-    while (total < MUCH && !sessionIs("t1", [](SESSION_T &it) { return it.filling.size() > 0; })) {
+    while (total < MUCH && !sessionIs("t1", [](SESSION_T &it) { return !it.filling.empty(); })) {
         device.send(21, "d1", "t1", bytes);
         expectAlive(device);
         total += bytes.size();

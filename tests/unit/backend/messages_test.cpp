@@ -237,7 +237,7 @@ TEST(Handshake, ChecksEveryFieldSignAndClock)
         EXPECT_EQ(result.code, row.code)
             << row.patch << row.header_time - SIGNED << " " << result.detail;
         // Of the two services the one with a quote in its name cannot be asked for.
-        EXPECT_EQ(result.services.size(), row.code == HANDSHAKE_ACCEPTED ? 1u : 0u);
+        EXPECT_EQ(result.services.size(), row.code == HANDSHAKE_ACCEPTED ? 1U : 0U);
     }
     EXPECT_EQ(checkPatched("{}", SIGNED, SIGNED, "other").code, HANDSHAKE_MALFORMED);
     const HEADER_T header{MESSAGE_HANDSHAKE, SIGNED, "msg_id_for_handshake", ""};

@@ -170,7 +170,7 @@ std::optional<MESSAGE_SEEN_T> SCRIPTED_DEVICE::receive()
             size = size << 8 | static_cast<unsigned char>(byte);
     }
     const std::string bytes = peer.receive(size);
-    EXPECT_LE(bytes.size(), 51200u);
+    EXPECT_LE(bytes.size(), 51200U);
     MESSAGE_SEEN_T seen;
     const std::size_t end = bytes.find("\r\n\r\n");
     if (bytes.size() != size || end == std::string::npos) return std::nullopt;

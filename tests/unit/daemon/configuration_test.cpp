@@ -215,7 +215,7 @@ TEST(ProductFiles, DefaultCertificateIsWrittenOnceAndWhole)
     ASSERT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &small));
     EXPECT_EQ(-1, writeDefaultCert(path.c_str()));
     ::setrlimit(RLIMIT_FSIZE, &before);
-    ::signal(SIGXFSZ, handler);
+    (void)::signal(SIGXFSZ, handler);
     EXPECT_EQ("3 failed to create ca file", fake_logger::take(0));
     EXPECT_EQ(0, writeDefaultCert(path.c_str())); // what was written stays, and is not looked at
     EXPECT_EQ("1 ca root file already exsited:  " + path + ".", fake_logger::take(0));

@@ -118,9 +118,10 @@ TEST_F(OutgoingMessage, IsNotSentWithoutRoom)
         EXPECT_EQ(kind.join_failure, fake_logger::take(2));
         useBufferOf(20);
         EXPECT_EQ(-1, kind.send(&proxy));
-        EXPECT_EQ(&kind != &kinds[0] ? ""
-                                     : "3 cloud channel hand shake payload is longer than buffer|"
-                                       "2 splice proxy protocol handshake payload failed!",
+        EXPECT_EQ(&kind != kinds.data()
+                      ? ""
+                      : "3 cloud channel hand shake payload is longer than buffer|"
+                        "2 splice proxy protocol handshake payload failed!",
                   fake_logger::take());
     }
     useBufferOf(51200);

@@ -61,7 +61,8 @@ protected:
         liar.acceptOne(std::move(answer));
         dial(other, liar);
         EXPECT_EQ(nopoll_conn_send_binary(other.conn.get(), "too early", 9), -1);
-        const bool ready = nopoll_conn_wait_until_connection_ready(other.conn.get(), PATIENCE_S);
+        const bool ready =
+            nopoll_conn_wait_until_connection_ready(other.conn.get(), PATIENCE_S) == nopoll_true;
         EXPECT_EQ(ready, last_words != nullptr);
         EXPECT_EQ(awaitPiece(other.conn.get()), nullptr);
         EXPECT_FALSE(nopoll_conn_is_ok(other.conn.get()));

@@ -30,9 +30,9 @@ struct Identity : testing::Test {
         server.acceptOne(properAnswer);
         client.dial("127.0.0.1", server.port.c_str(), options, name);
         noPollConn *conn = client.conn.get();
-        const bool ready = nopoll_conn_wait_until_connection_ready(conn, PATIENCE_S);
+        const nopoll_bool ready = nopoll_conn_wait_until_connection_ready(conn, PATIENCE_S);
         EXPECT_EQ(nopoll_conn_is_ok(conn), ready);
-        EXPECT_EQ(nopoll_conn_socket(conn) >= 0, ready);
+        EXPECT_EQ(nopoll_conn_socket(conn) >= 0, ready == nopoll_true);
         if (!ready) server.abandon();
         server.settle();
         sni = server.server_name;

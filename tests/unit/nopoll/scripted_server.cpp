@@ -215,7 +215,7 @@ std::string awaitMessage(noPollConn *conn, std::string begun)
 {
     while (noPollMsg *piece = awaitPiece(conn)) {
         const std::string text = textOf(piece);
-        const bool final = nopoll_msg_is_final(piece);
+        const bool final = nopoll_msg_is_final(piece) == nopoll_true;
         EXPECT_TRUE(!text.empty() || (final && begun.empty())) << "empty piece";
         EXPECT_LE(text.size(), 16U * 1024 + 1);
         begun += text;

@@ -14,8 +14,8 @@ struct ELEMENT_T : hashtable_node_t {
 
 int equal_key(const void *key, const hashtable_node_t *node)
 {
-    return std::strcmp(static_cast<const char *>(key), static_cast<const ELEMENT_T *>(node)->key) ==
-           0;
+    const char *const own = static_cast<const ELEMENT_T *>(node)->key;
+    return std::strcmp(static_cast<const char *>(key), own) == 0 ? 1 : 0;
 }
 
 // Even and odd lengths: two buckets whose chains a test can name.

@@ -13,7 +13,7 @@ std::string hex(const std::uint8_t (&digest)[SHA256_DIGEST_SIZE])
     std::string text;
     char digits[3];
     for (const std::uint8_t byte : digest) {
-        std::snprintf(digits, sizeof digits, "%02x", byte);
+        (void)std::snprintf(digits, sizeof digits, "%02x", byte);
         text += digits;
     }
     return text;

@@ -26,6 +26,11 @@ PACKAGES_BENCH=(
     libbenchmark-dev stunnel4 haproxy iproute2
 )
 
+# To check the code statically, besides those to build, to test and to measure.
+PACKAGES_LINT=(
+    clang-tidy clang-format cppcheck shellcheck pyflakes3
+)
+
 # To run the fuzz targets, besides those to build.
 PACKAGES_FUZZ=(
     clang-14 libclang-rt-14-dev llvm-14 python3

@@ -209,12 +209,12 @@ def up_table():
     streams = [Stream("up", 32 << 20, timeout_ms, uplink=factor * 8e3 * MESSAGE / timeout_ms,
                       limit_s=30 + timeout_ms / 100)
                for timeout_ms in (500, 2000, 10000) for factor in (0.8, 1, 1.25, 1.5, 2, 3)]
-    lines = ["| `gw_remoteaccess_trans_timeout` | uplink | lines in the log | of them late | of them "
-             "lost | bytes lost |", "|--:|--:|--:|--:|--:|--:|"]
+    lines = ["| `gw_remoteaccess_trans_timeout` | uplink | lines in the log | of them late | "
+             "of them lost | bytes lost |", "|--:|--:|--:|--:|--:|--:|"]
     failed = []
     for stream, result in carry_all(streams, 6):
-        lines.append(f"| {stream.timeout_ms} ms | {stream.uplink / 1e3:.0f} kbit/s | {result.lines} "
-                     f"| {result.lines - result.lost} | {result.lost} | "
+        lines.append(f"| {stream.timeout_ms} ms | {stream.uplink / 1e3:.0f} kbit/s | "
+                     f"{result.lines} | {result.lines - result.lost} | {result.lost} | "
                      f"{share(result.bytes, result.whole)} |")
         failed += result.faults
     return lines, failed

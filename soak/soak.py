@@ -170,10 +170,10 @@ def warnings_of(world):
 def minute_line(soak, world, start):
     rss, fds, threads = figures(world.gateway.daemon.pid)
     expected, others = warnings_of(world)
-    print(f"{time.monotonic() - start:6.0f} s  {soak.done} sessions ({soak.aborted} aborted), up "
-          f"{soak.up / 1e6:.0f} MB, down {soak.down / 1e6:.0f} MB, RSS {rss} kB, {fds} descriptors, "
-          f"{threads} threads, warnings {expected} expected, {len(others)} others, "
-          f"{len(soak.faults)} faults", flush=True)
+    print(f"{time.monotonic() - start:6.0f} s  {soak.done} sessions ({soak.aborted} aborted), "
+          f"up {soak.up / 1e6:.0f} MB, down {soak.down / 1e6:.0f} MB, RSS {rss} kB, "
+          f"{fds} descriptors, {threads} threads, warnings {expected} expected, "
+          f"{len(others)} others, {len(soak.faults)} faults", flush=True)
     return rss
 
 

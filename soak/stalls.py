@@ -18,7 +18,7 @@ from ends import End, Probe, echo_ping
 from world import CLOUD_ADDRESS, HOST, Network, Workspace, World, listen, write_section
 
 from harness import network
-from harness.cloud import DATA_DOWN, DATA_UP, VERIFY, BackEnd
+from harness.cloud import DATA_DOWN, DATA_UP, RESPONSE, VERIFY, BackEnd
 from harness.waiting import poll
 
 SWITCHED_OFF = ("I", "end the cloud channel.")
@@ -30,12 +30,11 @@ class Bench:
 
     def __init__(self, workspace, net, row):
         self.net, self._ends, self.certificates = net, [], workspace.certificates
-        kinds = {"echo": (ends.echo, None), "source": (ends.source, None), "sink": (ends.sink, None),
-                 "deaf": (ends.deaf, None), "crawler": (ends.crawler, 2304)}
         services = {"filtered": (SILENT, 9), "nameless": ("service.test", 9)}
-        for name, (behave, receive_buffer) in kinds.items():
-            end = self._keep(End(behave, listen(receive_buffer), is_listener=True))
-            services[name] = ("127.0.0.1", end.port)
+        for behave in (ends.echo, ends.source, ends.sink, ends.deaf, ends.crawler):
+            listener = listen(2304 if behave is ends.crawler else None)
+            end = self._keep(End(behave, listener, is_listener=True))
+            services[behave.__name__] = ("127.0.0.1", end.port)
         self.services, self._held = services, []
         self.world = World(workspace, net, row.name, services, row.config, row.files,
                            back_end=row.back_end)
@@ -189,9 +188,13 @@ def accounts(cost):
             "etc/hosts": f"127.0.0.1 localhost {HOST}\n"}
 
 
+ACCOUNT = b'{"username":"operator","password":"correct horse"}'
+
+
 def account_check(bench):
     for _ in range(5):
-        answer = bench.channel.request(VERIFY, b'{"username":"operator","password":"correct horse"}')
+        bench.channel.send(VERIFY, ACCOUNT, "check")
+        answer = bench.channel.expect(RESPONSE, "check", seconds=60)
         assert answer.answer[0] == 0, answer
         time.sleep(0.1)
 
@@ -313,7 +316,11 @@ def stalls_table(rows=None):
     failed, net = [], Network()
     with Workspace() as workspace:
         for row in rows or ROWS:
-            cells, faults = measure(workspace, net, row)
+            try:
+                cells, faults = measure(workspace, net, row)
+            except AssertionError as error:
+                failed.append(f"{row.name}: {error}")
+                continue
             failed += [f"{row.name}: {fault}" for fault in faults]
             echo = cells["echo"] or (None, None, 0)
             lines.append(f"| {row.what} | {in_ms(echo[0])} | {in_ms(echo[1])} | "
@@ -336,7 +343,8 @@ def machine():
 def main():
     parser = argparse.ArgumentParser(prog="scripts/stalls", description=__doc__)
     parser.add_argument("what", nargs="*", default=[*TABLES],
-                        help=f"of {' '.join(TABLES)}, or rows: {' '.join(row.name for row in ROWS)}")
+                        help=f"of {' '.join(TABLES)}; or rows, which are printed only: "
+                        + " ".join(row.name for row in ROWS))
     options = parser.parse_args()
     rows = [row for row in ROWS if row.name in options.what]
     if len(rows) + sum(name in TABLES for name in options.what) != len(options.what):

@@ -77,7 +77,7 @@ class Network:
     def shape(self, device, bits_per_s=None):
         """Limits what leaves by `uplink` or `downlink`; None takes the limit away.
 
-        Behind the limit lies a queue of 200 ms or of 16 packets, as of a router that is not too bad.
+        Behind the limit lies a queue of 200 ms, of 24 KB at least.
         """
         enter = self.enter() if device == "downlink" else ()
         if bits_per_s is None:

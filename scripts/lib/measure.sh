@@ -9,5 +9,6 @@ cd "$(dirname "${BASH_SOURCE[0]}")/../.." || exit
 install_packages "${PACKAGES_BUILD[@]}" "${PACKAGES_RUN[@]}" "${PACKAGES_TEST[@]}"
 if [ -z "${RA_BUILD_DIR:-}" ]; then
     cmake --preset release >/dev/null
-    cmake --build --preset release -- --quiet
+    cmake --build --preset release --target remote_access_daemon remote_access_backend \
+        gateway_config_manager gateway_watchdog -- --quiet
 fi

@@ -16,7 +16,6 @@ import tempfile
 import time
 
 sys.path[:0] = [str(pathlib.Path(__file__).resolve().parents[1] / "tests/e2e")]
-# pylint: disable=wrong-import-position
 from harness import network
 from harness.sandbox import BIN
 from harness.tls import Certificates

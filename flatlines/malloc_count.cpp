@@ -44,8 +44,9 @@ constinit std::size_t g_range_count = 0;
 int noteObject(dl_phdr_info *info, std::size_t, void *)
 {
     const char *const name = info->dlpi_name;
-    const bool openssl = std::strstr(name, "/libcrypto.") || std::strstr(name, "/libssl.");
-    const bool program = name[0] == '\0' || std::strstr(name, "/libstdc++.");
+    const auto holds = [name](const char *part) { return std::strstr(name, part) != nullptr; };
+    const bool openssl = holds("/libcrypto.") || holds("/libssl.");
+    const bool program = name[0] == '\0' || holds("/libstdc++.");
     if (!openssl && !program) return 0;
     for (int i = 0; i < info->dlpi_phnum && g_range_count < g_ranges.size(); ++i) {
         const auto &segment = info->dlpi_phdr[i];

@@ -38,11 +38,11 @@ async def serve_page(reader, writer):
 class Tunnel:
     """Gateway, services and back end; `ports` lead to the gateway's services, by their names."""
 
-    def __init__(self, launch, certificates, home):
+    def __init__(self, launch, certificates, home, page=serve_page):
         self.home, self.listen = home, free_port()
         self.ports, self.services = {name: free_port() for name in NAMES}, {}
         web, sshd = free_port(), free_port()
-        run_on_loop(asyncio.start_server(serve_page, "127.0.0.1", web, backlog=64))
+        run_on_loop(asyncio.start_server(page, "127.0.0.1", web, backlog=64))
         offered = [{"type": name.split("_")[0].upper(), "name": name, "ip": "127.0.0.1",
                     "port": web if name == "http_localhost" else sshd} for name in NAMES]
         self.gateway = launch(demo={

@@ -28,6 +28,20 @@ SESSION_T::SESSION_T(CLIENT_T from, DEVICE_CHANNEL_T &on, SERVICE_T wanted)
     client.set_option(tcp::no_delay(true), ignored);
 }
 
+static std::size_t bufferedBytes(const SESSION_T &session)
+{
+    return session.filling.size() + session.writing.size() - session.written;
+}
+
+// The end of the back end takes sessions along that still flush: they have their line, too.
+SESSION_T::~SESSION_T()
+{
+    if (state == SESSION_STATE::CLOSED) return;
+    if (end_reason.empty()) end_reason = "the back end ends";
+    is_whole = state == SESSION_STATE::FLUSHING && bufferedBytes(*this) == 0;
+    auditSession(*this);
+}
+
 void resetClient(CLIENT_SOCKET &client)
 {
     error_code ignored;
@@ -38,11 +52,6 @@ void resetClient(CLIENT_SOCKET &client)
 static void noteReason(SESSION_T &session, const std::string &reason)
 {
     if (session.end_reason.empty()) session.end_reason = reason;
-}
-
-static std::size_t bufferedBytes(const SESSION_T &session)
-{
-    return session.filling.size() + session.writing.size() - session.written;
 }
 
 // The one way into CLOSED.

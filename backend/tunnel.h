@@ -55,6 +55,9 @@ struct CLIENT_T {
 
 struct SESSION_T {
     SESSION_T(CLIENT_T from, DEVICE_CHANNEL_T &on, SERVICE_T wanted);
+    SESSION_T(const SESSION_T &) = delete;
+    SESSION_T &operator=(const SESSION_T &) = delete;
+    ~SESSION_T();
 
     DEVICE_CHANNEL_T *channel; // borrowed; null once the session is off the channel
     const LIMITS_T &limits;

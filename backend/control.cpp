@@ -27,6 +27,7 @@ using local = asio::local::stream_protocol;
 
 constexpr std::size_t CONNECTIONS_MAX = 256;
 constexpr auto REQUEST_TIME = std::chrono::seconds(5);
+constexpr auto TOOL_GRACE = std::chrono::seconds(2);
 constexpr auto ACCEPT_PAUSE = std::chrono::milliseconds(100);
 
 struct CONTROL_T {
@@ -54,18 +55,23 @@ struct CONTROL_LINK_T {
     ~CONTROL_LINK_T()
     {
         control->connections--;
-        if (passed_fd >= 0) close(passed_fd);
+        if (passed_fd < 0) return;
+        const linger reset{1, 0}; // no session came of it
+        (void)setsockopt(passed_fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+        close(passed_fd);
     }
 
     CONTROL_PTR control;
     local::socket socket;
     asio::steady_timer timer;
     std::string request;
-    std::string answers; // what is written, or waits for the write under way
+    std::array<char, 64> unwanted{}; // what comes behind it
+    std::string answers;             // what is written, or waits for the write under way
     bool write_active = false;
     bool is_done = false; // closed once everything is written
     int passed_fd = -1;
     std::string who;
+    std::weak_ptr<SESSION_T> session; // of "connect"
 };
 using LINK_PTR = std::shared_ptr<CONTROL_LINK_T>;
 
@@ -217,6 +223,23 @@ static std::optional<CLIENT_SOCKET> takeClientSocket(CONTROL_LINK_T &link)
     return client;
 }
 
+// Nothing more is said on it, so what shows is its end: what the operator has interrupted must not
+// go on behind his back. ssh ends its tool with its last words to the service still under way, hence
+// the grace.
+static void watchOperator(const LINK_PTR &link)
+{
+    link->socket.async_read_some(
+        asio::buffer(link->unwanted), [link](const error_code &error, std::size_t) {
+            if (!error) return watchOperator(link);
+            if (error == asio::error::operation_aborted) return;
+            link->timer.expires_after(TOOL_GRACE);
+            link->timer.async_wait([link](const error_code &) {
+                const SESSION_PTR session = link->session.lock();
+                if (session) endSession(session, "the operator's tool has ended", false);
+            });
+        });
+}
+
 static void connectClient(const LINK_PTR &link, const json &request)
 {
     const CHANNEL_PTR channel = channelOf(*link->control, request);
@@ -239,7 +262,8 @@ static void connectClient(const LINK_PTR &link, const json &request)
                 {"bytes_down", session.bytes_down}},
                true);
     };
-    requestSession(*channel, std::move(client), *service);
+    link->session = requestSession(*channel, std::move(client), *service);
+    watchOperator(link);
 }
 
 struct REQUEST_ROUTE_T {
@@ -278,6 +302,8 @@ static bool receiveRequest(CONTROL_LINK_T &link)
 {
     std::array<char, REQUEST_MAX> bytes{};
     iovec part{bytes.data(), REQUEST_MAX - link.request.size()};
+    // Alignment leaves room for a second descriptor, so none is taken to be alone; the kernel closes
+    // those that find no room.
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> rights{};
     msghdr message{};
     message.msg_iov = &part;
@@ -288,10 +314,11 @@ static bool receiveRequest(CONTROL_LINK_T &link)
         recvmsg(link.socket.native_handle(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
     if (got < 0) return errno == EAGAIN || errno == EINTR;
     const cmsghdr *const first = CMSG_FIRSTHDR(&message);
-    if (first != nullptr && first->cmsg_level == SOL_SOCKET && first->cmsg_type == SCM_RIGHTS &&
-        first->cmsg_len == CMSG_LEN(sizeof(int))) {
-        if (link.passed_fd >= 0) close(link.passed_fd);
-        memcpy(&link.passed_fd, CMSG_DATA(first), sizeof(int));
+    if (first != nullptr && first->cmsg_level == SOL_SOCKET && first->cmsg_type == SCM_RIGHTS) {
+        for (std::size_t at = 0; CMSG_LEN(at + sizeof(int)) <= first->cmsg_len; at += sizeof(int)) {
+            if (link.passed_fd >= 0) close(link.passed_fd);
+            memcpy(&link.passed_fd, CMSG_DATA(first) + at, sizeof(int));
+        }
     }
     link.request.append(bytes.data(), static_cast<std::size_t>(got));
     explicit_bzero(bytes.data(), bytes.size());
@@ -303,6 +330,7 @@ static void readRequest(const LINK_PTR &link)
     link->socket.async_wait(local::socket::wait_read, [link](const error_code &error) {
         if (error) return;
         const bool goes_on = receiveRequest(*link);
+        if (!goes_on) link->timer.cancel();
         if (link->request.find('\n') != std::string::npos) return handleRequest(link);
         if (link->request.size() >= REQUEST_MAX) return refuse(link, "the request is too long");
         if (goes_on) readRequest(link);
@@ -347,6 +375,8 @@ static void removeStaleSocket(asio::io_context &io, const std::string &path)
     error_code error;
     probe.connect(local::endpoint(path), error);
     if (!error) throw std::runtime_error(path + ": another back end listens there");
+    if (error != asio::error::connection_refused)
+        throw std::runtime_error(path + ": " + error.message());
     (void)unlink(path.c_str());
 }
 

@@ -9,7 +9,8 @@
 //   {"do":"connect","device":D,"service":S}             {"ok":true,"session":"..."}, and when the
 //        session ends {"ended":"REASON","whole":true,"bytes_up":N,"bytes_down":N}
 // What cannot be done is answered with {"ok":false,"error":"..."}. "connect" brings a connected
-// stream socket with its first byte (unix(7), SCM_RIGHTS): its other end is the session's client.
+// stream socket with its first byte (unix(7), SCM_RIGHTS): its other end is the session's client. The
+// session is cut off two seconds after its connection here has been closed.
 // D is DEVICE_NAME, or PRODUCT_KEY:DEVICE_NAME.
 // Ownership  a connection belongs to its running operations and keeps the control socket's record.
 // Threads    the thread of the io_context.

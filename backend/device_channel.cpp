@@ -449,7 +449,7 @@ static void makeRoomForSession(DEVICE_CHANNEL_T &channel)
     abortSession(oldest, "made room: its client was done");
 }
 
-void requestSession(DEVICE_CHANNEL_T &channel, CLIENT_T client, const SERVICE_T &service)
+SESSION_PTR requestSession(DEVICE_CHANNEL_T &channel, CLIENT_T client, const SERVICE_T &service)
 {
     const bool is_crowded =
         channel.sessions.size() + channel.opening.size() >= channel.limits.clients_per_device;
@@ -457,12 +457,18 @@ void requestSession(DEVICE_CHANNEL_T &channel, CLIENT_T client, const SERVICE_T 
     const auto session = std::make_shared<SESSION_T>(std::move(client), channel, service);
     if (is_crowded) {
         logFault(channel, "too many clients, one was turned away");
-        return abortSession(session, "refused: too many clients of this device");
+        abortSession(session, "refused: too many clients of this device");
+        return session;
+    }
+    if (channel.state != CHANNEL_STATE::CONNECTED) { // making room was one message too many
+        abortSession(session, "the device disconnected");
+        return session;
     }
     const std::string id = freshId(channel, OPEN_ID);
     channel.opening.emplace(id, session);
     armSessionTimer(session);
     sendControl(channel, MESSAGE_NEW_SESSION, id, {}, buildNewSession(service));
+    return session;
 }
 
 void requestAccountCheck(DEVICE_CHANNEL_T &channel, const std::string &user,

@@ -97,7 +97,7 @@ const SERVICE_T *findService(const DEVICE_CHANNEL_T &channel, const std::string 
 
 // Asks the device for a session and carries the client over it. A device takes DEVICE_SESSIONS_MAX
 // sessions: when they are in use, the one that lingers longest makes room.
-void requestSession(DEVICE_CHANNEL_T &channel, CLIENT_T client, const SERVICE_T &service);
+SESSION_PTR requestSession(DEVICE_CHANNEL_T &channel, CLIENT_T client, const SERVICE_T &service);
 
 // Has the device check one of its local accounts. The callback is called exactly once, not from
 // within the call unless the request cannot be sent.

@@ -81,6 +81,7 @@ static void describeOptions(CLI::App &app, COMMAND_LINE_T &line)
                    "File with these options, one \"name=value\" a line (TOML or INI); what the "
                    "command line gives comes first")
         ->type_name("FILE");
+    app.allow_config_extras(CLI::config_extras_mode::error); // a misspelt option is none
     app.set_version_flag("--version", "remote_access_backend " RA_VERSION);
 }
 

@@ -7,9 +7,12 @@
 std::string shown(const char *text)
 {
     std::string result{text != nullptr ? text : ""};
+    unsigned char before = 0;
     for (char &c : result) {
         const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == 0x7f) c = '?';
+        const bool is_c1 = before == 0xc2 && byte >= 0x80 && byte < 0xa0; // U+0080 to U+009F
+        if (byte < 0x20 || byte == 0x7f || is_c1) c = '?';
+        before = byte;
     }
     return result;
 }

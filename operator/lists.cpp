@@ -4,8 +4,10 @@
 #include "operator/terminal.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <map>
 #include <thread>
@@ -33,7 +35,8 @@ void printTable(const std::vector<ROW> &rows)
         }
         std::puts(line.c_str());
     }
-    (void)std::fflush(stdout);
+    if (std::fflush(stdout) != 0)
+        throw CONTROL_ERROR(std::string("standard output: ") + std::strerror(errno), false);
 }
 
 std::string textOf(const json &object, const char *name)
@@ -50,7 +53,7 @@ int printList(const OPERATOR_OPTIONS_T &options, const json &list, ROW head,
               ROW (*row)(const json &element))
 {
     if (options.json) {
-        std::puts(list.dump().c_str());
+        std::puts(list.dump(-1, ' ', true).c_str());
         return OPERATOR_DONE;
     }
     std::vector<ROW> rows{std::move(head)};

@@ -50,13 +50,15 @@ bool writeWhole(int fd, const char *bytes, std::size_t size)
     return true;
 }
 
-void copyStream(int from, int to, std::atomic<std::uint64_t> &count)
+// False when something could not be written.
+bool copyStream(int from, int to, std::atomic<std::uint64_t> &count)
 {
     std::array<char, COPY_SIZE> bytes;
     for (;;) {
         const ssize_t got = ::read(from, bytes.data(), bytes.size());
         if (got < 0 && errno == EINTR) continue;
-        if (got <= 0 || !writeWhole(to, bytes.data(), static_cast<std::size_t>(got))) return;
+        if (got <= 0) return true;
+        if (!writeWhole(to, bytes.data(), static_cast<std::size_t>(got))) return false;
         count += static_cast<std::uint64_t>(got);
     }
 }
@@ -156,11 +158,14 @@ int connectStreams(const OPERATOR_OPTIONS_T &options)
 
     RELAY_T relay;
     std::thread([&] {
-        copyStream(STDIN_FILENO, own.get(), relay.down);
+        (void)copyStream(STDIN_FILENO, own.get(), relay.down);
         (void)::shutdown(own.get(), SHUT_WR);
     }).detach();
     if (options.progress) std::thread([&] { showProgress(relay); }).detach();
-    copyStream(own.get(), STDOUT_FILENO, relay.up);
+    if (!copyStream(own.get(), STDOUT_FILENO, relay.up)) {
+        (void)std::fprintf(stderr, "remote-access: standard output: %s\n", std::strerror(errno));
+        ::_exit(OPERATOR_REFUSED);
+    }
     // The service's end is the session's; whoever writes to standard input learns of it by the end
     // of this process.
     (void)::shutdown(own.get(), SHUT_RDWR);

@@ -3,6 +3,7 @@
 #include "utility/handles.h"
 
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <fcntl.h>
@@ -12,11 +13,18 @@
 
 namespace {
 
-// Echo is off for the life of this.
+volatile std::sig_atomic_t g_caught = 0;
+
+// Echo is off for the life of this. A signal that would end the process ends the read and takes effect
+// afterwards, so that no terminal stays silent.
 class SilentTerminal {
 public:
     explicit SilentTerminal(int fd) : fd_{fd}, is_terminal_{::tcgetattr(fd, &usual_) == 0}
     {
+        struct sigaction noting {};
+        noting.sa_handler = [](int number) { g_caught = number; };
+        for (std::size_t i = 0; i < ENDING.size(); ++i)
+            (void)::sigaction(ENDING.at(i), &noting, &usual_actions_.at(i));
         if (!is_terminal_) return;
         termios silent = usual_;
         silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
@@ -25,13 +33,18 @@ public:
     ~SilentTerminal()
     {
         if (is_terminal_) (void)::tcsetattr(fd_, TCSAFLUSH, &usual_);
+        for (std::size_t i = 0; i < ENDING.size(); ++i)
+            (void)::sigaction(ENDING.at(i), &usual_actions_.at(i), nullptr);
+        if (g_caught != 0) (void)std::raise(g_caught);
     }
     SilentTerminal(const SilentTerminal &) = delete;
     SilentTerminal &operator=(const SilentTerminal &) = delete;
 
 private:
+    static constexpr std::array<int, 4> ENDING{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
     int fd_;
     termios usual_{};
+    std::array<struct sigaction, ENDING.size()> usual_actions_{};
     bool is_terminal_;
 };
 
@@ -44,9 +57,12 @@ void say(int fd, const std::string &text)
 
 std::string shown(std::string text)
 {
+    unsigned char before = 0;
     for (char &c : text) {
         const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == 0x7f) c = '?';
+        const bool is_c1 = before == 0xc2 && byte >= 0x80 && byte < 0xa0; // U+0080 to U+009F
+        if (byte < 0x20 || byte == 0x7f || is_c1) c = '?';
+        before = byte;
     }
     return text;
 }

@@ -1,6 +1,7 @@
 #include "ctl/bus_client.h"
 
 #include "common/bus_names.h"
+#include "ctl/output.h"
 
 namespace {
 
@@ -25,7 +26,7 @@ DBusMessagePtr call(BUS_CLIENT_T &bus, const char *member)
             dbus_error_has_name(&error, DBUS_ERROR_NAME_HAS_NO_OWNER) != 0)
             bus.fault = "remote_access_daemon does not run, or not on this bus";
         else
-            bus.fault = error.message;
+            bus.fault = shown(error.message);
     }
     dbus_error_free(&error);
     return answer;

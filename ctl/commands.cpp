@@ -177,7 +177,7 @@ int waitConnected(BUS_CLIENT_T &bus, const CTL_OPTIONS_T &options)
         const auto state = bus_is_up ? stateOf(bus, "queryRemoteChannelState") : std::nullopt;
         if (state.value_or(false)) return CTL_YES;
         if (state) bus.fault = "the channel is down";
-        if (limit_ms > 0 && milliseconds_of(monotonic_now()) - start_ms >= limit_ms) {
+        if (options.timeout_s > 0 && milliseconds_of(monotonic_now()) - start_ms >= limit_ms) {
             (void)std::fprintf(stderr, "remote-access-ctl: not connected within %g s: %s\n",
                                options.timeout_s, bus.fault.c_str());
             return state ? CTL_NO : CTL_NO_DAEMON;

@@ -2,6 +2,7 @@
 import asyncio
 import json
 import os
+import pathlib
 import pwd
 import random
 import socket
@@ -11,7 +12,7 @@ import subprocess
 import pytest
 
 from harness.network import free_port
-from harness.sandbox import BIN, CA_FILE, CONFIG, CONFIG_DIR
+from harness.sandbox import BIN, CA_FILE, CONFIG, CONFIG_DIR, REPOSITORY
 from harness.tls import HOST
 from harness.waiting import SCALE, poll
 from harness.waiting import run as run_on_loop
@@ -87,11 +88,13 @@ class Tunnel:
         assert done.returncode == 0, done.stderr.decode() + self.gateway.log_beside("backend")
         return done.stdout
 
+    def tool(self, *arguments, control="control"):
+        return [BIN / "remote-access", "--control", self.home / control, *arguments]
+
     def operate(self, *arguments, control="control", **options):
         """(status, output) of the operator's tool."""
-        done = subprocess.run([BIN / "remote-access", "--control", self.home / control, *arguments],
-                              capture_output=True, text=True, timeout=60 * SCALE, check=False,
-                              **options)
+        done = subprocess.run(self.tool(*arguments, control=control), capture_output=True,
+                              text=True, timeout=60 * SCALE, check=False, **options)
         return done.returncode, done.stdout + done.stderr
 
     def audit(self):
@@ -149,8 +152,8 @@ def test_operator_logs_in_by_the_devices_name(tunnel):
 
 
 def test_operator_forwards_a_port(tunnel):
-    with subprocess.Popen([BIN / "remote-access", "--control", tunnel.home / "control", "forward",
-                           "dev1/http_localhost"], stdout=subprocess.PIPE, text=True) as tool:
+    with subprocess.Popen(tunnel.tool("forward", "dev1/http_localhost"), stdout=subprocess.PIPE,
+                          text=True) as tool:
         try:
             port = tool.stdout.readline().split()[0].rpartition(":")[2]
             assert tunnel.run("curl", "-sS", "--fail", f"http://127.0.0.1:{port}/") == PAGE
@@ -189,6 +192,42 @@ def test_operator_without_a_back_end(tunnel):
     assert tunnel.operate("devices", control="missing")[0] == 3
 
 
+def test_operators_session_ends_with_his_tool(tunnel):
+    count = len(tunnel.audit())
+    with subprocess.Popen(tunnel.tool("connect", "dev1/ssh_localhost"), stdin=subprocess.PIPE,
+                          stdout=subprocess.PIPE) as tool:
+        assert tool.stdout.readline().startswith(b"SSH-2.0")
+        tool.kill()
+    assert poll(lambda: tunnel.audit()[count:], 5, "an audit line")[0]["whole"] is False
+
+
+def test_operator_is_told_what_could_not_be_written(tunnel):
+    with open("/dev/full", "w", encoding="ascii") as full:
+        done = subprocess.run(tunnel.tool("connect", "dev1/ssh_localhost"), stdout=full,
+                              stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False,
+                              timeout=20 * SCALE)
+    assert done.returncode == 1 and b"No space left" in done.stderr
+
+
+def test_completion_offers_no_name_that_a_shell_would_run():
+    offered = subprocess.run(["bash", "-c", """
+        remote-access() { printf '%s SSH 127.0.0.1:22\\n' NAME '$(echo${IFS}run)' '`id`' ssh; }
+        compopt() { :; }
+        . "$0"
+        COMP_WORDS=(remote-access connect dev1/) COMP_CWORD=2
+        _remote_access
+        echo "${COMPREPLY[@]}" """, REPOSITORY / "packaging/completion/remote-access"],
+        capture_output=True, text=True, check=True).stdout
+    assert offered == "dev1/ssh\n"
+
+
+def test_misspelt_setting_is_refused(tmp_path):
+    (tmp_path / "conf").write_text('plain=1\nlisten="127.0.0.1:0"\ndevices="x"\naudti="-"\n')
+    done = subprocess.run([BIN / "remote_access_backend", "--config", tmp_path / "conf"],
+                          capture_output=True, text=True, timeout=20 * SCALE, check=False)
+    assert done.returncode == 2 and "audti" in done.stderr
+
+
 def test_control_socket_takes_no_nonsense(tunnel):
     for request, answer in {b"no json\n": "no JSON object", b'{"do":7}\n': 'no "do"',
                             b'{"do":"rm"}\n': "unknown request", b"x" * 5000: "too long",
@@ -200,3 +239,14 @@ def test_control_socket_takes_no_nonsense(tunnel):
             refused = json.loads(link.makefile().readline())
             assert refused["ok"] is False and answer in refused["error"]
     assert stat.S_IMODE((tunnel.home / "control").stat().st_mode) == 0o660
+
+
+def test_control_socket_keeps_no_descriptor(tunnel):
+    descriptors = pathlib.Path(f"/proc/{tunnel.back_end.pid}/fd")
+    before = len(list(descriptors.iterdir()))
+    for _ in range(20):
+        with socket.socket(socket.AF_UNIX) as link, open("/dev/null", "rb") as file:
+            link.connect(str(tunnel.home / "control"))
+            socket.send_fds(link, [b'{"do":"sessions"}\n'], [file.fileno()] * 2)
+            assert json.loads(link.makefile().readline())["ok"] is True
+    poll(lambda: len(list(descriptors.iterdir())) < before + 10, 5, "descriptors to be closed")

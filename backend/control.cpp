@@ -358,6 +358,9 @@ static void acceptOperator(const CONTROL_PTR &control)
             takeOperator(control, std::move(socket));
             return acceptOperator(control);
         }
+        if (rateAllows(control->server.refused_lines))
+            logWarning("an operator is turned away: %s",
+                       error ? error.message().c_str() : "too many of them");
         control->pause.expires_after(ACCEPT_PAUSE);
         control->pause.async_wait([control](const error_code &stopped) {
             if (!stopped && control->acceptor.is_open()) acceptOperator(control);

@@ -5,6 +5,7 @@
 #include "operator/control_client.h"
 #include "operator/terminal.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <array>
 #include <atomic>
@@ -182,8 +183,14 @@ int connectStreams(const OPERATOR_OPTIONS_T &options)
 int forwardPort(const OPERATOR_OPTIONS_T &options)
 {
     const json request = connectRequest(options.target);
-    (void)ask(options.control,
-              {{"do", "services"}, {"device", request.at("device")}}); // is it there?
+    const json answer =
+        ask(options.control, {{"do", "services"}, {"device", request.at("device")}});
+    const json &services = answer.at("services");
+    if (std::none_of(services.begin(), services.end(), [&request](const json &service) {
+            return service.value("name", "") == request.at("service");
+        }))
+        throw CONTROL_ERROR(
+            request.value("device", "") + " does not offer " + request.value("service", ""), false);
     const UniqueFd listener = listenOn(options.port);
     std::printf("127.0.0.1:%u leads to %s; Ctrl-C ends it\n", portOf(listener.get()),
                 options.target.c_str());

@@ -180,6 +180,7 @@ def test_operator_asks(tunnel):
 
 @pytest.mark.parametrize("command, status, text", [
     (("connect", "dev1/nothing"), 1, "dev1 does not offer nothing"),
+    (("forward", "dev1/nothing"), 1, "dev1 does not offer nothing"),
     (("connect", "dev2/ssh"), 1, "no device is named dev2"),
     (("connect", "dev1"), 2, "no DEVICE/SERVICE"),
     (("verify", "dev1", "root"), 2, "no terminal")])

@@ -454,7 +454,7 @@ SESSION_PTR requestSession(DEVICE_CHANNEL_T &channel, CLIENT_T client, const SER
     const bool is_crowded =
         channel.sessions.size() + channel.opening.size() >= channel.limits.clients_per_device;
     if (!is_crowded) makeRoomForSession(channel);
-    const auto session = std::make_shared<SESSION_T>(std::move(client), channel, service);
+    auto session = std::make_shared<SESSION_T>(std::move(client), channel, service);
     if (is_crowded) {
         logFault(channel, "too many clients, one was turned away");
         abortSession(session, "refused: too many clients of this device");

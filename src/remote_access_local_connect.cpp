@@ -2,6 +2,7 @@
 
 #include "common/log.h"
 #include "src/remote_access_proxy_thread.h"
+#include "src/remote_access_resolver.h"
 #include "utility/handles.h"
 #include "utility/socket_option.h"
 #include "utility/text.h"
@@ -92,6 +93,7 @@ int connect2LocalService(const char *host, int port)
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo *resolved = nullptr;
+    (void)refreshResolver(); // a changed name server counts at once, not with the next channel
     if (::getaddrinfo(host, port_text, &hints, &resolved) != 0) {
         RA_WARN("unknown hostAddr: %s", host);
         return -1;

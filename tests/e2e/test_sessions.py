@@ -8,7 +8,7 @@ import pytest
 
 from harness.cloud import (DATA_DOWN, DATA_UP, NEW_SESSION, RELEASE, RESPONSE, UP_LIMIT,
                            new_session_request)
-from harness.local import LocalService
+from harness.local import LocalService, start_name_server
 from harness.network import FILTERED_ADDRESS, free_port
 from harness.waiting import poll
 
@@ -92,6 +92,16 @@ def test_unreachable_service(link, payload, lines):
     response = link.channel.request(NEW_SESSION, payload)
     assert (response.token, response.answer) == ("", NOT_AVAILABLE)
     link.log.in_order([*lines, ("W", "failed to connect to local service")], mark)
+
+
+def test_changed_name_server_counts_at_once(connect):
+    link = connect("moved", files={"etc/resolv.conf": "nameserver 127.0.0.2\n"})
+    service = LocalService()
+    request = new_session_request(service.port, "name.example")
+    assert link.channel.request(NEW_SESSION, request).answer == NOT_AVAILABLE
+    start_name_server("127.0.0.3")
+    link.gateway.put("etc/resolv.conf", "nameserver 127.0.0.3\n")
+    assert link.channel.request(NEW_SESSION, request).answer[0] == 0
 
 
 def test_thirty_third_session_is_refused_without_a_connection(link):

@@ -93,14 +93,13 @@ noPollConn *startPlain(noPollCtx *ctx, const char *host, const char *port)
     return conn;
 }
 
-// With the debug switch on the library has told it by itself.
-void logFailedOpening(noPollCtx *ctx, const char *host, const char *port, int debug_switch)
+void logFailedOpening(noPollCtx *ctx, const char *host, const char *port, bool told_by_library)
 {
 #ifdef USE_SYSTEM_NOPOLL
-    (void)ctx, (void)host, (void)port, (void)debug_switch; // that library keeps no reason
+    (void)ctx, (void)host, (void)port, (void)told_by_library; // that library keeps no reason
 #else
     const char *const reason = nopoll_ctx_failure(ctx);
-    if (debug_switch == 0 && reason[0] != '\0')
+    if (!told_by_library && reason[0] != '\0')
         RA_WARN_FOR(OPEN, "no channel to %s port %s: %s", host, port, reason);
 #endif
 }
@@ -183,7 +182,10 @@ CLOUD_CHANNEL_T *openCloudProxyChannel(const char *host, const char *port, const
     noPollConn *const conn =
         tls_type != 0 ? startTls(ctx, host, port, cert_path) : startPlain(ctx, host, port);
     if (conn != nullptr && isAlive(conn) && waitUntilReady(conn)) return fromLibrary(conn);
-    logFailedOpening(ctx, host, port, debug_switch);
+    // With the debug switch on the library has told by itself why a connection ended, but not that
+    // a living one has not become ready.
+    const bool has_ended = conn == nullptr || !isAlive(conn);
+    logFailedOpening(ctx, host, port, debug_switch != 0 && has_ended);
     if (conn != nullptr) nopoll_conn_close(conn);
     nopoll_ctx_unref(ctx);
     return nullptr;

@@ -53,8 +53,8 @@ bool fillRx(noPollConn &conn)
 STEP finish(noPollConn &conn, noPollDebugLevel level, const FAILURE_T &reason, uint16_t code)
 {
     logLine(conn.context, level, "%s", reason.text);
-    conn.context->failure = reason;
     sayGoodbye(conn, code);
+    conn.context->failure = reason; // last: it counts more than what the goodbye met
     conn.ended = true;
     return STEP_ENDED;
 }

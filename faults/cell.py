@@ -231,7 +231,7 @@ def main():
     cell, result = Cell(state, name, pathlib.Path(directory), pathlib.Path(tls)), {}
     try:
         result = cell.run()
-    except Exception:  # pylint: disable=broad-except
+    except Exception:
         cell.problems.append(traceback.format_exc())
     cell.traffic.stop()
     cell.problems += cell.edge.stop()

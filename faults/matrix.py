@@ -142,7 +142,7 @@ def main():
         print(f"what the failed ones left is in {directory}")
     else:
         shutil.rmtree(directory)
-    if arguments.out:
+    if arguments.out and not failed:
         write_table(arguments.out, results)
     sys.exit(bool(failed))
 

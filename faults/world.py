@@ -21,7 +21,6 @@ import time
 from dataclasses import dataclass
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests/e2e"))
-# pylint: disable=wrong-import-position
 from harness import network, waiting
 from harness.sandbox import BIN, CA_FILE, CONFIG, CONFIG_DIR, NAME, SECRET, Gateway
 from harness.tls import HOST
@@ -30,7 +29,7 @@ GATEWAY, NEW_GATEWAY = "10.78.0.2", "10.78.0.3"
 CLOUD, NEW_CLOUD = "10.78.0.10", "10.78.0.20"
 CHANNEL_PORT, FORWARD_PORT, BACK_END, SERVICE_PORT = 443, 2022, ("127.0.0.1", 7443), 9000
 RESTART_AFTER_S = 5  # what docs/operating.md tells a supervisor to wait
-FAKETIME = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1"
+FAKETIME = next(iter(sorted(pathlib.Path("/usr/lib").glob("*/faketime/libfaketime.so.1"))), None)
 _LIBC = ctypes.CDLL(None, use_errno=True)
 _CLONE_NEWNET = 0x40000000
 _BUFFER = 1 << 16

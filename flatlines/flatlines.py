@@ -16,7 +16,6 @@ import time
 REPOSITORY = pathlib.Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(REPOSITORY / "tests/e2e"))
 
-# pylint: disable=wrong-import-position
 from harness import network  # noqa: E402
 from harness.cloud import DATA_DOWN, RELEASE, BackEnd  # noqa: E402
 from harness.footprint import COUNTED, Footprint, allocations, footprint  # noqa: E402
@@ -272,7 +271,7 @@ def main():
         shutil.rmtree(directory)
     for fault in faults + faults_of_logs:
         print(f"not flat: {fault}", file=sys.stderr)
-    if arguments.out:
+    if arguments.out and not faults + faults_of_logs:
         write_section(arguments.out, text)
     return 1 if faults + faults_of_logs else 0
 

@@ -181,11 +181,11 @@ async def run_for(seconds, soak, world, listener):
     server = await asyncio.start_server(soak.serve, sock=listener)
     start = time.monotonic()
     workers = [asyncio.create_task(soak.work(world.ports["soak"])) for _ in range(SESSIONS)]
-    warm = None
+    await asyncio.sleep(min(20, seconds / 2))
+    warm = minute_line(soak, world, start)  # every buffer has grown to its size
     while (left := start + seconds - time.monotonic()) > 0:
         await asyncio.sleep(min(60, left))
         rss = minute_line(soak, world, start)
-        warm = warm or rss
     soak.ended = True
     await asyncio.gather(*workers)
     server.close()

@@ -354,8 +354,9 @@ def main():
         if name in TABLES:
             text = machine()
             lines, faults = TABLES[name]()
-            write_section(name, "\n".join([text, "", *lines, ""]))
             failed += faults
+            if not faults:
+                write_section(name, "\n".join([text, "", *lines, ""]))
             print("\n".join(lines), flush=True)
     if rows:
         failed += stalls_table(rows)[1]

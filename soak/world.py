@@ -20,7 +20,6 @@ import time
 REPOSITORY = pathlib.Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(REPOSITORY / "tests/e2e"))
 
-# pylint: disable=wrong-import-position
 from harness import modules, network  # noqa: E402
 from harness.sandbox import (BIN, CA_FILE, CONFIG, CONFIG_DIR, NAME, Gateway,  # noqa: E402
                              start_gateways)
@@ -174,7 +173,7 @@ class World:
         return connection
 
     def bus(self):
-        import dbus.bus  # pylint: disable=import-outside-toplevel
+        import dbus.bus
         connection = dbus.bus.BusConnection(self.gateway.address)
         connection.set_exit_on_disconnect(False)
         return connection

@@ -1,0 +1,43 @@
+#!/bin/bash
+# Runs inside a booted root with the packages installed, as root; the packages' test starts it. Every line of its report
+# begins with "ok" or "FAILED"; the machine is then switched off.
+# shellcheck disable=SC2317 # functions are called by check
+exec >/root/report 2>/root/details
+set -x
+
+check() {
+    local text=$1
+    shift
+    if "$@" >&2; then printf 'ok      %s\n' "$text"; else printf 'FAILED  %s\n' "$text"; fi
+}
+verify() { remote-access verify gw-001 root --password-stdin <<<"$1"; }
+# As the unit starts it: a fresh one each time, after a delay of 5 s and up to 31 s more.
+comes_back() { remote-access-ctl wait --connected --timeout 60; }
+kill_daemon() { kill -KILL "$(systemctl show -P MainPID remote-access-daemon)" && sleep 1; }
+gave_up() { journalctl -u remote-access-daemon | grep -q 'service exit!'; }
+lose_back_end() {
+    systemctl stop remote-access-backend
+    for _ in {1..15}; do gave_up && break; sleep 1; done
+    gave_up && systemctl start remote-access-backend
+}
+restarted() { [ "$(systemctl show -P NRestarts remote-access-daemon)" -ge 1 ]; }
+audited() { grep -q '"service":"ssh_localhost".*"reason":"refused: code 101671' /var/log/remote-access/audit.json; }
+refused() { ! remote-access connect gw-001/ssh_localhost </dev/null; }
+stops_at_once() { timeout 2 systemctl stop remote-access-daemon && ! systemctl is-active remote-access-daemon; }
+
+chgrp remote-access-operators /etc/remote-access/devices.json
+systemctl start gateway-bus gateway-config remote-access-backend
+systemctl restart remote-access-daemon
+check "the units work together: channel up" remote-access-ctl wait --connected --timeout 20
+check "the doctor finds no failure" remote-access-ctl doctor
+check "the daemon can check a password" verify right
+check "a wrong password is refused" eval '! verify wrong'
+check "a session to nobody is refused" refused
+check "and audited" audited
+check "the daemon was killed" kill_daemon
+check "it came back" comes_back
+check "six failed openings ended it" lose_back_end
+check "it came back by itself" comes_back
+check "systemd counts restarts" restarted
+check "it stops at once" stops_at_once
+poweroff

@@ -12,7 +12,7 @@ import subprocess
 import pytest
 
 from harness.network import free_port
-from harness.sandbox import BIN, CA_FILE, CONFIG, CONFIG_DIR, REPOSITORY
+from harness.sandbox import BIN, CA_FILE, CONFIG, CONFIG_DIR, PASSWORD, REPOSITORY
 from harness.tls import HOST
 from harness.waiting import SCALE, poll
 from harness.waiting import run as run_on_loop
@@ -49,8 +49,8 @@ class Tunnel:
         self.gateway = launch(demo={
             "cloud": self.listen,
             "config": {"gw_remoteaccess_cloud_host": HOST, "gw_remoteaccess_tls_type": 1},
-            "files": {CA_FILE: certificates.authority, f"{CONFIG_DIR}/logger.conf": "level=1\n",
-                      "etc/shadow": f"root:{sha512('right')}:19000:0:99999:7:::\n",
+            "files": {CA_FILE: certificates.authority,
+                      "etc/shadow": f"root:{sha512(PASSWORD)}:19000:0:99999:7:::\n",
                       f"{CONFIG_DIR}/remote_terminal.json": json.dumps(offered)}})["demo"]
         self.start_back_end(*certificates.paths())
         self.start_sshd(sshd)
@@ -173,7 +173,7 @@ def test_operator_asks(tunnel):
             for device in listed("devices")] == [("dev1", True, 3)]
     assert sorted(s["name"] for s in listed("services", "dev1")) == sorted(NAMES)
     assert listed("sessions") == []
-    for password, status in ("right", 0), ("wrong", 1):
+    for password, status in (PASSWORD, 0), ("wrong", 1):
         assert tunnel.operate("verify", "dev1", "root", "--password-stdin",
                               input=password)[0] == status
 

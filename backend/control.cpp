@@ -25,7 +25,7 @@ using boost::system::error_code;
 using nlohmann::json;
 using local = asio::local::stream_protocol;
 
-constexpr std::size_t CONNECTIONS_MAX = 256;
+constexpr std::size_t CONNECTIONS_MAX = 4096;
 constexpr auto REQUEST_TIME = std::chrono::seconds(5);
 constexpr auto TOOL_GRACE = std::chrono::seconds(2);
 constexpr auto ACCEPT_PAUSE = std::chrono::milliseconds(100);

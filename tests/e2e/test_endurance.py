@@ -7,10 +7,9 @@ import pytest
 from harness.cloud import DATA_DOWN, RELEASE
 from harness.footprint import COUNTED, INSTRUMENTED, allocations, footprint
 from harness.local import LocalService
-from harness.sandbox import CA_FILE, CONFIG_DIR
+from harness.sandbox import CA_FILE
 from harness.tls import HOST
 
-LOGGED = {f"{CONFIG_DIR}/logger.conf": "level=1"}
 # Instrumented builds keep what was freed for a while.
 GROWTH_LIMIT_KB = 16384 if INSTRUMENTED else 256
 
@@ -31,7 +30,7 @@ def twenty_sessions(channel, echo, chance):
 
 
 def test_thousand_sessions(connect, echo):
-    link = connect("thousand", files=LOGGED, **({} if INSTRUMENTED else COUNTED))
+    link = connect("thousand", **({} if INSTRUMENTED else COUNTED))
     chance = random.Random(1)
     idle = footprint(link.gateway)
     for _ in range(10):
@@ -69,7 +68,7 @@ def test_every_way_out_of_the_table_closes_the_socket(connect):
 def test_no_allocation_for_a_message(connect, certificates, echo, tls):
     link = connect(f"counted-{tls}", certificates.context() if tls else None, **COUNTED,
                    config={"gw_remoteaccess_tls_type": tls, "gw_remoteaccess_cloud_host": HOST},
-                   files={CA_FILE: certificates.authority, **LOGGED})
+                   files={CA_FILE: certificates.authority})
     session, count = link.channel.open(echo), 200
 
     def carry():

@@ -119,9 +119,9 @@ void checkSettings(EXAMINATION_T &exam)
             missing += (missing.empty() ? "" : ", ") + std::string(key);
     }
     ENDPOINT_T endpoint;
-    endpoint.host = shown(settingOr(bus, KEY_CLOUD_HOST, DEFAULT_HOST).c_str());
-    endpoint.port = shown(settingOr(bus, KEY_CLOUD_PORT, DEFAULT_PORT).c_str());
-    endpoint.cert_path = shown(settingOr(bus, KEY_CERT_PATH, DEFAULT_CERT_PATH).c_str());
+    endpoint.host = shown(settingOr(bus, KEY_CLOUD_HOST, DEFAULT_HOST));
+    endpoint.port = shown(settingOr(bus, KEY_CLOUD_PORT, DEFAULT_PORT));
+    endpoint.cert_path = shown(settingOr(bus, KEY_CERT_PATH, DEFAULT_CERT_PATH));
     endpoint.tls =
         parse_int32(settingOr(bus, KEY_TLS_TYPE, std::to_string(DEFAULT_TLS_TYPE).c_str())) != 0;
     exam.endpoint = endpoint;

@@ -4,22 +4,10 @@
 
 #include <cstdio>
 
-std::string shown(const char *text)
-{
-    std::string result{text != nullptr ? text : ""};
-    unsigned char before = 0;
-    for (char &c : result) {
-        const auto byte = static_cast<unsigned char>(c);
-        const bool is_c1 = before == 0xc2 && byte >= 0x80 && byte < 0xa0; // U+0080 to U+009F
-        if (byte < 0x20 || byte == 0x7f || is_c1) c = '?';
-        before = byte;
-    }
-    return result;
-}
-
 std::string memberText(const cJSON *object, const char *name)
 {
-    return shown(cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(object, name)));
+    const char *const text = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(object, name));
+    return shown(text != nullptr ? text : "");
 }
 
 int memberNumber(const cJSON *object, const char *name, int otherwise)

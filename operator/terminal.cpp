@@ -55,18 +55,6 @@ void say(int fd, const std::string &text)
 
 } // namespace
 
-std::string shown(std::string text)
-{
-    unsigned char before = 0;
-    for (char &c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        const bool is_c1 = before == 0xc2 && byte >= 0x80 && byte < 0xa0; // U+0080 to U+009F
-        if (byte < 0x20 || byte == 0x7f || is_c1) c = '?';
-        before = byte;
-    }
-    return text;
-}
-
 std::string sizeText(double bytes)
 {
     static constexpr std::array<const char *, 5> UNITS{"B", "KiB", "MiB", "GiB", "TiB"};

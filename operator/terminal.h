@@ -1,11 +1,11 @@
 // What the tool writes for people, and the one thing that it reads from them.
 #pragma once
 
+#include "utility/terminal_text.h"
+
 #include <cstdint>
 #include <string>
 
-// A device's own words: control bytes in them must not reach the terminal.
-std::string shown(std::string text);
 // "12.3 MiB"
 std::string sizeText(double bytes);
 // "2026-11-23 01:02:03", UTC; "-" for none.

@@ -37,24 +37,42 @@ void openAudit(const std::string &path)
     if (old != STDOUT_FILENO) close(old);
 }
 
-void auditSession(const SESSION_T &session)
+static void writeLine(const nlohmann::ordered_json &line)
 {
-    const nlohmann::ordered_json line = {
-        {"ended", utcText(std::time(nullptr))},
-        {"asked", utcText(session.asked_at)},
-        {"who", session.origin.who},
-        {"device", session.device},
-        {"service", session.service.name},
-        {"session", session.token},
-        {"bytes_up", session.bytes_up},
-        {"bytes_down", session.bytes_down},
-        {"whole", session.is_whole},
-        {"reason", session.end_reason},
-    };
     const std::string text =
         line.dump(-1, ' ', true, nlohmann::ordered_json::error_handler_t::replace) + "\n";
     if (write(g_audit_fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
         logError("audit line lost: %s", text.c_str());
+}
+
+void auditSession(const SESSION_T &session)
+{
+    writeLine({{"ended", utcText(std::time(nullptr))},
+               {"asked", utcText(session.asked_at)},
+               {"who", session.origin.who},
+               {"device", session.device},
+               {"service", session.service.name},
+               {"session", session.token},
+               {"bytes_up", session.bytes_up},
+               {"bytes_down", session.bytes_down},
+               {"whole", session.is_whole},
+               {"reason", session.end_reason}});
+}
+
+void auditRefusal(const std::string &who, const std::string &device, const std::string &service,
+                  const std::string &reason)
+{
+    const std::string now = utcText(std::time(nullptr));
+    writeLine({{"ended", now},
+               {"asked", now},
+               {"who", who},
+               {"device", device},
+               {"service", service},
+               {"session", ""},
+               {"bytes_up", 0},
+               {"bytes_down", 0},
+               {"whole", false},
+               {"reason", reason}});
 }
 
 } // namespace backend

@@ -1,4 +1,5 @@
-// The audit: one JSON object on one line for each session, written when it ends, refused ones too:
+// The audit: one JSON object on one line for each session, written when it ends, and for each that
+// was refused, by the device or because it is away:
 // {"ended":"2026-11-23T01:02:03Z","asked":"...","who":"...","device":"...","service":"...",
 //  "session":"...","bytes_up":N,"bytes_down":N,"whole":true,"reason":"..."}
 // Times are UTC. session is empty for one that was refused. bytes_up came from the device.
@@ -18,5 +19,9 @@ struct SESSION_T;
 void openAudit(const std::string &path);
 
 void auditSession(const SESSION_T &session);
+
+// For a request that never reached the device.
+void auditRefusal(const std::string &who, const std::string &device, const std::string &service,
+                  const std::string &reason);
 
 } // namespace backend

@@ -1,5 +1,6 @@
 #include "backend/control.h"
 
+#include "backend/audit.h"
 #include "backend/log.h"
 #include "backend/server.h"
 
@@ -242,13 +243,22 @@ static void watchOperator(const LINK_PTR &link)
 
 static void connectClient(const LINK_PTR &link, const json &request)
 {
-    const CHANNEL_PTR channel = channelOf(*link->control, request);
+    const std::string device = memberOf(request, "device");
     const std::string name = memberOf(request, "service");
+    const auto turnAway = [&](const std::string &reason) {
+        auditRefusal(link->who, device, name, reason);
+        refuse(link, reason);
+    };
+    CHANNEL_PTR channel;
+    try {
+        channel = channelOf(*link->control, request);
+    } catch (const std::runtime_error &fault) {
+        return turnAway(fault.what());
+    }
     const SERVICE_T *service = findService(*channel, name);
-    if (service == nullptr)
-        return refuse(link, channel->device.device_name + " does not offer " + name);
+    if (service == nullptr) return turnAway(device + " does not offer " + name);
     auto socket = takeClientSocket(*link);
-    if (!socket) return refuse(link, "no connected stream socket came with the request");
+    if (!socket) return turnAway("no connected stream socket came with the request");
     CLIENT_T client{std::move(*socket), link->who, nullptr, nullptr};
     client.opened = [link](const SESSION_T &session) {
         answer(link, {{"ok", true}, {"session", session.token}}, false);

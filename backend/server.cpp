@@ -1,5 +1,6 @@
 #include "backend/server.h"
 
+#include "backend/audit.h"
 #include "backend/log.h"
 
 #include <ctime>
@@ -87,21 +88,21 @@ static void acceptClient(SERVER_T &server, const LISTENER_T &listener, tcp::sock
 {
     const CHANNEL_PTR channel = findChannel(server, listener.device);
     const SERVICE_T *service = channel ? findService(*channel, listener.service) : nullptr;
+    error_code error;
+    const tcp::endpoint peer = socket.remote_endpoint(error);
+    const std::string who = error ? "(gone)" : endpointText(peer);
     if (service == nullptr) {
-        if (rateAllows(server.refused_lines)) {
-            logWarning("client for %s/%s turned away: the %s", listener.device.device_name.c_str(),
-                       listener.service.c_str(),
-                       channel ? "device does not announce this service"
-                               : "device is not connected");
-        }
+        const std::string &device = listener.device.device_name;
+        const char *const reason =
+            channel ? "the device does not announce this service" : "the device is not connected";
+        if (rateAllows(server.refused_lines))
+            logWarning("client for %s/%s turned away: %s", device.c_str(), listener.service.c_str(),
+                       reason);
+        auditRefusal(who, device, listener.service, reason);
         CLIENT_SOCKET client(std::move(socket));
         return resetClient(client);
     }
-    error_code error;
-    const tcp::endpoint peer = socket.remote_endpoint(error);
-    requestSession(*channel,
-                   {std::move(socket), error ? "(gone)" : endpointText(peer), nullptr, nullptr},
-                   *service);
+    requestSession(*channel, {std::move(socket), who, nullptr, nullptr}, *service);
 }
 
 std::unique_ptr<SERVER_T> startServer(asio::io_context &io, SERVER_OPTIONS_T options)

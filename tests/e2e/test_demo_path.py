@@ -187,6 +187,8 @@ def test_operator_asks(tunnel):
 def test_operator_is_told_what_is_wrong(tunnel, command, status, text):
     done, output = tunnel.operate(*command, start_new_session=True)
     assert (done, text in output) == (status, True), output
+    if (command[0], status) == ("connect", 1):
+        assert (tunnel.audit()[-1]["session"], tunnel.audit()[-1]["reason"]) == ("", text)
 
 
 def test_operator_without_a_back_end(tunnel):

@@ -93,12 +93,26 @@ static std::string peerText(int fd)
 
 // ---- answers
 
+static void closeNow(CONTROL_LINK_T &link)
+{
+    error_code ignored;
+    link.timer.cancel();
+    link.socket.close(ignored);
+}
+
+static void closeAfter(const LINK_PTR &link, std::chrono::milliseconds wait)
+{
+    link->timer.expires_after(wait);
+    link->timer.async_wait([link](const error_code &stopped) {
+        if (!stopped) closeNow(*link);
+    });
+}
+
 static void writeAnswers(const LINK_PTR &link)
 {
     if (link->write_active) return;
     if (link->answers.empty()) {
-        error_code ignored;
-        if (link->is_done) link->socket.close(ignored);
+        if (link->is_done) closeNow(*link);
         return;
     }
     link->write_active = true;
@@ -106,14 +120,18 @@ static void writeAnswers(const LINK_PTR &link)
     asio::async_write(link->socket, asio::buffer(*text),
                       [link, text](const error_code &error, std::size_t) {
                           link->write_active = false;
-                          if (!error) writeAnswers(link);
+                          if (!error) return writeAnswers(link);
+                          if (link->is_done) closeNow(*link);
                       });
 }
 
 static void answer(const LINK_PTR &link, const json &line, bool is_last)
 {
     link->answers += line.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
-    link->is_done = link->is_done || is_last;
+    if (is_last) {
+        link->is_done = true;
+        closeAfter(link, link->control->server.options.limits.answer_time);
+    }
     writeAnswers(link);
 }
 
@@ -352,11 +370,7 @@ static void takeOperator(const CONTROL_PTR &control, local::socket &&socket)
     const auto link = std::make_shared<CONTROL_LINK_T>(control, std::move(socket));
     link->request.reserve(REQUEST_MAX);
     link->who = peerText(link->socket.native_handle());
-    link->timer.expires_after(REQUEST_TIME);
-    link->timer.async_wait([link](const error_code &stopped) {
-        error_code ignored;
-        if (!stopped) link->socket.close(ignored);
-    });
+    closeAfter(link, REQUEST_TIME);
     readRequest(link);
 }
 

@@ -8,6 +8,7 @@
 //   {"do":"verify","device":D,"user":U,"password":P}    {"ok":true,"code":0,"message":"..."}
 //   {"do":"connect","device":D,"service":S}             {"ok":true,"session":"..."}, and when the
 //        session ends {"ended":"REASON","whole":true,"bytes_up":N,"bytes_down":N}
+// A request has 5 s to come, and its last answer LIMITS_T::answer_time to be taken.
 // What cannot be done is answered with {"ok":false,"error":"..."}. "connect" brings a connected
 // stream socket with its first byte (unix(7), SCM_RIGHTS): its other end is the session's client. The
 // session is cut off two seconds after its connection here has been closed.

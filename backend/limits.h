@@ -30,6 +30,7 @@ struct LIMITS_T {
     std::chrono::milliseconds open_time{
         45000}; // a device connects for up to 1 s for each request before ours
     std::chrono::milliseconds account_time{45000};
+    std::chrono::milliseconds answer_time{30000}; // for an operator's tool to take its last answer
     std::chrono::milliseconds linger_time{
         30000}; // without data from the device, after the client has ended its sending
     std::chrono::milliseconds stall_time{

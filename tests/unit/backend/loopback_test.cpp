@@ -7,8 +7,11 @@
 #include <future>
 #include <poll.h>
 #include <thread>
+#include <unistd.h>
 
+#include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/write.hpp>
 #include <gtest/gtest.h>
 
 using namespace backend;
@@ -26,6 +29,9 @@ protected:
         options.listen = parseEndpoint("127.0.0.1:0");
         options.registry = {{{"pk1", "dev1"}, "secret1"}, {{"pk1", "dev2"}, "secret2"}};
         options.forwards = {parseForward("0=dev1/ssh"), parseForward("0=dev1/other")};
+        options.control = control;
+        for (int i = 0; i < more_devices; i++)
+            options.registry.emplace(DEVICE_KEY_T{"pk2", std::to_string(i)}, "secret");
         options.limits = limits;
         server = startServer(io, std::move(options));
         port = listenEndpoint(*server).port();
@@ -123,6 +129,8 @@ protected:
     std::unique_ptr<SERVER_T> server;
     std::thread thread;
     std::uint16_t port = 0, ssh_port = 0, other_port = 0;
+    std::string control; // path of the control socket, if there is to be one
+    int more_devices = 0;
 };
 
 TEST_F(Loopback, RefusedHandshakesGetTheirCodeAndAreClosed)
@@ -426,4 +434,19 @@ TEST_F(Loopback, AccountCheckReportsTheDevicesAnswerOnce)
         SCRIPTED_DEVICE newer = connectDevice();
     }
     EXPECT_FALSE(pending.get().is_answered);
+}
+
+TEST_F(Loopback, OperatorThatTakesNoAnswerIsCutOff)
+{
+    control = testing::TempDir() + "control-" + std::to_string(getpid());
+    more_devices = 20000; // their list is more than the socket's buffers take
+    LIMITS_T limits;
+    limits.answer_time = 100ms;
+    start(limits);
+    boost::asio::io_context own;
+    boost::asio::local::stream_protocol::socket tool(own);
+    tool.connect(control);
+    boost::asio::write(tool, boost::asio::buffer(std::string("{\"do\":\"devices\"}\n")));
+    pollfd closed{tool.native_handle(), 0, 0};
+    EXPECT_EQ(poll(&closed, 1, 5000), 1);
 }

@@ -1,5 +1,6 @@
 // What the tool can be told to do. Each command prints its answer and returns the exit status;
-// faults are thrown (control_client.h, std::runtime_error).
+// faults are thrown: CONTROL_ERROR, std::invalid_argument for a wrong command line, and
+// std::runtime_error for what the system does not allow.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +8,7 @@
 
 enum OPERATOR_STATUS : int {
     OPERATOR_DONE = 0,
-    OPERATOR_REFUSED = 1,     // by the back end or the device; a session that was cut off
+    OPERATOR_REFUSED = 1,     // by the back end, the device or the system; a session was cut off
     OPERATOR_USAGE = 2,       // the command line is wrong
     OPERATOR_UNREACHABLE = 3, // no back end at the control socket
 };

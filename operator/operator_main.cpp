@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <stdexcept>
 
 namespace {
 
@@ -55,8 +56,14 @@ void describe(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND &chosen)
     command->add_option("user", options.user, "The account")->required();
     command->add_flag("--password-stdin", options.password_stdin,
                       "Read the password from standard input, not from the terminal");
-    app.footer("Exit status: 0 done; 1 refused, or a session was cut off; 2 wrong command line;\n"
-               "3 the back end cannot be reached.");
+    app.footer("Exit status: 0 done; 1 refused, failed, or a session was cut off; 2 wrong command\n"
+               "line; 3 the back end cannot be reached.");
+}
+
+int fail(const std::exception &fault, OPERATOR_STATUS status)
+{
+    (void)std::fprintf(stderr, "remote-access: %s\n", shown(fault.what()).c_str());
+    return status;
 }
 
 } // namespace
@@ -78,10 +85,10 @@ int main(int argc, char **argv)
     try {
         return chosen(options);
     } catch (const CONTROL_ERROR &fault) {
-        (void)std::fprintf(stderr, "remote-access: %s\n", shown(fault.what()).c_str());
-        return fault.is_unreachable ? OPERATOR_UNREACHABLE : OPERATOR_REFUSED;
+        return fail(fault, fault.is_unreachable ? OPERATOR_UNREACHABLE : OPERATOR_REFUSED);
+    } catch (const std::invalid_argument &fault) {
+        return fail(fault, OPERATOR_USAGE);
     } catch (const std::exception &fault) {
-        (void)std::fprintf(stderr, "remote-access: %s\n", shown(fault.what()).c_str());
-        return OPERATOR_USAGE;
+        return fail(fault, OPERATOR_REFUSED);
     }
 }

@@ -28,7 +28,7 @@ json connectRequest(const std::string &target)
 {
     const std::size_t slash = target.find('/');
     if (slash == std::string::npos || slash == 0 || slash + 1 == target.size())
-        throw std::runtime_error("\"" + target + "\" is no DEVICE/SERVICE");
+        throw std::invalid_argument("\"" + target + "\" is no DEVICE/SERVICE");
     return {{"do", "connect"},
             {"device", target.substr(0, slash)},
             {"service", target.substr(slash + 1)}};

@@ -183,8 +183,10 @@ def test_operator_asks(tunnel):
     (("forward", "dev1/nothing"), 1, "dev1 does not offer nothing"),
     (("connect", "dev2/ssh"), 1, "no device is named dev2"),
     (("connect", "dev1"), 2, "no DEVICE/SERVICE"),
-    (("verify", "dev1", "root"), 2, "no terminal")])
+    (("forward", "dev1/ssh_localhost", "BUSY"), 1, "Address already in use"),
+    (("verify", "dev1", "root"), 1, "no terminal")])
 def test_operator_is_told_what_is_wrong(tunnel, command, status, text):
+    command = [str(tunnel.listen) if word == "BUSY" else word for word in command]
     done, output = tunnel.operate(*command, start_new_session=True)
     assert (done, text in output) == (status, True), output
     if (command[0], status) == ("connect", 1):

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -148,6 +149,9 @@ void forwardOne(const std::string &control, const json &request, UniqueFd client
 int connectStreams(const OPERATOR_OPTIONS_T &options)
 {
     const json request = connectRequest(options.target);
+    // ssh ends its ProxyCommand with it right behind its last words to the service, which have to get
+    // there: they are what the service ends the session for.
+    (void)std::signal(SIGHUP, SIG_IGN);
     std::array<int, 2> ends{};
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0)
         throw std::runtime_error(std::strerror(errno));
@@ -164,7 +168,9 @@ int connectStreams(const OPERATOR_OPTIONS_T &options)
     }).detach();
     if (options.progress) std::thread([&] { showProgress(relay); }).detach();
     if (!copyStream(own.get(), STDOUT_FILENO, relay.up)) {
-        (void)std::fprintf(stderr, "remote-access: standard output: %s\n", std::strerror(errno));
+        if (errno != EPIPE) // who reads it has seen enough
+            (void)std::fprintf(stderr, "remote-access: standard output: %s\n",
+                               std::strerror(errno));
         ::_exit(OPERATOR_REFUSED);
     }
     // The service's end is the session's; whoever writes to standard input learns of it by the end

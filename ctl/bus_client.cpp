@@ -2,11 +2,20 @@
 
 #include "common/bus_names.h"
 #include "ctl/output.h"
+#include "utility/monotonic_clock.h"
+
+#include <algorithm>
 
 namespace {
 
 // queryRemoteThreadRunState, which somebody else may have asked for, holds the daemon for 3 s.
 constexpr int CALL_TIMEOUT_MS = 5000;
+
+int timeoutOf(const BUS_CLIENT_T &bus)
+{
+    const std::int64_t left_ms = bus.end_ms - milliseconds_of(monotonic_now());
+    return static_cast<int>(std::clamp<std::int64_t>(left_ms, 1, CALL_TIMEOUT_MS));
+}
 
 DBusMessagePtr call(BUS_CLIENT_T &bus, const char *member)
 {
@@ -20,7 +29,7 @@ DBusMessagePtr call(BUS_CLIENT_T &bus, const char *member)
     DBusError error;
     dbus_error_init(&error);
     DBusMessagePtr answer{dbus_connection_send_with_reply_and_block(bus.conn.get(), request.get(),
-                                                                    CALL_TIMEOUT_MS, &error)};
+                                                                    timeoutOf(bus), &error)};
     if (!answer) {
         if (dbus_error_has_name(&error, DBUS_ERROR_SERVICE_UNKNOWN) != 0 ||
             dbus_error_has_name(&error, DBUS_ERROR_NAME_HAS_NO_OWNER) != 0)
@@ -41,6 +50,25 @@ template <class T> std::optional<T> firstArgument(const DBusMessagePtr &answer, 
     return value;
 }
 
+// dbus_bus_register would wait for 25 s, and without end for a bus that does not even authenticate.
+bool registerConnection(const BUS_CLIENT_T &bus, DBusError *error)
+{
+    const std::int64_t end_ms = milliseconds_of(monotonic_now()) + timeoutOf(bus);
+    while (dbus_connection_get_is_authenticated(bus.conn.get()) == 0) {
+        const std::int64_t left_ms = end_ms - milliseconds_of(monotonic_now());
+        if (left_ms <= 0 ||
+            dbus_connection_read_write(bus.conn.get(), static_cast<int>(left_ms)) == 0)
+            return false;
+    }
+    const DBusMessagePtr hello{dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
+                                                            DBUS_INTERFACE_DBUS, "Hello")};
+    if (!hello) return false;
+    const DBusMessagePtr answer{dbus_connection_send_with_reply_and_block(
+        bus.conn.get(), hello.get(), timeoutOf(bus), error)};
+    const auto name = firstArgument<const char *>(answer, DBUS_TYPE_STRING);
+    return name && dbus_bus_set_unique_name(bus.conn.get(), *name) != 0;
+}
+
 } // namespace
 
 bool connectBus(BUS_CLIENT_T &bus)
@@ -50,9 +78,11 @@ bool connectBus(BUS_CLIENT_T &bus)
     bus.conn.reset(dbus_connection_open_private(bus.address.c_str(), &error));
     if (bus.conn) {
         dbus_connection_set_exit_on_disconnect(bus.conn.get(), 0);
-        if (dbus_bus_register(bus.conn.get(), &error) == 0) bus.conn.reset();
+        if (!registerConnection(bus, &error)) bus.conn.reset();
     }
-    if (!bus.conn) bus.fault = "no bus at " + bus.address + ": " + error.message;
+    if (!bus.conn)
+        bus.fault = "no bus at " + bus.address + ": " +
+                    (dbus_error_is_set(&error) != 0 ? error.message : "it does not answer");
     dbus_error_free(&error);
     return bus.conn != nullptr;
 }
@@ -66,7 +96,7 @@ std::optional<long> daemonProcess(BUS_CLIENT_T &bus)
         dbus_message_append_args(request.get(), DBUS_TYPE_STRING, &name, DBUS_TYPE_INVALID) == 0)
         return std::nullopt;
     const DBusMessagePtr answer{dbus_connection_send_with_reply_and_block(
-        bus.conn.get(), request.get(), CALL_TIMEOUT_MS, nullptr)};
+        bus.conn.get(), request.get(), timeoutOf(bus), nullptr)};
     const auto pid = firstArgument<dbus_uint32_t>(answer, DBUS_TYPE_UINT32);
     return pid ? std::optional<long>{*pid} : std::nullopt;
 }

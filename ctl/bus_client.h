@@ -8,6 +8,7 @@
 #include "common/bus_handles.h"
 
 #include <cjson/cJSON.h>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -15,6 +16,7 @@ using JsonPtr = std::unique_ptr<cJSON, Releaser<cJSON_Delete>>;
 
 struct BUS_CLIENT_T {
     std::string address;
+    std::int64_t end_ms = INT64_MAX; // on the monotonic clock: no call waits for longer
     DBusConnectionPtr conn;
     std::string fault;
 };

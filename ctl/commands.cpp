@@ -4,12 +4,13 @@
 #include "src/cloud_protocol.h"
 #include "utility/monotonic_clock.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <unistd.h>
 
 namespace {
 
-constexpr useconds_t WAIT_STEP_US = 300000;
+constexpr std::int64_t WAIT_STEP_MS = 300;
 
 int noDaemon(const BUS_CLIENT_T &bus)
 {
@@ -169,19 +170,25 @@ int closeAccess(BUS_CLIENT_T &bus, const CTL_OPTIONS_T & /*options*/)
 
 int waitConnected(BUS_CLIENT_T &bus, const CTL_OPTIONS_T &options)
 {
-    const auto limit_ms = static_cast<std::int64_t>(options.timeout_s * 1000);
-    const std::int64_t start_ms = milliseconds_of(monotonic_now());
-    for (;;) {
+    const auto left_ms = [&bus] { return bus.end_ms - milliseconds_of(monotonic_now()); };
+    if (options.timeout_s > 0)
+        bus.end_ms =
+            milliseconds_of(monotonic_now()) + static_cast<std::int64_t>(options.timeout_s * 1000);
+    std::string fault;
+    int status = CTL_NO_DAEMON;
+    while (fault.empty() || left_ms() > 0) {
         const bool bus_is_up =
             (bus.conn && dbus_connection_get_is_connected(bus.conn.get()) != 0) || connectBus(bus);
         const auto state = bus_is_up ? stateOf(bus, "queryRemoteChannelState") : std::nullopt;
         if (state.value_or(false)) return CTL_YES;
-        if (state) bus.fault = "the channel is down";
-        if (options.timeout_s > 0 && milliseconds_of(monotonic_now()) - start_ms >= limit_ms) {
-            (void)std::fprintf(stderr, "remote-access-ctl: not connected within %g s: %s\n",
-                               options.timeout_s, bus.fault.c_str());
-            return state ? CTL_NO : CTL_NO_DAEMON;
+        const std::int64_t left = left_ms();
+        if (state || left > 0 || fault.empty()) { // the end of the time may have cut a call short
+            fault = state ? "the channel is down" : bus.fault;
+            status = state ? CTL_NO : CTL_NO_DAEMON;
         }
-        ::usleep(WAIT_STEP_US);
+        ::usleep(static_cast<useconds_t>(std::clamp(left, std::int64_t{0}, WAIT_STEP_MS) * 1000));
     }
+    (void)std::fprintf(stderr, "remote-access-ctl: not connected within %g s: %s\n",
+                       options.timeout_s, fault.c_str());
+    return status;
 }

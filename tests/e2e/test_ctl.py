@@ -1,6 +1,9 @@
 """remote-access-ctl on a gateway: what it shows, what it switches, what its doctor finds."""
 import json
+import os
+import signal
 import subprocess
+import time
 
 import pytest
 
@@ -47,6 +50,14 @@ def test_shows_and_switches(link):
     assert status == 1 and "the channel is down" in text
     assert ctl(link.gateway, "open")[0] == 0
     assert ctl(link.gateway, "wait", "--connected")[0] == 0
+
+
+def test_waits_no_longer_than_it_was_told_for_a_daemon_that_stands_still(link):
+    os.kill(link.gateway.daemon.pid, signal.SIGSTOP)
+    start = time.monotonic()
+    status, _ = ctl(link.gateway, "wait", "--connected", "--timeout", "0.5")
+    os.kill(link.gateway.daemon.pid, signal.SIGCONT)
+    assert status == 3 and time.monotonic() - start < 4
 
 
 # What is set: (finding of the doctor, exit status)

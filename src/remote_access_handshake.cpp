@@ -6,6 +6,7 @@
 #include "utility/sha256/hmac-sha256.h"
 #include "utility/text.h"
 
+#include <cinttypes>
 #include <cstring>
 #include <ctime>
 
@@ -13,7 +14,7 @@ namespace {
 
 constexpr char CLIENT_ID[] = "quorvex_iot";
 constexpr char PROTOCOL_VERSION[] = "2.1";
-constexpr char SIGN_FORMAT[] = "clientId%sdeviceName%sproductKey%stimestamp%lu";
+constexpr char SIGN_FORMAT[] = "clientId%sdeviceName%sproductKey%stimestamp%" PRIu64;
 constexpr char PAYLOAD_FORMAT[] =
     "{\"uuid\": \"%s\",\"product_key\": \"%s\",\"device_name\": "
     "\"%s\",\"version\":\"%s\",\"IP\":\"%s\",\"MAC\":\"%s\","
@@ -57,7 +58,7 @@ const char *calc_sign(const char *client_id, const char *device_name, const char
     std::uint8_t digest[SHA256_DIGEST_SIZE] = {};
     copy_text(sign, "");
     format_text(sign_string, SIGN_FORMAT, client_id, device_name, product_key,
-                static_cast<unsigned long>(std::time(nullptr)));
+                static_cast<std::uint64_t>(std::time(nullptr)));
     RA_DEBUG("sign string is :  %s", sign_string);
     // The key is taken with its NUL, which HMAC's zero padding makes equal to the key without it. A
     // refused key leaves the digest at zeros.

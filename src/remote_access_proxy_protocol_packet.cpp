@@ -6,13 +6,14 @@
 #include "utility/message_id.h"
 #include "utility/text.h"
 
+#include <cinttypes>
 #include <cstring>
 #include <ctime>
 
 namespace {
 
 constexpr char HEADER_FORMAT[] = "{\"msg_type\": %d,\"payload_len\": %d,\"msg_id\": "
-                                 "\"%s\",\"timestamp\":%ld,\"token\":\"%s\"}\r\n\r\n";
+                                 "\"%s\",\"timestamp\":%" PRId64 ",\"token\":\"%s\"}\r\n\r\n";
 constexpr char RESPONSE_FORMAT[] = "{\"code\": %d, \"message\": \"%s\"}\r\n\r\n%s";
 
 // The formatter's limit stays one byte below the buffer, so that a built text always leaves a spare
@@ -62,7 +63,7 @@ int spliceProxyProtocolHeader(std::span<char> dst, int msg_type, std::int32_t pa
     const char *const session = token != nullptr ? token : "";
     dst.back() = '\0';
     return format_text(belowLast(dst), HEADER_FORMAT, msg_type, payload_len, id,
-                       static_cast<long>(std::time(nullptr)), session);
+                       static_cast<std::int64_t>(std::time(nullptr)), session);
 }
 
 int spliceProxyProtocolResponsePayload(std::span<char> dst, int code, const char *second_part,

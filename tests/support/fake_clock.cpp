@@ -11,6 +11,7 @@ namespace {
 constexpr std::int64_t US_PER_S = 1000000;
 
 std::int64_t g_now_us = fake_clock::START_S * US_PER_S;
+std::int64_t g_wall_s = fake_clock::WALL_S;
 std::string g_sleeps;
 std::function<void()> g_on_sleep;
 
@@ -18,7 +19,7 @@ std::function<void()> g_on_sleep;
 
 timespec monotonic_now() noexcept
 {
-    return {g_now_us / US_PER_S, g_now_us % US_PER_S * 1000};
+    return {g_now_us / US_PER_S, static_cast<long>(g_now_us % US_PER_S * 1000)};
 }
 
 // The linker puts these in the places of the C library's functions (--wrap).
@@ -35,7 +36,7 @@ int __wrap_usleep(useconds_t us)
 
 time_t __wrap_time(time_t *)
 {
-    return fake_clock::WALL_S;
+    return g_wall_s;
 }
 
 int __wrap_select(int count, fd_set *read, fd_set *write, fd_set *error, timeval *timeout)
@@ -52,6 +53,11 @@ void fake_clock::reset()
     g_now_us = START_S * US_PER_S;
     g_sleeps.clear();
     g_on_sleep = nullptr;
+}
+
+void fake_clock::setWall(std::int64_t seconds)
+{
+    g_wall_s = seconds;
 }
 
 void fake_clock::advance(std::int64_t seconds)

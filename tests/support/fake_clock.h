@@ -10,9 +10,10 @@
 namespace fake_clock {
 
 constexpr std::int64_t START_S = 1000;      // of the monotonic clock
-constexpr std::int64_t WALL_S = 1600000000; // of the wall clock, which never moves
+constexpr std::int64_t WALL_S = 1600000000; // of the wall clock, which never moves by itself
 
 void reset();
+void setWall(std::int64_t seconds); // reset leaves it
 void advance(std::int64_t seconds);
 std::int64_t seconds();
 // The sleeps since the last call, in milliseconds, each followed by a blank.

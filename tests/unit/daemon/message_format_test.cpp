@@ -110,6 +110,18 @@ TEST(Handshake, PayloadIsBuiltIfThereIsRoom)
     EXPECT_EQ("3 cloud channel hand shake payload is longer than buffer", fake_logger::take());
 }
 
+TEST(Handshake, TimesPast2038AreTold)
+{
+    char text[HEADER_BUFFER_SIZE];
+    fake_clock::setWall(5000000000);
+    spliceProxyProtocolHeader(text, 256, 0, "m1", "");
+    (void)calc_sign("c", "d", "p", "s");
+    fake_clock::setWall(fake_clock::WALL_S);
+    EXPECT_THAT(text, testing::HasSubstr("\"timestamp\":5000000000,"));
+    EXPECT_EQ("0 sign string is :  clientIdcdeviceNamedproductKeyptimestamp5000000000",
+              fake_logger::take(0));
+}
+
 TEST(Handshake, ListsTheServicesAsOneArray)
 {
     const std::string type(15, 'T'), name(31, 'n'), ip(23, '1'); // the longest

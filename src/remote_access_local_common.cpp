@@ -40,13 +40,13 @@ HeapText local_common::_load_cfg_from_json(const char *path)
         return nullptr;
     }
     (void)std::fseek(file.get(), 0, SEEK_END); // what cannot seek tells no size
-    const long size = std::ftell(file.get());
+    const off_t size = ::ftello(file.get());
     if (size <= 0) {
         RA_WARN("file: %s is empty", path);
         return nullptr;
     }
-    // A directory tells LONG_MAX. One byte more than the size is read and one more holds the NUL:
-    // the file may grow.
+    // A directory tells the largest offset, which a long of 32 bits could not. One byte more than
+    // the size is read and one more holds the NUL: the file may grow.
     const bool readable = size < INT_MAX && isRegular(file.get());
     const auto wanted = static_cast<std::size_t>(size);
     HeapText text{readable ? static_cast<char *>(std::calloc(wanted + 2, 1)) : nullptr};

@@ -10,7 +10,7 @@ namespace {
 
 void replay(const std::filesystem::path &path)
 {
-    const std::size_t size = std::filesystem::file_size(path);
+    const auto size = static_cast<std::size_t>(std::filesystem::file_size(path));
     const std::unique_ptr<std::FILE, Releaser<std::fclose>> file{std::fopen(path.c_str(), "rb")};
     const auto input =
         std::make_unique<std::uint8_t[]>(size); // not a byte more: see terminatedCopy

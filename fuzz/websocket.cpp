@@ -112,7 +112,7 @@ int __wrap_clock_gettime(clockid_t clock, timespec *now)
 {
     if (clock != CLOCK_MONOTONIC) return __real_clock_gettime(clock, now);
     ++g_script.now_ms; // so that a wait for what never comes ends
-    *now = {g_script.now_ms / 1000, g_script.now_ms % 1000 * 1000000};
+    *now = {g_script.now_ms / 1000, static_cast<long>(g_script.now_ms % 1000 * 1000000)};
     return 0;
 }
 
@@ -204,8 +204,8 @@ bool takeFrame(std::string_view &bytes, std::uint8_t &first, bool &masked, std::
     const std::string_view mask = bytes.substr(0, masked ? 4 : 0);
     bytes.remove_prefix(mask.size());
     if (bytes.size() < length) return false;
-    payload = bytes.substr(0, length);
-    bytes.remove_prefix(length);
+    payload = bytes.substr(0, static_cast<std::size_t>(length));
+    bytes.remove_prefix(payload.size());
     for (std::size_t i = 0; masked && i < payload.size(); ++i)
         payload[i] = static_cast<char>(payload[i] ^ mask[i % 4]);
     return true;

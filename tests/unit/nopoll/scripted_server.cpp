@@ -112,7 +112,7 @@ CLIENT_FRAME_T ScriptedServer::readFrame()
     };
     EXPECT_TRUE(byte(head, 1) & 0x80) << "not masked";
     EXPECT_EQ(byte(head, 0) & 0xF0, 0x80) << "not one whole frame";
-    uint64_t size = byte(head, 1) & 0x7F;
+    std::size_t size = byte(head, 1) & 0x7F;
     const std::string extra = read(size == 127 ? 8 : size == 126 ? 2 : 0);
     if (!extra.empty()) size = 0;
     for (std::size_t i = 0; i < extra.size(); ++i)

@@ -10,11 +10,12 @@ readonly BIN=/brimlock/gateway/build/bin
 readonly CONFIG=/brimlock/gateway/build/config
 readonly LOG=/tmp/log
 readonly MATERIAL=/tmp/demo
+readonly CONTROL=$MATERIAL/control
 readonly BUS_SOCKET=/tmp/var/run/mbusd/mbusd_socket
 readonly DAEMON_NAME=iot.gateway.remote_access_daemon
 readonly DAEMON_PATH=/iot/gateway/remote_access_daemon
 readonly BACKEND_NAME=backend.demo
-readonly PRODUCT_KEY=demo DEVICE=demo-gateway VERSION=1.0.0
+readonly PRODUCT_KEY=demo DEVICE=gw-001 VERSION=1.0.0
 readonly TOPICS=/sys/$PRODUCT_KEY/$DEVICE/edge
 readonly BACKEND_PORT=7443 SSHD_PORT=2222 WEB_PORT=8080 BROKER_PORT=1883 # what listens
 readonly SSH_PORT=2022 SFTP_PORT=2023 HTTP_PORT=2080            # the tunnel's ends on the back end's side
@@ -64,9 +65,9 @@ make_ssh_keys() {
     ssh-keygen -q -t ed25519 -N '' -C demo -f "$MATERIAL/host_key" &&
         ssh-keygen -q -t ed25519 -N '' -C demo -f "$MATERIAL/login_key" || return 1
     cp "$MATERIAL/login_key.pub" "$MATERIAL/authorized_keys"
-    local port
-    for port in $SSH_PORT $SFTP_PORT $SSHD_PORT; do
-        printf '[127.0.0.1]:%s %s\n' "$port" "$(cat "$MATERIAL/host_key.pub")"
+    local host
+    for host in "[127.0.0.1]:"{$SSH_PORT,$SFTP_PORT,$SSHD_PORT} $DEVICE; do
+        printf '%s %s\n' "$host" "$(cat "$MATERIAL/host_key.pub")"
     done >"$MATERIAL/known_hosts"
     cat >"$MATERIAL/sshd.conf" <<END
 Port $SSHD_PORT
@@ -78,9 +79,10 @@ KbdInteractiveAuthentication no
 UsePAM no
 PidFile none
 Subsystem sftp internal-sftp
-SetEnv PATH=/usr/sbin:/usr/bin:$BIN
+SetEnv PATH=/usr/sbin:/usr/bin:$BIN REMOTE_ACCESS_CONTROL=$CONTROL
 END
-    cat >"$MATERIAL/ssh.conf" <<END
+    install -d -m 700 "$HOME/.ssh"
+    cat >"$HOME/.ssh/config" <<END
 Host *
 User gateway
 IdentityFile $MATERIAL/login_key
@@ -163,7 +165,7 @@ start_mqtt_bridge() {
 start_backend() {
     start backend "$BIN/remote_access_backend" --listen "127.0.0.1:$BACKEND_PORT" \
         --cert "$MATERIAL/backend.pem" --key "$MATERIAL/backend.key" \
-        --devices "$MATERIAL/devices.json" --control "$MATERIAL/control" --audit "$LOG/audit.json" \
+        --devices "$MATERIAL/devices.json" --control "$CONTROL" --audit "$LOG/audit.json" \
         --forward "$SSH_PORT=$DEVICE/ssh_localhost" \
         --forward "$SFTP_PORT=$DEVICE/sftp_localhost" \
         --forward "$HTTP_PORT=$DEVICE/http_localhost"
@@ -241,7 +243,7 @@ no_session() { ask queryAllSessionInfo | grep -qF '\"sessionList\":[]'; }
 list_sessions() {
     local client input passed=0
     wait_for $START_S "${PIDS[daemon]}" no_session || return 1
-    exec {input}> >(ssh -F "$MATERIAL/ssh.conf" -p $SSH_PORT 127.0.0.1 cat)
+    exec {input}> >(ssh -p $SSH_PORT 127.0.0.1 cat)
     client=$!
     wait_for $START_S $client one_session &&
         [ "$(ask GetRemoteAccessSession s "$SESSION")" = 'i -1' ] || passed=1
@@ -266,7 +268,7 @@ look_at_watchdog() {
 run_command() {
     local answer status=0
     # shellcheck disable=SC2016 # for the gateway's shell
-    answer=$(timeout $USE_S ssh -F "$MATERIAL/ssh.conf" -p $SSH_PORT 127.0.0.1 \
+    answer=$(timeout $USE_S ssh -p $SSH_PORT 127.0.0.1 \
         'printf "%s" "$(id -un)@$(uname -n)"; exit 7') || status=$?
     STEP_NOTE="$answer"
     [ "$status" -eq 7 ] && [ "$answer" = gateway@gateway ]
@@ -274,9 +276,8 @@ run_command() {
 
 # By the device's name, through the operator's tool instead of a port of the back end.
 run_command_by_name() {
-    local answer proxy="$BIN/remote-access --control $MATERIAL/control connect %h/ssh_localhost"
-    answer=$(timeout $USE_S ssh -F "$MATERIAL/ssh.conf" -o HostKeyAlias="[127.0.0.1]:$SSHD_PORT" \
-        -o ProxyCommand="$proxy" "$DEVICE" uname -n) || return 1
+    local answer proxy="$BIN/remote-access --control $CONTROL connect %h/ssh_localhost"
+    answer=$(timeout $USE_S ssh -o ProxyCommand="$proxy" $DEVICE uname -n) || return 1
     STEP_NOTE="$answer"
     [ "$answer" = gateway ] && tail -n 1 "$LOG/audit.json" | grep -F '"whole":true'
 }
@@ -301,7 +302,7 @@ put $MATERIAL/original copy
 get copy $MATERIAL/returned
 !date +%s%N >>$MATERIAL/times
 END
-    timeout $USE_S sftp -F "$MATERIAL/ssh.conf" -P "$1" -b "$MATERIAL/batch" 127.0.0.1 || return 1
+    timeout $USE_S sftp -P "$1" -b "$MATERIAL/batch" 127.0.0.1 || return 1
     mapfile -t times <"$MATERIAL/times"
     STEP_NOTE="up $(rate $((times[1] - times[0]))), down $(rate $((times[2] - times[1])))"
     # The gateway's file system is at hand here: its copy is compared as it lies there.

@@ -1,0 +1,152 @@
+"""The documents as they stand: their commands are typed where they say, and what they name exists.
+
+Commands of docs/operating.md and of the man pages are typed on the gateway of scripts/demo --stay,
+others in the source tree. A block that is not says why behind its ```sh, which no reader sees.
+"""
+import os
+import re
+import shlex
+import subprocess
+
+import pytest
+
+from harness.sandbox import BIN, REPOSITORY
+from harness.waiting import SCALE, poll
+
+pytestmark = pytest.mark.skipif(SCALE != 1, reason="they are the same for every build")
+DOCUMENTS = {path.name: path.read_text() for path in
+             sorted([*REPOSITORY.glob("*.md"), *REPOSITORY.glob("docs/*.md")])}
+MANUALS = {path.name: path.read_text() for path in sorted(REPOSITORY.glob("packaging/man/*"))}
+FOLDERS = {path.name for path in REPOSITORY.iterdir() if path.is_dir()} - {".git", "build"}
+# What the documents call by its name and nothing in the tree does.
+FOREIGN = {"IPAddressAllow", "OPENSSL_ia32cap", "epoll_wait", "perf", "prlimit", "strace",
+           "tcp_rmem", "tcp_wmem", "tlsv1", "UeaZr47xPftos38CdA1lQymRGumnKg"}
+
+
+def blocks():
+    """Document, commands, and what the paragraph before them says is answered."""
+    for name, text in {**DOCUMENTS, **MANUALS}.items():
+        for found in re.finditer(r"^```sh(.*)\n((?s:.*?))^```$|^\.Dl ()(.*)", text, re.M):
+            commands, before = found[2] or found[4], text[:found.start()]
+            answers = re.findall(r"[Aa]nswers?\s+`([^`]+)`", before.rstrip().rpartition("\n\n")[2])
+            if " forward " in commands:  # goes on until it is interrupted
+                url = f"http://127.0.0.1:{commands.split()[-1]}/"
+                commands += (" & curl -sSfo /dev/null --retry 9 --retry-delay 1 "
+                             f"--retry-connrefused {url}; kill $!")
+            if "skip=" not in (found[1] or ""):
+                line = before.count("\n") + 1
+                yield pytest.param(name, commands, answers, id=f"{name}:{line}")
+
+
+def spans():
+    """(document, text) of what stands in backticks outside blocks"""
+    for name, text in DOCUMENTS.items():
+        for span in re.findall(r"`([^`\n]+)`", re.sub(r"^```(?s:.*?)^```$", "", text, flags=re.M)):
+            yield name, span
+
+
+def run(*command):
+    done = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          timeout=60, check=False, cwd=REPOSITORY)
+    assert done.returncode == 0, done.stdout + done.stderr
+    return done.stdout
+
+
+@pytest.fixture(scope="module")
+def ways_in(tmp_path_factory):
+    """The ssh commands that scripts/demo --stay prints: through the tunnel, and beside it."""
+    path = tmp_path_factory.mktemp("demo") / "output"
+    with open(path, "wb") as output, subprocess.Popen(
+            ["setpriv", "--pdeathsig", "TERM", REPOSITORY / "scripts/demo", "--stay"],
+            stdin=subprocess.DEVNULL, stdout=output, stderr=output,
+            env={**os.environ, "RA_BUILD_DIR": str(BIN.parent)}) as demo:
+        try:
+            poll(lambda: demo.poll() is not None or "Ctrl-C ends it" in path.read_text(), 120,
+                 path.read_text)
+            assert demo.poll() is None, path.read_text()
+            yield [shlex.split(line) + ["-o", "BatchMode=yes"]
+                   for line in re.findall("^  (ssh .*)", path.read_text(), re.M)]
+        finally:
+            demo.terminate()
+
+
+def test_demo_tells_how_to_log_in(ways_in):
+    assert [run(*way, "hostname") for way in ways_in] == ["gateway\n"] * 2
+
+
+@pytest.mark.parametrize("document, commands, answers", blocks())
+def test_commands(request, document, commands, answers):
+    if document == "operating.md" or document in MANUALS:
+        beside = request.getfixturevalue("ways_in")[1]
+        lines = run(*beside, f"bash -ec {shlex.quote(commands)}").splitlines()
+    else:
+        lines = run("bash", "-ec", commands.replace("build/release", str(BIN.parent))).splitlines()
+    for answer in answers:
+        while lines and not lines[0].startswith(answer.partition("…")[0]):
+            lines.pop(0)
+        assert lines, f"not answered: {answer}"
+
+
+def test_entry_of_the_ssh_configuration(ways_in):
+    _, entry = MANUALS["remote-access.1"].split(".Bd -literal -offset indent\n")
+    entry = shlex.quote(entry.partition(".Ed")[0])
+    copies = run(*ways_in[1], f"echo {entry} >>.ssh/config; scp -q /etc/hosts gw-001:copied; "
+                 "sftp -q gw-001:copied again; ssh gw-001 cat again copied")
+    assert copies.count("backend.demo") == 2
+
+
+@pytest.mark.parametrize("manual", [name for name in MANUALS if name != "remote_access_daemon.8"])
+def test_options_are_told_alike(manual):
+    program = BIN / manual.rpartition(".")[0]
+    commands = set(re.findall(r"^\.Cm (\w+)", MANUALS[manual], re.M))
+    helped = run(program, "--help") + "".join(run(program, name, "--help") for name in commands)
+    options = set(re.findall(r"\B--([a-z-]+)", helped)) - {"help", "version"}
+    assert options == set(re.findall(r"Fl -([a-z-]+)", MANUALS[manual]))
+    completion = REPOSITORY / "packaging/completion" / program.name
+    if completion.exists():
+        assert options <= set(re.findall(r"\B--([a-z-]+)", completion.read_text()))
+
+
+def test_links_lead_somewhere():
+    for name, text in DOCUMENTS.items():
+        home = REPOSITORY / "docs" if (REPOSITORY / "docs" / name).exists() else REPOSITORY
+        for path, anchor in re.findall(r"\]\((?!https?:)([^)#\s]*)#?([^)\s]*)\)", text):
+            target = home / path if path else home / name
+            assert target.exists(), f"{name}: {path}"
+            titles = re.findall("^#+ (.*)", target.read_text(), re.M) if anchor else []
+            assert not anchor or anchor in [re.sub(r"[^\w -]", "", title).lower().replace(" ", "-")
+                                            for title in titles], f"{name}: {path}#{anchor}"
+
+
+def tree(*folders):
+    paths = [path for folder in folders for path in (REPOSITORY / folder).rglob("*")
+             if not {"corpus", "__pycache__"} & set(path.parts)]
+    for path in [*paths, *(REPOSITORY / name for name in ("CMakeLists.txt", "CMakePresets.json"))]:
+        if path.is_file() and path.suffix != ".md":
+            yield f"{path} {path.read_text(errors='replace')}"
+
+
+def test_names_exist():
+    words = {word for text in tree(*FOLDERS) for word in re.findall(r"\w+", text)} | FOREIGN
+    unknown = [f"{name}: {span}" for name, span in spans()
+               if set(re.findall(r"\b[A-Za-z_]\w{2,}", span.replace("-D", ""))) - words]
+    for name, text in DOCUMENTS.items():
+        unknown += [f"{name}: {path}" for path in
+                    re.findall(r"(?<![\w/*.])([a-z]+(?:/[\w.*-]*[a-z0-9*])+)", text)
+                    if path.split("/")[0] in FOLDERS and not [*REPOSITORY.glob(path + "*")]]
+        for script, options in re.findall(r"(scripts/[a-z-]+)(?![\w/])([^`\n#]*)", text):
+            usage = (REPOSITORY / script).read_text()
+            unknown += [f"{name}: {script} {option}" for option in
+                        re.findall(r"--[a-z-]+", options) if option not in usage]
+    assert not unknown
+
+
+def test_texts_of_the_log_are_those_of_the_sources():
+    sources = "".join(tree("src", "common", "utility", "platform", "gateway"))
+    sources = re.sub(r'"\s*"', "", sources).replace(r'\"', '"')
+    log = DOCUMENTS["operating.md"].partition("## The log")[2]
+    texts = [text for table in re.findall(r"^\| Text .*\n((?:\|.*\n)*)", log, re.M)
+             for row in table.splitlines() for text in re.findall("`([^`]+)`", row.split(" | ")[0])]
+    assert len(texts) > 100
+    assert not [text for text in texts
+                if not all(part in sources for part in text.split("…"))]

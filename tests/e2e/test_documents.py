@@ -53,9 +53,9 @@ def run(*command):
 
 
 @pytest.fixture(scope="module")
-def ways_in(tmp_path_factory):
+def ways_in(workspace):
     """The ssh commands that scripts/demo --stay prints: through the tunnel, and beside it."""
-    path = tmp_path_factory.mktemp("demo") / "output"
+    path = workspace / "demo"
     with open(path, "wb") as output, subprocess.Popen(
             ["setpriv", "--pdeathsig", "TERM", REPOSITORY / "scripts/demo", "--stay"],
             stdin=subprocess.DEVNULL, stdout=output, stderr=output,

@@ -5,7 +5,7 @@ import subprocess
 import pytest
 
 from harness.cloud import VERIFY, BackEnd
-from harness.sandbox import PASSWORD, PID_FILE, PROGRAM
+from harness.sandbox import COMMAND, PASSWORD, PID_FILE
 
 LONG_NAME, LONG_PASSWORD = "u" * 255, "p" * 255
 OK = (0, "verify account ok", "null")
@@ -80,7 +80,7 @@ def test_closed_standard_descriptors_are_not_reused(launch, files):
     """Started without descriptors 0 to 2, it must not print into its PID file or a session."""
     back_end = BackEnd()
     gateway = launch(closed={"cloud": back_end.port, "files": files, "command": [
-        "/bin/sh", "-c", f"exec {PROGRAM} <&- >&- 2>&-"]})["closed"]
+        "/bin/sh", "-c", f"exec {' '.join(COMMAND)} <&- >&- 2>&-"]})["closed"]
     answer = back_end.channel().request(VERIFY, b'{"username":"sha512","password":"no"}').answer
     assert answer == FAILED
     assert (gateway.root / PID_FILE).read_bytes() == b"2\0"

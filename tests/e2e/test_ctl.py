@@ -9,7 +9,7 @@ import pytest
 
 from harness.local import LocalService
 from harness.network import FILTERED_ADDRESS, free_port
-from harness.sandbox import CA_FILE, CONFIG_DIR, INSTALLED, MANAGER
+from harness.sandbox import CA_FILE, CONFIG_DIR, EMULATOR, INSTALLED, MANAGER
 from harness.tls import HOST
 
 SERVICE = LocalService()
@@ -21,7 +21,7 @@ def ctl(gateway, *arguments):
     """(status, output) of the tool inside the gateway's sandbox."""
     done = subprocess.run(
         ["nsenter", "--target", str(gateway.daemon.pid), "--mount", "--pid", "--root", "--wd",
-         f"/{INSTALLED}/bin/remote-access-ctl", *arguments],
+         *EMULATOR, f"/{INSTALLED}/bin/remote-access-ctl", *arguments],
         capture_output=True, text=True, check=False, timeout=60)
     return done.returncode, done.stdout + done.stderr
 

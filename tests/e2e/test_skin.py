@@ -10,7 +10,7 @@ from harness.cloud import NEW_SESSION, RELEASE, RESPONSE, VERIFY, BackEnd, new_s
 from harness.footprint import INSTRUMENTED, footprint
 from harness.modules import BRIDGE
 from harness.private_bus import Peer
-from harness.sandbox import CONFIG_DIR, NAME, PROGRAM
+from harness.sandbox import COMMAND, CONFIG_DIR, NAME
 from harness.waiting import poll, run
 
 # The limit, descriptors that are taken before the start, how many sessions fit, and the answer to
@@ -25,7 +25,7 @@ FORGED = "x\n2026-01-01T00:00:00.000Z I remote_access_daemon src/f.cpp:1 f: forg
 
 def shell(script):
     """The daemon, started behind a script."""
-    return {"command": ("/bin/bash", "-c", f"{script}; exec {PROGRAM}")}
+    return {"command": ("/bin/bash", "-c", f"{script}; exec {' '.join(COMMAND)}")}
 
 
 def take(count):

@@ -21,6 +21,10 @@ INSTALLED = "brimlock/gateway/build"
 CONFIG_DIR, PID_FILE = f"{INSTALLED}/config", "tmp/brimlock/remote_terminal.pid"
 CA_FILE, SOCKET = f"{CONFIG_DIR}/ca.pem", "tmp/var/run/mbusd/mbusd_socket"
 PROGRAM = f"/{INSTALLED}/bin/remote_access_daemon"
+# An emulator for another machine's programs, with its arguments; the last is the folder that has the
+# libraries.
+EMULATOR = tuple(os.environ.get("RA_EMULATOR", "").split())
+COMMAND = (*EMULATOR, PROGRAM)
 NAME, MANAGER = "iot.gateway.remote_access_daemon", "iot.gateway.config_manager"
 SECRET = "kXw81-device-secret-of-the-tests"
 PASSWORD = "correct horse"  # of accounts
@@ -119,7 +123,7 @@ class Process:
         def daemon():
             try:
                 pid = int(self._children.read_text().split()[0])
-                return os.readlink(f"/proc/{pid}/exe") == PROGRAM and pid
+                return os.readlink(f"/proc/{pid}/exe") == COMMAND[0] and pid
             except (OSError, IndexError):
                 return self.status is not None and -1
         self.pid = poll(daemon, 10, "the daemon's process")
@@ -156,7 +160,7 @@ class Gateway:
     """
 
     def __init__(self, directory, name, cloud=1, config=(), files=(), bus=True, manager=True,
-                 watched=False, command=(PROGRAM,), mounts=(), prepare=None, ends=(),
+                 watched=False, command=COMMAND, mounts=(), prepare=None, ends=(),
                  strays="(?!)"):
         self.name, self.root, self.command = name, directory / name, command
         self._mounts = mounts
@@ -190,7 +194,8 @@ class Gateway:
                 "--ro-bind", f"{self.root}/etc", "/etc", "--bind", f"{self.root}/tmp", "/tmp",
                 "--bind", f"{self.root}/brimlock", "/brimlock", "--ro-bind", BIN,
                 f"/{INSTALLED}/bin", "--clearenv", "--setenv", "ASAN_OPTIONS",
-                "quarantine_size_mb=1", *self._mounts]
+                "quarantine_size_mb=1", *(("--ro-bind", *EMULATOR[-1:] * 2) if EMULATOR else ()),
+                *self._mounts]
 
     def spawn_beside(self, name, *command):
         """Run a program until stop(); its output is log_beside(name)."""

@@ -45,3 +45,14 @@ PACKAGES_PACKAGE=(
 PACKAGES_FAULTS=(
     iproute2 nftables dnsmasq-base libfaketime
 )
+
+# To build for another architecture, besides those to build and its compiler.
+PACKAGES_CROSS=(
+    qemu-user-static dpkg-dev binutils
+)
+
+# Of that architecture, to link with and to run with: unpacked apart from the host's packages.
+PACKAGES_SYSROOT=(
+    libc6-dev libssl-dev libdbus-1-dev libcjson-dev libcrypt-dev libsdbus-c++-dev libmosquitto-dev
+    libgtest-dev libgmock-dev
+)

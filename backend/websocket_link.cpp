@@ -1,5 +1,7 @@
 #include "backend/websocket_link.h"
 
+#include "backend/tls_stream.h"
+
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -10,9 +12,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/field.hpp>
-#include <boost/beast/ssl/ssl_stream.hpp>
 #include <boost/beast/websocket.hpp>
-#include <boost/beast/websocket/ssl.hpp>
 #include <netinet/tcp.h>
 #include <openssl/crypto.h>
 #include <openssl/ssl.h>
@@ -27,7 +27,6 @@ namespace websocket = beast::websocket;
 using boost::system::error_code;
 using tcp = asio::ip::tcp;
 using PLAIN_STREAM = tcp::socket;
-using TLS_STREAM = beast::ssl_stream<tcp::socket>;
 
 constexpr auto CLOSE_TIME = std::chrono::seconds(1);
 
@@ -107,7 +106,6 @@ public:
     {
         if constexpr (std::is_same_v<NEXT, TLS_STREAM>) {
             stream_.next_layer().async_handshake(
-                asio::ssl::stream_base::server,
                 [self = this->shared_from_this()](const error_code &error) {
                     if (error)
                         self->accepted(error);
@@ -201,7 +199,8 @@ std::shared_ptr<WEBSOCKET_LINK> makeWebsocketLink(tcp::socket socket,
                                                   LINK_EVENTS_T events)
 {
     if (!tls) return std::make_shared<LINK<PLAIN_STREAM>>(std::move(events), std::move(socket));
-    return std::make_shared<LINK<TLS_STREAM>>(std::move(events), std::move(socket), tls->context);
+    return std::make_shared<LINK<TLS_STREAM>>(std::move(events), std::move(socket),
+                                              tls->context.native_handle());
 }
 
 } // namespace backend

@@ -1,0 +1,228 @@
+#include "backend/tls_stream.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include <boost/asio/error.hpp>
+#include <boost/asio/ssl/error.hpp>
+#include <openssl/bio.h>
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <sys/socket.h>
+
+namespace backend {
+
+namespace asio = boost::asio;
+
+constexpr std::size_t RECORD_MAX = SSL3_RT_MAX_PLAIN_LENGTH;
+
+// How the library reaches the connection.
+struct WIRE_METHOD_T {
+    BIO_METHOD *method = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "wire");
+    WIRE_METHOD_T()
+    {
+        if (method == nullptr || BIO_meth_set_read(method, TLS_STREAM::onRead) != 1 ||
+            BIO_meth_set_write(method, TLS_STREAM::onWrite) != 1 ||
+            BIO_meth_set_ctrl(method, TLS_STREAM::onControl) != 1)
+            throw std::bad_alloc();
+    }
+    WIRE_METHOD_T(const WIRE_METHOD_T &) = delete;
+    WIRE_METHOD_T &operator=(const WIRE_METHOD_T &) = delete;
+    ~WIRE_METHOD_T()
+    {
+        BIO_meth_free(method);
+    }
+};
+
+TLS_STREAM::TLS_STREAM(next_layer_type socket, ssl_ctx_st *context)
+    : socket_(std::move(socket)), ssl_(SSL_new(context)),
+      in_(std::make_unique_for_overwrite<std::uint8_t[]>(READ_SIZE))
+{
+    static const WIRE_METHOD_T WIRE;
+    BIO *bio = BIO_new(WIRE.method);
+    if (ssl_ == nullptr || bio == nullptr) {
+        BIO_free(bio);
+        SSL_free(ssl_);
+        throw std::bad_alloc();
+    }
+    BIO_set_data(bio, this);
+    BIO_set_init(bio, 1);
+    SSL_set_bio(ssl_, bio, bio);
+    SSL_set_options(ssl_, SSL_OP_NO_RENEGOTIATION);
+    SSL_set_accept_state(ssl_);
+}
+
+TLS_STREAM::~TLS_STREAM()
+{
+    SSL_free(ssl_);
+}
+
+// ---- what the library calls
+
+// Fills in_, which is empty; as recv.
+int TLS_STREAM::receive()
+{
+    if (is_drained_ || !may_receive_) {
+        errno = EAGAIN;
+        return -1;
+    }
+    may_receive_ = false;
+    const ssize_t count = recv(socket_.native_handle(), in_.get(), READ_SIZE, MSG_DONTWAIT);
+    is_drained_ = count < static_cast<ssize_t>(READ_SIZE);
+    in_start_ = 0;
+    in_end_ = static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+    return static_cast<int>(count);
+}
+
+int TLS_STREAM::onRead(BIO *bio, char *bytes, int size)
+{
+    TLS_STREAM &stream = *static_cast<TLS_STREAM *>(BIO_get_data(bio));
+    BIO_clear_retry_flags(bio);
+    if (stream.in_start_ == stream.in_end_) {
+        const int count = stream.receive();
+        if (count < 0 && (errno == EAGAIN || errno == EINTR))
+            BIO_set_retry_read(bio);
+        else if (count < 0)
+            stream.fault_.assign(errno, asio::error::get_system_category());
+        else if (count == 0)
+            stream.fault_ = asio::ssl::error::stream_truncated;
+        if (count <= 0) return count;
+    }
+    const std::size_t count =
+        std::min(static_cast<std::size_t>(size), stream.in_end_ - stream.in_start_);
+    memcpy(bytes, stream.in_.get() + stream.in_start_, count);
+    stream.in_start_ += count;
+    return static_cast<int>(count);
+}
+
+int TLS_STREAM::onWrite(BIO *bio, const char *bytes, int size)
+{
+    TLS_STREAM &stream = *static_cast<TLS_STREAM *>(BIO_get_data(bio));
+    BIO_clear_retry_flags(bio);
+    if (stream.out_.size() + static_cast<std::size_t>(size) > OUT_MAX) {
+        stream.fault_ = asio::error::no_buffer_space;
+        return -1;
+    }
+    const auto *first =
+        reinterpret_cast<const std::uint8_t *>(bytes); // its own type: copied as one
+    stream.out_.insert(stream.out_.end(), first, first + size);
+    return size;
+}
+
+long TLS_STREAM::onControl(BIO *, int command, long, void *)
+{
+    return command == BIO_CTRL_FLUSH ? 1 : 0;
+}
+
+// ---- steps
+
+// Of a call of the library that returned `result`.
+TLS_STREAM::RESULT_T TLS_STREAM::failure(int result)
+{
+    const int kind = SSL_get_error(ssl_, result);
+    if (kind == SSL_ERROR_WANT_READ && !fault_) return {WAIT::READABLE, {}, 0};
+    if (kind == SSL_ERROR_ZERO_RETURN && !fault_) fault_ = asio::error::eof;
+    if (!fault_ && kind == SSL_ERROR_SSL)
+        fault_.assign(static_cast<int>(ERR_get_error()), asio::error::get_ssl_category());
+    if (!fault_) fault_ = asio::error::connection_aborted;
+    return {WAIT::NONE, fault_, 0};
+}
+
+TLS_STREAM::RESULT_T TLS_STREAM::send(std::size_t count)
+{
+    if (fault_ && count == 0) return {WAIT::NONE, fault_, 0};
+    while (sent_ < out_.size()) {
+        const ssize_t left = ::send(socket_.native_handle(), out_.data() + sent_,
+                                    out_.size() - sent_, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (left < 0 && errno == EINTR) continue;
+        if (left < 0 && errno == EAGAIN) return {WAIT::WRITABLE, {}, 0};
+        if (left < 0) return {WAIT::NONE, {errno, asio::error::get_system_category()}, 0};
+        sent_ += static_cast<std::size_t>(left);
+    }
+    out_.clear(); // keeps its storage for the next write
+    sent_ = 0;
+    return {WAIT::NONE, {}, count};
+}
+
+TLS_STREAM::RESULT_T TLS_STREAM::handshake()
+{
+    if (fault_) return {WAIT::NONE, fault_, 0};
+    ERR_clear_error();
+    const int result = SSL_accept(ssl_);
+    const RESULT_T state = result == 1 ? RESULT_T{} : failure(result);
+    const RESULT_T sending = send(1); // an alert that tells the peer what is wrong, too
+    const bool is_sent = sending.wait == WAIT::NONE && !sending.error;
+    return state.error || is_sent ? state : sending;
+}
+
+TLS_STREAM::RESULT_T TLS_STREAM::shutdown()
+{
+    if (fault_ && fault_ != asio::error::eof) return {WAIT::NONE, fault_, 0};
+    ERR_clear_error();
+    if ((SSL_get_shutdown(ssl_) & SSL_SENT_SHUTDOWN) == 0) (void)SSL_shutdown(ssl_);
+    return send(1);
+}
+
+TLS_STREAM::RESULT_T TLS_STREAM::readSome(std::span<const asio::mutable_buffer> buffers)
+{
+    if (fault_) return {WAIT::NONE, fault_, 0};
+    ERR_clear_error();
+    RESULT_T result;
+    for (asio::mutable_buffer rest : buffers) {
+        while (rest.size() > 0) {
+            std::size_t count = 0;
+            const int is_read = SSL_read_ex(ssl_, rest.data(), rest.size(), &count);
+            if (is_read != 1) {
+                const RESULT_T state = failure(is_read);
+                if (!out_.empty()) (void)send(1); // an alert; what is left goes with the next write
+                return result.count > 0 ? result : state;
+            }
+            rest += count;
+            result.count += count;
+        }
+    }
+    return result;
+}
+
+bool TLS_STREAM::encryptRecord(const void *bytes, std::size_t size)
+{
+    std::size_t count = 0;
+    const int is_written = SSL_write_ex(ssl_, bytes, size, &count);
+    if (is_written == 1) return true;
+    if (failure(is_written).wait != WAIT::NONE) fault_ = asio::error::connection_aborted;
+    return false;
+}
+
+// What is smaller than a record is put together with its neighbours. Returns how much was taken; 0
+// with a fault.
+std::size_t TLS_STREAM::encrypt(std::span<const asio::const_buffer> buffers)
+{
+    if (fault_ && fault_ != asio::error::eof) return 0;
+    ERR_clear_error();
+    std::array<std::uint8_t, RECORD_MAX> joined;
+    std::size_t used = 0;
+    std::size_t taken = 0;
+    for (asio::const_buffer rest : buffers) {
+        rest = asio::buffer(rest, WRITE_MAX - taken);
+        taken += rest.size();
+        while (rest.size() > 0) {
+            const bool is_whole = used == 0 && rest.size() >= RECORD_MAX;
+            const std::size_t count = std::min(rest.size(), RECORD_MAX - used);
+            if (!is_whole) memcpy(joined.data() + used, rest.data(), count);
+            used += count;
+            if (used == RECORD_MAX) {
+                if (!encryptRecord(is_whole ? rest.data() : joined.data(), RECORD_MAX)) return 0;
+                used = 0;
+            }
+            rest += count;
+        }
+    }
+    const bool is_done = used == 0 || encryptRecord(joined.data(), used);
+    OPENSSL_cleanse(joined.data(), used); // all of a message that carries a password
+    return is_done ? taken : 0;
+}
+
+} // namespace backend

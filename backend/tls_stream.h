@@ -1,0 +1,193 @@
+// The server's side of TLS over one TCP connection, as the stream under a WebSocket: a receive takes
+// whatever the kernel holds, up to READ_SIZE, and a write leaves with one send, however many records
+// it takes.
+// Ownership  the stream owns its socket. An operation borrows the stream, and a read its buffers,
+//            until the handler is called; a write is done with its buffers at once.
+// Threads    the thread of the io_context. At most one read and one write at a time.
+// Limits     READ_SIZE bytes that are not decrypted yet, OUT_MAX bytes that are not sent yet: a peer
+//            that makes the library answer without end, and reads none of it, is cut off. No
+//            renegotiation.
+// Failure    error codes; eof after the peer's close_notify, ssl::error::stream_truncated when the
+//            connection ends without it. After a fault of TLS every operation fails with it.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/compose.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/beast/core/role.hpp>
+
+struct bio_st;
+struct ssl_ctx_st;
+struct ssl_st;
+
+namespace backend {
+
+class TLS_STREAM {
+public:
+    static constexpr std::size_t READ_SIZE = std::size_t{128} * 1024;
+    static constexpr std::size_t WRITE_MAX = std::size_t{128} * 1024; // taken from one write
+    static constexpr std::size_t OUT_MAX = std::size_t{256} * 1024;
+    static constexpr std::size_t PIECES_MAX = 16; // of a buffer sequence
+
+    using next_layer_type = boost::asio::ip::tcp::socket;
+    using executor_type = next_layer_type::executor_type;
+    using ERROR = boost::system::error_code;
+
+    TLS_STREAM(next_layer_type socket, ssl_ctx_st *context); // throws when out of memory
+    TLS_STREAM(const TLS_STREAM &) = delete;
+    TLS_STREAM &operator=(const TLS_STREAM &) = delete;
+    ~TLS_STREAM();
+
+    executor_type get_executor()
+    {
+        return socket_.get_executor();
+    }
+    next_layer_type &next_layer()
+    {
+        return socket_;
+    }
+    const next_layer_type &next_layer() const
+    {
+        return socket_;
+    }
+
+    // The handler takes an error.
+    template <class HANDLER> auto async_handshake(HANDLER &&handler)
+    {
+        return start<void(ERROR)>([](TLS_STREAM &stream) { return stream.handshake(); }, handler);
+    }
+
+    // Says that nothing more comes (close_notify); does not wait for the peer to say it.
+    template <class HANDLER> auto async_shutdown(HANDLER &&handler)
+    {
+        return start<void(ERROR)>([](TLS_STREAM &stream) { return stream.shutdown(); }, handler);
+    }
+
+    // Fills the buffers as far as whole records are there.
+    template <class BUFFERS, class HANDLER>
+    auto async_read_some(const BUFFERS &buffers, HANDLER &&handler)
+    {
+        return start<void(ERROR, std::size_t)>(
+            [pieces = PIECES_T<boost::asio::mutable_buffer>(buffers)](TLS_STREAM &stream) {
+                return stream.readSome(pieces.used());
+            },
+            handler);
+    }
+
+    // Takes the whole sequence, up to WRITE_MAX, and is done when the kernel has all of it.
+    template <class BUFFERS, class HANDLER>
+    auto async_write_some(const BUFFERS &buffers, HANDLER &&handler)
+    {
+        const std::size_t taken = encrypt(PIECES_T<boost::asio::const_buffer>(buffers).used());
+        return start<void(ERROR, std::size_t)>(
+            [taken](TLS_STREAM &stream) { return stream.send(taken); }, handler);
+    }
+
+private:
+    enum class WAIT { NONE, READABLE, WRITABLE };
+
+    struct RESULT_T {
+        WAIT wait = WAIT::NONE; // what has to come before the step is tried again
+        ERROR error;
+        std::size_t count = 0;
+    };
+
+    template <class BUFFER> struct PIECES_T {
+        template <class BUFFERS> explicit PIECES_T(const BUFFERS &buffers)
+        {
+            const auto end = boost::asio::buffer_sequence_end(buffers);
+            for (auto it = boost::asio::buffer_sequence_begin(buffers);
+                 it != end && count < PIECES_MAX; ++it)
+                pieces[count++] = BUFFER(*it);
+        }
+        std::span<const BUFFER> used() const
+        {
+            return {pieces.data(), count};
+        }
+        std::array<BUFFER, PIECES_MAX> pieces;
+        std::size_t count = 0;
+    };
+
+    // Tries its step until that need not wait. A handler never runs within the call that starts it.
+    template <class STEP, class SIGNATURE> struct OPERATION_T {
+        template <class SELF> void operator()(SELF &self, const ERROR &waited = {})
+        {
+            TLS_STREAM &on = stream;
+            if (!is_done) {
+                on.may_receive_ = true;
+                result = waited ? RESULT_T{WAIT::NONE, waited, 0} : step(on);
+                if (result.wait != WAIT::NONE) {
+                    has_waited = true;
+                    if (result.wait == WAIT::READABLE) on.is_drained_ = false;
+                    return on.socket_.async_wait(result.wait == WAIT::READABLE
+                                                     ? next_layer_type::wait_read
+                                                     : next_layer_type::wait_write,
+                                                 std::move(self));
+                }
+                is_done = true;
+                if (!has_waited) return boost::asio::post(on.get_executor(), std::move(self));
+            }
+            if constexpr (std::is_same_v<SIGNATURE, void(ERROR)>)
+                self.complete(result.error);
+            else
+                self.complete(result.error, result.count);
+        }
+
+        TLS_STREAM &stream;
+        STEP step;
+        RESULT_T result{};
+        bool has_waited = false;
+        bool is_done = false;
+    };
+
+    template <class SIGNATURE, class STEP, class HANDLER> auto start(STEP step, HANDLER &handler)
+    {
+        return boost::asio::async_compose<HANDLER, SIGNATURE>(
+            OPERATION_T<STEP, SIGNATURE>{*this, std::move(step)}, handler, socket_);
+    }
+
+    // None of them blocks.
+    RESULT_T handshake();
+    RESULT_T shutdown();
+    RESULT_T readSome(std::span<const boost::asio::mutable_buffer> buffers);
+    std::size_t encrypt(std::span<const boost::asio::const_buffer> buffers);
+    bool encryptRecord(const void *bytes, std::size_t size);
+    RESULT_T send(std::size_t count);
+    RESULT_T failure(int result);
+    int receive();
+
+    static int onRead(bio_st *bio, char *bytes, int size);
+    static int onWrite(bio_st *bio, const char *bytes, int size);
+    static long onControl(bio_st *bio, int command, long number, void *pointer);
+    friend struct WIRE_METHOD_T;
+
+    next_layer_type socket_;
+    ssl_st *ssl_; // owned
+    std::unique_ptr<std::uint8_t[]> in_;
+    std::size_t in_start_ = 0; // of what is not decrypted yet
+    std::size_t in_end_ = 0;
+    bool is_drained_ = false;  // the kernel held less than there was room for
+    bool may_receive_ = false; // once in a step: what a peer sends without end leaves others a turn
+    std::vector<std::uint8_t> out_;
+    std::size_t sent_ = 0; // of out_
+    ERROR fault_;          // what every further operation fails with
+};
+
+// What the WebSocket calls when it has said goodbye.
+template <class HANDLER>
+void async_teardown(boost::beast::role_type, TLS_STREAM &stream, HANDLER &&handler)
+{
+    stream.async_shutdown(std::forward<HANDLER>(handler));
+}
+
+} // namespace backend

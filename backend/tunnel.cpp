@@ -26,6 +26,7 @@ SESSION_T::SESSION_T(CLIENT_T from, DEVICE_CHANNEL_T &on, SERVICE_T wanted)
     error_code
         ignored; // a client that is gone already shows in the first read; Unix sockets have none
     client.set_option(tcp::no_delay(true), ignored);
+    client.non_blocking(true, ignored);
 }
 
 static std::size_t bufferedBytes(const SESSION_T &session)
@@ -185,10 +186,24 @@ static void writeClient(const SESSION_PTR &session)
                                      });
 }
 
+// What the client takes at once need not be kept. False when the session has ended of it.
+static bool writeAtOnce(const SESSION_PTR &session, std::span<const std::uint8_t> &bytes)
+{
+    if (session->write_active || bufferedBytes(*session) > 0) return true;
+    error_code error;
+    const std::size_t count =
+        session->client.write_some(asio::buffer(bytes.data(), bytes.size()), error);
+    bytes = bytes.subspan(count);
+    if (!error || error == asio::error::would_block) return true;
+    endSession(session, "the client's connection is lost", false);
+    return false;
+}
+
 void passToClient(const SESSION_PTR &session, std::span<const std::uint8_t> bytes)
 {
     if (bytes.empty()) return;
     session->bytes_up += bytes.size();
+    if (!writeAtOnce(session, bytes)) return;
     session->filling.insert(session->filling.end(), bytes.begin(), bytes.end());
     if (!session->is_full && bufferedBytes(*session) >= session->limits.session_buffer) {
         noteSessionFull(*session, true);
@@ -213,6 +228,7 @@ static void clientEnded(const SESSION_PTR &session)
 static void clientRead(const SESSION_PTR &session, const error_code &error, std::size_t count)
 {
     session->read_active = false;
+    session->is_flowing = count == DATA_MAX;
     if (session->state == SESSION_STATE::CLOSED) return;
     if (error == asio::error::eof) return clientEnded(session);
     if (error) return endSession(session, "the client's connection is lost", false);
@@ -235,6 +251,12 @@ void readClient(const SESSION_PTR &session)
         return waitForDataRoom(*session->channel, session);
     if (!session->message) session->message = takeDataMessage(session->channel);
     session->read_active = true;
+    if (is_open && session->is_flowing) {
+        error_code error;
+        const std::size_t count = session->client.read_some(
+            asio::buffer(session->message->payload.data(), DATA_MAX), error);
+        if (error != asio::error::would_block) return clientRead(session, error, count);
+    }
     session->client.async_read_some(asio::buffer(session->message->payload.data(), DATA_MAX),
                                     [session](const error_code &error, std::size_t count) {
                                         clientRead(session, error, count);

@@ -80,6 +80,7 @@ struct SESSION_T {
 
     OUT_MESSAGE_PTR message; // the storage that the next client bytes are read into
     bool read_active = false;
+    bool is_flowing = false; // the last read filled its message: more is there, probably
     bool client_ended = false;
 
     std::time_t asked_at = 0;

@@ -41,6 +41,11 @@ TEST(ProtocolMessage, BadOnesAreNamed)
 {
     const std::string end = "\r\n\r\n";
     const std::string long_id(64, 'a');
+    const auto usual = [&](const std::string &type, const std::string &len,
+                           const std::string &rest) {
+        return "{\"msg_type\": " + type + ",\"payload_len\": " + len + ",\"msg_id\": \"m\"," +
+               "\"timestamp\":1,\"token\":\"" + rest + end;
+    };
     const struct {
         std::string text;
         const char *fault;
@@ -66,6 +71,14 @@ TEST(ProtocolMessage, BadOnesAreNamed)
         {"{\"msg_type\":5,\"payload_len\":0,\"msg_id\":\"a}\"}" + end, "msg_id"},
         {"{\"msg_type\":1,\"payload_len\":0,\"timestamp\":\"1\"}" + end, "timestamp"},
         {"{\"msg_type\":1,\"payload_len\":0,\"msg_id\":\"\xff\"}" + end, "no JSON object"},
+        {usual("021", "0", "t\"}"), "no JSON object"},
+        {usual("21", "", "t\"}"), "no JSON object"},
+        {usual("21", "1", "t\"}"), "differs"},
+        {usual("9223372036854775808", "0", "t\"}"), "msg_type"},
+        {usual("21", "0", "t\"}x"), "no JSON object"},
+        {usual("21", "0", "t"), "no JSON object"},
+        {usual("21", "0", "{\"}"), "token"},
+        {usual("21", "0", long_id + "\"}"), "token"},
     };
     for (const auto &row : rows) {
         MESSAGE_T message;

@@ -4,6 +4,39 @@
 
 #include "platform/logger/logger.h"
 
+// Null where the logger has no such functions.
+extern "C" {
+__attribute__((weak)) void log_gather(int on);
+__attribute__((weak)) int log_gathered(void);
+__attribute__((weak)) void log_flush(void);
+}
+
+// Lines of this thread wait to be written together while it lives. For lines of single data messages
+// alone: whoever gathers calls flushLogLines before each wait.
+class GatheredLogLines {
+public:
+    explicit GatheredLogLines(bool on = true) noexcept
+    {
+        if (on && log_gather != nullptr) log_gather(1);
+    }
+    ~GatheredLogLines()
+    {
+        if (log_gather != nullptr) log_gather(0);
+    }
+    GatheredLogLines(const GatheredLogLines &) = delete;
+    GatheredLogLines &operator=(const GatheredLogLines &) = delete;
+};
+
+inline bool haveLogLinesGathered() noexcept
+{
+    return log_gathered != nullptr && log_gathered() > 0;
+}
+
+inline void flushLogLines() noexcept
+{
+    if (log_flush != nullptr) log_flush();
+}
+
 #define RA_LOG(level, ...)                                                                         \
     log_print(level, "color", "tag", __FILE__, __func__, __LINE__, __VA_ARGS__)
 #define RA_DEBUG(...) RA_LOG(LOG_LEVEL_DEBUG, __VA_ARGS__)

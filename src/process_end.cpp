@@ -1,5 +1,7 @@
 #include "src/process_end.h"
 
+#include "common/log.h"
+
 #include <cstdio>
 #include <unistd.h>
 
@@ -11,6 +13,7 @@ extern "C" __attribute__((weak)) void __lsan_do_leak_check();
 
 void terminateProcess(int status) noexcept
 {
+    flushLogLines();
     (void)std::fflush(stdout); // nobody is left to tell
     (void)std::fflush(stderr);
     if (__gcov_dump != nullptr) __gcov_dump();

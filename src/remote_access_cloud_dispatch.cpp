@@ -116,6 +116,7 @@ void processMessage(REMOTE_PROXY_T *proxy)
     DATA_BUFFER_T &buffer = proxy->recv_buffer;
     PROXY_HEADER_T header{};
     if (getRemoteAccessProtocolHeader(&buffer, &header) != 0) return;
+    const GatheredLogLines gathered{header.msg_type == MSG_TYPE_DATA_DOWN};
     RA_INFO_FOR(DISPATCH, "header len:%d", header.header_len);
     RA_INFO_FOR(DISPATCH, "header: %.*s", header.header_len, buffer.data);
     if (!stepToPayload(&buffer, header)) {

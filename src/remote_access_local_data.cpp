@@ -41,6 +41,7 @@ void sendDataUp(REMOTE_PROXY_T *proxy, const char *session_id, int length)
         return;
     }
     const std::int32_t total = getBufferDataLength(&buffer);
+    const GatheredLogLines gathered;
     RA_INFO_FOR(DATA_UP, "local service data to cloud header:%s", header.data());
     RA_INFO_FOR(DATA_UP, "local service data to cloud headlen:%d, payloadlen:%d, bufferLen:%d",
                 header_len, length, total);

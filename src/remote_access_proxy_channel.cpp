@@ -122,6 +122,7 @@ std::int64_t nowMilliseconds()
 // Attempts are 50 ms apart whatever the library itself has waited for room meanwhile.
 void sleepUntil(std::int64_t time_ms)
 {
+    flushLogLines();
     const std::int64_t left_ms = time_ms - nowMilliseconds();
     if (left_ms > 0) ::usleep(static_cast<useconds_t>(left_ms) * 1000);
 }

@@ -15,6 +15,7 @@
 namespace {
 
 constexpr time_t SELECT_TIMEOUT_S = 1;
+constexpr suseconds_t GATHERED_TIMEOUT_US = 10000;
 constexpr useconds_t FAILED_SELECT_PAUSE_US = 10000; // a failure that lasts must not spin
 
 void serveLocalServices(REMOTE_PROXY_T *proxy)
@@ -26,6 +27,14 @@ void serveLocalServices(REMOTE_PROXY_T *proxy)
                              active.sessions[i]); // releases at most the session it was given
         feedProxyWatchdog(); // a channel that does not drain costs seconds for each
     }
+}
+
+// While log lines are gathered the wait is short: a pause in the traffic is the time to write them.
+timeval selectTimeout(bool pending)
+{
+    if (pending) return {0, 0};
+    if (haveLogLinesGathered()) return {0, GATHERED_TIMEOUT_US};
+    return {SELECT_TIMEOUT_S, 0};
 }
 
 } // namespace
@@ -48,8 +57,9 @@ int proxyDataProc(REMOTE_PROXY_T *proxy)
     const int channel_fd = getCloudProxyChannelSocket(proxy->conn);
     // Bytes that the library has already taken from the socket: select would wait for others.
     const bool pending = hasCloudProxyChannelPendingInput(proxy->conn);
-    timeval timeout{pending ? 0 : SELECT_TIMEOUT_S, 0};
+    timeval timeout = selectTimeout(pending);
     const int ready = ::select(max_fd + 1, &proxy->read_fds, nullptr, nullptr, &timeout);
+    if (ready <= 0) flushLogLines();
     if (ready == 0 && !pending) return 0;
     if (ready < 0) {
         const int error = errno;

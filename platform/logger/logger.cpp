@@ -1,20 +1,20 @@
 #include "platform/logger/logger.h"
 #include "platform/logger/logger_internal.h"
 
+#include "platform/logger/log_output.h"
 #include "utility/handles.h"
 #include "utility/utf8.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <fcntl.h>
-#include <mutex>
-#include <poll.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -23,20 +23,18 @@ constexpr int FORMAT_TEXT_ALONE = 1;
 constexpr int LEVEL_NOTHING = LOG_LEVEL_ERROR + 1;
 constexpr char LEVEL_LETTERS[] = "DIWE";
 constexpr std::size_t MODULE_SIZE = 64;
-constexpr char LATEST_SECOND[] = "9999-12-31T23:59:59";
-constexpr std::size_t SECOND_LENGTH = sizeof LATEST_SECOND - 1;
-constexpr std::size_t TIME_LENGTH = SECOND_LENGTH + sizeof ".123Z " - 1;
+constexpr std::size_t FILE_MAX = 256;
+constexpr std::size_t FUNCTION_MAX = 128;
 constexpr std::size_t HEAD_SIZE = 512; // level, module, place
+static_assert(HEAD_SIZE > MODULE_SIZE + FILE_MAX + FUNCTION_MAX + sizeof "L  :2147483647 : ");
 // Formatting room. The C library formats what does not fit in steps of 64 bytes, 90 us for a
 // channel message of 50 KiB; with room for a whole one it takes 5.
 constexpr std::size_t TEXT_SIZE = std::size_t{56} * 1024;
-constexpr std::size_t TEXT_START = 1 + TIME_LENGTH; // behind a spare line end and the time
 constexpr std::size_t CONF_SIZE = 64;
-constexpr int ROOM_WAIT_MS = 50;
 
-// A line as it is put together. Everything but the time is filled without the lock.
+// A line as it is put together, the room for its time in front.
 struct LOG_LINE_T {
-    char bytes[TEXT_START + HEAD_SIZE + escaped_size(LOG_TEXT_MAX) + sizeof LOG_CUT_MARK];
+    char bytes[LINE_ROOM + HEAD_SIZE + escaped_size(LOG_TEXT_MAX) + sizeof LOG_CUT_MARK];
     std::size_t length;
 };
 
@@ -45,10 +43,7 @@ constinit std::atomic<int> g_min_level{LEVEL_NOTHING};
 constinit char g_module[MODULE_SIZE] = "";
 constinit bool g_text_alone = false;
 
-constinit std::mutex g_mutex; // keeps lines apart and guards what follows
-constinit std::time_t g_second = -1;
-constinit char g_second_text[SECOND_LENGTH + 1] = "";
-constinit bool g_line_torn = false; // only a part of the last line was taken
+constinit thread_local bool t_gathers = false;
 
 void put(LOG_LINE_T &line, std::string_view text)
 {
@@ -56,13 +51,23 @@ void put(LOG_LINE_T &line, std::string_view text)
     line.length += text.size();
 }
 
+// "L module file:number function: ". The C library's formatter would take half as long again as the
+// whole text of a line does.
 void put_head(LOG_LINE_T &line, int level, const char *file, const char *function, int number)
 {
     const char letter = LEVEL_LETTERS[std::clamp<int>(level, LOG_LEVEL_DEBUG, LOG_LEVEL_ERROR)];
-    const int length =
-        std::snprintf(line.bytes + line.length, HEAD_SIZE, "%c %s %.256s:%d %.128s: ", letter,
-                      g_module, file, number, function);
-    if (length > 0) line.length += static_cast<std::size_t>(length);
+    const char start[] = {letter, ' '};
+    char digits[12];
+    const char *const end = std::to_chars(std::begin(digits), std::end(digits), number).ptr;
+    put(line, {start, sizeof start});
+    put(line, g_module);
+    put(line, " ");
+    put(line, {file, ::strnlen(file, FILE_MAX)});
+    put(line, ":");
+    put(line, {digits, static_cast<std::size_t>(end - digits)});
+    put(line, " ");
+    put(line, {function, ::strnlen(function, FUNCTION_MAX)});
+    put(line, ": ");
 }
 
 __attribute__((format(printf, 2, 0))) void put_text(LOG_LINE_T &line, const char *format,
@@ -80,48 +85,6 @@ __attribute__((format(printf, 2, 0))) void put_text(LOG_LINE_T &line, const char
     if (cut) put(line, LOG_CUT_MARK);
 }
 
-void put_time(char *dst)
-{
-    timespec now{};
-    ::clock_gettime(CLOCK_REALTIME, &now);
-    if (now.tv_sec != g_second) {
-        std::tm utc{};
-        ::gmtime_r(&now.tv_sec, &utc);
-        if (std::strftime(g_second_text, sizeof g_second_text, "%Y-%m-%dT%H:%M:%S", &utc) !=
-            SECOND_LENGTH) {
-            std::memcpy(g_second_text, LATEST_SECOND, sizeof LATEST_SECOND);
-        }
-        g_second = now.tv_sec;
-    }
-    const auto ms = static_cast<int>(now.tv_nsec / 1'000'000);
-    const auto digit = [](int value) { return static_cast<char>('0' + value % 10); };
-    const char rest[] = {'.', digit(ms / 100), digit(ms / 10), digit(ms), 'Z', ' '};
-    std::memcpy(dst, g_second_text, SECOND_LENGTH);
-    std::memcpy(dst + SECOND_LENGTH, rest, sizeof rest);
-}
-
-// Standard error may have been made non-blocking by whoever shares it: wait a moment for room,
-// never for long.
-bool wait_for_room()
-{
-    pollfd room{STDERR_FILENO, POLLOUT, 0};
-    return ::poll(&room, 1, ROOM_WAIT_MS) == 1 && (room.revents & POLLOUT) != 0;
-}
-
-void write_line(std::string_view line)
-{
-    const std::size_t length = line.size();
-    while (!line.empty()) {
-        const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
-        if (written > 0) {
-            line.remove_prefix(static_cast<std::size_t>(written));
-        } else if (written == 0 || (errno != EINTR && (errno != EAGAIN || !wait_for_room()))) {
-            break;
-        }
-    }
-    if (line.size() < length) g_line_torn = !line.empty();
-}
-
 __attribute__((noinline, format(printf, 5, 0))) void print_line(int level, const char *file,
                                                                 const char *function, int number,
                                                                 const char *format,
@@ -129,20 +92,13 @@ __attribute__((noinline, format(printf, 5, 0))) void print_line(int level, const
 {
     const int saved_errno = errno;
     LOG_LINE_T line;
-    line.bytes[0] = '\n';
-    line.length = TEXT_START;
+    line.length = LINE_ROOM;
     if (!g_text_alone) put_head(line, level, file, function, number);
     errno = saved_errno; // the format may hold a %m
     put_text(line, format, arguments);
     put(line, "\n");
-    {
-        const std::lock_guard guard{g_mutex};
-        if (!g_text_alone) put_time(line.bytes + 1);
-        std::size_t start = g_text_alone ? TEXT_START : 1;
-        // What is left of a torn line ends before the next one begins.
-        if (g_line_torn) line.bytes[--start] = '\n';
-        write_line({line.bytes + start, line.length - start});
-    }
+    const bool may_wait = t_gathers && level < LOG_LEVEL_WARN;
+    output_line(line.bytes, line.length, {!g_text_alone, may_wait});
     errno = saved_errno;
 }
 
@@ -286,4 +242,21 @@ void log_print(int level, const char * /*color*/, const char * /*tag*/, const ch
     va_start(arguments, format);
     print_line(level, file, function, line, format, arguments);
     va_end(arguments);
+}
+
+void log_gather(int on)
+{
+    t_gathers = on != 0;
+}
+
+int log_gathered(void)
+{
+    return static_cast<int>(gathered_bytes());
+}
+
+void log_flush(void)
+{
+    const int saved_errno = errno;
+    flush_lines();
+    errno = saved_errno;
 }

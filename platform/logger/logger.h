@@ -9,6 +9,7 @@
 // Level    min_level of log_init, or "level=0" to "level=3" in LOGGER_CONF_PATH if that file exists
 //          when log_init runs; any other content of the file is reported in one warning line and
 //          ignored.
+// Writing  a line is written before its call returns, unless its thread gathers lines (log_gather).
 // Threads  every thread may log; lines never interleave. Not async-signal-safe.
 // Failure  none is reported: a line that standard error does not take is lost. errno is kept.
 // Cost     a call below the level costs a call and a compare; nothing is formatted.
@@ -32,6 +33,18 @@ void log_init(const char *module, int output, int min_level, int format);
 void log_print(int level, const char *color, const char *tag, const char *file,
                const char *function, int line, const char *format, ...)
     __attribute__((format(printf, 7, 8)));
+
+// For calls that come by the thousand: what follows makes one write of many lines. A logger without
+// it can take this one's place, so callers ask first whether it is there (common/log.h).
+//
+// From now on lines of the calling thread below LOG_LEVEL_WARN may wait (on != 0) or not (0). Those
+// that wait go out in their place before the next line that does not, of whichever thread; with one
+// that finds 32 KiB of them, or the first of them 200 ms old; and with log_flush, which belongs
+// before every wait of the thread and before the end of the process.
+void log_gather(int on);
+// Bytes that wait.
+int log_gathered(void);
+void log_flush(void);
 
 #ifdef __cplusplus
 }

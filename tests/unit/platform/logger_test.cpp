@@ -1,3 +1,4 @@
+#include "platform/logger/log_output.h"
 #include "platform/logger/logger.h"
 #include "platform/logger/logger_internal.h"
 #include "utility/handles.h"
@@ -5,6 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sstream>
@@ -197,6 +199,49 @@ TEST(Logger, LosesLinesInsteadOfHangingAndStartsAnewBehindATornOne)
     }
     EXPECT_TRUE(seen.ends_with("\nafter\n")) << seen.substr(seen.size() - 40);
     EXPECT_GT(seen.size(), 5 * 12'000U);
+}
+
+TEST(Logger, WritesGatheredLinesInTheirPlaceAndAtTheLatestWhenToldTo)
+{
+    std::string seen;
+    {
+        StderrPipe pipe;
+        const auto expect = [&](const char *lines) {
+            seen.clear();
+            pipe.drain(seen);
+            EXPECT_EQ(seen, lines);
+        };
+        log_gather(1);
+        LOG(1, "one");
+        LOG(1, "two");
+        EXPECT_EQ(log_gathered(), 8);
+        expect("");
+        LOG(2, "warning"); // takes the others along
+        expect("one\ntwo\nwarning\n");
+        LOG(1, "three");
+        std::thread{[] { LOG(1, "of another thread"); }}.join();
+        expect("three\nof another thread\n");
+        LOG(1, "four");
+        log_gather(0);
+        expect("");
+        log_flush();
+        expect("four\n");
+        EXPECT_EQ(log_gathered(), 0);
+
+        log_gather(1);
+        LOG(1, "old");
+        std::this_thread::sleep_for(std::chrono::milliseconds{GATHER_MS + 20});
+        LOG(1, "new");
+        expect("old\nnew\n");
+        const std::string text(1023, 'x');
+        for (std::size_t i = 0; i <= GATHER_SIZE / 1024; ++i)
+            LOG(1, "%s", text.c_str());
+        EXPECT_EQ(log_gathered(), 1024); // the rest was written when it was full
+        pipe.drain(seen = {});
+        EXPECT_EQ(seen.size(), GATHER_SIZE);
+        log_gather(0);
+        log_flush();
+    }
 }
 
 TEST(Logger, TakesItsLevelFromTheFile)

@@ -1,5 +1,6 @@
 #include "platform/nopoll/tls_link.h"
 
+#include "platform/nopoll/cipher_order.h"
 #include "platform/nopoll/net_connect.h"
 
 #include <algorithm>
@@ -170,6 +171,7 @@ bool prepareTls(TLS_LINK_T &link, const TLS_SETTINGS_T &settings, const char *se
         return fail(failure, "TLS cannot be set up: %s", tlsFault(wire));
     SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION);
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
+    orderCiphers(context);
     if (!loadFiles(context, settings, failure)) return false;
     link.ssl.reset(SSL_new(context));
     if (!link.ssl || !expectServer(link.ssl.get(), server_name) || !attachWire(link, wire))

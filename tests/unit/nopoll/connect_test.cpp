@@ -2,10 +2,12 @@
 // fails.
 #include "scripted_server.h"
 
+#include "platform/nopoll/cipher_order.h"
 #include "platform/nopoll/net_connect.h"
 #include "platform/nopoll/wire.h"
 
 #include <gmock/gmock.h>
+#include <openssl/crypto.h>
 #include <sys/socket.h>
 
 using testing::HasSubstr;
@@ -19,6 +21,7 @@ struct Identity : testing::Test {
         makeIdentity({.names = "IP:127.0.0.1,DNS:gw1.test.example,DNS:localhost"}, &authority);
     PEM_FILE_T ca = pemFile({&authority});
     std::string sni; // as the last server saw it
+    std::string cipher;
 
     // Opens a TLS channel to a server with this identity, which is expected to carry this name; ""
     // when it gets ready, else what was logged.
@@ -36,6 +39,7 @@ struct Identity : testing::Test {
         if (!ready) server.abandon();
         server.settle();
         sni = server.server_name;
+        cipher = server.cipher;
         return ready ? "" : client.log;
     }
 };
@@ -96,6 +100,30 @@ TEST_F(Identity, TellsTheServerNamesOverTls12OrLater)
     EXPECT_EQ(sni, ""); // an address is no server name
     EXPECT_THAT(visit(named, "127.0.0.1", optionsFor(ca.path.c_str()), TLS1_1_VERSION),
                 HasSubstr("TLS handshake failed: "));
+}
+
+// Run a second time with the AES instructions hidden from OpenSSL.
+TEST_F(Identity, AsksForTheCipherThatCostsThisProcessorLeast)
+{
+    const ws::AES_UNIT unit = ws::aesUnitOf(OPENSSL_info(OPENSSL_INFO_CPU_SETTINGS));
+    if (unit == ws::AES_UNIT::UNKNOWN) GTEST_SKIP() << "OpenSSL knows nothing of this processor";
+    const bool aes = unit == ws::AES_UNIT::THERE;
+    EXPECT_EQ(visit(named, "localhost", optionsFor(ca.path.c_str())), "");
+    EXPECT_EQ(cipher, aes ? "TLS_AES_128_GCM_SHA256" : "TLS_CHACHA20_POLY1305_SHA256");
+    EXPECT_EQ(visit(named, "localhost", optionsFor(ca.path.c_str()), TLS1_2_VERSION), "");
+    EXPECT_THAT(cipher, HasSubstr(aes ? "AES128-GCM-SHA256" : "CHACHA20-POLY1305"));
+    EXPECT_THAT(cipher, testing::StartsWith("ECDHE-"));
+}
+
+TEST(Connect, KnowsAesInstructionsByWhatOpensslSaysOfTheProcessor)
+{
+    EXPECT_EQ(ws::aesUnitOf("CPUINFO: OPENSSL_ia32cap=0xfffa3203078bffff:0x405fc6f1bf07ab"),
+              ws::AES_UNIT::THERE);
+    EXPECT_EQ(ws::aesUnitOf("OPENSSL_ia32cap=0xfdfa3201078bffff:0x0 env:~0x200000200000000"),
+              ws::AES_UNIT::MISSING);
+    EXPECT_EQ(ws::aesUnitOf("OPENSSL_armcap=0xbd"), ws::AES_UNIT::THERE);
+    EXPECT_EQ(ws::aesUnitOf("OPENSSL_armcap=0x1"), ws::AES_UNIT::MISSING);
+    EXPECT_EQ(ws::aesUnitOf("N/A"), ws::AES_UNIT::UNKNOWN);
 }
 
 TEST(Connect, SaysWhyThereIsNoConnection)

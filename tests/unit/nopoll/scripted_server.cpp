@@ -66,6 +66,7 @@ void ScriptedServer::serve(const Answer &answer)
         }
         const char *name = SSL_get_servername(ssl_.get(), TLSEXT_NAMETYPE_host_name);
         server_name = name ? name : "";
+        cipher = SSL_get_cipher_name(ssl_.get());
     }
     while (!request.ends_with("\r\n\r\n")) {
         const std::string byte = read(1);

@@ -42,6 +42,7 @@ public:
     std::string port;
     std::string request;     // of the client, once settled
     std::string server_name; // that it asked for in TLS
+    std::string cipher;      // the first of its wishes
 
 private:
     void serve(const Answer &answer);

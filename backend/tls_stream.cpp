@@ -166,24 +166,36 @@ TLS_STREAM::RESULT_T TLS_STREAM::shutdown()
     return send(1);
 }
 
+// Whole records into one buffer. What failed after some of them will fail the next time.
+TLS_STREAM::RESULT_T TLS_STREAM::decrypt(asio::mutable_buffer rest)
+{
+    RESULT_T result;
+    while (rest.size() > 0) {
+        std::size_t count = 0;
+        const int is_read = SSL_read_ex(ssl_, rest.data(), rest.size(), &count);
+        if (is_read != 1) {
+            const RESULT_T state = failure(is_read);
+            return result.count > 0 ? result : state;
+        }
+        rest += count;
+        result.count += count;
+    }
+    return result;
+}
+
 TLS_STREAM::RESULT_T TLS_STREAM::readSome(std::span<const asio::mutable_buffer> buffers)
 {
     if (fault_) return {WAIT::NONE, fault_, 0};
     ERR_clear_error();
     RESULT_T result;
-    for (asio::mutable_buffer rest : buffers) {
-        while (rest.size() > 0) {
-            std::size_t count = 0;
-            const int is_read = SSL_read_ex(ssl_, rest.data(), rest.size(), &count);
-            if (is_read != 1) {
-                const RESULT_T state = failure(is_read);
-                if (!out_.empty()) (void)send(1); // an alert; what is left goes with the next write
-                return result.count > 0 ? result : state;
-            }
-            rest += count;
-            result.count += count;
-        }
+    for (const asio::mutable_buffer &buffer : buffers) {
+        const RESULT_T state = decrypt(buffer);
+        if (state.count == 0 && result.count == 0) result = state;
+        result.count += state.count;
+        if (state.count < buffer.size()) break;
     }
+    if (result.count == 0 && !out_.empty())
+        (void)send(1); // an alert; what is left goes with the next write
     return result;
 }
 
@@ -211,13 +223,11 @@ std::size_t TLS_STREAM::encrypt(std::span<const asio::const_buffer> buffers)
         while (rest.size() > 0) {
             const bool is_whole = used == 0 && rest.size() >= RECORD_MAX;
             const std::size_t count = std::min(rest.size(), RECORD_MAX - used);
+            const void *record = is_whole ? rest.data() : joined.data();
             if (!is_whole) memcpy(joined.data() + used, rest.data(), count);
-            used += count;
-            if (used == RECORD_MAX) {
-                if (!encryptRecord(is_whole ? rest.data() : joined.data(), RECORD_MAX)) return 0;
-                used = 0;
-            }
+            used = (used + count) % RECORD_MAX;
             rest += count;
+            if (used == 0 && !encryptRecord(record, RECORD_MAX)) return 0;
         }
     }
     const bool is_done = used == 0 || encryptRecord(joined.data(), used);

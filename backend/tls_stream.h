@@ -159,6 +159,7 @@ private:
     // None of them blocks.
     RESULT_T handshake();
     RESULT_T shutdown();
+    RESULT_T decrypt(boost::asio::mutable_buffer rest);
     RESULT_T readSome(std::span<const boost::asio::mutable_buffer> buffers);
     std::size_t encrypt(std::span<const boost::asio::const_buffer> buffers);
     bool encryptRecord(const void *bytes, std::size_t size);

@@ -13,9 +13,9 @@ struct LIMITS_T {
     // More than the 2 MiB that an ssh or sftp session has under way at most, so that an operator who
     // stops his terminal stops nobody else.
     std::size_t session_buffer = std::size_t{4} * 1024 * 1024;
-    // Data bytes queued for a device above which no client is read. A message per session may come
-    // on top.
-    std::size_t data_queue = std::size_t{256} * 1024;
+    // Data bytes queued for a device above which no client is read: a keystroke waits behind them. A
+    // message per session may come on top.
+    std::size_t data_queue = std::size_t{64} * 1024;
     // Answers queued for a device (pongs, releases) above which it is taken for one that only
     // sends: it is dropped.
     std::size_t control_queue = std::size_t{256} * 1024;

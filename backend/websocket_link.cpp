@@ -79,7 +79,7 @@ static void setChannelOptions(tcp::socket &socket)
     set(IPPROTO_TCP, TCP_KEEPINTVL, 10);
     set(IPPROTO_TCP, TCP_KEEPCNT, 3);
     set(IPPROTO_TCP, TCP_USER_TIMEOUT, 60000);
-    set(IPPROTO_TCP, TCP_NOTSENT_LOWAT, 128 * 1024);
+    set(IPPROTO_TCP, TCP_NOTSENT_LOWAT, 64 * 1024);
 }
 
 template <class NEXT>

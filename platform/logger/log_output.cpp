@@ -18,8 +18,8 @@ constexpr int ROOM_WAIT_MS = 50;
 constinit std::mutex g_mutex; // keeps lines apart and guards what follows
 constinit std::time_t g_second = -1;
 constinit char g_second_text[SECOND_LENGTH + 1] = "";
-constinit bool g_line_torn = false;                // only a part of the last line was taken
-constinit char g_gathered[1 + GATHER_SIZE] = "\n"; // behind a spare line end
+constinit bool g_line_torn = false;              // only a part of the last line was taken
+constinit char g_gathered[1 + GATHER_SIZE] = {}; // behind room for a line end
 constinit std::atomic<std::size_t> g_gathered_length{0};
 constinit timespec g_gathering_since{};
 
@@ -82,7 +82,10 @@ bool gather(std::string_view line, const timespec &now)
     if (g_gathered_length.load(std::memory_order_relaxed) + line.size() > GATHER_SIZE)
         write_gathered();
     const std::size_t length = g_gathered_length.load(std::memory_order_relaxed);
-    if (length == 0) g_gathering_since = now;
+    if (length == 0) {
+        g_gathering_since = now;
+        g_gathered[0] = '\n';
+    }
     std::memcpy(g_gathered + 1 + length, line.data(), line.size());
     g_gathered_length.store(length + line.size(), std::memory_order_relaxed);
     return true;

@@ -27,9 +27,10 @@ constexpr std::size_t FILE_MAX = 256;
 constexpr std::size_t FUNCTION_MAX = 128;
 constexpr std::size_t HEAD_SIZE = 512; // level, module, place
 static_assert(HEAD_SIZE > MODULE_SIZE + FILE_MAX + FUNCTION_MAX + sizeof "L  :2147483647 : ");
-// Formatting room. The C library formats what does not fit in steps of 64 bytes, 90 us for a
-// channel message of 50 KiB; with room for a whole one it takes 5.
-constexpr std::size_t TEXT_SIZE = std::size_t{56} * 1024;
+// Formatting room: what is kept of a text, and what tells whether it was longer. It lies on the stack
+// of every thread that logs, so it is no larger, though the C library takes 90 us to measure the rest
+// of a text of 50 KiB.
+constexpr std::size_t TEXT_SIZE = LOG_TEXT_MAX + 64;
 constexpr std::size_t CONF_SIZE = 64;
 
 // A line as it is put together, the room for its time in front.

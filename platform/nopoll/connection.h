@@ -4,9 +4,9 @@
 //            The last byte of a data frame without FIN is held back and handed out in front of
 //            what follows: a sender may end a message with an empty frame, and the end must not
 //            reach the caller in a piece without bytes, which it would drop.
-// Sending    a frame is masked into `tx`, or for TLS into `frame` and from there through TLS
-//            into `tx`; no frame is put behind bytes that the socket has not taken. Of the
-//            PINGs that come in meanwhile the newest is answered.
+// Sending    a frame is masked into `tx`, or for TLS a record at a time into `frame` and from there
+//            through TLS into `tx`; no frame is put behind bytes that the socket has not taken. Of
+//            the PINGs that come in meanwhile the newest is answered.
 // Ending     the reason is logged and the record marked; the descriptor stays open until
 //            closeSocket.
 #pragma once
@@ -58,7 +58,7 @@ struct noPollConn {
     bool starved; // what is buffered is not enough for a step, and that has been tried
     noPollMsg message;
 
-    ws::BYTE_QUEUE_T frame;     // TLS: the frame in plain text
+    ws::BYTE_QUEUE_T frame;     // TLS: a record in plain text
     std::size_t payload_unsent; // of the data frame in tx
     bool pong_waiting;
     uint8_t pong[ws::MAX_CONTROL_PAYLOAD];

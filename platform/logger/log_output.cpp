@@ -93,8 +93,8 @@ bool gather(std::string_view line, const timespec &now)
 
 bool has_waited_enough(const timespec &now)
 {
-    const long waited_ms = (now.tv_sec - g_gathering_since.tv_sec) * 1000 +
-                           (now.tv_nsec - g_gathering_since.tv_nsec) / 1'000'000;
+    const std::time_t waited_ms = (now.tv_sec - g_gathering_since.tv_sec) * 1000 +
+                                  (now.tv_nsec - g_gathering_since.tv_nsec) / 1'000'000;
     return waited_ms < 0 || waited_ms >= GATHER_MS; // below 0: the clock was set back
 }
 

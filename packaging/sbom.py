@@ -53,6 +53,17 @@ def owner(library, architecture):
     raise SystemExit(f"sbom.py: no package of {architecture} brings {library}")
 
 
+def built_in(name, architecture):
+    """(package, version) of what is compiled in. The C++ library's archive comes with the cross compiler, which is among
+    the host's packages and not in the target's database."""
+    cross = f"{name}-{architecture}-cross"
+    here = {key: value for key, value in os.environ.items() if key != "DPKG_ADMINDIR"}
+    if name.startswith("libstdc++") and architecture != output("dpkg", "--print-architecture").strip():
+        return name, subprocess.run(["dpkg-query", "-W", "-f", "${Version}", cross], check=True, capture_output=True,
+                                    text=True, env=here).stdout
+    return name, output("dpkg-query", "-W", "-f", "${Version}", name)
+
+
 def entry(name, version, license_id):
     return {"SPDXID": "SPDXRef-" + re.sub(r"[^A-Za-z0-9.]", "-", name), "name": name, "versionInfo": version,
             "downloadLocation": "NOASSERTION", "filesAnalyzed": False, "licenseConcluded": license_id,
@@ -64,8 +75,7 @@ def main(package, version, root):
                       if path.is_file() and not path.is_symlink() and is_program(path))
     libraries = {owner(library, machine(path)) for path in programs for library in needed(path)
                  if not library.startswith("ld-")}
-    libraries |= {(name, output("dpkg-query", "-W", "-f", "${Version}", name))
-                  for name in COMPILED_IN.get(package, ())}
+    libraries |= {built_in(name, machine(programs[0])) for name in COMPILED_IN.get(package, ())}
     time = datetime.datetime.fromtimestamp(int(os.environ.get("SOURCE_DATE_EPOCH", "0")), datetime.timezone.utc)
     entries = [entry(package, version, "Apache-2.0"),
                *(entry(name, number, LICENSES[name]) for name, number in sorted(libraries))]

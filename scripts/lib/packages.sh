@@ -18,7 +18,7 @@ PACKAGES_RUN=(
 # To build and run the tests, besides the two lists above.
 PACKAGES_TEST=(
     libgtest-dev libgmock-dev
-    python3-pytest python3-websockets python3-dbus python3-gi dbus-bin iproute2
+    python3-pytest python3-websockets python3-dbus python3-gi dbus-bin iproute2 rsync
 )
 
 # To build and run the benchmark, besides those to build and to run.
@@ -39,6 +39,16 @@ PACKAGES_FUZZ=(
 # To make and check Debian packages, besides those to build.
 PACKAGES_PACKAGE=(
     dpkg-dev binutils gzip git python3 lintian
+)
+
+# To install and boot the packages in a root of their own, besides those to make them.
+PACKAGES_ROOT=(
+    debootstrap systemd-container
+)
+
+# To run the tests with a browser, besides those to build, to run and to test.
+PACKAGES_BROWSER=(
+    chromium
 )
 
 # To run the matrix of faults, besides those to build and to run.

@@ -12,19 +12,22 @@ __attribute__((weak)) void log_flush(void);
 }
 
 // Lines of this thread wait to be written together while it lives. For lines of single data messages
-// alone: whoever gathers calls flushLogLines before each wait.
+// alone: whoever gathers calls flushLogLines before a wait of more than a moment.
 class GatheredLogLines {
 public:
-    explicit GatheredLogLines(bool on = true) noexcept
+    explicit GatheredLogLines(bool on = true) noexcept : on_{on && log_gather != nullptr}
     {
-        if (on && log_gather != nullptr) log_gather(1);
+        if (on_) log_gather(1);
     }
     ~GatheredLogLines()
     {
-        if (log_gather != nullptr) log_gather(0);
+        if (on_) log_gather(0);
     }
     GatheredLogLines(const GatheredLogLines &) = delete;
     GatheredLogLines &operator=(const GatheredLogLines &) = delete;
+
+private:
+    const bool on_;
 };
 
 inline bool haveLogLinesGathered() noexcept

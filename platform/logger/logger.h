@@ -40,7 +40,8 @@ void log_print(int level, const char *color, const char *tag, const char *file,
 // From now on lines of the calling thread below LOG_LEVEL_WARN may wait (on != 0) or not (0). Those
 // that wait go out in their place before the next line that does not, of whichever thread; with one
 // that finds 32 KiB of them, or the first of them 200 ms old; and with log_flush, which belongs
-// before every wait of the thread and before the end of the process.
+// before a wait of more than a moment (room in the channel takes up to 60 ms) and before the end of
+// the process: what ends it without one takes them along.
 void log_gather(int on);
 // Bytes that wait.
 int log_gathered(void);

@@ -10,7 +10,7 @@ PACKAGES_BUILD=(
 
 # To run a gateway in a sandbox and to reach it.
 PACKAGES_RUN=(
-    bubblewrap dbus-daemon systemd openssl ca-certificates
+    bubblewrap dbus-daemon systemd openssl
     openssh-server openssh-client curl python3
     mosquitto mosquitto-clients
 )

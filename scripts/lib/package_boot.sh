@@ -22,10 +22,30 @@ lose_back_end() {
 }
 restarted() { [ "$(systemctl show -P NRestarts remote-access-daemon)" -ge 1 ]; }
 audited() { grep -q '"service":"ssh_localhost".*"reason":"refused: code 101671' /var/log/remote-access/audit.json; }
+as_operator() { runuser -u operator -- "$@"; }
+in_use() { remote-access-ctl sessions | grep ssh_localhost; }
+# The service takes connections and says nothing.
+session_opens() {
+    systemd-socket-activate --listen=127.0.0.1:22 --accept --inetd cat &
+    sleep 1
+    sleep infinity | as_operator remote-access connect gw-001/ssh_localhost &
+    for _ in {1..10}; do in_use && return; sleep 1; done
+    return 1
+}
+session_ends() {
+    as_operator bash -c 'kill -KILL -1'
+    for _ in {1..10}; do in_use || return 0; sleep 1; done
+    return 1
+}
+upgrade() { # COMPARISON: of the daemon's process before and after
+    local before after
+    before=$(systemctl show -P MainPID remote-access-daemon)
+    dpkg -i /packages/daemon.deb && after=$(systemctl show -P MainPID remote-access-daemon) &&
+        [ "$before" -gt 0 ] && test "$before" "$1" "$after"
+}
 refused() { ! remote-access connect gw-001/ssh_localhost </dev/null; }
 stops_at_once() { timeout 2 systemctl stop remote-access-daemon && ! systemctl is-active remote-access-daemon; }
 
-chgrp remote-access-operators /etc/remote-access/devices.json
 systemctl start gateway-bus gateway-config remote-access-backend
 systemctl restart remote-access-daemon
 check "the units work together: channel up" remote-access-ctl wait --connected --timeout 20
@@ -34,6 +54,13 @@ check "the daemon can check a password" verify right
 check "a wrong password is refused" eval '! verify wrong'
 check "a session to nobody is refused" refused
 check "and audited" audited
+check "an operator may ask the back end" as_operator remote-access devices
+check "and read no secret" eval '! as_operator cat /etc/remote-access/devices.json'
+check "a session opens" session_opens
+check "an upgrade leaves the daemon that carries it alone" upgrade -eq
+check "the session ends" session_ends
+check "an upgrade restarts a daemon without sessions" upgrade -ne
+check "it came back" comes_back
 check "the daemon was killed" kill_daemon
 check "it came back" comes_back
 check "six failed openings ended it" lose_back_end

@@ -1,0 +1,82 @@
+"""Usage: footprint.py ARCHITECTURE SIZE MINUTES    (RA_BUILD_DIR and RA_EMULATOR as for the end-to-end tests)
+
+Lets one daemon stand idle on its channel (TLS, the default periods) and then carry 32 sessions. Prints a row of
+docs/footprint.md: SIZE, memory, wake-ups and bytes on the wire per hour.
+"""
+import pathlib
+import re
+import sys
+import tempfile
+import time
+
+REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(REPOSITORY / "tests/e2e"))
+
+from harness import network  # noqa: E402
+from harness.cloud import DATA_DOWN, BackEnd  # noqa: E402
+from harness.local import start_echo  # noqa: E402
+from harness.sandbox import BIN, CA_FILE, CONFIG_DIR, EMULATOR, Gateway, start_gateways  # noqa: E402
+from harness.tls import HOST, Certificates  # noqa: E402
+
+SESSIONS, BYTES = 32, 50000
+# MQTT has a network of its own, so that it is not counted.
+ELSEWHERE = ("bwrap", "--dev-bind", "/", "/", "--die-with-parent", "--unshare-net", "--unshare-pid", "--proc", "/proc")
+MAPPING = re.compile(r"^(\w+)-.*\n(?:[A-Z].*\n)*?Rss: +(\d+) kB\n(?:[A-Z].*\n)*?Anonymous: +(\d+) kB", re.MULTILINE)
+LOW = 1 << 46  # where an emulator maps its program; its own memory lies where the kernel puts it, above
+
+
+def memory_mib(pid):
+    """What is resident, and what of that is no page of a file."""
+    sizes = [(int(resident), int(anonymous)) for start, resident, anonymous in
+             MAPPING.findall(pathlib.Path(f"/proc/{pid}/smaps").read_text()) if not EMULATOR or int(start, 16) < LOW]
+    return [sum(column) / 1024 for column in zip(*sizes)]
+
+
+def wake_ups(pid):
+    return sum(int(re.search(r"^voluntary_ctxt_switches:\s+(\d+)", (task / "status").read_text(), re.MULTILINE)[1])
+               for task in pathlib.Path(f"/proc/{pid}/task").iterdir())
+
+
+def wire_bytes():
+    """IP packets in both directions: nothing but the channel is on this network, and loopback counts a packet once."""
+    return int(re.search(r"lo:\s+(\d+)", pathlib.Path("/proc/self/net/dev").read_text())[1])
+
+
+def measure(directory, seconds):
+    certificates, echo = Certificates(directory), start_echo()
+    back_end = BackEnd(tls=certificates.context())
+    gateway = Gateway(directory, "idle", cloud=back_end.port, config={
+        "gw_remoteaccess_tls_type": 1, "gw_remoteaccess_cloud_host": HOST, "gw_remoteaccess_trans_timeout": None,
+        "gw_remoteaccess_tcp_keepalive_period": None, "gw_remoteaccess_ping_period": None},
+        files={CA_FILE: certificates.authority, f"{CONFIG_DIR}/logger.conf": "level=2\n"})
+    try:
+        start_gateways([gateway])
+        gateway.spawn_beside("cloud", *ELSEWHERE, "sh", "-c", f"mosquitto -p 1883 & exec {BIN}/gateway_mqtt_bridge "
+                             f"--bus {gateway.address} --host 127.0.0.1 --port 1883")
+        channel, pid = back_end.channel(), gateway.daemon.pid
+        time.sleep(40)  # until the tasks of the start are done
+        wakes, wire, start = wake_ups(pid), wire_bytes(), time.monotonic()
+        time.sleep(seconds)
+        hours = (time.monotonic() - start) / 3600
+        wakes, wire, idle = wake_ups(pid) - wakes, wire_bytes() - wire, memory_mib(pid)
+        for session in [channel.open(echo) for _ in range(SESSIONS)]:
+            channel.send(DATA_DOWN, bytes(BYTES), token=session)
+            channel.collect(session, BYTES)
+        return *idle, *memory_mib(pid), wakes / hours, wire / hours
+    finally:
+        for fault in gateway.stop():
+            print(fault, file=sys.stderr)
+
+
+def main(architecture, size, minutes):
+    network.enter_private_network()
+    with tempfile.TemporaryDirectory(prefix="ra-footprint-", dir="/tmp") as directory:
+        figures = measure(pathlib.Path(directory), float(minutes) * 60)
+    print("| {} | {:.0f} KiB | {:.1f} MiB | {:.1f} MiB | {:.1f} MiB | {:.1f} MiB | {:,.0f} | {:,.0f} |".format(
+        architecture, int(size) / 1024, *figures))
+
+
+if __name__ == "__main__":
+    if len(sys.argv) != 4:
+        raise SystemExit(__doc__)
+    main(*sys.argv[1:])

@@ -101,9 +101,11 @@ void maskPayload(benchmark::State &state)
 }
 BENCHMARK(maskPayload)->Name("payload masked")->Arg(64)->Arg(PAYLOAD);
 
-// One of the lines of a message up, with standard error in a file as on a gateway.
+// One of the lines of a message, with standard error in a file as on a gateway: below the minimum
+// level, alone, or gathered with others.
 void logLine(benchmark::State &state)
 {
+    const GatheredLogLines gathered{state.range(1) != 0};
     FILE *const file = std::tmpfile();
     const int kept = ::dup(STDERR_FILENO);
     if (file == nullptr || kept < 0) std::abort();
@@ -113,11 +115,17 @@ void logLine(benchmark::State &state)
     (void)spliceProxyProtocolHeader(header, MSG_TYPE_DATA_UP, PAYLOAD, nullptr, SESSION);
     for (auto _ : state)
         RA_INFO("local service data to cloud header:%s", header);
+    flushLogLines();
     (void)::dup2(kept, STDERR_FILENO);
     (void)::close(kept);
     (void)std::fclose(file);
 }
-BENCHMARK(logLine)->Name("log line, minimum level")->Arg(LOG_LEVEL_WARN)->Arg(LOG_LEVEL_INFO);
+BENCHMARK(logLine)
+    ->Name("log line")
+    ->ArgNames({"minimum level", "gathered"})
+    ->Args({LOG_LEVEL_WARN, 0})
+    ->Args({LOG_LEVEL_INFO, 0})
+    ->Args({LOG_LEVEL_INFO, 1});
 
 } // namespace
 

@@ -7,7 +7,6 @@
 #include "utility/text.h"
 
 #include <cinttypes>
-#include <cstring>
 #include <ctime>
 
 namespace {
@@ -78,12 +77,10 @@ int spliceProxyProtocolResponsePayload(std::span<char> dst, int code, const char
 int parseProxyProtocolHeader(const char *text, std::int32_t length, PROXY_HEADER_T *header)
 {
     if (text != nullptr && header != nullptr) {
-        const std::string_view message{
-            text, ::strnlen(text, length > 0 ? static_cast<std::size_t>(length) : 0)};
-        const std::size_t brace = message.find('}');
-        if (message.starts_with('{') && brace != std::string_view::npos &&
-            takeFields(message.substr(0, brace + 1), header))
-            return 0;
+        const std::string_view message{text, length > 0 ? static_cast<std::size_t>(length) : 0};
+        const std::string_view span = message.substr(0, message.find('}') + 1);
+        const bool is_text = span.find('\0') == std::string_view::npos; // a NUL ends the text
+        if (span.starts_with('{') && is_text && takeFields(span, header)) return 0;
     }
     RA_WARN("header json formate error:  %s ", text != nullptr ? text : "");
     return -1;

@@ -5,6 +5,7 @@ import os
 import pathlib
 import pwd
 import random
+import shlex
 import signal
 import socket
 import stat
@@ -101,10 +102,13 @@ class Tunnel:
     def audit(self):
         return [json.loads(line) for line in (self.home / "audit").read_text().splitlines()]
 
-    def login(self, program, *arguments):
+    def ssh(self, program, *arguments):
         options = ("StrictHostKeyChecking=no", "UserKnownHostsFile=/dev/null", "BatchMode=yes")
-        return self.run(program, "-F", "/dev/null", "-i", self.home / "login_key",
-                        *[part for option in options for part in ("-o", option)], *arguments)
+        return [program, "-F", "/dev/null", "-i", str(self.home / "login_key"),
+                *[part for option in options for part in ("-o", option)], *arguments]
+
+    def login(self, program, *arguments):
+        return self.run(*self.ssh(program, *arguments))
 
 
 @pytest.fixture(scope="module")
@@ -129,6 +133,18 @@ def test_sftp_both_ways(tunnel):
     tunnel.login("sftp", "-P", tunnel.ports["sftp_localhost"], "-b", tunnel.home / "batch",
                  "operator@127.0.0.1")
     assert there.read_bytes() == COPY and back.read_bytes() == COPY
+
+
+def test_rsync_both_ways(tunnel):
+    tree, there, back = (tunnel.home / name for name in ("tree", "synced", "synced-back"))
+    (tree / "deep").mkdir(parents=True)
+    for number in range(200):
+        (tree / "deep" / str(number)).write_bytes(COPY[:number * 500])
+    tool = f"{BIN}/remote-access --control {tunnel.home}/control"
+    shell = shlex.join(tunnel.ssh("ssh", "-o", f"ProxyCommand={tool} connect %h/ssh_localhost"))
+    for source, target in (f"{tree}/", f"operator@dev1:{there}"), (f"operator@dev1:{there}/", back):
+        tunnel.run("rsync", "-a", "-e", shell, source, target)
+    tunnel.run("diff", "-r", tree, back)
 
 
 @pytest.mark.parametrize("count", [1, 8])

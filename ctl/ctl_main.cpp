@@ -1,6 +1,7 @@
 // remote-access-ctl: the command line of the gateway's remote access.
 #include "common/bus_names.h"
 #include "ctl/commands.h"
+#include "utility/standard_output.h"
 
 #include <array>
 #include <cmath>
@@ -78,9 +79,7 @@ bool readSeconds(const char *text, double &seconds)
            seconds <= 86400.0 * 365;
 }
 
-} // namespace
-
-int main(int argc, char **argv)
+int runCommand(int argc, char **argv)
 {
     BUS_CLIENT_T bus;
     bus.address = BUS_ADDRESS;
@@ -130,4 +129,13 @@ int main(int argc, char **argv)
         return row.run(bus, options);
     }
     return refuse("unknown command ", argv[optind]);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const int status = runCommand(argc, argv);
+    if (flush_output("remote-access-ctl")) return status;
+    return status == CTL_YES ? CTL_NO : status;
 }

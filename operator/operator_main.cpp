@@ -2,6 +2,7 @@
 #include "operator/commands.h"
 #include "operator/control_client.h"
 #include "operator/terminal.h"
+#include "utility/standard_output.h"
 
 #include <CLI/CLI.hpp>
 #include <csignal>
@@ -66,6 +67,12 @@ int fail(const std::exception &fault, OPERATOR_STATUS status)
     return status;
 }
 
+int finish(int status)
+{
+    if (flush_output("remote-access")) return status;
+    return status == OPERATOR_DONE ? OPERATOR_REFUSED : status;
+}
+
 } // namespace
 
 // NOLINTNEXTLINE(bugprone-exception-escape): only a mistake in the table of options gets out
@@ -80,10 +87,10 @@ int main(int argc, char **argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &fault) {
-        return app.exit(fault) == 0 ? OPERATOR_DONE : OPERATOR_USAGE;
+        return finish(app.exit(fault) == 0 ? OPERATOR_DONE : OPERATOR_USAGE);
     }
     try {
-        return chosen(options);
+        return finish(chosen(options));
     } catch (const CONTROL_ERROR &fault) {
         return fail(fault, fault.is_unreachable ? OPERATOR_UNREACHABLE : OPERATOR_REFUSED);
     } catch (const std::invalid_argument &fault) {

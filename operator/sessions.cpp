@@ -115,6 +115,12 @@ std::uint16_t portOf(int fd)
     return ntohs(address.sin_port);
 }
 
+void tellTurnedAway(const std::exception &fault)
+{
+    (void)std::fprintf(stderr, "remote-access: a connection was turned away: %s\n",
+                       shown(fault.what()).c_str());
+}
+
 // One line when a session begins and one when it has ended.
 void forwardOne(const std::string &control, const json &request, UniqueFd client)
 {
@@ -139,9 +145,33 @@ void forwardOne(const std::string &control, const json &request, UniqueFd client
                     sizeText(down / seconds).c_str());
         (void)std::fflush(stdout);
     } catch (const std::exception &fault) {
-        (void)std::fprintf(stderr, "remote-access: a connection was turned away: %s\n",
-                           shown(fault.what()).c_str());
+        tellTurnedAway(fault);
     }
+}
+
+// Starts threads that use the socket and the relay for as long as the process lives.
+OPERATOR_STATUS carryStreams(int own, RELAY_T &relay, CONTROL_CLIENT_T &answers, bool has_progress)
+{
+    std::thread([own, &relay] {
+        (void)copyStream(STDIN_FILENO, own, relay.down);
+        (void)::shutdown(own, SHUT_WR);
+    }).detach();
+    if (has_progress) std::thread([&relay] { showProgress(relay); }).detach();
+    if (!copyStream(own, STDOUT_FILENO, relay.up)) {
+        if (errno != EPIPE) // who reads it has seen enough
+            (void)std::fprintf(stderr, "remote-access: standard output: %s\n",
+                               std::strerror(errno));
+        return OPERATOR_REFUSED;
+    }
+    // The service's end is the session's; whoever writes to standard input learns of it by the end
+    // of this process.
+    (void)::shutdown(own, SHUT_RDWR);
+    const json end = endOf(answers);
+    if (has_progress) (void)std::fputc('\n', stderr);
+    if (end.value("whole", false)) return OPERATOR_DONE;
+    (void)std::fprintf(stderr, "remote-access: cut off: %s\n",
+                       shown(end.value("ended", "")).c_str());
+    return OPERATOR_REFUSED;
 }
 
 } // namespace
@@ -162,28 +192,14 @@ int connectStreams(const OPERATOR_OPTIONS_T &options)
     if (!nextAnswer(answers)) throw CONTROL_ERROR("the back end went away", true);
 
     RELAY_T relay;
-    std::thread([&] {
-        (void)copyStream(STDIN_FILENO, own.get(), relay.down);
-        (void)::shutdown(own.get(), SHUT_WR);
-    }).detach();
-    if (options.progress) std::thread([&] { showProgress(relay); }).detach();
-    if (!copyStream(own.get(), STDOUT_FILENO, relay.up)) {
-        if (errno != EPIPE) // who reads it has seen enough
-            (void)std::fprintf(stderr, "remote-access: standard output: %s\n",
-                               std::strerror(errno));
-        ::_exit(OPERATOR_REFUSED);
+    OPERATOR_STATUS status = OPERATOR_REFUSED;
+    try {
+        status = carryStreams(own.get(), relay, answers, options.progress);
+    } catch (const std::exception &fault) {
+        (void)std::fprintf(stderr, "remote-access: %s\n", shown(fault.what()).c_str());
     }
-    // The service's end is the session's; whoever writes to standard input learns of it by the end
-    // of this process.
-    (void)::shutdown(own.get(), SHUT_RDWR);
-    const json end = endOf(answers);
-    const bool is_whole = end.value("whole", false);
-    if (options.progress) (void)std::fputc('\n', stderr);
-    if (!is_whole)
-        (void)std::fprintf(stderr, "remote-access: cut off: %s\n",
-                           shown(end.value("ended", "")).c_str());
-    // Not exit(): the other threads still use what it would tear down.
-    ::_exit(is_whole ? OPERATOR_DONE : OPERATOR_REFUSED);
+    // Neither exit() nor a return: the other threads still use what these would tear down.
+    ::_exit(status);
 }
 
 int forwardPort(const OPERATOR_OPTIONS_T &options)
@@ -207,6 +223,10 @@ int forwardPort(const OPERATOR_OPTIONS_T &options)
             std::this_thread::sleep_for(ACCEPT_PAUSE); // out of descriptors: some will come back
             continue;
         }
-        std::thread(forwardOne, options.control, request, std::move(client)).detach();
+        try {
+            std::thread(forwardOne, options.control, request, std::move(client)).detach();
+        } catch (const std::exception &fault) { // no thread to be had; the sessions go on
+            tellTurnedAway(fault);
+        }
     }
 }

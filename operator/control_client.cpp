@@ -84,6 +84,11 @@ std::optional<json> nextAnswer(CONTROL_CLIENT_T &client)
 json ask(const std::string &path, const json &request)
 {
     CONTROL_CLIENT_T client = openRequest(path, request);
+    return onlyAnswer(client);
+}
+
+json onlyAnswer(CONTROL_CLIENT_T &client)
+{
     auto answer = nextAnswer(client);
     if (!answer) throw CONTROL_ERROR("the back end ended the request without an answer", true);
     return *answer;

@@ -29,5 +29,8 @@ CONTROL_CLIENT_T openRequest(const std::string &path, const nlohmann::json &requ
 // The next line; none at the end of the answers. A refusal is thrown.
 std::optional<nlohmann::json> nextAnswer(CONTROL_CLIENT_T &client);
 
+// Of a request that has but one.
+nlohmann::json onlyAnswer(CONTROL_CLIENT_T &client);
+
 // For a request with one answer.
 nlohmann::json ask(const std::string &path, const nlohmann::json &request);

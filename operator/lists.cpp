@@ -150,14 +150,18 @@ int showSessions(const OPERATOR_OPTIONS_T &options)
 int verifyAccount(const OPERATOR_OPTIONS_T &options)
 {
     std::string password;
+    password.reserve(PASSWORD_ROOM);
     if (options.password_stdin)
         std::getline(std::cin, password);
     else
         password = readPassword("Password of " + options.user + " on " + options.device + ": ");
-    const json answer = ask(options.control, {{"do", "verify"},
-                                              {"device", options.device},
-                                              {"user", options.user},
-                                              {"password", password}});
+    json request = {{"do", "verify"},
+                    {"device", options.device},
+                    {"user", options.user},
+                    {"password", std::move(password)}};
+    CONTROL_CLIENT_T client = openRequest(options.control, request);
+    wipe(request["password"].get_ref<std::string &>());
+    const json answer = onlyAnswer(client);
     std::puts(textOf(answer, "message").c_str());
     return answer.value("code", -1) == 0 ? OPERATOR_DONE : OPERATOR_REFUSED;
 }

@@ -3,8 +3,10 @@
 #include "utility/handles.h"
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <stdexcept>
@@ -13,18 +15,21 @@
 
 namespace {
 
+constexpr char TERMINAL_IS_GONE[] = "the terminal is gone";
+
 volatile std::sig_atomic_t g_caught = 0;
 
-// Echo is off for the life of this. A signal that would end the process ends the read and takes effect
-// afterwards, so that no terminal stays silent.
+// Echo is off for the life of this. A signal that would end or stop the process ends the read and
+// takes effect afterwards, so that no terminal stays silent.
 class SilentTerminal {
 public:
     explicit SilentTerminal(int fd) : fd_{fd}, is_terminal_{::tcgetattr(fd, &usual_) == 0}
     {
+        g_caught = 0;
         struct sigaction noting {};
         noting.sa_handler = [](int number) { g_caught = number; };
-        for (std::size_t i = 0; i < ENDING.size(); ++i)
-            (void)::sigaction(ENDING.at(i), &noting, &usual_actions_.at(i));
+        for (std::size_t i = 0; i < NOTED.size(); ++i)
+            (void)::sigaction(NOTED.at(i), &noting, &usual_actions_.at(i));
         if (!is_terminal_) return;
         termios silent = usual_;
         silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
@@ -33,24 +38,39 @@ public:
     ~SilentTerminal()
     {
         if (is_terminal_) (void)::tcsetattr(fd_, TCSAFLUSH, &usual_);
-        for (std::size_t i = 0; i < ENDING.size(); ++i)
-            (void)::sigaction(ENDING.at(i), &usual_actions_.at(i), nullptr);
+        for (std::size_t i = 0; i < NOTED.size(); ++i)
+            (void)::sigaction(NOTED.at(i), &usual_actions_.at(i), nullptr);
         if (g_caught != 0) (void)std::raise(g_caught);
     }
     SilentTerminal(const SilentTerminal &) = delete;
     SilentTerminal &operator=(const SilentTerminal &) = delete;
 
 private:
-    static constexpr std::array<int, 4> ENDING{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+    static constexpr std::array<int, 5> NOTED{SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP};
     int fd_;
     termios usual_{};
-    std::array<struct sigaction, ENDING.size()> usual_actions_{};
+    std::array<struct sigaction, NOTED.size()> usual_actions_{};
     bool is_terminal_;
 };
 
 void say(int fd, const std::string &text)
 {
-    if (::write(fd, text.data(), text.size()) < 0) throw std::runtime_error("the terminal is gone");
+    if (::write(fd, text.data(), text.size()) < 0) throw std::runtime_error(TERMINAL_IS_GONE);
+}
+
+// False when a signal came before the end of the line.
+bool askSilently(int fd, const std::string &prompt, std::string &line)
+{
+    const SilentTerminal silence{fd};
+    say(fd, prompt);
+    for (;;) {
+        char c = 0;
+        const ssize_t got = ::read(fd, &c, 1);
+        if (got < 0 && errno != EINTR) throw std::runtime_error(TERMINAL_IS_GONE);
+        if (got < 0 && g_caught != 0) return false;
+        if (got == 0 || c == '\n') return true;
+        if (got == 1) line += c;
+    }
 }
 
 } // namespace
@@ -84,13 +104,17 @@ std::string readPassword(const std::string &prompt)
     if (!terminal)
         throw std::runtime_error("no terminal to ask for the password on; see --password-stdin");
     std::string password;
-    {
-        say(terminal.get(), prompt);
-        const SilentTerminal silence{terminal.get()};
-        char c = 0;
-        while (::read(terminal.get(), &c, 1) == 1 && c != '\n')
-            password += c;
+    password.reserve(PASSWORD_ROOM);
+    for (bool is_whole = false; !is_whole;) {
+        wipe(password); // what stood there before the process was stopped
+        is_whole = askSilently(terminal.get(), prompt, password);
+        say(terminal.get(), "\n");
     }
-    say(terminal.get(), "\n");
     return password;
+}
+
+void wipe(std::string &text)
+{
+    ::explicit_bzero(text.data(), text.size());
+    text.clear();
 }

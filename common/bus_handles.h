@@ -45,6 +45,11 @@ public:
     {
         return &error_;
     }
+    // Null while there is no error.
+    const char *message() const noexcept
+    {
+        return error_.message;
+    }
 
 private:
     DBusError error_;

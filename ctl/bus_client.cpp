@@ -26,18 +26,16 @@ DBusMessagePtr call(BUS_CLIENT_T &bus, const char *member)
         return nullptr;
     }
     dbus_message_set_auto_start(request.get(), 0);
-    DBusError error;
-    dbus_error_init(&error);
+    BusError error;
     DBusMessagePtr answer{dbus_connection_send_with_reply_and_block(bus.conn.get(), request.get(),
-                                                                    timeoutOf(bus), &error)};
+                                                                    timeoutOf(bus), error)};
     if (!answer) {
-        if (dbus_error_has_name(&error, DBUS_ERROR_SERVICE_UNKNOWN) != 0 ||
-            dbus_error_has_name(&error, DBUS_ERROR_NAME_HAS_NO_OWNER) != 0)
+        if (dbus_error_has_name(error, DBUS_ERROR_SERVICE_UNKNOWN) != 0 ||
+            dbus_error_has_name(error, DBUS_ERROR_NAME_HAS_NO_OWNER) != 0)
             bus.fault = "remote_access_daemon does not run, or not on this bus";
         else
-            bus.fault = shown(error.message);
+            bus.fault = shown(error.message());
     }
-    dbus_error_free(&error);
     return answer;
 }
 
@@ -73,17 +71,15 @@ bool registerConnection(const BUS_CLIENT_T &bus, DBusError *error)
 
 bool connectBus(BUS_CLIENT_T &bus)
 {
-    DBusError error;
-    dbus_error_init(&error);
-    bus.conn.reset(dbus_connection_open_private(bus.address.c_str(), &error));
+    BusError error;
+    bus.conn.reset(dbus_connection_open_private(bus.address.c_str(), error));
     if (bus.conn) {
         dbus_connection_set_exit_on_disconnect(bus.conn.get(), 0);
-        if (!registerConnection(bus, &error)) bus.conn.reset();
+        if (!registerConnection(bus, error)) bus.conn.reset();
     }
     if (!bus.conn)
         bus.fault = "no bus at " + bus.address + ": " +
-                    (dbus_error_is_set(&error) != 0 ? error.message : "it does not answer");
-    dbus_error_free(&error);
+                    (dbus_error_is_set(error) != 0 ? error.message() : "it does not answer");
     return bus.conn != nullptr;
 }
 

@@ -1,7 +1,8 @@
 """End-to-end tests of the daemon: the real program, a real bus, real peers on loopback.
 
 RA_BUILD_DIR names the build folder whose programs are tested (build/release), RA_TIME_SCALE
-stretches the time-outs for instrumented builds.
+stretches the time-outs for instrumented builds, RA_EMULATOR is the command that runs another
+machine's programs.
 """
 import pathlib
 import shutil

@@ -6,9 +6,11 @@
 
 // Null where the logger has no such functions.
 extern "C" {
+// NOLINTBEGIN(readability-redundant-declaration): declared again to be weak
 __attribute__((weak)) void log_gather(int on);
 __attribute__((weak)) int log_gathered(void);
 __attribute__((weak)) void log_flush(void);
+// NOLINTEND(readability-redundant-declaration)
 }
 
 // Lines of this thread wait to be written together while it lives. For lines of single data messages

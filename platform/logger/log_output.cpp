@@ -65,7 +65,8 @@ void write_lines(std::string_view lines)
             break;
         }
     }
-    if (lines.data() != start) g_line_torn = lines.data()[-1] != '\n';
+    const char *const end = lines.data();
+    if (end != start) g_line_torn = end[-1] != '\n';
 }
 
 void write_gathered()

@@ -36,7 +36,9 @@ void moveToFront(SSL_CTX *context, int wanted)
 {
     std::vector<const SSL_CIPHER *> ciphers;
     const STACK_OF(SSL_CIPHER) *const offered = SSL_CTX_get_ciphers(context);
-    for (int i = 0; i < sk_SSL_CIPHER_num(offered); ++i)
+    const int count = sk_SSL_CIPHER_num(offered);
+    ciphers.reserve(static_cast<std::size_t>(std::max(count, 0)));
+    for (int i = 0; i < count; ++i)
         ciphers.push_back(sk_SSL_CIPHER_value(offered, i));
     std::stable_partition(ciphers.begin(), ciphers.end(), [wanted](const SSL_CIPHER *cipher) {
         return isPreferred(cipher, wanted);

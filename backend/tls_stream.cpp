@@ -43,21 +43,20 @@ TLS_STREAM::TLS_STREAM(next_layer_type socket, ssl_ctx_st *context)
 {
     static const WIRE_METHOD_T WIRE;
     BIO *bio = BIO_new(WIRE.method);
-    if (ssl_ == nullptr || bio == nullptr) {
+    if (!ssl_ || bio == nullptr) {
         BIO_free(bio);
-        SSL_free(ssl_);
         throw std::bad_alloc();
     }
     BIO_set_data(bio, this);
     BIO_set_init(bio, 1);
-    SSL_set_bio(ssl_, bio, bio);
-    SSL_set_options(ssl_, SSL_OP_NO_RENEGOTIATION);
-    SSL_set_accept_state(ssl_);
+    SSL_set_bio(ssl_.get(), bio, bio);
+    SSL_set_options(ssl_.get(), SSL_OP_NO_RENEGOTIATION);
+    SSL_set_accept_state(ssl_.get());
 }
 
-TLS_STREAM::~TLS_STREAM()
+void TLS_STREAM::SSL_RELEASE_T::operator()(ssl_st *ssl) const
 {
-    SSL_free(ssl_);
+    SSL_free(ssl);
 }
 
 // ---- what the library calls
@@ -108,7 +107,12 @@ int TLS_STREAM::onWrite(BIO *bio, const char *bytes, int size)
     }
     const auto *first =
         reinterpret_cast<const std::uint8_t *>(bytes); // its own type: copied as one
-    stream.out_.insert(stream.out_.end(), first, first + size);
+    try {
+        stream.out_.insert(stream.out_.end(), first, first + size);
+    } catch (const std::bad_alloc &) { // must not pass through the library, which is C
+        stream.fault_ = asio::error::no_memory;
+        return -1;
+    }
     return size;
 }
 
@@ -122,7 +126,7 @@ long TLS_STREAM::onControl(BIO *, int command, long, void *)
 // Of a call of the library that returned `result`.
 TLS_STREAM::RESULT_T TLS_STREAM::failure(int result)
 {
-    const int kind = SSL_get_error(ssl_, result);
+    const int kind = SSL_get_error(ssl_.get(), result);
     if (kind == SSL_ERROR_WANT_READ && !fault_) return {WAIT::READABLE, {}, 0};
     if (kind == SSL_ERROR_ZERO_RETURN && !fault_) fault_ = asio::error::eof;
     if (!fault_ && kind == SSL_ERROR_SSL)
@@ -151,7 +155,7 @@ TLS_STREAM::RESULT_T TLS_STREAM::handshake()
 {
     if (fault_) return {WAIT::NONE, fault_, 0};
     ERR_clear_error();
-    const int result = SSL_accept(ssl_);
+    const int result = SSL_accept(ssl_.get());
     const RESULT_T state = result == 1 ? RESULT_T{} : failure(result);
     const RESULT_T sending = send(1); // an alert that tells the peer what is wrong, too
     const bool is_sent = sending.wait == WAIT::NONE && !sending.error;
@@ -162,7 +166,7 @@ TLS_STREAM::RESULT_T TLS_STREAM::shutdown()
 {
     if (fault_ && fault_ != asio::error::eof) return {WAIT::NONE, fault_, 0};
     ERR_clear_error();
-    if ((SSL_get_shutdown(ssl_) & SSL_SENT_SHUTDOWN) == 0) (void)SSL_shutdown(ssl_);
+    if ((SSL_get_shutdown(ssl_.get()) & SSL_SENT_SHUTDOWN) == 0) (void)SSL_shutdown(ssl_.get());
     return send(1);
 }
 
@@ -172,7 +176,7 @@ TLS_STREAM::RESULT_T TLS_STREAM::decrypt(asio::mutable_buffer rest)
     RESULT_T result;
     while (rest.size() > 0) {
         std::size_t count = 0;
-        const int is_read = SSL_read_ex(ssl_, rest.data(), rest.size(), &count);
+        const int is_read = SSL_read_ex(ssl_.get(), rest.data(), rest.size(), &count);
         if (is_read != 1) {
             const RESULT_T state = failure(is_read);
             return result.count > 0 ? result : state;
@@ -202,7 +206,7 @@ TLS_STREAM::RESULT_T TLS_STREAM::readSome(std::span<const asio::mutable_buffer> 
 bool TLS_STREAM::encryptRecord(const void *bytes, std::size_t size)
 {
     std::size_t count = 0;
-    const int is_written = SSL_write_ex(ssl_, bytes, size, &count);
+    const int is_written = SSL_write_ex(ssl_.get(), bytes, size, &count);
     if (is_written == 1) return true;
     if (failure(is_written).wait != WAIT::NONE) fault_ = asio::error::connection_aborted;
     return false;

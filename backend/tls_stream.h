@@ -46,7 +46,7 @@ public:
     TLS_STREAM(next_layer_type socket, ssl_ctx_st *context); // throws when out of memory
     TLS_STREAM(const TLS_STREAM &) = delete;
     TLS_STREAM &operator=(const TLS_STREAM &) = delete;
-    ~TLS_STREAM();
+    ~TLS_STREAM() = default;
 
     executor_type get_executor()
     {
@@ -100,6 +100,10 @@ private:
         WAIT wait = WAIT::NONE; // what has to come before the step is tried again
         ERROR error;
         std::size_t count = 0;
+    };
+
+    struct SSL_RELEASE_T {
+        void operator()(ssl_st *ssl) const;
     };
 
     template <class BUFFER> struct PIECES_T {
@@ -173,7 +177,7 @@ private:
     friend struct WIRE_METHOD_T;
 
     next_layer_type socket_;
-    ssl_st *ssl_; // owned
+    std::unique_ptr<ssl_st, SSL_RELEASE_T> ssl_;
     std::unique_ptr<std::uint8_t[]> in_;
     std::size_t in_start_ = 0; // of what is not decrypted yet
     std::size_t in_end_ = 0;

@@ -1,5 +1,7 @@
 #include "backend/device_channel.h"
 
+#include "backend/options.h"
+
 #include <algorithm>
 #include <array>
 #include <ctime>
@@ -391,8 +393,7 @@ CHANNEL_PTR startDeviceChannel(asio::io_context &io, const LIMITS_T &limits, tcp
     auto channel = std::make_shared<DEVICE_CHANNEL_T>(io, limits, std::move(events));
     error_code error;
     const tcp::endpoint peer = socket.remote_endpoint(error);
-    channel->peer =
-        error ? "(gone)" : peer.address().to_string() + ":" + std::to_string(peer.port());
+    channel->peer = error ? "(gone)" : endpointText(peer);
     channel->link = makeWebsocketLink(std::move(socket), tls, linkEvents(channel));
     armChannelTimer(*channel, limits.handshake_time, "no handshake in time");
     channel->link->accept();

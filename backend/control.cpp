@@ -1,5 +1,6 @@
 #include "backend/control.h"
 
+#include "backend/accept_loop.h"
 #include "backend/audit.h"
 #include "backend/log.h"
 #include "backend/server.h"
@@ -29,7 +30,6 @@ using local = asio::local::stream_protocol;
 constexpr std::size_t CONNECTIONS_MAX = 4096;
 constexpr auto REQUEST_TIME = std::chrono::seconds(5);
 constexpr auto TOOL_GRACE = std::chrono::seconds(2);
-constexpr auto ACCEPT_PAUSE = std::chrono::milliseconds(100);
 
 struct CONTROL_T {
     CONTROL_T(SERVER_T &of, std::string file)
@@ -365,31 +365,15 @@ static void readRequest(const LINK_PTR &link)
     });
 }
 
-static void takeOperator(const CONTROL_PTR &control, local::socket &&socket)
+static void takeOperator(const CONTROL_PTR &control, local::socket socket)
 {
+    if (control->connections >= CONNECTIONS_MAX)
+        throw std::runtime_error("too many operators' tools");
     const auto link = std::make_shared<CONTROL_LINK_T>(control, std::move(socket));
     link->request.reserve(REQUEST_MAX);
     link->who = peerText(link->socket.native_handle());
     closeAfter(link, REQUEST_TIME);
     readRequest(link);
-}
-
-static void acceptOperator(const CONTROL_PTR &control)
-{
-    control->acceptor.async_accept([control](const error_code &error, local::socket socket) {
-        if (!control->acceptor.is_open()) return;
-        if (!error && control->connections < CONNECTIONS_MAX) {
-            takeOperator(control, std::move(socket));
-            return acceptOperator(control);
-        }
-        if (rateAllows(control->server.refused_lines))
-            logWarning("an operator is turned away: %s",
-                       error ? error.message().c_str() : "too many of them");
-        control->pause.expires_after(ACCEPT_PAUSE);
-        control->pause.async_wait([control](const error_code &stopped) {
-            if (!stopped && control->acceptor.is_open()) acceptOperator(control);
-        });
-    });
 }
 
 // A file that is left of a back end that has ended must not keep the next one from starting.
@@ -424,7 +408,7 @@ std::shared_ptr<CONTROL_T> openControl(SERVER_T &server, const std::string &path
         throw std::runtime_error(path + ": " + fault.code().message());
     }
     umask(usual);
-    acceptOperator(control);
+    acceptNext(control, takeOperator);
     logInfo("control socket %s ready", path.c_str());
     return control;
 }

@@ -1,36 +1,18 @@
 #include "backend/server.h"
 
+#include "backend/accept_loop.h"
 #include "backend/audit.h"
 #include "backend/log.h"
 
 #include <ctime>
+#include <new>
 #include <stdexcept>
-
-#include <boost/asio/error.hpp>
 
 namespace backend {
 
 namespace asio = boost::asio;
 using boost::system::error_code;
 using tcp = asio::ip::tcp;
-
-constexpr auto ACCEPT_PAUSE = std::chrono::milliseconds(100);
-
-static void acceptNext(LISTENER_T &listener)
-{
-    listener.acceptor.async_accept([&listener](const error_code &error, tcp::socket socket) {
-        if (error == asio::error::operation_aborted || !listener.acceptor.is_open()) return;
-        if (!error) {
-            listener.accepted(listener, std::move(socket));
-            return acceptNext(listener);
-        }
-        logWarning("cannot accept a connection: %s", error.message().c_str());
-        listener.pause.expires_after(ACCEPT_PAUSE);
-        listener.pause.async_wait([&listener](const error_code &stopped) {
-            if (!stopped && listener.acceptor.is_open()) acceptNext(listener);
-        });
-    });
-}
 
 static LISTENER_T &openListener(SERVER_T &server, const tcp::endpoint &endpoint)
 {
@@ -79,9 +61,14 @@ static void acceptDevice(SERVER_T &server, tcp::socket socket)
     };
     events.connected = [&server](const CHANNEL_PTR &channel) { deviceConnected(server, channel); };
     events.closed = [&server](const CHANNEL_PTR &channel) { channelClosed(server, channel); };
-    server.unauthenticated.insert(startDeviceChannel(server.io, server.options.limits,
-                                                     std::move(socket), server.options.tls,
-                                                     std::move(events)));
+    const CHANNEL_PTR channel = startDeviceChannel(
+        server.io, server.options.limits, std::move(socket), server.options.tls, std::move(events));
+    try {
+        server.unauthenticated.insert(channel);
+    } catch (const std::bad_alloc &) { // nothing would watch over it
+        channel->link->abort();
+        throw;
+    }
 }
 
 static void acceptClient(SERVER_T &server, const LISTENER_T &listener, tcp::socket socket)
@@ -120,8 +107,11 @@ std::unique_ptr<SERVER_T> startServer(asio::io_context &io, SERVER_OPTIONS_T opt
             acceptClient(self, from, std::move(socket));
         };
     }
-    for (const auto &listener : self.listeners)
-        acceptNext(*listener);
+    for (const auto &listener : self.listeners) {
+        acceptNext(listener.get(), [](LISTENER_T *on, tcp::socket socket) {
+            on->accepted(*on, std::move(socket));
+        });
+    }
     if (!self.options.control.empty()) self.control = openControl(self, self.options.control);
     logInfo("listening on %s (%s), %zu devices registered",
             endpointText(listenEndpoint(self)).c_str(), self.options.tls ? "TLS" : "plain",

@@ -212,13 +212,23 @@ static void listSessions(const LINK_PTR &link, const json & /*request*/)
 
 static void verifyAccount(const LINK_PTR &link, const json &request)
 {
-    const CHANNEL_PTR channel = channelOf(*link->control, request);
-    requestAccountCheck(
-        *channel, memberOf(request, "user"), memberOf(request, "password"),
-        [link](const ACCOUNT_RESULT_T &result) {
-            if (!result.is_answered) return refuse(link, result.message);
-            answer(link, {{"ok", true}, {"code", result.code}, {"message", result.message}}, true);
-        });
+    const std::string device = memberOf(request, "device");
+    const std::string user = memberOf(request, "user");
+    const auto answered = [link, device, user](const ACCOUNT_RESULT_T &result) {
+        auditAccountCheck(link->who, device, user, result.is_answered && result.code == 0,
+                          result.message);
+        if (!result.is_answered) return refuse(link, result.message);
+        answer(link, {{"ok", true}, {"code", result.code}, {"message", result.message}}, true);
+    };
+    CHANNEL_PTR channel;
+    try {
+        channel = channelOf(*link->control, request);
+    } catch (const std::runtime_error &fault) {
+        return answered({false, 0, fault.what()});
+    }
+    std::string password = memberOf(request, "password");
+    requestAccountCheck(*channel, user, password, answered);
+    explicit_bzero(password.data(), password.size());
 }
 
 // The socket that came with the request; nothing when none that can be used did.
@@ -307,20 +317,31 @@ constexpr auto REQUEST_ROUTES = std::to_array<REQUEST_ROUTE_T>({
     {"connect", connectClient},
 });
 
+static void dispatch(const LINK_PTR &link, const json &request)
+{
+    if (!request.is_object()) return refuse(link, "the request is no JSON object");
+    const std::string wanted = memberOf(request, "do");
+    for (const REQUEST_ROUTE_T &route : REQUEST_ROUTES)
+        if (route.name == wanted) return route.handler(link, request);
+    refuse(link, "unknown request \"" + wanted + "\"");
+}
+
+// What is ours of a password is overwritten; the buffers of the JSON library's parser are not.
 static void handleRequest(const LINK_PTR &link)
 {
     link->timer.cancel();
+    json request;
     try {
-        const json request = json::parse(link->request, nullptr, false);
-        explicit_bzero(link->request.data(), link->request.size()); // it may hold a password
-        if (!request.is_object()) return refuse(link, "the request is no JSON object");
-        const std::string wanted = memberOf(request, "do");
-        for (const REQUEST_ROUTE_T &route : REQUEST_ROUTES)
-            if (route.name == wanted) return route.handler(link, request);
-        refuse(link, "unknown request \"" + wanted + "\"");
+        request = json::parse(link->request, nullptr, false);
+        explicit_bzero(link->request.data(), link->request.size());
+        dispatch(link, request);
     } catch (const std::exception &fault) {
         refuse(link, fault.what());
     }
+    const auto password = request.find("password");
+    if (password == request.end() || !password->is_string()) return;
+    std::string &text = password->get_ref<std::string &>();
+    explicit_bzero(text.data(), text.size());
 }
 
 // ---- connections

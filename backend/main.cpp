@@ -73,8 +73,8 @@ static void describeOptions(CLI::App &app, COMMAND_LINE_T &line)
                    "Socket for the operator's tool; whoever may write to it may use every device")
         ->type_name("PATH");
     app.add_option("--audit", line.audit,
-                   "File that gets one JSON line for each session, opened anew on SIGHUP; - is "
-                   "standard output")
+                   "File that gets one JSON line for each session and account check; - is standard "
+                   "output")
         ->type_name("FILE")
         ->capture_default_str();
     app.set_config("--config", "",
@@ -99,46 +99,65 @@ static SERVER_OPTIONS_T readOptions(const COMMAND_LINE_T &line)
     return options;
 }
 
-static void reopenAudit(const std::string &path)
+static DEVICE_REGISTRY_T readRegistry(const COMMAND_LINE_T &line)
+{
+    std::vector<std::string> warnings;
+    DEVICE_REGISTRY_T registry = loadRegistry(line.devices, warnings);
+    for (const std::string &warning : warnings)
+        logWarning("%s", warning.c_str());
+    return registry;
+}
+
+static std::shared_ptr<TLS_CONTEXT_T> readCertificate(const COMMAND_LINE_T &line)
+{
+    return line.is_plain ? nullptr : makeTlsContext(line.cert, line.key);
+}
+
+static void attempt(const std::function<void()> &step)
 {
     try {
-        openAudit(path);
-        logInfo("audit file opened anew");
+        step();
     } catch (const std::exception &fault) {
-        logError("%s: the audit goes on in the old file", fault.what());
+        logWarning("%s: what was in use stays", fault.what());
     }
+}
+
+// Each file on its own: one that is broken keeps nobody from using the others.
+static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server)
+{
+    attempt([&] { openAudit(line.audit); });
+    attempt([&] { server.options.tls = readCertificate(line); });
+    attempt([&] { replaceRegistry(server, readRegistry(line)); });
+    logInfo("files read again, %zu devices registered", server.options.registry.size());
 }
 
 static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
 {
-    std::vector<std::string> warnings;
-    options.registry = loadRegistry(line.devices, warnings);
-    for (const std::string &warning : warnings)
-        logWarning("%s", warning.c_str());
+    options.registry = readRegistry(line);
     openAudit(line.audit);
-    if (!line.is_plain) options.tls = makeTlsContext(line.cert, line.key);
+    options.tls = readCertificate(line);
 
     asio::io_context io{1};
     const auto server = startServer(io, std::move(options));
     asio::steady_timer goodbye(io);
-    asio::signal_set rotations(io, SIGHUP);
+    asio::signal_set changes(io, SIGHUP);
     asio::signal_set signals(io, SIGINT, SIGTERM);
     signals.async_wait([&](const boost::system::error_code &error, int number) {
         if (error) return;
         logInfo("ending on signal %d", number);
         stopServer(*server);
-        rotations.cancel();
+        changes.cancel();
         goodbye.expires_after(GOODBYE_TIME);
         goodbye.async_wait([&io](const boost::system::error_code &) { io.stop(); });
     });
-    const std::function<void()> waitForRotation = [&] {
-        rotations.async_wait([&](const boost::system::error_code &error, int) {
+    const std::function<void()> waitForChange = [&] {
+        changes.async_wait([&](const boost::system::error_code &error, int) {
             if (error) return;
-            reopenAudit(line.audit);
-            waitForRotation();
+            readFilesAgain(line, *server);
+            waitForChange();
         });
     };
-    waitForRotation();
+    waitForChange();
     io.run();
 }
 

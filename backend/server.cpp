@@ -124,6 +124,16 @@ std::unique_ptr<SERVER_T> startServer(asio::io_context &io, SERVER_OPTIONS_T opt
     return server;
 }
 
+void replaceRegistry(SERVER_T &server, DEVICE_REGISTRY_T registry)
+{
+    std::swap(server.options.registry, registry);
+    for (const auto &[key, channel] : std::map(server.devices)) {
+        const auto known = server.options.registry.find(key);
+        if (known == server.options.registry.end() || known->second != registry[key])
+            closeDeviceChannel(*channel, CLOSE_REFUSED, "its entry in the registry has changed");
+    }
+}
+
 void stopServer(SERVER_T &server)
 {
     if (server.control) closeControl(*server.control);

@@ -25,7 +25,7 @@ namespace backend {
 
 struct SERVER_OPTIONS_T {
     boost::asio::ip::tcp::endpoint listen;
-    std::shared_ptr<TLS_CONTEXT_T> tls; // null: plain connections
+    std::shared_ptr<TLS_CONTEXT_T> tls; // of new connections; null: plain ones
     DEVICE_REGISTRY_T registry;
     std::vector<FORWARD_OPTION_T> forwards;
     std::string control; // path of the control socket; empty for none
@@ -57,6 +57,10 @@ struct SERVER_T {
 };
 
 std::unique_ptr<SERVER_T> startServer(boost::asio::io_context &io, SERVER_OPTIONS_T options);
+
+// For the handshakes from now on. A device whose entry is gone, or has another secret, is cut off:
+// what it has proved does not hold any more.
+void replaceRegistry(SERVER_T &server, DEVICE_REGISTRY_T registry);
 
 // Accepts nothing any more and says goodbye to every device; the io_context then runs out of work
 // within seconds.

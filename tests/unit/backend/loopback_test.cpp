@@ -436,6 +436,18 @@ TEST_F(Loopback, AccountCheckReportsTheDevicesAnswerOnce)
     EXPECT_FALSE(pending.get().is_answered);
 }
 
+TEST_F(Loopback, ChangedRegistryCutsOffTheDevicesThatItChanges)
+{
+    start();
+    SCRIPTED_DEVICE same = connectDevice("dev1");
+    SCRIPTED_DEVICE changed = connectDevice("dev2");
+    boost::asio::post(io, [this] {
+        replaceRegistry(*server, {{{"pk1", "dev1"}, "secret1"}, {{"pk1", "dev2"}, "new"}});
+    });
+    EXPECT_TRUE(changed.isClosed());
+    expectAlive(same);
+}
+
 TEST_F(Loopback, OperatorThatTakesNoAnswerIsCutOff)
 {
     control = testing::TempDir() + "control-" + std::to_string(getpid());

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <poll.h>
 #include <stdexcept>
 #include <termios.h>
 #include <unistd.h>
@@ -19,13 +20,18 @@ constexpr char TERMINAL_IS_GONE[] = "the terminal is gone";
 
 volatile std::sig_atomic_t g_caught = 0;
 
-// Echo is off for the life of this. A signal that would end or stop the process ends the read and
-// takes effect afterwards, so that no terminal stays silent.
+// Echo is off for the life of this. A signal that would end or stop the process comes through only
+// while waiting, ends that, and takes effect afterwards, so that no terminal stays silent.
 class SilentTerminal {
 public:
     explicit SilentTerminal(int fd) : fd_{fd}, is_terminal_{::tcgetattr(fd, &usual_) == 0}
     {
         g_caught = 0;
+        sigset_t noted;
+        sigemptyset(&noted);
+        for (const int number : NOTED)
+            sigaddset(&noted, number);
+        (void)::sigprocmask(SIG_BLOCK, &noted, &usual_mask_);
         struct sigaction noting {};
         noting.sa_handler = [](int number) { g_caught = number; };
         for (std::size_t i = 0; i < NOTED.size(); ++i)
@@ -41,14 +47,23 @@ public:
         for (std::size_t i = 0; i < NOTED.size(); ++i)
             (void)::sigaction(NOTED.at(i), &usual_actions_.at(i), nullptr);
         if (g_caught != 0) (void)std::raise(g_caught);
+        (void)::sigprocmask(SIG_SETMASK, &usual_mask_, nullptr);
     }
     SilentTerminal(const SilentTerminal &) = delete;
     SilentTerminal &operator=(const SilentTerminal &) = delete;
+
+    // False after a signal or a fault, as errno tells.
+    bool waitForInput() const
+    {
+        pollfd input{fd_, POLLIN, 0};
+        return ::ppoll(&input, 1, nullptr, &usual_mask_) == 1;
+    }
 
 private:
     static constexpr std::array<int, 5> NOTED{SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP};
     int fd_;
     termios usual_{};
+    sigset_t usual_mask_{};
     std::array<struct sigaction, NOTED.size()> usual_actions_{};
     bool is_terminal_;
 };
@@ -65,7 +80,7 @@ bool askSilently(int fd, const std::string &prompt, std::string &line)
     say(fd, prompt);
     for (;;) {
         char c = 0;
-        const ssize_t got = ::read(fd, &c, 1);
+        const ssize_t got = silence.waitForInput() ? ::read(fd, &c, 1) : -1;
         if (got < 0 && errno != EINTR) throw std::runtime_error(TERMINAL_IS_GONE);
         if (got < 0 && g_caught != 0) return false;
         if (got == 0 || c == '\n') return true;

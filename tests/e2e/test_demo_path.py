@@ -8,6 +8,7 @@ import random
 import shlex
 import signal
 import socket
+import ssl
 import stat
 import subprocess
 
@@ -193,6 +194,24 @@ def test_operator_asks(tunnel):
     for password, status in (PASSWORD, 0), ("wrong", 1):
         assert tunnel.operate("verify", "dev1", "root", "--password-stdin",
                               input=password)[0] == status
+        line = tunnel.audit()[-1]
+        assert (line["account"], line["right"]) == ("root", status == 0)
+        assert password not in json.dumps(line)
+
+
+def test_password_is_asked_for_again_after_a_stop(tunnel):
+    ours, theirs = os.openpty()
+    with subprocess.Popen(["timeout", str(30 * SCALE), "setsid", "--ctty",
+                           *tunnel.tool("verify", "dev1", "root")], stdin=theirs) as tool:
+        os.close(theirs)
+        for typed in b"half\x1a", PASSWORD.encode() + b"\n":
+            seen = b""
+            while not seen.endswith(b"on dev1: "):
+                seen += os.read(ours, 1)
+            assert b"half" not in seen
+            os.write(ours, typed)
+        assert tool.wait() == 0
+    os.close(ours)
 
 
 @pytest.mark.parametrize("command, status, text", [
@@ -227,9 +246,13 @@ def test_operators_session_ends_with_his_tool(tunnel, number, whole):
     assert poll(lambda: tunnel.audit()[count:], 5, "an audit line")[0]["whole"] is whole
 
 
-def test_operator_is_told_what_could_not_be_written(tunnel):
+@pytest.mark.parametrize("command", [
+    ["remote-access", "connect", "dev1/ssh_localhost"], ["remote-access", "devices", "--json"],
+    ["remote-access", "--version"], ["remote-access-ctl", "--version"]], ids=" ".join)
+def test_operator_is_told_what_could_not_be_written(tunnel, command):
     with open("/dev/full", "w", encoding="ascii") as full:
-        done = subprocess.run(tunnel.tool("connect", "dev1/ssh_localhost"), stdout=full,
+        done = subprocess.run([BIN / command[0], *command[1:]], stdout=full,
+                              env={**os.environ, "REMOTE_ACCESS_CONTROL": str(tunnel.home / "control")},
                               stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False,
                               timeout=20 * SCALE)
     assert done.returncode == 1 and b"No space left" in done.stderr
@@ -245,6 +268,38 @@ def test_completion_offers_no_name_that_a_shell_would_run():
         echo "${COMPREPLY[@]}" """, REPOSITORY / "packaging/completion/remote-access"],
         capture_output=True, text=True, check=True).stdout
     assert offered == "dev1/ssh\n"
+
+
+def test_back_end_reads_its_files_again(certificates, tmp_path):
+    """Rows: what the certificate and the list hold, and which of these is in use afterwards."""
+    port, files = free_port(), [tmp_path / name for name in ("pem", "key", "devices", "log")]
+    one, two = (json.dumps({"devices": [
+        {"product_key": "p", "device_name": str(number), "device_secret": "s"}
+        for number in range(count)]}) for count in (1, 2))
+
+    def put(name, devices):
+        content = [path.read_text() for path in certificates.paths(name)] if name else ["?", "?"]
+        for path, text in zip(files, [*content, devices]):
+            path.write_text(text)
+
+    put("good", one)
+    with open(files[3], "w", encoding="utf-8") as log, subprocess.Popen(
+            [BIN / "remote_access_backend", "--listen", f"127.0.0.1:{port}", "--cert", files[0],
+             "--key", files[1], "--devices", files[2]], stderr=log) as back_end:
+        try:
+            poll(lambda: "listening" in files[3].read_text(), 10, "the back end")
+            for times, (name, devices, served, count) in enumerate([
+                    ("wildcard", two, "wildcard", 2), (None, one, "wildcard", 1),
+                    ("good", "no json", "good", 1)], 1):
+                put(name, devices)
+                back_end.send_signal(signal.SIGHUP)
+                done = poll(lambda: files[3].read_text().split("read again, ")[times:], 10, "a line")
+                assert done[0].startswith(f"{count} devices registered\n")
+                assert ssl.PEM_cert_to_DER_cert(ssl.get_server_certificate(
+                    ("127.0.0.1", port))) == ssl.PEM_cert_to_DER_cert(certificates.text(served))
+            assert files[3].read_text().count("what was in use stays") == 2
+        finally:
+            back_end.kill()
 
 
 def test_misspelt_setting_is_refused(tmp_path):

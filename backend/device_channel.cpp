@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <ctime>
 
 namespace backend {
@@ -475,12 +476,12 @@ SESSION_PTR requestSession(DEVICE_CHANNEL_T &channel, CLIENT_T client, const SER
 void requestAccountCheck(DEVICE_CHANNEL_T &channel, const std::string &user,
                          const std::string &password, ACCOUNT_CALLBACK answered)
 {
-    const std::optional<std::string> payload = buildVerifyAccount(user, password);
-    if (!payload)
-        return answered({false, 0, "name and password must have 1 to 255 bytes and no quote"});
     if (channel.state != CHANNEL_STATE::CONNECTED || channel.accounts.size() >= ACCOUNTS_MAX) {
         return answered({false, 0, "the device cannot be asked now"});
     }
+    std::optional<std::string> payload = buildVerifyAccount(user, password);
+    if (!payload)
+        return answered({false, 0, "name and password must have 1 to 255 bytes and no quote"});
     const std::string id = freshId(channel, ACCOUNT_ID);
     auto timer = std::make_unique<asio::steady_timer>(channel.io, channel.limits.account_time);
     timer->async_wait([self = channel.weak_from_this(), id](const error_code &error) {
@@ -491,6 +492,7 @@ void requestAccountCheck(DEVICE_CHANNEL_T &channel, const std::string &user,
     });
     channel.accounts.emplace(id, ACCOUNT_REQUEST_T{std::move(answered), std::move(timer)});
     sendControl(channel, MESSAGE_VERIFY_ACCOUNT, id, {}, *payload, true);
+    explicit_bzero(payload->data(), payload->size());
 }
 
 } // namespace backend

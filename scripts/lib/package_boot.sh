@@ -43,6 +43,9 @@ upgrade() { # COMPARISON: of the daemon's process before and after
     dpkg -i /packages/daemon.deb && after=$(systemctl show -P MainPID remote-access-daemon) &&
         [ "$before" -gt 0 ] && test "$before" "$1" "$after"
 }
+back_end_reloads() {
+    systemctl reload remote-access-backend && sleep 1 && journalctl -u remote-access-backend | grep 'files read again'
+}
 refused() { ! remote-access connect gw-001/ssh_localhost </dev/null; }
 stops_at_once() { timeout 2 systemctl stop remote-access-daemon && ! systemctl is-active remote-access-daemon; }
 
@@ -61,6 +64,7 @@ check "an upgrade leaves the daemon that carries it alone" upgrade -eq
 check "the session ends" session_ends
 check "an upgrade restarts a daemon without sessions" upgrade -ne
 check "it came back" comes_back
+check "the back end reads its files again" back_end_reloads
 check "the daemon was killed" kill_daemon
 check "it came back" comes_back
 check "six failed openings ended it" lose_back_end

@@ -20,7 +20,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cinttypes>
 #include <cstring>
 
 namespace {
@@ -277,7 +276,7 @@ int procKeepaliveResponse(REMOTE_PROXY_T *proxy, const PROXY_HEADER_T *header)
         return -1;
     }
     proxy->ping_count = 0;
-    RA_INFO("recv keepalive pong,messagID=%s,timestamp:%" PRIu64, header->msg_id,
-            static_cast<std::uint64_t>(header->timestamp));
+    RA_INFO("recv keepalive pong,messagID=%s,timestamp:%lu", header->msg_id,
+            static_cast<unsigned long>(header->timestamp));
     return 0;
 }

@@ -38,7 +38,8 @@ class Place(Processes):
 
     def send(self, payload, topic=TOPIC):
         """A message from the cloud, with another client; the broker has it on return."""
-        return subprocess.run(["mosquitto_pub", "-p", str(self.port), "-q", "1", "-t", topic, "-s"],
+        return subprocess.run(["mosquitto_pub", "-h", "127.0.0.1", "-p", str(self.port), "-q",
+                               "1", "-t", topic, "-s"],
                               input=payload, capture_output=True, check=False)
 
     def ask(self, member, *arguments, seconds=PATIENCE):

@@ -34,7 +34,8 @@ class Broker:
         gateway.put("mosquitto.conf",
                     f"listener {self.port} 127.0.0.1\nallow_anonymous true\nuser root\n")
         self.start()
-        gateway.spawn_beside("heard", "mosquitto_sub", "-p", self.port, "-t", "#", "-v")
+        gateway.spawn_beside("heard", "mosquitto_sub", "-h", "127.0.0.1", "-p", self.port, "-t",
+                             "#", "-v")
         poll(lambda: self.send("probe", "?") and self.heard("probe", "?"), 10, "the broker's ear")
 
     def start(self):
@@ -48,7 +49,8 @@ class Broker:
 
     def send(self, topic, payload):
         """A message from the cloud; true once the broker has it."""
-        done = subprocess.run(["mosquitto_pub", "-p", str(self.port), "-q", "1", "-t", topic, "-s"],
+        done = subprocess.run(["mosquitto_pub", "-h", "127.0.0.1", "-p", str(self.port), "-q", "1",
+                               "-t", topic, "-s"],
                               input=payload.encode(), capture_output=True, check=False)
         return done.returncode == 0
 

@@ -23,7 +23,7 @@ class Place(Processes):
         (directory / "mosquitto.conf").write_text(
             f"listener {self.port} 127.0.0.1\nallow_anonymous true\nuser root\n")
         self.start_broker()
-        self.start_bridge("localhost")
+        self.start_bridge("127.0.0.1")
         self.peer = Peer(self.address, SUBSCRIBER)
         self.wait_for_line("bridge", "connected to the broker")
         assert self.subscribe() == DONE

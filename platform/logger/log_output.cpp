@@ -76,10 +76,8 @@ void write_gathered()
     g_gathered_length.store(0, std::memory_order_relaxed);
 }
 
-// False when the line is longer than all of the room.
-bool gather(std::string_view line, const timespec &now)
+void gather(std::string_view line, const timespec &now)
 {
-    if (line.size() > GATHER_SIZE) return false;
     if (g_gathered_length.load(std::memory_order_relaxed) + line.size() > GATHER_SIZE)
         write_gathered();
     const std::size_t length = g_gathered_length.load(std::memory_order_relaxed);
@@ -89,7 +87,6 @@ bool gather(std::string_view line, const timespec &now)
     }
     std::memcpy(g_gathered + 1 + length, line.data(), line.size());
     g_gathered_length.store(length + line.size(), std::memory_order_relaxed);
-    return true;
 }
 
 bool has_waited_enough(const timespec &now)
@@ -109,13 +106,9 @@ void output_line(char *line, std::size_t length, const OUTPUT_MODE_T &mode) noex
     line[start - 1] = '\n';
     const std::string_view text{line + start, length - start};
     // With nothing in front of it a line that must not wait need not be copied.
-    const bool stands_alone = !mode.may_wait && gathered_bytes() == 0;
-    if (stands_alone || !gather(text, now)) {
-        write_gathered();
-        write_lines(text);
-    } else if (!mode.may_wait || has_waited_enough(now)) {
-        write_gathered();
-    }
+    if (!mode.may_wait && gathered_bytes() == 0) return write_lines(text);
+    gather(text, now);
+    if (!mode.may_wait || has_waited_enough(now)) write_gathered();
 }
 
 std::size_t gathered_bytes() noexcept

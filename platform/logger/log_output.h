@@ -19,7 +19,8 @@ struct OUTPUT_MODE_T {
     bool may_wait; // it need not be written before the call returns
 };
 
-// line[LINE_ROOM, length) is the text with its line end; the room is overwritten.
+// line[LINE_ROOM, length) is the text with its line end, length at most GATHER_SIZE; the room is
+// overwritten.
 void output_line(char *line, std::size_t length, const OUTPUT_MODE_T &mode) noexcept;
 std::size_t gathered_bytes() noexcept;
 void flush_lines() noexcept;

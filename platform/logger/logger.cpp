@@ -38,6 +38,7 @@ struct LOG_LINE_T {
     char bytes[LINE_ROOM + HEAD_SIZE + escaped_size(LOG_TEXT_MAX) + sizeof LOG_CUT_MARK];
     std::size_t length;
 };
+static_assert(sizeof LOG_LINE_T::bytes <= GATHER_SIZE);
 
 constinit std::atomic<int> g_min_level{LEVEL_NOTHING};
 // Written by log_init, before other threads exist.

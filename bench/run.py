@@ -15,7 +15,6 @@ import sys
 import tempfile
 import time
 
-sys.path[:0] = [str(pathlib.Path(__file__).resolve().parents[1] / "tests/e2e")]
 from harness import network
 from harness.sandbox import BIN
 from harness.tls import Certificates

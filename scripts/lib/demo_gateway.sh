@@ -136,7 +136,7 @@ prepare() {
 }
 
 start_bus() {
-    start bus dbus-daemon --config-file=/project/gateway/bus/mbusd.conf --nofork --nopidfile
+    start bus dbus-daemon --config-file=/project/devgateway/bus/mbusd.conf --nofork --nopidfile
     wait_for $START_S "${PIDS[bus]}" test -S "$BUS_SOCKET"
 }
 

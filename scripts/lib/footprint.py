@@ -9,14 +9,11 @@ import sys
 import tempfile
 import time
 
-REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(REPOSITORY / "tests/e2e"))
-
-from harness import network  # noqa: E402
-from harness.cloud import DATA_DOWN, BackEnd  # noqa: E402
-from harness.local import start_echo  # noqa: E402
-from harness.sandbox import BIN, CA_FILE, CONFIG_DIR, EMULATOR, Gateway, start_gateways  # noqa: E402
-from harness.tls import HOST, Certificates  # noqa: E402
+from harness import network
+from harness.cloud import DATA_DOWN, BackEnd
+from harness.local import start_echo
+from harness.sandbox import BIN, CA_FILE, CONFIG_DIR, EMULATOR, Gateway, start_gateways
+from harness.tls import HOST, Certificates
 
 SESSIONS, BYTES = 32, 50000
 # MQTT has a network of its own, so that it is not counted.

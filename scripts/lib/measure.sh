@@ -6,6 +6,8 @@ cd "$(dirname "${BASH_SOURCE[0]}")/../.." || exit
 . scripts/lib/install.sh
 # shellcheck source=scripts/lib/packages.sh
 . scripts/lib/packages.sh
+# shellcheck source=scripts/lib/python.sh
+. scripts/lib/python.sh
 install_packages "${PACKAGES_BUILD[@]}" "${PACKAGES_RUN[@]}" "${PACKAGES_TEST[@]}"
 if [ -z "${RA_BUILD_DIR:-}" ]; then
     cmake --preset release >/dev/null

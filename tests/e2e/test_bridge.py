@@ -19,7 +19,7 @@ class Place(Processes):
 
     def __init__(self, directory):
         self.port, self.sent = network.free_port(), set()
-        super().__init__(directory, f"unix:path={directory}/bus", "gateway/bus/mbusd.conf")
+        super().__init__(directory, f"unix:path={directory}/bus", "devgateway/bus/mbusd.conf")
         (directory / "mosquitto.conf").write_text(
             f"listener {self.port} 127.0.0.1\nallow_anonymous true\nuser root\n")
         self.start_broker()

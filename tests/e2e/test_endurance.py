@@ -1,5 +1,5 @@
 """A thousand sessions: nothing leaks, no byte is lost, and no message costs an allocation. What
-scripts/flatlines does at length."""
+scripts/leaks does at length."""
 import random
 
 import pytest

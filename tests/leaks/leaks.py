@@ -1,0 +1,277 @@
+"""Thousands of sessions and reconnections, and what the daemon holds before and after: memory,
+descriptors and threads must not have grown. Counts its allocations for a message, too, and writes
+both down in docs/limits.md. See scripts/leaks."""
+import argparse
+import asyncio
+import concurrent.futures
+import pathlib
+import random
+import shutil
+import socket
+import struct
+import sys
+import tempfile
+import time
+
+from harness import network
+from harness.cloud import DATA_DOWN, RELEASE, BackEnd
+from harness.footprint import COUNTED, Footprint, allocations, footprint
+from harness.sandbox import CA_FILE, CONFIG_DIR, Gateway, start_gateways
+from harness.tls import HOST, Certificates
+from harness.waiting import poll, run
+
+BEGIN, FINISH = "<!-- flatlines: made by scripts/leaks -->", "<!-- end of flatlines -->"
+RESET = struct.pack("ii", 1, 0)  # linger of 0 s: the socket ends with an RST
+# What a line may rise and still be flat. Pages that are touched for the first time and what the C
+# library keeps for later account for it; 16 bytes leaked by each session would be more.
+SESSIONS_RISE_KB, RECONNECTS_RISE_KB = 128, 192
+BLOCKS_RISE = 10  # libdbus and the C library keep a few for later
+GATEWAYS, BATCH, MESSAGES = 10, 20, 500
+ACCEPTED = ("I", "handshake response code is 0!")
+KINDS = ("closed", "reset", "refused")
+
+
+async def _serve(reader, writer):
+    """A local service whose first byte says what it does: echo, close, reset, take, or give a
+    piece for each further byte."""
+    kind = b""
+    try:
+        kind = await reader.readexactly(1)
+        if kind == b"r":
+            writer.get_extra_info("socket").setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, RESET)
+        while kind in b"etg" and (data := await reader.read(1 << 16)):
+            if kind == b"e":
+                writer.write(data)
+            elif kind == b"g":
+                writer.write(bytes(50000) * len(data))
+    except (OSError, asyncio.IncompleteReadError):
+        pass
+    writer.transport.abort() if kind == b"r" else writer.close()
+
+
+def start_service():
+    port = network.free_port()
+    run(asyncio.start_server(_serve, "127.0.0.1", port, backlog=256))
+    return port
+
+
+class Link:
+    """A gateway with its back end, whose channel is accepted."""
+
+    def __init__(self, directory, name, certificates, tls=True):
+        self.context = certificates.context() if tls else None
+        self.back_end, self.refusals = BackEnd(tls=self.context), 0
+        self.gateway = Gateway(
+            directory, name, cloud=self.back_end.port,
+            config={"gw_remoteaccess_tls_type": int(tls), "gw_remoteaccess_cloud_host": HOST,
+                    "gw_remoteaccess_trans_timeout": 2000},
+            files={CA_FILE: certificates.authority, f"{CONFIG_DIR}/logger.conf": "level=1\n"},
+            **COUNTED)
+
+    def accepted(self):
+        """The channel that is open now."""
+        channel = self.back_end.channel(len(self.back_end.channels) - 1, seconds=30)
+        channel.settle()
+        return channel
+
+    def break_channel(self, kind):
+        """Ends the channel, and waits until the next one works."""
+        channel, failed = self.accepted(), ("W", "cloud channel open failed")
+        seen = len(self.back_end.channels)
+        if kind == "closed":
+            channel.close()
+        elif kind == "reset":
+            channel.ws.transport.get_extra_info("socket").setsockopt(
+                socket.SOL_SOCKET, socket.SO_LINGER, RESET)
+            channel.transport("abort")
+        else:
+            before = len(self.gateway.log.find(*failed))
+            self.back_end.close()
+            self.gateway.log.wait(*failed, count=before + 1, seconds=20)
+            self.refusals += 1
+            self.back_end, seen = BackEnd(tls=self.context, port=self.back_end.port), 0
+        poll(lambda: len(self.back_end.channels) > seen, 30, f"a channel after one was {kind}")
+        self.accepted()
+
+    def at_rest(self):
+        """What the daemon holds with an idle channel."""
+        self.accepted()
+        time.sleep(1)
+        return footprint(self.gateway)
+
+
+def run_sessions(link, port, count, chance):
+    channel = link.accepted()
+    for _ in range(count // BATCH):
+        kinds = {channel.open(port): chance.choice("eecr") for _ in range(BATCH)}
+        data = {session: chance.randbytes(chance.choice([1, 1024, 30000])) for session in kinds}
+        for session, kind in kinds.items():
+            channel.send(DATA_DOWN, kind.encode() + data[session] * (kind == "e"), token=session)
+        for session, kind in kinds.items():
+            if kind == "e":
+                assert b"".join(channel.collect(session, len(data[session]))) == data[session]
+                assert channel.release(session).answer[0] == 0
+            else:
+                channel.expect(RELEASE, token=session)
+        channel.settle()
+        channel.unread.clear()
+        assert not channel.errors, channel.errors
+
+
+def measure_sessions(link, port, count):
+    chance = random.Random(1)
+    run_sessions(link, port, max(count // 10, BATCH), chance)
+    before = link.at_rest()
+    run_sessions(link, port, count, chance)
+    return before, link.at_rest()
+
+
+def is_even(before, after):
+    return (before.descriptors == after.descriptors and before.threads == after.threads
+            and after.blocks - before.blocks <= BLOCKS_RISE)
+
+
+def measure_reconnects(links, count):
+    """Side by side: what they hold on the average before and after, and who is left with more."""
+    def work(link):
+        for kind in KINDS * 4:
+            link.break_channel(kind)
+        before, link.refusals = link.at_rest(), 0
+        for number in range(count // len(links)):
+            link.break_channel(KINDS[number % len(KINDS)])
+        return before, link.at_rest()
+
+    with concurrent.futures.ThreadPoolExecutor(len(links)) as pool:
+        pairs = list(pool.map(work, links))
+
+    def sum_up(side):
+        held = [pair[side] for pair in pairs]
+        return Footprint(round(sum(one.resident_kb for one in held) / len(held)),
+                         max(one.descriptors for one in held), max(one.threads for one in held),
+                         max(one.blocks for one in held))
+    uneven = [pair for pair in pairs if not is_even(*pair)]
+    return sum_up(0), sum_up(1), uneven
+
+
+def measure_allocations(link, port):
+    """Allocations for MESSAGES messages of 50 KB: by direction, the program's and OpenSSL's."""
+    channel, found = link.accepted(), {}
+    down, up = channel.open(port), channel.open(port)
+    channel.send(DATA_DOWN, b"t", token=down)
+    channel.send(DATA_DOWN, b"g", token=up)
+
+    def carry_down(count):
+        for _ in range(count):
+            channel.send(DATA_DOWN, bytes(50000), token=down)
+        channel.settle()
+        return count
+
+    def carry_up(count):
+        pieces = 0
+        for _ in range(count):
+            channel.send(DATA_DOWN, b"x", token=up)
+            pieces += len(channel.collect(up, 50000))
+        return pieces
+
+    for direction, carry in (("to the service", carry_down), ("to the cloud", carry_up)):
+        carry(20)  # the buffers have grown to their size after that
+        before = allocations(link.gateway)
+        messages = carry(MESSAGES)
+        found[direction] = messages, allocations(link.gateway) - before
+    return found
+
+
+def footprint_row(what, before, after):
+    pairs = ((before.resident_kb, after.resident_kb), (before.blocks, after.blocks),
+             (before.descriptors, after.descriptors), (before.threads, after.threads))
+    return f"| {what} | " + " | ".join(f"{old} → {new}" for old, new in pairs) + " |"
+
+
+def report(arguments, sessions, reconnects, counted, refusals):
+    each = arguments.reconnects // GATEWAYS
+    lines = [
+        "| What a daemon holds before and after | RSS, KB | heap blocks | descriptors | threads |",
+        "|---|---|---|---|---|",
+        footprint_row(f"{arguments.sessions} sessions over TLS, released by the back end, closed "
+                      "or reset by the service", *sessions),
+        footprint_row(f"{each * GATEWAYS} reconnections over TLS, {each} for each of {GATEWAYS} "
+                      f"daemons (mean): channel closed, reset, or lost and refused ({refusals} "
+                      "refusals)", *reconnects[:2]), "",
+        f"| Allocations for {MESSAGES} messages of 50 KB | the daemon with its WebSocket adapter | "
+        "OpenSSL, for each message |", "|---|---|---|"]
+    for transport, directions in counted.items():
+        for direction, (messages, calls) in directions.items():
+            openssl = f"{calls.openssl / messages:.1f}" if transport == "TLS" else "-"
+            lines.append(f"| {direction}, {transport} | {calls.program} | {openssl} |")
+    return "\n".join(lines)
+
+
+def judge(sessions, reconnects, counted):
+    before, after = sessions
+    if after.resident_kb - before.resident_kb > SESSIONS_RISE_KB:
+        yield f"RSS rose by more than {SESSIONS_RISE_KB} KB over the sessions"
+    if not is_even(before, after):
+        yield "blocks, descriptors or threads are left over from the sessions"
+    before, after, uneven = reconnects
+    if after.resident_kb - before.resident_kb > RECONNECTS_RISE_KB:
+        yield f"RSS rose by more than {RECONNECTS_RISE_KB} KB over the reconnections"
+    if uneven:
+        yield f"blocks, descriptors or threads are left over from the reconnections: {uneven}"
+    for transport, directions in counted.items():
+        for direction, (_, calls) in directions.items():
+            if calls.program:
+                yield f"{calls.program} allocations for messages {direction}, {transport}"
+            if calls.others > MESSAGES // 2:
+                yield f"{calls.others} allocations of other libraries {direction}, {transport}"
+
+
+def write_section(path, text):
+    old = path.read_text() if path.exists() else (
+        "# Limits\n\nWhat the daemon bears, for how long it stalls, and where it loses bytes: "
+        f"measured.\n\n{BEGIN}\n{FINISH}\n")
+    if BEGIN not in old:
+        old += f"\n{BEGIN}\n{FINISH}\n"
+    head, _, rest = old.partition(BEGIN)
+    path.write_text(f"{head}{BEGIN}\n{text}\n{FINISH}{rest.partition(FINISH)[2]}")
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="scripts/leaks", description=__doc__)
+    parser.add_argument("--sessions", type=int, default=10000)
+    parser.add_argument("--reconnects", type=int, default=1000)
+    parser.add_argument("--out", type=pathlib.Path, help="the file whose section is replaced")
+    arguments = parser.parse_args()
+
+    network.enter_private_network()
+    directory = pathlib.Path(tempfile.mkdtemp(prefix="ra-flat-", dir="/tmp"))
+    (directory / "tls").mkdir()
+    certificates, port = Certificates(directory / "tls"), start_service()
+    steady = Link(directory, "steady", certificates)
+    counting = {"plain": Link(directory, "plain", certificates, tls=False),
+                "TLS": Link(directory, "tls", certificates)}
+    breaking = [Link(directory, f"break{number}", certificates) for number in range(GATEWAYS)]
+    links = [steady, *counting.values(), *breaking]
+    try:
+        start_gateways([link.gateway for link in links])
+        for link in links:
+            link.gateway.log.wait(*ACCEPTED, seconds=20)
+        counted = {name: measure_allocations(link, port) for name, link in counting.items()}
+        sessions = measure_sessions(steady, port, arguments.sessions)
+        reconnects = measure_reconnects(breaking, arguments.reconnects)
+        text = report(arguments, sessions, reconnects, counted,
+                      sum(link.refusals for link in breaking))
+        print(text)
+        faults = list(judge(sessions, reconnects, counted))
+    finally:
+        faults_of_logs = [fault for link in links if link.gateway.daemon
+                          for fault in link.gateway.stop()]
+        shutil.rmtree(directory)
+    for fault in faults + faults_of_logs:
+        print(f"not flat: {fault}", file=sys.stderr)
+    if arguments.out and not faults + faults_of_logs:
+        write_section(arguments.out, text)
+    return 1 if faults + faults_of_logs else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

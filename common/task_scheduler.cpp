@@ -1,9 +1,9 @@
 #include "common/task_scheduler.h"
 
-#include "common/bus_handles.h"
 #include "common/bus_names.h"
 #include "common/log.h"
 #include "utility/alternate_stack.h"
+#include "utility/bus_handles.h"
 #include "utility/text.h"
 #include "utility/thread_handle.h"
 

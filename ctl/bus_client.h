@@ -5,7 +5,7 @@
 //          the fault text of the record.
 #pragma once
 
-#include "common/bus_handles.h"
+#include "utility/bus_handles.h"
 
 #include <cjson/cJSON.h>
 #include <cstdint>

@@ -6,8 +6,8 @@
 #include "platform/config_manager/config_manager.h"
 #include "platform/nopoll/net_connect.h"
 #include "platform/nopoll/wire.h"
-#include "src/remote_access_config_keys.h"
-#include "src/remote_access_default_cert.h"
+#include "src/config_keys.h"
+#include "src/default_cert.h"
 #include "utility/text.h"
 
 #include <array>

@@ -1,6 +1,6 @@
 // Checks of the machine: clock, account database, lock file.
 #include "ctl/doctor.h"
-#include "src/remote_access_singleton.h"
+#include "src/singleton.h"
 #include "utility/handles.h"
 
 #include <algorithm>

@@ -1,11 +1,11 @@
 #include "src/remote_access_local_method.h"
 
-#include "common/bus_handles.h"
 #include "common/log.h"
-#include "src/remote_access_bus_error.h"
-#include "src/remote_access_config.h"
-#include "src/remote_access_proxy.h"
-#include "src/remote_access_service_catalogue.h"
+#include "src/bus_error.h"
+#include "src/config.h"
+#include "src/proxy.h"
+#include "src/service_catalogue.h"
+#include "utility/bus_handles.h"
 #include "utility/text.h"
 #include "utility/utf8.h"
 

@@ -1,20 +1,20 @@
 // Start-up in a fixed order, and the main thread's loop: serve the bus, feed the watchdog, come
 // back when the bus is lost.
 
-#include "common/bus_handles.h"
 #include "common/log.h"
 #include "common/task_scheduler.h"
+#include "src/bus_connection.h"
+#include "src/config.h"
+#include "src/default_route.h"
+#include "src/mqtt_topics.h"
 #include "src/process_end.h"
-#include "src/remote_access_cloud_topics.h"
-#include "src/remote_access_config.h"
-#include "src/remote_access_default_route.h"
-#include "src/remote_access_local_bus.h"
-#include "src/remote_access_product_identity.h"
+#include "src/product_identity.h"
 #include "src/remote_access_proxy_thread.h"
-#include "src/remote_access_service_catalogue.h"
-#include "src/remote_access_singleton.h"
-#include "src/remote_access_watchdog_feed.h"
+#include "src/service_catalogue.h"
+#include "src/singleton.h"
 #include "src/traceBack.h"
+#include "src/watchdog_feed.h"
+#include "utility/bus_handles.h"
 
 #include <fcntl.h>
 #include <unistd.h>

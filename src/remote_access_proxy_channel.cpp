@@ -1,7 +1,7 @@
 #include "src/remote_access_proxy_channel.h"
 
 #include "common/log.h"
-#include "src/remote_access_resolver.h"
+#include "src/resolver.h"
 #include "src/traceBack.h"
 #include "utility/data_buffer.h"
 #include "utility/monotonic_clock.h"

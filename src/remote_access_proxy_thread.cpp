@@ -2,12 +2,12 @@
 
 #include "common/log.h"
 #include "common/task_scheduler.h"
-#include "src/remote_access_channel_state.h"
-#include "src/remote_access_config.h"
-#include "src/remote_access_handshake.h"
-#include "src/remote_access_local_bus.h"
-#include "src/remote_access_proxy.h"
-#include "src/remote_access_watchdog_feed.h"
+#include "src/bus_connection.h"
+#include "src/channel_state.h"
+#include "src/config.h"
+#include "src/handshake_request.h"
+#include "src/proxy.h"
+#include "src/watchdog_feed.h"
 #include "utility/alternate_stack.h"
 #include "utility/monotonic_clock.h"
 

@@ -2,8 +2,8 @@
 
 #include "common/log.h"
 #include "src/cloud_protocol.h"
-#include "src/remote_access_handshake.h"
-#include "src/remote_access_proxy.h"
+#include "src/handshake_request.h"
+#include "src/proxy.h"
 #include "src/remote_access_proxy_channel.h"
 #include "src/remote_access_proxy_protocol_packet.h"
 #include "utility/text.h"

@@ -1,6 +1,6 @@
 #include "platform/config_manager/config_manager.h"
 
-#include "common/bus_handles.h"
+#include "utility/bus_handles.h"
 #include "utility/utf8.h"
 
 #include <cstring>

@@ -1,6 +1,6 @@
 #include "platform/watchdog/watchdog.h"
 
-#include "common/bus_handles.h"
+#include "utility/bus_handles.h"
 #include "utility/utf8.h"
 
 namespace {

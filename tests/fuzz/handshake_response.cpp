@@ -1,7 +1,7 @@
 // The payload of the back end's answer to the handshake.
-// Under test: src/remote_access_handshake.cpp(HandShakeResponse) utility/json_scanner.cpp
+// Under test: src/handshake_request.cpp(HandShakeResponse) utility/json_scanner.cpp
+#include "src/handshake_request.h"
 #include "tests/fuzz/fuzz.h"
-#include "src/remote_access_handshake.h"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {

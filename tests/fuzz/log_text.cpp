@@ -1,7 +1,7 @@
 // The text of a log line, which may be what a peer sent: no line is forged by it.
 // Under test: platform/logger/logger.cpp(log_text|is_control|is_plain|put_escaped_byte)
-#include "tests/fuzz/fuzz.h"
 #include "platform/logger/logger_internal.h"
+#include "tests/fuzz/fuzz.h"
 #include "utility/utf8.h"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)

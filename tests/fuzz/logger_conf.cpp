@@ -1,7 +1,7 @@
 // The file that sets the logger's level.
 // Under test: platform/logger/logger.cpp(parse_logger_conf)
-#include "tests/fuzz/fuzz.h"
 #include "platform/logger/logger_internal.h"
+#include "tests/fuzz/fuzz.h"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {

@@ -1,7 +1,7 @@
 // The header of a message from the back end, as the receive buffer holds it.
 // Under test: src/remote_access_proxy_protocol_packet.cpp(Header|take) utility/text.cpp
-#include "tests/fuzz/fuzz.h"
 #include "src/remote_access_proxy_protocol_packet.h"
+#include "tests/fuzz/fuzz.h"
 #include "utility/data_buffer.h"
 
 namespace {

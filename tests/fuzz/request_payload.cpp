@@ -1,6 +1,6 @@
 // The payloads of the back end's two requests: a new session, an account check.
-// Under test: src/remote_access_request_payload.cpp utility/text.cpp(parse|copy)
-#include "src/remote_access_request_payload.h"
+// Under test: src/request_payload.cpp utility/text.cpp(parse|copy)
+#include "src/request_payload.h"
 
 #include "tests/fuzz/fuzz.h"
 

@@ -1,7 +1,7 @@
 // The kernel's route table.
-// Under test: src/remote_access_default_route.cpp(findDefaultRoute)
+// Under test: src/default_route.cpp(findDefaultRoute)
+#include "src/default_route.h"
 #include "tests/fuzz/fuzz.h"
-#include "src/remote_access_default_route.h"
 #include "utility/handles.h"
 
 #include <optional>

@@ -1,12 +1,12 @@
 // The service list file: its text as an array and as one element, and what the handshake makes of
 // the services found.
-// Under test: src/remote_access_service_catalogue.cpp src/remote_access_handshake.cpp(splice|calc|append|count)
-#include "tests/fuzz/fuzz.h"
+// Under test: src/service_catalogue.cpp src/handshake_request.cpp(splice|calc|append|count)
 #include "src/cloud_protocol.h"
-#include "src/remote_access_config.h"
-#include "src/remote_access_handshake.h"
-#include "src/remote_access_request_payload.h"
-#include "src/remote_access_service_catalogue.h"
+#include "src/config.h"
+#include "src/handshake_request.h"
+#include "src/request_payload.h"
+#include "src/service_catalogue.h"
+#include "tests/fuzz/fuzz.h"
 #include "utility/text.h"
 
 #include <cstring>

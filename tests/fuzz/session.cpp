@@ -11,13 +11,13 @@
 //   Gk        reads slowly      od        the next d openings of the channel fail
 // In the text of M and U, $n is a line end and $k the identifier of a session. A service at a port
 // divisible by 4 refuses, at 3 modulo 8 it is not there after all, and an odd one takes a moment.
-// Under test: src/remote_access_cloud_dispatch.cpp src/remote_access_local_data.cpp src/remote_access_session_mgr.cpp src/remote_access_proxy_trans.cpp src/remote_access_channel_state.cpp src/remote_access_select_pass.cpp src/remote_access_proxy_channel.cpp src/remote_access_local_connect.cpp src/remote_access_account.cpp
-#include "tests/fuzz/fuzz.h"
-#include "src/remote_access_channel_state.h"
-#include "src/remote_access_config.h"
-#include "src/remote_access_proxy.h"
+// Under test: src/channel_dispatch.cpp src/service_data.cpp src/remote_access_session_mgr.cpp src/remote_access_proxy_trans.cpp src/channel_state.cpp src/select_pass.cpp src/remote_access_proxy_channel.cpp src/service_connect.cpp src/account.cpp
+#include "src/channel_state.h"
+#include "src/config.h"
+#include "src/proxy.h"
 #include "src/remote_access_proxy_thread.h"
-#include "src/remote_access_service_catalogue.h"
+#include "src/service_catalogue.h"
+#include "tests/fuzz/fuzz.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/fake_websocket.h"
 #include "utility/handles.h"

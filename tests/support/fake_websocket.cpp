@@ -1,6 +1,6 @@
 #include "tests/support/fake_websocket.h"
 
-#include "src/remote_access_resolver.h"
+#include "src/resolver.h"
 
 #include <cerrno>
 #include <utility>

@@ -1,7 +1,7 @@
 #include "tests/support/proxy_fixture.h"
 
-#include "src/remote_access_channel_state.h"
-#include "src/remote_access_cloud_dispatch.h"
+#include "src/channel_dispatch.h"
+#include "src/channel_state.h"
 #include "src/remote_access_proxy_channel.h"
 #include "src/remote_access_proxy_thread.h"
 #include "utility/text.h"

@@ -2,8 +2,8 @@
 // ends the test holds, and messages as the back end writes them.
 #pragma once
 
-#include "src/remote_access_config.h"
-#include "src/remote_access_proxy.h"
+#include "src/config.h"
+#include "src/proxy.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/fake_logger.h"
 #include "tests/support/fake_websocket.h"

@@ -1,4 +1,4 @@
-#include "src/remote_access_channel_state.h"
+#include "src/channel_state.h"
 #include "src/remote_access_proxy_thread.h"
 #include "tests/support/proxy_fixture.h"
 

@@ -1,6 +1,6 @@
-#include "src/remote_access_local_connect.h"
-#include "src/remote_access_local_data.h"
-#include "src/remote_access_select_pass.h"
+#include "src/select_pass.h"
+#include "src/service_connect.h"
+#include "src/service_data.h"
 #include "tests/support/proxy_fixture.h"
 
 #include <cerrno>

@@ -1,4 +1,4 @@
-#include "src/remote_access_cloud_dispatch.h"
+#include "src/channel_dispatch.h"
 #include "tests/support/proxy_fixture.h"
 
 #include <sys/socket.h>

@@ -1,7 +1,7 @@
-#include "src/remote_access_handshake.h"
+#include "src/handshake_request.h"
 #include "src/remote_access_proxy_protocol_packet.h"
-#include "src/remote_access_request_payload.h"
-#include "src/remote_access_service_catalogue.h"
+#include "src/request_payload.h"
+#include "src/service_catalogue.h"
 #include "tests/support/proxy_fixture.h"
 
 #include <cstring>

@@ -1,4 +1,4 @@
-#include "src/remote_access_handshake.h"
+#include "src/handshake_request.h"
 #include "src/remote_access_proxy_trans.h"
 #include "tests/support/proxy_fixture.h"
 

@@ -1,8 +1,8 @@
-#include "src/remote_access_config.h"
-#include "src/remote_access_default_route.h"
+#include "src/config.h"
+#include "src/default_route.h"
 #include "src/remote_access_local_common.h"
-#include "src/remote_access_request_payload.h"
-#include "src/remote_access_service_catalogue.h"
+#include "src/request_payload.h"
+#include "src/service_catalogue.h"
 #include "tests/support/fake_files.h"
 #include "tests/support/fake_logger.h"
 

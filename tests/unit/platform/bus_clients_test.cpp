@@ -1,8 +1,8 @@
 // The clients against a manager that answers as badly as it likes: it takes the place of the bus
 // library's blocking call. That they are understood by the real one shows end to end.
-#include "common/bus_handles.h"
 #include "platform/config_manager/config_manager.h"
 #include "platform/watchdog/watchdog.h"
+#include "utility/bus_handles.h"
 #include "utility/handles.h"
 
 #include <gtest/gtest.h>

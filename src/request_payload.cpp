@@ -1,4 +1,4 @@
-#include "src/remote_access_request_payload.h"
+#include "src/request_payload.h"
 
 #include "common/log.h"
 #include "utility/json_scanner.h"

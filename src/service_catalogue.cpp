@@ -1,9 +1,9 @@
-#include "src/remote_access_service_catalogue.h"
+#include "src/service_catalogue.h"
 
 #include "common/log.h"
-#include "src/remote_access_config.h"
+#include "src/config.h"
 #include "src/remote_access_local_common.h"
-#include "src/remote_access_request_payload.h"
+#include "src/request_payload.h"
 #include "utility/json_scanner.h"
 #include "utility/text.h"
 

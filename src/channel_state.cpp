@@ -1,13 +1,13 @@
-#include "src/remote_access_channel_state.h"
+#include "src/channel_state.h"
 
 #include "common/log.h"
+#include "src/peer_watch.h"
 #include "src/process_end.h"
-#include "src/remote_access_peer_watch.h"
-#include "src/remote_access_proxy.h"
+#include "src/proxy.h"
 #include "src/remote_access_proxy_channel.h"
 #include "src/remote_access_proxy_thread.h"
 #include "src/remote_access_proxy_trans.h"
-#include "src/remote_access_select_pass.h"
+#include "src/select_pass.h"
 #include "utility/monotonic_clock.h"
 
 #include <algorithm>

@@ -1,12 +1,12 @@
-#include "src/remote_access_local_bus.h"
+#include "src/bus_connection.h"
 
-#include "common/bus_handles.h"
 #include "common/bus_names.h"
 #include "common/log.h"
-#include "src/remote_access_bus_error.h"
-#include "src/remote_access_cloud_topics.h"
-#include "src/remote_access_config.h"
+#include "src/bus_error.h"
+#include "src/config.h"
+#include "src/mqtt_topics.h"
 #include "src/remote_access_local_method.h"
+#include "utility/bus_handles.h"
 
 #include <cstring>
 #include <pthread.h>

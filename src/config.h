@@ -9,7 +9,7 @@
 //          stored before switch_changed is set (release) and read after the mark was taken.
 //          Topics: written by the task worker while the main thread may read: copyCloudTopic only.
 //          bus_conn: replaced by the main thread alone; others borrow it
-//          (remote_access_local_bus.h).
+//          (bus_connection.h).
 #pragma once
 
 #include "utility/list.h"

@@ -1,7 +1,7 @@
-#include "src/remote_access_product_identity.h"
+#include "src/product_identity.h"
 
 #include "common/log.h"
-#include "src/remote_access_config.h"
+#include "src/config.h"
 #include "utility/handles.h"
 #include "utility/install_root.h"
 #include "utility/text.h"

@@ -1,9 +1,9 @@
-#include "src/remote_access_watchdog_feed.h"
+#include "src/watchdog_feed.h"
 
-#include "common/bus_handles.h"
 #include "common/bus_names.h"
 #include "common/log.h"
 #include "platform/watchdog/watchdog.h"
+#include "utility/bus_handles.h"
 #include "utility/monotonic_clock.h"
 
 void feedWatchdog(DBusConnection *conn, const char *thread_name, int period_s, timespec *last_feed)

@@ -1,4 +1,4 @@
-#include "src/remote_access_singleton.h"
+#include "src/singleton.h"
 
 #include "common/log.h"
 #include "utility/handles.h"

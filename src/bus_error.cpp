@@ -1,4 +1,4 @@
-#include "src/remote_access_bus_error.h"
+#include "src/bus_error.h"
 
 #include "common/log.h"
 

@@ -1,4 +1,4 @@
-#include "src/remote_access_proxy.h"
+#include "src/proxy.h"
 
 constinit REMOTE_PROXY_T g_remote_proxy{};
 

@@ -1,4 +1,4 @@
-#include "src/remote_access_default_route.h"
+#include "src/default_route.h"
 
 #include "common/log.h"
 #include "utility/handles.h"

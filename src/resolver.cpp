@@ -1,4 +1,4 @@
-#include "src/remote_access_resolver.h"
+#include "src/resolver.h"
 
 #include <cerrno>
 #include <netinet/in.h>

@@ -1,4 +1,4 @@
-#include "src/remote_access_peer_watch.h"
+#include "src/peer_watch.h"
 
 #include "utility/monotonic_clock.h"
 

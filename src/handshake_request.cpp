@@ -1,7 +1,7 @@
-#include "src/remote_access_handshake.h"
+#include "src/handshake_request.h"
 
 #include "common/log.h"
-#include "src/remote_access_service_catalogue.h"
+#include "src/service_catalogue.h"
 #include "utility/json_scanner.h"
 #include "utility/sha256/hmac-sha256.h"
 #include "utility/text.h"

@@ -1,4 +1,4 @@
-#include "src/remote_access_default_cert.h"
+#include "src/default_cert.h"
 
 #include "common/log.h"
 

@@ -1,10 +1,10 @@
-#include "src/remote_access_config.h"
+#include "src/config.h"
 
 #include "common/bus_names.h"
 #include "common/log.h"
 #include "platform/config_manager/config_manager.h"
-#include "src/remote_access_config_keys.h"
-#include "src/remote_access_default_cert.h"
+#include "src/config_keys.h"
+#include "src/default_cert.h"
 #include "utility/handles.h"
 #include "utility/text.h"
 

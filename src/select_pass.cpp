@@ -1,11 +1,11 @@
-#include "src/remote_access_select_pass.h"
+#include "src/select_pass.h"
 
 #include "common/log.h"
-#include "src/remote_access_cloud_dispatch.h"
-#include "src/remote_access_local_data.h"
-#include "src/remote_access_proxy.h"
+#include "src/channel_dispatch.h"
+#include "src/proxy.h"
 #include "src/remote_access_proxy_channel.h"
 #include "src/remote_access_proxy_thread.h"
+#include "src/service_data.h"
 #include "utility/monotonic_clock.h"
 
 #include <cerrno>

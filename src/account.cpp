@@ -1,7 +1,7 @@
-#include "src/remote_access_account.h"
+#include "src/account.h"
 
 #include "common/log.h"
-#include "src/remote_access_request_payload.h"
+#include "src/request_payload.h"
 #include "utility/handles.h"
 
 #include <crypt.h>

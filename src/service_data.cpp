@@ -1,7 +1,7 @@
-#include "src/remote_access_local_data.h"
+#include "src/service_data.h"
 
 #include "common/log.h"
-#include "src/remote_access_proxy.h"
+#include "src/proxy.h"
 #include "src/remote_access_proxy_channel.h"
 #include "src/remote_access_proxy_protocol_packet.h"
 #include "src/remote_access_proxy_trans.h"

@@ -66,7 +66,8 @@ int signalProc(REMOTE_ACCESS_CONFIG_T *record, DBusMessage *message)
     }
     RA_INFO_FOR(DISPATCH, "remote access daemon receive signal : %s", member);
     // Whoever sent it: the bus's own policy decides who may.
-    if (std::strcmp(member, SUBSCRIBE_EVENT) == 0) return cloudDownDataProc(record, message);
+    if (std::strcmp(member, SUBSCRIBE_EVENT) == 0)
+        (void)cloudDownDataProc(record, message); // what cannot be used is logged there
     return 0;
 }
 

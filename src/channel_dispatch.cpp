@@ -2,25 +2,25 @@
 
 #include "common/log.h"
 #include "src/account.h"
-#include "src/channel_state.h"
 #include "src/handshake_request.h"
+#include "src/peer_watch.h"
 #include "src/proxy.h"
 #include "src/remote_access_proxy_channel.h"
 #include "src/remote_access_proxy_protocol_packet.h"
-#include "src/remote_access_proxy_thread.h"
 #include "src/remote_access_proxy_trans.h"
 #include "src/request_payload.h"
 #include "src/service_catalogue.h"
 #include "src/service_connect.h"
 #include "src/service_data.h"
+#include "src/watchdog_feed.h"
 #include "utility/handles.h"
 #include "utility/message_id.h"
-#include "utility/monotonic_clock.h"
 #include "utility/text.h"
 
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <utility>
 
 namespace {
 
@@ -110,15 +110,25 @@ void routeMessage(REMOTE_PROXY_T *proxy, const PROXY_HEADER_T &header)
     (void)route->handler(proxy, &header);
 }
 
-// The receive buffer holds one whole message.
+// The header in the receive buffer, with its lines. -1 when it cannot be read, and for the rest of a
+// message whose beginning is lost: a request that stands in there was never one.
+int takeHeader(REMOTE_PROXY_T *proxy, PROXY_HEADER_T *header)
+{
+    DATA_BUFFER_T &buffer = proxy->recv_buffer;
+    if (std::exchange(proxy->message_lost, false)) return refuseRemoteAccessProtocolHeader(&buffer);
+    if (getRemoteAccessProtocolHeader(&buffer, header) != 0) return -1;
+    const GatheredLogLines gathered{header->msg_type == MSG_TYPE_DATA_DOWN};
+    RA_INFO_FOR(DISPATCH, "header len:%d", header->header_len);
+    RA_INFO_FOR(DISPATCH, "header: %.*s", header->header_len, buffer.data);
+    return 0;
+}
+
+// The receive buffer holds what there is of one message, to its end.
 void processMessage(REMOTE_PROXY_T *proxy)
 {
     DATA_BUFFER_T &buffer = proxy->recv_buffer;
     PROXY_HEADER_T header{};
-    if (getRemoteAccessProtocolHeader(&buffer, &header) != 0) return;
-    const GatheredLogLines gathered{header.msg_type == MSG_TYPE_DATA_DOWN};
-    RA_INFO_FOR(DISPATCH, "header len:%d", header.header_len);
-    RA_INFO_FOR(DISPATCH, "header: %.*s", header.header_len, buffer.data);
+    if (takeHeader(proxy, &header) != 0) return;
     if (!stepToPayload(&buffer, header)) {
         RA_WARN_FOR(DISPATCH, "payload length info is error!payloadlen:%d, datalen:%d",
                     header.payload_len, getBufferDataLength(&buffer));
@@ -127,28 +137,42 @@ void processMessage(REMOTE_PROXY_T *proxy)
     routeMessage(proxy, header);
 }
 
+// The payload's lines come by the thousand, unlike those of a session's end.
+int writeToService(DATA_BUFFER_T *buffer, SESSION_NODE_T *session)
+{
+    const GatheredLogLines gathered;
+    return sendRawData2LocalService(buffer, session);
+}
+
 } // namespace
 
 void cloudDataProc(REMOTE_PROXY_T *proxy)
 {
     DATA_BUFFER_T &buffer = proxy->recv_buffer;
-    const std::int64_t deadline = milliseconds_of(monotonic_now()) + CHANNEL_DRAIN_MS;
+    std::int64_t bytes = 0;
+    int messages = 0;
     int fin = 0;
     do {
         const int result = readCloudProxyChannel(proxy->conn, &buffer, &fin);
+        if (result == CHANNEL_READ_NOTHING) return; // the fragments so far stay for the next pass
+        const bool is_over = hasCloudProxyChannelMessageEnded(proxy->conn);
         if (result == CHANNEL_READ_NO_ROOM) {
+            proxy->message_lost = !is_over;
             resetDataBuffer(&buffer);
             return;
         }
-        if (result == CHANNEL_READ_NOTHING) return; // the fragments so far stay for the next pass
-        if (fin == 0) {
+        bytes += result;
+        if (fin == 0 && !(proxy->message_lost && is_over)) {
             RA_DEBUG("this websocket message not have Fin flag!");
+            if (result == CHANNEL_READ_NO_PAYLOAD) ++messages;
             continue;
         }
         processMessage(proxy);
         resetDataBuffer(&buffer);
         feedProxyWatchdog(); // one message may cost a second, and there may be many
-    } while (milliseconds_of(monotonic_now()) < deadline);
+        (void)lookAtPeer(proxy);
+        ++messages;
+    } while (isRemoteAccessOn(proxy) && bytes < DRAIN_BYTES && messages < DRAIN_MESSAGES);
 }
 
 int newSession(REMOTE_PROXY_T *proxy, const PROXY_HEADER_T *header)
@@ -214,7 +238,7 @@ int procCloudChannelData(REMOTE_PROXY_T *proxy, const PROXY_HEADER_T *header)
         resetDataBuffer(&proxy->recv_buffer);
         return -1;
     }
-    if (sendRawData2LocalService(&proxy->recv_buffer, session) != 0) {
+    if (writeToService(&proxy->recv_buffer, session) != 0) {
         RA_WARN("release the session: %s", header->token);
         (void)sendCloudChannelReleaseSessionRequest(proxy, header->msg_id,
                                                     header->token); // logged there

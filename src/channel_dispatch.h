@@ -4,17 +4,24 @@
 // Checks   a message whose header does not parse, or whose payload is not as long as its header
 //          says, is dropped; the channel stays open. Handlers work only on an accepted channel,
 //          except that of responses.
-// Bound    one call drains the channel for at most CHANNEL_DRAIN_MS, so that a back end that fills
-//          the channel cannot starve the local services, the switch or the watchdog;
-//          hasCloudProxyChannelPendingInput tells the rest.
+// Overflow a message longer than the receive buffer is lost whole: what of it comes later is
+//          dropped with the lines of a header that cannot be read, whatever stands in it.
+// Bound    one call drains the channel until nothing is left, so that what services and back end
+//          do in the meantime cannot come between messages of one burst. It ends earlier once remote
+//          access has been switched off, and after DRAIN_BYTES or DRAIN_MESSAGES, so that a back
+//          end that never pauses cannot starve the local services;
+//          hasCloudProxyChannelPendingInput tells the rest. The watchdog is fed after each message.
 // Threads  the proxy thread alone; the message stands in recv_buffer, its payload at the read
 //          offset.
 #pragma once
 
+#include <cstdint>
+
 struct PROXY_HEADER_T;
 struct REMOTE_PROXY_T;
 
-constexpr int CHANNEL_DRAIN_MS = 200;
+constexpr std::int64_t DRAIN_BYTES = 8'000'000;
+constexpr int DRAIN_MESSAGES = 4096;
 
 void cloudDataProc(REMOTE_PROXY_T *proxy);
 

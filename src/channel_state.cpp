@@ -5,13 +5,12 @@
 #include "src/process_end.h"
 #include "src/proxy.h"
 #include "src/remote_access_proxy_channel.h"
-#include "src/remote_access_proxy_thread.h"
 #include "src/remote_access_proxy_trans.h"
 #include "src/select_pass.h"
+#include "src/watchdog_feed.h"
 #include "utility/monotonic_clock.h"
 
 #include <algorithm>
-#include <climits>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -19,6 +18,7 @@ namespace {
 
 // Operations whose lines are written by helpers here.
 constexpr char CREATE[] = "createRemoteProxy";
+constexpr char PASS[] = "cloudChannelConnectedStateProc";
 
 constexpr useconds_t CLOSED_PASS_US = 300000;
 constexpr useconds_t LOST_CHANNEL_PAUSE_US = 500000;
@@ -55,8 +55,7 @@ int failCreation(REMOTE_PROXY_T *proxy)
     closeCloudProxyChannel(proxy->conn);
     proxy->conn = nullptr;
     releaseAllSessionsFromTable(&proxy->session_table);
-    resetDataBuffer(&proxy->send_buffer);
-    resetDataBuffer(&proxy->recv_buffer);
+    resetMessageBuffers(proxy);
     return -1;
 }
 
@@ -74,19 +73,21 @@ void failHandShake(REMOTE_PROXY_T *proxy)
     recordChannelRetry(proxy);
 }
 
+bool isPeerLost(const REMOTE_PROXY_T *proxy)
+{
+    switch (lookAtPeer(proxy)) {
+    case PEER_FAULT_DEAF:
+        RA_WARN_FOR(PASS, "the back end repeats itself and hears nothing, the channel is dropped");
+        return true;
+    case PEER_FAULT_FULL:
+        RA_WARN_FOR(PASS, "the back end takes nothing, the channel is dropped");
+        return true;
+    default:
+        return false;
+    }
+}
+
 } // namespace
-
-void recordChannelRetry(REMOTE_PROXY_T *proxy)
-{
-    if (proxy->retry_count < INT_MAX) ++proxy->retry_count;
-    proxy->retry_time = monotonic_now();
-}
-
-void resetChannelRetry(REMOTE_PROXY_T *proxy)
-{
-    proxy->retry_count = 0;
-    proxy->retry_time.tv_sec = 0;
-}
 
 int checkRetryInterval(const REMOTE_PROXY_T *proxy)
 {
@@ -120,24 +121,16 @@ int createRemoteProxy(REMOTE_PROXY_T *proxy)
         RA_WARN("cloud channel open failed");
         return failCreation(proxy);
     }
-    watchPeer(getCloudProxyChannelSocket(proxy->conn), proxy->tcp_keepalive_period);
+    watchPeer(proxy);
     if (sendCloudChannelHandShakeRequest(
             proxy, proxy->services_info.load(std::memory_order_relaxed)) != 0) {
         RA_WARN("send cloud channel HandShake request error!");
         return failCreation(proxy);
     }
-    resetDataBuffer(&proxy->send_buffer);
-    resetDataBuffer(&proxy->recv_buffer);
+    resetMessageBuffers(proxy);
     setChannelState(proxy, CHANNEL_STATE_HANDSHAKE);
     proxy->last_active_time = monotonic_now();
     return 0;
-}
-
-void acceptHandShake(REMOTE_PROXY_T *proxy)
-{
-    setChannelState(proxy, CHANNEL_STATE_CONNECTED);
-    proxy->last_active_time = monotonic_now();
-    resetChannelRetry(proxy);
 }
 
 int closeCloudChannelConnection(REMOTE_PROXY_T *proxy)
@@ -153,8 +146,7 @@ int releaseRemoteProxy(REMOTE_PROXY_T *proxy)
     RA_INFO("end the cloud channel.");
     closeCloudChannelConnection(proxy);
     releaseAllSessionsFromTable(&proxy->session_table);
-    resetDataBuffer(&proxy->send_buffer);
-    resetDataBuffer(&proxy->recv_buffer);
+    resetMessageBuffers(proxy);
     setChannelState(proxy, CHANNEL_STATE_CLOSED);
     proxy->ping_count = 0;
     return 0;
@@ -211,14 +203,7 @@ void cloudChannelConnectedStateProc(REMOTE_PROXY_T *proxy, std::int32_t remote_s
         ::usleep(LOST_CHANNEL_PAUSE_US);
         return;
     }
-    if (isPeerDeaf(getCloudProxyChannelSocket(proxy->conn), proxy->tcp_keepalive_period)) {
-        RA_WARN("the back end repeats itself and hears nothing, the channel is dropped");
-        dropChannel(proxy);
-        return;
-    }
-    if (checkKeepalive(proxy) != 0) {
-        dropChannel(proxy);
-    }
+    if (isPeerLost(proxy) || checkKeepalive(proxy) != 0) dropChannel(proxy);
 }
 
 void cloudChannelErrorStateProc(REMOTE_PROXY_T *proxy, std::int32_t /*remote_switch*/)

@@ -26,11 +26,7 @@ void runChannelState(REMOTE_PROXY_T *proxy, std::int32_t remote_switch);
 // Closes the channel and every session without a message to anybody. 0 always.
 int releaseRemoteProxy(REMOTE_PROXY_T *proxy);
 int closeCloudChannelConnection(REMOTE_PROXY_T *proxy);
-// The handshake was accepted: sessions may be opened from now on.
-void acceptHandShake(REMOTE_PROXY_T *proxy);
 
-void recordChannelRetry(REMOTE_PROXY_T *proxy);
-void resetChannelRetry(REMOTE_PROXY_T *proxy);
 // 0 when an attempt may be made, -1 when not yet.
 int checkRetryInterval(const REMOTE_PROXY_T *proxy);
 // 0 when the handshake has waited 3 s or more, -1 when not.

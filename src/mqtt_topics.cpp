@@ -42,19 +42,20 @@ bool appendBridgeArguments(DBusMessage *call, const char *first, const char *sec
                                     DBUS_TYPE_INT32, &qos, DBUS_TYPE_INVALID) != 0;
 }
 
-// A call of the main thread, of which only the answer's arrival counts. 0 / -1.
-int callBridge(DBusConnection *conn, DBusMessagePtr call)
+// A call of the main thread, of which only the answer's arrival counts. 0 / -1; failures are lines of
+// the operation `owner`.
+int callBridge(const char *owner, DBusConnection *conn, DBusMessagePtr call)
 {
     BusError error;
     const DBusMessagePtr reply{
         dbus_connection_send_with_reply_and_block(conn, call.get(), CALL_TIMEOUT_MS, error)};
     call.reset();
     if (check_and_abort(error) != 0) {
-        RA_WARN("dbus_connection_send_with_reply_and_block is error!");
+        RA_WARN_FOR(owner, "dbus_connection_send_with_reply_and_block is error!");
         return -1;
     }
     if (!reply) {
-        RA_WARN("method call cloud-proxy error!");
+        RA_WARN_FOR(owner, "method call cloud-proxy error!");
         return -1;
     }
     return 0;
@@ -205,7 +206,7 @@ int publishSelfDescribedToCloud(REMOTE_ACCESS_CONFIG_T *record)
         RA_WARN("dbus set args for message error");
         return -1;
     }
-    if (callBridge(record->bus_conn, std::move(call)) != 0) return -1;
+    if (callBridge(__func__, record->bus_conn, std::move(call)) != 0) return -1;
     RA_INFO("publish self info to cloud success!");
     return 0;
 }
@@ -215,7 +216,7 @@ int openCloudChannel(REMOTE_ACCESS_CONFIG_T *record)
     if (cloud_channel_opened != 0) return 0;
     RA_INFO("start to open cloud channel!");
     DBusMessagePtr call = newBridgeCall("open_cloud_channel");
-    if (!call || callBridge(record->bus_conn, std::move(call)) != 0) return -1;
+    if (!call || callBridge(__func__, record->bus_conn, std::move(call)) != 0) return -1;
     cloud_channel_opened = 1;
     RA_INFO("open cloud channel success!");
     return 0;
@@ -226,7 +227,7 @@ int closeCloudChannel(REMOTE_ACCESS_CONFIG_T *record)
     if (cloud_channel_closed != 0) return 0;
     RA_INFO("start to close cloud channel!");
     DBusMessagePtr call = newBridgeCall("close_cloud_channel");
-    if (!call || callBridge(record->bus_conn, std::move(call)) != 0) return -1;
+    if (!call || callBridge(__func__, record->bus_conn, std::move(call)) != 0) return -1;
     cloud_channel_closed = 1;
     RA_INFO("close cloud channel success!");
     return 0;

@@ -1,16 +1,30 @@
-// Finds a channel whose other end is gone without a word, or hears nothing any more.
-// Bound    six keepalive periods in each case, 30 s by default.
+// Finds a channel whose other end is gone without a word, hears nothing any more, or takes nothing.
+//
+// Bound    a peer that acknowledges nothing: six keepalive periods (30 s by default), at least 20 s.
+//          One that answers the kernel's probes but takes no byte of what waits for it is alive, and
+//          given up after four ping periods like one that answers no ping (320 s by default).
 // Threads  the proxy thread alone: there is one channel.
-// Failure  what the kernel refuses stays at its default.
+// Failure  what the kernel refuses stays at its default; a kernel too old for the counters leaves
+//          its own time-outs alone at work.
+// Source   tcp(7), and linux/tcp.h for the counters.
 #pragma once
 
 #include <cstdint>
 
-// Keepalive probes find the end of an idle channel, and TCP_USER_TIMEOUT that of one with bytes in
-// flight, when no probes run (tcp(7)). period_s 0 or less: the kernel's defaults.
-void watchPeer(int fd, std::int32_t period_s);
+struct REMOTE_PROXY_T;
 
-// True when nothing that was sent from here arrives although the other end still sends: it repeats
-// what it has sent before, which keeps the kernel from probing it, answers no probe and has nothing
-// new. Call it about once a second, with the arguments of watchPeer().
-[[nodiscard]] bool isPeerDeaf(int fd, std::int32_t period_s);
+enum PEER_FAULT : std::int32_t {
+    PEER_FAULT_NONE = 0,
+    PEER_FAULT_DEAF = 1, // nothing that was sent from here arrives, though it repeats what it sent
+    PEER_FAULT_FULL = 2, // it lives, but has taken nothing for four ping periods
+};
+
+// Sets a new connection up. Keepalive probes find the end of an idle channel, and TCP_USER_TIMEOUT
+// that of one with bytes in flight, when no probes run. A keepalive period of 0 or less leaves the
+// kernel's defaults.
+void watchPeer(const REMOTE_PROXY_T *proxy);
+
+// Looks at the connection's counters, at most once a second; a call that is not due costs a clock
+// read and returns what the last look found. Call it at least every 10 s: TCP_USER_TIMEOUT would end
+// a peer whose window is closed however often it answers, so it is moved ahead while it answers.
+PEER_FAULT lookAtPeer(const REMOTE_PROXY_T *proxy);

@@ -49,6 +49,8 @@ struct REMOTE_PROXY_T {
     timespec retry_time;                 // monotonic; time of the last one
     std::atomic<std::int32_t> heartbeat; // passes, modulo 65535
     std::int32_t ping_count;             // pings since the last pong
+    bool message_lost; // the rest of a message that did not fit recv_buffer is still to come
+    const std::atomic<std::int32_t> *remote_access_switch; // borrowed; null = always on
 };
 
 static_assert(std::atomic<char *>::is_always_lock_free);
@@ -60,6 +62,17 @@ inline std::int32_t channelState(const REMOTE_PROXY_T *proxy)
     return proxy->state.load(std::memory_order_relaxed);
 }
 void setChannelState(REMOTE_PROXY_T *proxy, CHANNEL_STATE next);
+// The handshake was accepted: sessions may be opened from now on.
+void acceptHandShake(REMOTE_PROXY_T *proxy);
+
+// The back-off's bookkeeping: one attempt more has failed, or the next one is not delayed.
+void recordChannelRetry(REMOTE_PROXY_T *proxy);
+void resetChannelRetry(REMOTE_PROXY_T *proxy);
+
+// False once a command has switched remote access off, also in the middle of a pass.
+bool isRemoteAccessOn(const REMOTE_PROXY_T *proxy);
+// Empties both buffers and forgets a message of which only a part has come.
+void resetMessageBuffers(REMOTE_PROXY_T *proxy);
 
 // The text in which the proxy thread's senders build a header before it is put in front of a
 // payload.

@@ -85,7 +85,7 @@ void reconnectBus(REMOTE_ACCESS_CONFIG_T *record)
 {
     if (registerModule2LocalBus(record) != 0) return; // the next pass retries
     if (addRetriedTask(SUBSCRIBE_TOPICS_TASK, subscribeCloudTopicTask) != 0)
-        RA_ERROR("add subscribe cloud topic task error!");
+        RA_ERROR_FOR("main", "add subscribe cloud topic task error!");
 }
 
 [[noreturn]] void serveBus(REMOTE_ACCESS_CONFIG_T *record)

@@ -28,6 +28,8 @@ constexpr int ATTEMPT_MS = 50;
 constexpr int MIN_TIMEOUT_MS = 50;
 constexpr int MAX_TIMEOUT_MS = 10000;
 
+bool message_ended = true; // by the last piece read; there is one connection at a time
+
 noPollConn *toLibrary(CLOUD_CHANNEL_T *conn)
 {
     return reinterpret_cast<noPollConn *>(conn);
@@ -212,7 +214,8 @@ int readCloudProxyChannel(CLOUD_CHANNEL_T *conn, DATA_BUFFER_T *buffer, int *fin
         RA_DEBUG("not receive full package of websocket! OR receive PONG package from cloud.");
         return CHANNEL_READ_NOTHING;
     }
-    const int size = nopoll_msg_get_payload_size(message);
+    message_ended = nopoll_msg_is_final(message) != nopoll_false;
+    const auto size = static_cast<int>(nopoll_msg_get_payload_size(message));
     if (size <= 0) {
         nopoll_msg_unref(message);
         RA_WARN("can not get cloud message size!");
@@ -229,9 +232,14 @@ int readCloudProxyChannel(CLOUD_CHANNEL_T *conn, DATA_BUFFER_T *buffer, int *fin
         RA_WARN("write the cloud channel buffer error!");
         return CHANNEL_READ_NO_ROOM;
     }
-    *fin = nopoll_msg_is_final(message) != nopoll_false ? 1 : 0;
+    *fin = message_ended ? 1 : 0;
     nopoll_msg_unref(message);
     return size;
+}
+
+bool hasCloudProxyChannelMessageEnded(const CLOUD_CHANNEL_T *conn)
+{
+    return conn != nullptr && message_ended;
 }
 
 int writeCloudProxyChannel(CLOUD_CHANNEL_T *conn, const char *bytes, int length, int timeout_ms)

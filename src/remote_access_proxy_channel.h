@@ -31,6 +31,9 @@ void closeCloudProxyChannel(CLOUD_CHANNEL_T *conn);
 // the piece ended its message, else 0; left as it was by a read that appends nothing.
 int readCloudProxyChannel(CLOUD_CHANNEL_T *conn, DATA_BUFFER_T *buffer, int *fin);
 
+// Whether the last piece that was read, appended or not, ended its message.
+bool hasCloudProxyChannelMessageEnded(const CLOUD_CHANNEL_T *conn);
+
 // One binary message. length when all of it went to the socket; -1 when sending failed; 0 when
 // earlier bytes could not be flushed (nothing was taken); otherwise the count that left in time
 // (the rest may still leave later). timeout_ms is clamped to 50 to 10000.

@@ -52,6 +52,18 @@ bool takeFields(std::string_view span, PROXY_HEADER_T *header)
     return true;
 }
 
+int failToParse(const char *text)
+{
+    RA_WARN_FOR("parseProxyProtocolHeader", "header json formate error:  %s ", text);
+    return -1;
+}
+
+int failToGet(const char *text)
+{
+    RA_WARN_FOR("getRemoteAccessProtocolHeader", "parse proxy header failed: %s", text);
+    return -1;
+}
+
 } // namespace
 
 int spliceProxyProtocolHeader(std::span<char> dst, int msg_type, std::int32_t payload_len,
@@ -82,16 +94,20 @@ int parseProxyProtocolHeader(const char *text, std::int32_t length, PROXY_HEADER
         const bool is_text = span.find('\0') == std::string_view::npos; // a NUL ends the text
         if (span.starts_with('{') && is_text && takeFields(span, header)) return 0;
     }
-    RA_WARN("header json formate error:  %s ", text != nullptr ? text : "");
-    return -1;
+    return failToParse(text != nullptr ? text : "");
 }
 
 int getRemoteAccessProtocolHeader(const DATA_BUFFER_T *buffer, PROXY_HEADER_T *header)
 {
     const char *const text = getBufferReadPointer(buffer);
-    if (parseProxyProtocolHeader(text, getBufferDataLength(buffer), header) != 0) {
-        RA_WARN("parse proxy header failed: %s", text);
-        return -1;
-    }
+    if (parseProxyProtocolHeader(text, getBufferDataLength(buffer), header) != 0)
+        return failToGet(text);
     return 0;
+}
+
+int refuseRemoteAccessProtocolHeader(const DATA_BUFFER_T *buffer)
+{
+    const char *const text = getBufferReadPointer(buffer);
+    (void)failToParse(text);
+    return failToGet(text);
 }

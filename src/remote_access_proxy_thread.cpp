@@ -2,14 +2,12 @@
 
 #include "common/log.h"
 #include "common/task_scheduler.h"
-#include "src/bus_connection.h"
 #include "src/channel_state.h"
 #include "src/config.h"
 #include "src/handshake_request.h"
 #include "src/proxy.h"
 #include "src/watchdog_feed.h"
 #include "utility/alternate_stack.h"
-#include "utility/monotonic_clock.h"
 
 #include <unistd.h>
 
@@ -17,13 +15,6 @@ namespace {
 
 constexpr useconds_t CONFIG_POLL_US = 1000000;
 constexpr std::int32_t HEARTBEAT_MODULUS = 65535;
-
-// Of the proxy thread alone; kept here so that the long loops below it can feed too.
-struct PROXY_WATCHDOG_T {
-    REMOTE_ACCESS_CONFIG_T *record;
-    timespec last_feed;
-};
-PROXY_WATCHDOG_T g_watchdog{};
 
 bool isRunning(const REMOTE_ACCESS_CONFIG_T *record)
 {
@@ -54,13 +45,6 @@ void runOnePass(REMOTE_PROXY_T *proxy, REMOTE_ACCESS_CONFIG_T *record)
 
 } // namespace
 
-void feedProxyWatchdog()
-{
-    if (g_watchdog.record == nullptr) return;
-    const BusConnectionRef conn = borrowBusConnection(g_watchdog.record);
-    feedWatchdog(conn.get(), PROXY_THREAD_NAME, WATCHDOG_FEED_PERIOD_S, &g_watchdog.last_feed);
-}
-
 int initRemoteProxyResource(REMOTE_PROXY_T *proxy, REMOTE_ACCESS_CONFIG_T *record)
 {
     if (initDataBuffer(&proxy->recv_buffer, MESSAGE_BUFFER_SIZE) != 0 ||
@@ -87,6 +71,7 @@ int initRemoteProxyResource(REMOTE_PROXY_T *proxy, REMOTE_ACCESS_CONFIG_T *recor
     proxy->device_name = record->device_name;
     proxy->device_secret = record->device_secret;
     proxy->service_list = &record->service_list;
+    proxy->remote_access_switch = &record->remote_access_switch;
     return 0;
 }
 
@@ -104,9 +89,8 @@ void *remoteProxyThread(void *argument)
     auto *const record = static_cast<REMOTE_ACCESS_CONFIG_T *>(argument);
     record->proxy_thread.run_state.store(THREAD_STATE_RUNNING);
     use_alternate_signal_stack();
-    g_watchdog = {record, {}};
     RA_INFO("remote proxy thread start!");
-    feedProxyWatchdog();
+    startProxyWatchdog(record);
     waitForConfiguration(record);
 
     REMOTE_PROXY_T *const proxy = &g_remote_proxy; // zero since the process was loaded
@@ -114,7 +98,7 @@ void *remoteProxyThread(void *argument)
         RA_ERROR("init remote proxy resource error!");
         return nullptr;
     }
-    g_watchdog.last_feed = monotonic_now();
+    restartProxyWatchdogPeriod();
     proxy->retry_time.tv_sec = 0; // the first attempt is not delayed
     while (isRunning(record))
         runOnePass(proxy, record);

@@ -15,7 +15,3 @@ void *remoteProxyThread(void *argument);
 
 // Follows the record's debug switch, and ends the back-off when remote access has been switched on.
 void syncProxyConfig(REMOTE_PROXY_T *proxy, REMOTE_ACCESS_CONFIG_T *record);
-
-// Feeds the watchdog for the proxy thread if that is due. Proxy thread only; does nothing before
-// the thread has started.
-void feedProxyWatchdog();

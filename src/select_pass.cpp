@@ -2,10 +2,11 @@
 
 #include "common/log.h"
 #include "src/channel_dispatch.h"
+#include "src/peer_watch.h"
 #include "src/proxy.h"
 #include "src/remote_access_proxy_channel.h"
-#include "src/remote_access_proxy_thread.h"
 #include "src/service_data.h"
+#include "src/watchdog_feed.h"
 #include "utility/monotonic_clock.h"
 
 #include <cerrno>
@@ -26,6 +27,7 @@ void serveLocalServices(REMOTE_PROXY_T *proxy)
         localServiceDataProc(proxy,
                              active.sessions[i]); // releases at most the session it was given
         feedProxyWatchdog(); // a channel that does not drain costs seconds for each
+        (void)lookAtPeer(proxy);
     }
 }
 

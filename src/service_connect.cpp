@@ -1,8 +1,8 @@
 #include "src/service_connect.h"
 
 #include "common/log.h"
-#include "src/remote_access_proxy_thread.h"
 #include "src/resolver.h"
+#include "src/watchdog_feed.h"
 #include "utility/handles.h"
 #include "utility/socket_option.h"
 #include "utility/text.h"

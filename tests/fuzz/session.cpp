@@ -245,6 +245,7 @@ void pass(WORLD_T &world, int remote_switch = 1)
         world.writes_whole = true;
     }
     fake_websocket.read_pending = fake_websocket.incoming.empty() ? 0 : 1;
+    world.record.remote_access_switch.store(remote_switch);
     runChannelState(&world.proxy, remote_switch);
     if (channelState(&world.proxy) != CHANNEL_STATE_CLOSED) world.openings_failed = 0;
     serve(world);
@@ -273,7 +274,8 @@ void settle(WORLD_T &world)
 bool isListening(const WORLD_T &world)
 {
     return channelState(&world.proxy) == CHANNEL_STATE_CONNECTED && fake_websocket.ok &&
-           fake_websocket.incoming.empty() && getBufferDataLength(&world.proxy.recv_buffer) == 0;
+           fake_websocket.incoming.empty() && !world.proxy.message_lost &&
+           getBufferDataLength(&world.proxy.recv_buffer) == 0;
 }
 
 void sendDown(WORLD_T &world, PEER_T &peer, std::string_view bytes)
@@ -432,6 +434,7 @@ void start(WORLD_T &world)
     fake_websocket = {};
     list_init(&world.record.service_list);
     copy_text(world.record.device_secret, "secret1");
+    world.record.remote_access_switch.store(1);
     world.record.tls_type = 1;
     world.record.trans_timeout = 100;
     world.record.ping_period = 20;

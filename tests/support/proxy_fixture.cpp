@@ -76,6 +76,7 @@ void ProxyTest::SetUp()
     copy_text(record.product_key, "pk1");
     copy_text(record.device_name, "dev1");
     copy_text(record.device_secret, "secret1");
+    record.remote_access_switch.store(1);
     record.tls_type = 1;
     record.trans_timeout = 100;
     record.tcp_keepalive_period = 5;

@@ -1,4 +1,5 @@
 #include "src/channel_dispatch.h"
+#include "src/channel_state.h"
 #include "tests/support/proxy_fixture.h"
 
 #include <sys/socket.h>
@@ -97,4 +98,70 @@ TEST_F(Dispatch, RefusesASessionThatCannotBeConnectedOrKept)
     const UniqueFd service{::accept(listener.socket.get(), nullptr, nullptr)};
     EXPECT_EQ("EOF", drain(service.get())); // the socket is not left behind
     EXPECT_EQ(0U, getSessionTableSize(&proxy.session_table));
+}
+
+// A request that stands in the rest of a message too long for the buffer was never one.
+TEST_F(Dispatch, CarriesNothingOutOfTheRestOfAMessageThatIsTooLong)
+{
+    const std::string filler(MESSAGE_BUFFER_SIZE + 1, 'f');
+    const std::string request = newSessionTo(listener.port);
+    const std::string overflow = "2 write the cloud channel buffer error!";
+    const std::string unreadable =
+        "|2 header json formate error:  " + request + " |2 parse proxy header failed: " + request;
+    const std::string empty = "2 can not get cloud message size!|2 header json formate error:   "
+                              "|2 parse proxy header failed: ";
+    const struct {
+        std::vector<PIECE_T> pieces;
+        std::vector<std::string> lines; // of each pass
+    } rows[] = {
+        {{{filler, false}, {request, true}}, {overflow, unreadable.substr(1)}},
+        {{{filler, false}, {filler, false}, {request, true}},
+         {overflow, overflow, unreadable.substr(1)}},
+        {{{filler, true}}, {overflow}},
+        {{{filler, false}, {"", true}}, {overflow, empty}},
+    };
+    for (const auto &row : rows) {
+        fake_websocket.incoming.assign(row.pieces.begin(), row.pieces.end());
+        fake_logger::take();
+        for (const std::string &lines : row.lines) {
+            cloudDataProc(&proxy);
+            EXPECT_EQ(lines, fake_logger::take());
+        }
+        EXPECT_TRUE(fake_websocket.incoming.empty() && sent().empty());
+        EXPECT_THAT(receive(wire(257, "m1", "")), HasSubstr("1 recv keepalive pong"));
+    }
+    fake_websocket.incoming.push_back({filler, false});
+    cloudDataProc(&proxy);
+    releaseRemoteProxy(&proxy); // the rest went with that channel
+    openChannel(CONNECTED);
+    EXPECT_THAT(receive(wire(257, "m1", "")), HasSubstr("1 recv keepalive pong"));
+}
+
+TEST_F(Dispatch, DrainsUntilNothingIsLeftOrRemoteAccessIsOffOrTheBoundIsReached)
+{
+    const auto left = [&](std::size_t count, const std::string &payload) {
+        const PIECE_T piece{wire(22, "m1", "s1", payload)};
+        fake_websocket.incoming.assign(count, piece);
+        cloudDataProc(&proxy);
+        fake_logger::take();
+        return std::exchange(fake_websocket.incoming, {}).size();
+    };
+    const std::string large(50000, 'x');
+    const std::size_t in_bound = 1 + DRAIN_BYTES / wire(22, "m1", "s1", large).size();
+    EXPECT_EQ(0U, left(DRAIN_MESSAGES, "x")); // to an unknown session: each is one line
+    EXPECT_EQ(1U, left(DRAIN_MESSAGES + 1, "x"));
+    EXPECT_EQ(0U, left(in_bound, large));
+    EXPECT_EQ(1U, left(in_bound + 1, large));
+
+    const UniqueFd far = addSession("s1"); // nobody reads there
+    const int smallest = 1;
+    const int near = findOneSessionFromTable(&proxy.session_table, "s1")->socket_fd;
+    (void)::setsockopt(near, SOL_SOCKET, SO_SNDBUF, &smallest, sizeof smallest);
+    int naps = 0;
+    fake_clock::onSleep([&] { // each message that the service does not take costs three naps
+        fake_clock::advance(1);
+        if (++naps == 29) record.remote_access_switch.store(0);
+    });
+    EXPECT_EQ(90U, left(100, large)); // the message under way is the last
+    EXPECT_EQ(30, naps);
 }

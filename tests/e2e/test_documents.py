@@ -1,7 +1,8 @@
 """The documents as they stand: their commands are typed where they say, and what they name exists.
 
 Commands of docs/operating.md and of the man pages are typed on the gateway of scripts/demo --stay,
-others in the source tree. A block that is not says why behind its ```sh, which no reader sees.
+others in the source tree, together with the shell functions that earlier blocks of the document
+define. A block that is not typed says why behind its ```sh, which no reader sees.
 """
 import os
 import re
@@ -26,6 +27,7 @@ FOREIGN = {"IPAddressAllow", "OPENSSL_ia32cap", "epoll_wait", "perf", "prlimit",
 def blocks():
     """Document, commands, and what the paragraph before them says is answered."""
     for name, text in {**DOCUMENTS, **MANUALS}.items():
+        functions = ""
         for found in re.finditer(r"^```sh(.*)\n((?s:.*?))^```$|^\.Dl ()(.*)", text, re.M):
             commands, before = found[2] or found[4], text[:found.start()]
             answers = re.findall(r"[Aa]nswers?\s+`([^`]+)`", before.rstrip().rpartition("\n\n")[2])
@@ -35,7 +37,8 @@ def blocks():
                              f"--retry-connrefused {url}; kill $!")
             if "skip=" not in (found[1] or ""):
                 line = before.count("\n") + 1
-                yield pytest.param(name, commands, answers, id=f"{name}:{line}")
+                yield pytest.param(name, functions + commands, answers, id=f"{name}:{line}")
+                functions += "".join(re.findall(r"^\w+\(\) \{.*\}\n", commands, re.M))
 
 
 def spans():
@@ -128,6 +131,7 @@ def tree(*folders):
 
 def test_names_exist():
     words = {word for text in tree(*FOLDERS) for word in re.findall(r"\w+", text)} | FOREIGN
+    words.update(re.findall(r"^(\w+)\(\) \{", DOCUMENTS["operating.md"], re.M))
     unknown = [f"{name}: {span}" for name, span in spans()
                if set(re.findall(r"\b[A-Za-z_]\w{2,}", span.replace("-D", ""))) - words]
     for name, text in DOCUMENTS.items():
@@ -142,11 +146,11 @@ def test_names_exist():
 
 
 def test_texts_of_the_log_are_those_of_the_sources():
-    sources = "".join(tree("src", "common", "utility", "platform", "gateway"))
+    sources = "".join(tree("src", "common", "utility", "platform", "devgateway"))
     sources = re.sub(r'"\s*"', "", sources).replace(r'\"', '"')
-    log = DOCUMENTS["operating.md"].partition("## The log")[2]
-    texts = [text for table in re.findall(r"^\| Text .*\n((?:\|.*\n)*)", log, re.M)
-             for row in table.splitlines() for text in re.findall("`([^`]+)`", row.split(" | ")[0])]
-    assert len(texts) > 100
+    log = DOCUMENTS["log-messages.md"].partition("## Level I")[2]
+    items = re.findall(r"^- ((?:`[^`\n]+`(?:, |,\n  )?)*)(?=: | \([IWE]|:\n)", log, re.M)
+    texts = [text for item in items for text in re.findall("`([^`]+)`", item)]
+    assert len(items) == len(re.findall("^- ", log, re.M)) and len(texts) > 150
     assert not [text for text in texts
                 if not all(part in sources for part in text.split("…"))]

@@ -6,11 +6,11 @@
 #include "src/proxy.h"
 #include "src/service_catalogue.h"
 #include "utility/bus_handles.h"
+#include "utility/json_handles.h"
 #include "utility/text.h"
 #include "utility/utf8.h"
 
 #include <array>
-#include <cjson/cJSON.h>
 #include <cstring>
 #include <unistd.h>
 
@@ -34,9 +34,6 @@ constexpr char KEY_TRANS_TIMEOUT[] = "gw_remoteaccess_trans_timeout";
 constexpr int REPLY_DONE = 0;
 constexpr int REPLY_REFUSED = -1;
 constexpr int HEARTBEAT_WAITS = 3;
-
-using JsonPtr = std::unique_ptr<cJSON, Releaser<cJSON_Delete>>;
-using JsonText = std::unique_ptr<char, Releaser<cJSON_free>>;
 
 constexpr auto g_local_method_table = std::to_array<LOCAL_METHOD_T>({
     {"Introspect", remoteAccessMethodIntrospect},

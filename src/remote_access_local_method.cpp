@@ -62,7 +62,8 @@ void replyNumber(REMOTE_ACCESS_CONFIG_T *record, DBusMessage *call, dbus_int32_t
     sendReply(record, call, DBUS_TYPE_INT32, &number);
 }
 
-// libdbus ends the process on text that is not UTF-8, and a name cut at its field's size may end inside a character.
+// libdbus ends the process on text that is not UTF-8, and a name cut at its field's size may end
+// inside a character.
 void makeUtf8(char *text)
 {
     while (*text != '\0') {
@@ -216,7 +217,8 @@ void queryEdgeServicesAvailable(REMOTE_ACCESS_CONFIG_T *record, DBusMessage *mes
         return;
     }
     JsonPtr data{cJSON_CreateObject()};
-    // Null until the proxy thread has set it up; null and text that does not parse both add nothing.
+    // Null until the proxy thread has set it up; neither null nor text that does not parse adds
+    // anything.
     const char *const services = g_remote_proxy.services_info.load(std::memory_order_acquire);
     cJSON_AddItemToObject(data.get(), "serviceList",
                           services != nullptr ? cJSON_Parse(services) : nullptr);

@@ -8,7 +8,7 @@ class MutexLock {
 public:
     explicit MutexLock(pthread_mutex_t &mutex) noexcept : mutex_{mutex}
     {
-        // Fails only for misuse: a mutex that does not exist, or one that this thread holds already.
+        // Fails only for misuse: no mutex there, or one that this thread holds already.
         (void)::pthread_mutex_lock(&mutex_);
     }
     ~MutexLock()

@@ -5,11 +5,11 @@
 // and for each check of an account on a device:
 // {"checked":"...","who":"...","device":"...","account":"...","right":false,"reason":"..."}
 // Times are UTC. session is empty for one that was refused. bytes_up came from the device.
-// whole: everything that the device sent has gone to the client. right: the device knows the account
-// and its password; else the reason has the device's words, or why it did not answer.
+// whole: everything that the device sent has gone to the client. right: the device knows the
+// account and its password; else the reason has the device's words, or why it did not answer.
 // Threads  the thread of the io_context.
-// Failure  openAudit throws std::runtime_error; a line that cannot be written whole goes to the log,
-//          and the next one begins on a line of its own.
+// Failure  openAudit throws std::runtime_error; a line that cannot be written whole goes to the
+//          log, and the next one begins on a line of its own.
 #pragma once
 
 #include <string>

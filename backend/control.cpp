@@ -253,8 +253,8 @@ static std::optional<CLIENT_SOCKET> takeClientSocket(CONTROL_LINK_T &link)
 }
 
 // Nothing more is said on it, so what shows is its end: what the operator has interrupted must not
-// go on behind his back. ssh ends its tool with its last words to the service still under way, hence
-// the grace.
+// go on behind his back. ssh ends its tool with its last words to the service still under way,
+// hence the grace.
 static void watchOperator(const LINK_PTR &link)
 {
     link->socket.async_read_some(
@@ -351,8 +351,8 @@ static bool receiveRequest(CONTROL_LINK_T &link)
 {
     std::array<char, REQUEST_MAX> bytes{};
     iovec part{bytes.data(), REQUEST_MAX - link.request.size()};
-    // Alignment leaves room for a second descriptor, so none is taken to be alone; the kernel closes
-    // those that find no room.
+    // Alignment leaves room for a second descriptor, so none is taken to be alone; the kernel
+    // closes those that find no room.
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> rights{};
     msghdr message{};
     message.msg_iov = &part;

@@ -10,8 +10,8 @@
 //        session ends {"ended":"REASON","whole":true,"bytes_up":N,"bytes_down":N}
 // A request has 5 s to come, and its last answer LIMITS_T::answer_time to be taken.
 // What cannot be done is answered with {"ok":false,"error":"..."}. "connect" brings a connected
-// stream socket with its first byte (unix(7), SCM_RIGHTS): its other end is the session's client. The
-// session is cut off two seconds after its connection here has been closed.
+// stream socket with its first byte (unix(7), SCM_RIGHTS): its other end is the session's client.
+// The session is cut off two seconds after its connection here has been closed.
 // D is DEVICE_NAME, or PRODUCT_KEY:DEVICE_NAME.
 // Ownership  a connection belongs to its running operations and keeps the control socket's record.
 // Threads    the thread of the io_context.

@@ -6,7 +6,8 @@
 // handshake could be sent again within the accepted time: the channel's TLS keeps it from being
 // captured, and it cannot be refused, because a device that connects twice within one second sends
 // the same sign twice.
-// Threads  no state. Failure: every fault is a code; nothing is thrown for bad input.
+// Threads  no state.
+// Failure  every fault is a code; nothing is thrown for bad input.
 #pragma once
 
 #include "backend/device_registry.h"

@@ -10,11 +10,11 @@ struct LIMITS_T {
     // Bytes from the device that wait for a session's client. Above it the whole channel is not
     // read (the protocol has no flow control for a single session) until that session is down to
     // half of it.
-    // More than the 2 MiB that an ssh or sftp session has under way at most, so that an operator who
-    // stops his terminal stops nobody else.
+    // More than the 2 MiB that an ssh or sftp session has under way at most, so that an operator
+    // who stops his terminal stops nobody else.
     std::size_t session_buffer = std::size_t{4} * 1024 * 1024;
-    // Data bytes queued for a device above which no client is read: a keystroke waits behind them. A
-    // message per session may come on top.
+    // Data bytes queued for a device above which no client is read: a keystroke waits behind them.
+    // A message per session may come on top.
     std::size_t data_queue = std::size_t{64} * 1024;
     // Answers queued for a device (pongs, releases) above which it is taken for one that only
     // sends: it is dropped.

@@ -46,9 +46,9 @@ constexpr std::size_t HEADER_MAX = 1024; // with the four bytes that end it
 constexpr std::size_t ID_MAX = 63;       // of msg_id and token; a device cuts what is longer
 constexpr std::size_t CREDENTIAL_MAX = 255;
 
-// Payload of one data message to a device: with both its headers at most three TLS records of 16 KB,
-// in place of three and a short one. A device writes a data message to its local service at once:
-// it waits at most 60 ms for a service that accepts nothing and then drops the rest of that
+// Payload of one data message to a device: with both its headers at most three TLS records of 16
+// KB, in place of three and a short one. A device writes a data message to its local service at
+// once: it waits at most 60 ms for a service that accepts nothing and then drops the rest of that
 // message, which no answer reports.
 constexpr std::size_t DATA_MAX = std::size_t{48} * 1024 - 324;
 

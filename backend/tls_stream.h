@@ -1,11 +1,11 @@
-// The server's side of TLS over one TCP connection, as the stream under a WebSocket: a receive takes
-// whatever the kernel holds, up to READ_SIZE, and a write leaves with one send, however many records
-// it takes.
+// The server's side of TLS over one TCP connection, as the stream under a WebSocket: a receive
+// takes whatever the kernel holds, up to READ_SIZE, and a write leaves with one send, however many
+// records it takes.
 // Ownership  the stream owns its socket. An operation borrows the stream, and a read its buffers,
 //            until the handler is called; a write is done with its buffers at once.
 // Threads    the thread of the io_context. At most one read and one write at a time.
-// Limits     READ_SIZE bytes that are not decrypted yet, OUT_MAX bytes that are not sent yet: a peer
-//            that makes the library answer without end, and reads none of it, is cut off. No
+// Limits     READ_SIZE bytes that are not decrypted yet, OUT_MAX bytes that are not sent yet: a
+//            peer that makes the library answer without end, and reads none of it, is cut off. No
 //            renegotiation.
 // Failure    error codes; eof after the peer's close_notify, ssl::error::stream_truncated when the
 //            connection ends without it. After a fault of TLS every operation fails with it.

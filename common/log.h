@@ -13,8 +13,8 @@ __attribute__((weak)) void log_flush(void);
 // NOLINTEND(readability-redundant-declaration)
 }
 
-// Lines of this thread wait to be written together while it lives. For lines of single data messages
-// alone: whoever gathers calls flushLogLines before a wait of more than a moment.
+// Lines of this thread wait to be written together while it lives. For lines of single data
+// messages alone: whoever gathers calls flushLogLines before a wait of more than a moment.
 class GatheredLogLines {
 public:
     explicit GatheredLogLines(bool on = true) noexcept : on_{on && log_gather != nullptr}

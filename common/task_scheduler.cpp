@@ -4,6 +4,7 @@
 #include "common/log.h"
 #include "utility/alternate_stack.h"
 #include "utility/bus_handles.h"
+#include "utility/mutex_lock.h"
 #include "utility/text.h"
 #include "utility/thread_handle.h"
 
@@ -44,20 +45,6 @@ constinit DELAY_WORKER_T g_delay_worker = {0,
                                            {}};
 
 static_assert(std::is_standard_layout_v<TASK_NODE_T>);
-
-class ListLock {
-public:
-    ListLock() noexcept
-    {
-        (void)pthread_mutex_lock(&g_delay_worker.list_lock);
-    }
-    ~ListLock()
-    {
-        (void)pthread_mutex_unlock(&g_delay_worker.list_lock);
-    }
-    ListLock(const ListLock &) = delete;
-    ListLock &operator=(const ListLock &) = delete;
-};
 
 std::int64_t wall_clock_s()
 {
@@ -183,7 +170,7 @@ void run_task(TASK_NODE_T *task, std::int64_t now, DBusConnection *conn)
 
 void run_pass(DELAY_WORKER_T *worker)
 {
-    const ListLock lock;
+    const MutexLock lock{g_delay_worker.list_lock};
     const std::int64_t now = wall_clock_s();
     LIST_LINK_T *head = &worker->task_list;
     LIST_LINK_T *next = nullptr;
@@ -239,7 +226,8 @@ int initDelayWorker()
     }
     wait_for_start(worker->worker_thread);
     {
-        const ListLock lock;                // the worker reads the connection under it
+        // The worker reads the connection under the lock.
+        const MutexLock lock{g_delay_worker.list_lock};
         (void)createDbusConnection(worker); // the default task retries
     }
     if (addOneTask(SYS_TASK_NAME, TASK_MODE_PERIODIC, 0, SYS_TASK_INTERVAL_S, -1, sysDefaultTask,
@@ -264,7 +252,8 @@ int addOneTask(const char *name, int mode, int delay, int interval, int count, T
         return -1;
     }
     const std::int64_t now = wall_clock_s();
-    const ListLock lock; // over search and insert, so that a name is never listed twice
+    // Held over search and insert, so that a name is never listed twice.
+    const MutexLock lock{g_delay_worker.list_lock};
     std::unique_ptr<TASK_NODE_T> added;
     TASK_NODE_T *task = find_task(name);
     if (task == nullptr) {
@@ -300,7 +289,7 @@ int delOneTask(const char *name)
         RA_ERROR("task name exceed the limit!");
         return -1;
     }
-    const ListLock lock;
+    const MutexLock lock{g_delay_worker.list_lock};
     TASK_NODE_T *task = find_task(name);
     if (task == nullptr) return 0;
     (void)_removeNodeFromList(&g_delay_worker.task_list, task); // fails for null only
@@ -310,7 +299,7 @@ int delOneTask(const char *name)
 int getOneTaskResult(const char *name)
 {
     if (name == nullptr) return -1;
-    const ListLock lock;
+    const MutexLock lock{g_delay_worker.list_lock};
     const TASK_NODE_T *task = find_task(name);
     return task != nullptr ? task->last_result : -1;
 }
@@ -324,7 +313,7 @@ int releaseDelayWorker()
         return -1;
     }
     DBusConnectionPtr{std::exchange(worker->bus_conn, nullptr)}.reset();
-    const ListLock lock;
+    const MutexLock lock{g_delay_worker.list_lock};
     while (worker->task_list.next != &worker->task_list) {
         TASK_NODE_T *task = task_of(worker->task_list.next);
         (void)_removeNodeFromList(&worker->task_list, task); // fails for null only

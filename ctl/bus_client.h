@@ -6,13 +6,11 @@
 #pragma once
 
 #include "utility/bus_handles.h"
+#include "utility/json_handles.h"
 
-#include <cjson/cJSON.h>
 #include <cstdint>
 #include <optional>
 #include <string>
-
-using JsonPtr = std::unique_ptr<cJSON, Releaser<cJSON_Delete>>;
 
 struct BUS_CLIENT_T {
     std::string address;

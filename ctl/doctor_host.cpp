@@ -21,8 +21,8 @@ namespace {
 constexpr char SHADOW_FILE[] = "/etc/shadow";
 constexpr std::time_t EARLIEST_TIME = 1767225600; // 2026-01-01: older than this program is no time
 
-// Whether the process that the bus names is the daemon for this process too: a bus beside a container
-// counts processes in another way.
+// Whether the process that the bus names is the daemon for this process too: a bus beside a
+// container counts processes in another way.
 bool isDaemonHere(long pid)
 {
     char path[PATH_MAX];

@@ -1,6 +1,6 @@
 #include "ctl/output.h"
 
-#include "utility/handles.h"
+#include "utility/json_handles.h"
 
 #include <cstdio>
 
@@ -18,6 +18,6 @@ int memberNumber(const cJSON *object, const char *name, int otherwise)
 
 void printJson(const cJSON *document)
 {
-    const std::unique_ptr<char, Releaser<cJSON_free>> text{cJSON_PrintUnformatted(document)};
+    const JsonText text{cJSON_PrintUnformatted(document)};
     std::puts(text ? text.get() : "{}");
 }

@@ -1,6 +1,6 @@
-// The commands that carry bytes: connect and forward. The client's end of a session is a socket that
-// goes to the back end with the request, so a forwarded connection is not copied here, and a session
-// that is cut off ends as it does for a client of the back end's own ports.
+// The commands that carry bytes: connect and forward. The client's end of a session is a socket
+// that goes to the back end with the request, so a forwarded connection is not copied here, and a
+// session that is cut off ends as it does for a client of the back end's own ports.
 #include "operator/commands.h"
 #include "operator/control_client.h"
 #include "operator/terminal.h"
@@ -179,8 +179,8 @@ OPERATOR_STATUS carryStreams(int own, RELAY_T &relay, CONTROL_CLIENT_T &answers,
 int connectStreams(const OPERATOR_OPTIONS_T &options)
 {
     const json request = connectRequest(options.target);
-    // ssh ends its ProxyCommand with it right behind its last words to the service, which have to get
-    // there: they are what the service ends the session for.
+    // ssh ends its ProxyCommand with it right behind its last words to the service, which have to
+    // get there: they are what the service ends the session for.
     (void)std::signal(SIGHUP, SIG_IGN);
     std::array<int, 2> ends{};
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0)

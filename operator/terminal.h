@@ -10,10 +10,11 @@
 std::string sizeText(double bytes);
 // "2026-11-23 01:02:03", UTC; "-" for none.
 std::string timeText(std::int64_t seconds);
-// A device takes no longer password. What is reserved need not grow, which would leave a copy behind.
+// A device takes no longer password. What is reserved need not grow, which would leave a copy
+// behind.
 constexpr std::size_t PASSWORD_ROOM = 256;
-// Asks on the terminal, without echo; again after the process was stopped. Throws std::runtime_error
-// without a terminal.
+// Asks on the terminal, without echo; again after the process was stopped. Throws
+// std::runtime_error without a terminal.
 std::string readPassword(const std::string &prompt);
 // Overwrites it, and leaves it empty.
 void wipe(std::string &text);

@@ -7,6 +7,7 @@
 #include "src/mqtt_topics.h"
 #include "src/remote_access_local_method.h"
 #include "utility/bus_handles.h"
+#include "utility/mutex_lock.h"
 
 #include <cstring>
 #include <pthread.h>
@@ -20,23 +21,9 @@ constexpr char DISPATCH[] = "localMessagesProc";
 // for nothing longer.
 pthread_mutex_t g_bus_mutex = PTHREAD_MUTEX_INITIALIZER;
 
-class BusLock {
-public:
-    BusLock() noexcept
-    {
-        ::pthread_mutex_lock(&g_bus_mutex);
-    }
-    ~BusLock()
-    {
-        ::pthread_mutex_unlock(&g_bus_mutex);
-    }
-    BusLock(const BusLock &) = delete;
-    BusLock &operator=(const BusLock &) = delete;
-};
-
 DBusConnectionPtr replaceConnection(REMOTE_ACCESS_CONFIG_T *record, DBusConnectionPtr fresh)
 {
-    const BusLock lock;
+    const MutexLock lock{g_bus_mutex};
     return DBusConnectionPtr{std::exchange(record->bus_conn, fresh.release())};
 }
 
@@ -80,7 +67,7 @@ void BusConnectionUnref::operator()(DBusConnection *conn) const noexcept
 
 BusConnectionRef borrowBusConnection(const REMOTE_ACCESS_CONFIG_T *record)
 {
-    const BusLock lock;
+    const MutexLock lock{g_bus_mutex};
     return BusConnectionRef{record->bus_conn != nullptr ? dbus_connection_ref(record->bus_conn)
                                                         : nullptr};
 }

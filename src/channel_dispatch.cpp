@@ -92,8 +92,8 @@ struct WipedAccount {
 // announced.
 bool stepToPayload(DATA_BUFFER_T *buffer, const PROXY_HEADER_T &header)
 {
-    // A message that ends at its header's brace lacks the separator: the length then reads negative,
-    // or, in a full buffer, the offset cannot be moved and the header still stands there.
+    // A message that ends at its header's brace lacks the separator: the length then reads
+    // negative, or, in a full buffer, the offset cannot be moved and the header still stands there.
     return moveBufferReadPointer(buffer, header.header_len) == 0 &&
            header.payload_len == getBufferDataLength(buffer);
 }

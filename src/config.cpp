@@ -6,6 +6,7 @@
 #include "src/config_keys.h"
 #include "src/default_cert.h"
 #include "utility/handles.h"
+#include "utility/mutex_lock.h"
 #include "utility/text.h"
 
 #include <cstring>
@@ -32,20 +33,6 @@ static_assert(sizeof DEFAULT_HOST - 1 <= KEEP_HOST, "RA_DEFAULT_CLOUD_HOST is to
 // Orders the worker's rewriting of the topics with the main thread's reading. Never held across a
 // bus call.
 pthread_mutex_t g_topic_mutex = PTHREAD_MUTEX_INITIALIZER;
-
-class TopicLock {
-public:
-    TopicLock() noexcept
-    {
-        ::pthread_mutex_lock(&g_topic_mutex);
-    }
-    ~TopicLock()
-    {
-        ::pthread_mutex_unlock(&g_topic_mutex);
-    }
-    TopicLock(const TopicLock &) = delete;
-    TopicLock &operator=(const TopicLock &) = delete;
-};
 
 // A value of the configuration manager, or the result code that says why there is none.
 struct CONFIG_VALUE_T {
@@ -107,7 +94,7 @@ void buildCloudTopics(REMOTE_ACCESS_CONFIG_T *config)
 {
     const char *const pk = config->product_key;
     const char *const dn = config->device_name;
-    const TopicLock lock;
+    const MutexLock lock{g_topic_mutex};
     format_text(config->topic_debug_switch, "/sys/%s/%s/edge/debug/switch", pk, dn);
     format_text(config->topic_ability_post_reply, "/sys/%s/%s/edge/ability/post_reply", pk, dn);
     format_text(config->topic_ability_post, "/sys/%s/%s/edge/ability/post", pk, dn);
@@ -253,6 +240,6 @@ int getConfigParamsTask(TASK_NODE_T * /*task*/, void *argument, DBusConnection *
 
 void copyCloudTopic(const char (&topic)[TOPIC_SIZE], char (&out)[TOPIC_SIZE])
 {
-    const TopicLock lock;
+    const MutexLock lock{g_topic_mutex};
     std::memcpy(out, topic, TOPIC_SIZE);
 }

@@ -32,8 +32,8 @@ DBusMessagePtr newBridgeCall(const char *member)
         dbus_message_new_method_call(BRIDGE_NAME, BRIDGE_OBJECT_PATH, BRIDGE_NAME, member)};
 }
 
-// Two texts and the quality of service. False, and nothing sent, when a text is not one that the bus takes: libdbus would
-// end the process.
+// Two texts and the quality of service. False, and nothing sent, when a text is not one that the
+// bus takes: libdbus would end the process.
 bool appendBridgeArguments(DBusMessage *call, const char *first, const char *second,
                            dbus_int32_t qos)
 {

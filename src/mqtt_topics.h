@@ -1,10 +1,11 @@
-// The daemon's use of the MQTT bridge: the cloud topics it subscribes, the cloud messages that arrive as a bus signal,
-// and, for an installation of unknown edition, its self-description.
+// The daemon's use of the MQTT bridge: the cloud topics it subscribes, the cloud messages that
+// arrive as a bus signal, and, for an installation of unknown edition, its self-description.
 //
-// Threads  subscribing runs on the task worker, on the worker's connection and with the task list's lock held; everything
-//          else on the main thread, on the record's bus_conn.
+// Threads  subscribing runs on the task worker, on the worker's connection and with the task list's
+//          lock held; everything else on the main thread, on the record's bus_conn.
 // Blocking 1 s for each topic, 500 ms for each other call.
-// Failure  logged here, 0 / -1; nothing is retried here: the task is run again, the main loop's next pass calls again.
+// Failure  logged here, 0 / -1; nothing is retried here: the task is run again, the main loop's
+//          next pass calls again.
 #pragma once
 
 struct DBusConnection;
@@ -17,7 +18,8 @@ constexpr char SUBSCRIBE_EVENT[] = "subscribe_event";
 
 // 0 when the bridge answered with code 0.
 [[nodiscard]] int subscribeCloudTopic(DBusConnection *conn, const char *topic, int qos);
-// Every topic that the edition needs, from the first, whatever an earlier run has achieved. -1 at the first failure.
+// Every topic that the edition needs, from the first, whatever an earlier run has achieved. -1 at
+// the first failure.
 [[nodiscard]] int subscribeAllCloudTopics(const REMOTE_ACCESS_CONFIG_T *record,
                                           DBusConnection *conn);
 // The same as a task; the argument is the record.
@@ -25,7 +27,8 @@ int subscribeCloudTopicTask(TASK_NODE_T *task, void *argument, DBusConnection *c
 
 // A SUBSCRIBE_EVENT signal: topic and payload, whoever sent it. An unknown topic is logged and 0.
 int cloudDownDataProc(REMOTE_ACCESS_CONFIG_T *record, DBusMessage *message);
-// Payloads: {"status":N} sets the switch; {"code":200} acknowledges the self-description, another code withdraws that.
+// Payloads: {"status":N} sets the switch; {"code":200} acknowledges the self-description, another
+// code withdraws that.
 int cloudCommondProc(REMOTE_ACCESS_CONFIG_T *record, const char *payload);
 int versionInfoToCloudReply(REMOTE_ACCESS_CONFIG_T *record, const char *payload);
 int triggerPublishSelfDescribedToCloud(REMOTE_ACCESS_CONFIG_T *record);

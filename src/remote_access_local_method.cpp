@@ -6,11 +6,11 @@
 #include "src/proxy.h"
 #include "src/service_catalogue.h"
 #include "utility/bus_handles.h"
+#include "utility/json_handles.h"
 #include "utility/text.h"
 #include "utility/utf8.h"
 
 #include <array>
-#include <cjson/cJSON.h>
 #include <cstring>
 #include <unistd.h>
 
@@ -34,9 +34,6 @@ constexpr char KEY_TRANS_TIMEOUT[] = "gw_remoteaccess_trans_timeout";
 constexpr int REPLY_DONE = 0;
 constexpr int REPLY_REFUSED = -1;
 constexpr int HEARTBEAT_WAITS = 3;
-
-using JsonPtr = std::unique_ptr<cJSON, Releaser<cJSON_Delete>>;
-using JsonText = std::unique_ptr<char, Releaser<cJSON_free>>;
 
 constexpr auto g_local_method_table = std::to_array<LOCAL_METHOD_T>({
     {"Introspect", remoteAccessMethodIntrospect},
@@ -65,7 +62,8 @@ void replyNumber(REMOTE_ACCESS_CONFIG_T *record, DBusMessage *call, dbus_int32_t
     sendReply(record, call, DBUS_TYPE_INT32, &number);
 }
 
-// libdbus ends the process on text that is not UTF-8, and a name cut at its field's size may end inside a character.
+// libdbus ends the process on text that is not UTF-8, and a name cut at its field's size may end
+// inside a character.
 void makeUtf8(char *text)
 {
     while (*text != '\0') {
@@ -219,7 +217,8 @@ void queryEdgeServicesAvailable(REMOTE_ACCESS_CONFIG_T *record, DBusMessage *mes
         return;
     }
     JsonPtr data{cJSON_CreateObject()};
-    // Null until the proxy thread has set it up; null and text that does not parse both add nothing.
+    // Null until the proxy thread has set it up; neither null nor text that does not parse adds
+    // anything.
     const char *const services = g_remote_proxy.services_info.load(std::memory_order_acquire);
     cJSON_AddItemToObject(data.get(), "serviceList",
                           services != nullptr ? cJSON_Parse(services) : nullptr);

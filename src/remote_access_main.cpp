@@ -65,8 +65,9 @@ void dispatchBusMessages(REMOTE_ACCESS_CONFIG_T *record, timespec *last_feed)
     }
 }
 
-// An installation of unknown edition describes itself on every pass until the cloud has acknowledged
-// it; without a permanent cloud connection it has the bridge open one for that, and close it again.
+// An installation of unknown edition describes itself on every pass until the cloud has
+// acknowledged it; without a permanent cloud connection it has the bridge open one for that, and
+// close it again.
 void driveSelfDescription(REMOTE_ACCESS_CONFIG_T *record)
 {
     if (record->edition != EDITION_UNKNOWN) return;

@@ -3,6 +3,7 @@
 #include "common/log.h"
 #include "utility/hash_table_c/hash_string.h"
 #include "utility/list.h"
+#include "utility/mutex_lock.h"
 #include "utility/text.h"
 
 #include <cstring>
@@ -10,23 +11,6 @@
 #include <unistd.h>
 
 namespace {
-
-class TableLock {
-public:
-    explicit TableLock(SESSION_TABLE_T *table) noexcept : mutex_{&table->mutex}
-    {
-        ::pthread_mutex_lock(mutex_);
-    }
-    ~TableLock()
-    {
-        ::pthread_mutex_unlock(mutex_);
-    }
-    TableLock(const TableLock &) = delete;
-    TableLock &operator=(const TableLock &) = delete;
-
-private:
-    pthread_mutex_t *mutex_;
-};
 
 bool isReady(const SESSION_TABLE_T *table)
 {
@@ -97,7 +81,7 @@ int addOneSessionToTable(SESSION_TABLE_T *table, const char *session_id, int soc
 {
     SESSION_NODE_T *node = nullptr;
     {
-        const TableLock lock{table};
+        const MutexLock lock{table->mutex};
         node = createSessionNode(socket_fd, session_id, service);
         if (node != nullptr) hashtable_insert(&table->hashtable, session_id, &node->hash_node);
     }
@@ -111,7 +95,7 @@ int addOneSessionToTable(SESSION_TABLE_T *table, const char *session_id, int soc
 SESSION_NODE_T *findOneSessionFromTable(SESSION_TABLE_T *table, const char *session_id)
 {
     if (!isReady(table)) return nullptr;
-    const TableLock lock{table};
+    const MutexLock lock{table->mutex};
     return nodeOf(hashtable_lookup_key(&table->hashtable, session_id));
 }
 
@@ -122,7 +106,7 @@ int releaseOneSessionFromTable(SESSION_TABLE_T *table, const char *session_id)
         RA_INFO("sessionID:%s had release!", session_id);
         return 0;
     }
-    const TableLock lock{table};
+    const MutexLock lock{table->mutex};
     hashtable_remove_key(&table->hashtable, session_id);
     freeSessionNode(node);
     return 0;
@@ -141,14 +125,14 @@ std::uint32_t getSessionTableSize(const SESSION_TABLE_T *table)
 void traverseSessionTable(SESSION_TABLE_T *table, SESSION_VISITOR_FUNC_T visitor, void *argument)
 {
     if (!isReady(table) || visitor == nullptr) return;
-    const TableLock lock{table};
+    const MutexLock lock{table->mutex};
     forEachNode(table, [&](SESSION_NODE_T *node) { (void)visitor(node, argument); });
 }
 
 int releaseAllSessionsFromTable(SESSION_TABLE_T *table)
 {
     if (!isReady(table)) return 0;
-    const TableLock lock{table};
+    const MutexLock lock{table->mutex};
     forEachNode(table, [table](SESSION_NODE_T *node) {
         hashtable_remove_key(&table->hashtable, node->session_id);
         freeSessionNode(node);

@@ -1,6 +1,8 @@
 // One pass over the open channel: wait for the channel and every session with one select, serve the
 // readable sessions, then the channel.
-// Threads  the proxy thread alone. Blocks for at most 1 s plus what the readable ones cost.
+//
+// Threads  the proxy thread alone.
+// Blocking at most 1 s plus what the readable ones cost.
 #pragma once
 
 struct REMOTE_PROXY_T;

@@ -4,10 +4,10 @@
 #include "src/config.h"
 #include "src/remote_access_local_common.h"
 #include "src/request_payload.h"
+#include "utility/json_handles.h"
 #include "utility/json_scanner.h"
 #include "utility/text.h"
 
-#include <cjson/cJSON.h>
 #include <cstring>
 #include <new>
 
@@ -26,8 +26,6 @@ constexpr char DEFAULT_SERVICES[] =
 static_assert(sizeof DEFAULT_SERVICES - 1 == 410);
 
 constexpr std::uint32_t PORT_LIMIT = 65536;
-
-using JsonPtr = std::unique_ptr<cJSON, Releaser<cJSON_Delete>>;
 
 bool isHostMachineService(std::string_view name)
 {

@@ -1,12 +1,13 @@
 // Byte buffer of fixed capacity with a read and a write offset. A message is built payload first;
 // its header is then joined in front, so that both leave in one write.
 //
-// Layout  unread content = data[read_offset, write_offset). One spare byte behind the storage is
-//         always 0, so text that fills the whole buffer still ends.
-// Bounds  every operation fits or fails with -1 and changes nothing. read_offset may be moved past
-//         write_offset within the capacity (the length then reads negative); whoever does that
-//         looks at the length before the bytes.
-// Owner   of the storage from initDataBuffer to freeDataBuffer. Threads: one at a time; no lock.
+// Layout   unread content = data[read_offset, write_offset). One spare byte behind the storage is
+//          always 0, so text that fills the whole buffer still ends.
+// Bound    every operation fits or fails with -1 and changes nothing. read_offset may be moved past
+//          write_offset within the capacity (the length then reads negative); whoever does that
+//          looks at the length before the bytes.
+// Owner    of the storage, from initDataBuffer to freeDataBuffer.
+// Threads  one at a time; no lock.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,7 @@
 // Intrusive circular doubly linked list: nodes are embedded in records, the list owns nothing. An
-// empty list is a head whose next and prev point to itself. Threads: none; the owner of the list
-// locks.
+// empty list is a head whose next and prev point to itself.
+//
+// Threads  no lock: the owner of the list locks.
 #pragma once
 
 #include <cstddef>

@@ -1,6 +1,7 @@
 // Random identifiers for messages and sessions: letters and digits drawn with rand(), which the
-// daemon never seeds, so every run produces the same sequence. They are names, not secrets. Threads
-// generateMsgId and rand() keep process-wide state: the proxy thread alone calls them.
+// daemon never seeds, so every run produces the same sequence. They are names, not secrets.
+//
+// Threads  generateMsgId and rand() keep process-wide state: the proxy thread alone calls them.
 #pragma once
 
 #include <cstddef>

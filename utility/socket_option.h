@@ -1,4 +1,6 @@
-// Socket options of the connections to local services. Source: fcntl(2), tcp(7).
+// Socket options of the connections to local services.
+//
+// Source   fcntl(2), tcp(7).
 #pragma once
 
 // Adds O_NONBLOCK. Returns the previous file status flags, or -1 when they could not be read

@@ -27,9 +27,9 @@ constexpr std::size_t FILE_MAX = 256;
 constexpr std::size_t FUNCTION_MAX = 128;
 constexpr std::size_t HEAD_SIZE = 512; // level, module, place
 static_assert(HEAD_SIZE > MODULE_SIZE + FILE_MAX + FUNCTION_MAX + sizeof "L  :2147483647 : ");
-// Formatting room: what is kept of a text, and what tells whether it was longer. It lies on the stack
-// of every thread that logs, so it is no larger, though the C library takes 90 us to measure the rest
-// of a text of 50 KiB.
+// Formatting room: what is kept of a text, and what tells whether it was longer. It lies on the
+// stack of every thread that logs, so it is no larger, though the C library takes 90 us to measure
+// the rest of a text of 50 KiB.
 constexpr std::size_t TEXT_SIZE = LOG_TEXT_MAX + 64;
 constexpr std::size_t CONF_SIZE = 64;
 

@@ -1,5 +1,5 @@
-// The order in which a client offers its ciphers: the one that costs this processor least first. All
-// of them are as safe; a server that has no wish of its own takes the first it knows.
+// The order in which a client offers its ciphers: the one that costs this processor least first.
+// All of them are as safe; a server that has no wish of its own takes the first it knows.
 #pragma once
 
 #include <openssl/ssl.h>

@@ -1,8 +1,10 @@
 # shellcheck shell=bash
-# A cross compiler and, apart from the host's packages, the target's libraries. Needs install.sh and packages.sh.
+# A cross compiler and, apart from the host's packages, the target's libraries. Needs install.sh and
+# packages.sh.
 
-# sysroot_apt ARCHITECTURE STATE ARGUMENT...: apt-get with the host's sources, and with a state of its own: the host's
-# architectures and lists stay as they are, and its versions need not be the target's.
+# sysroot_apt ARCHITECTURE STATE ARGUMENT...: apt-get with the host's sources, and with a state of
+# its own: the host's architectures and lists stay as they are, and its versions need not be the
+# target's.
 sysroot_apt() {
     local architecture=$1 state=$2
     shift 2
@@ -11,8 +13,8 @@ sysroot_apt() {
         -o APT::Sandbox::User="$(id -un)" "$@"
 }
 
-# sysroot_unpack PACKAGE ROOT: its files, and its entry in a dpkg database from which dpkg-shlibdeps and dpkg-query tell
-# where a library comes from. No script of the package is run.
+# sysroot_unpack PACKAGE ROOT: its files, and its entry in a dpkg database from which dpkg-shlibdeps
+# and dpkg-query tell where a library comes from. No script of the package is run.
 sysroot_unpack() {
     local package=$1 root=$2 info=$2/var/lib/dpkg/info name control file
     control=$(mktemp -d)
@@ -31,7 +33,8 @@ sysroot_unpack() {
     rm -r "$control"
 }
 
-# make_sysroot ARCHITECTURE ROOT PACKAGE...: ROOT is absolute. What the packages bring and depend on.
+# make_sysroot ARCHITECTURE ROOT PACKAGE...: ROOT is absolute. What the packages bring and depend
+# on.
 make_sysroot() {
     local architecture=$1 root=$2 new=$2.new state=$2.apt package link
     shift 2
@@ -40,7 +43,8 @@ make_sysroot() {
     ln -s usr/lib "$new/lib"
     : >"$state/status"
     echo 1 >"$new/var/lib/dpkg/info/format"
-    # A mirror may be half synchronised for one architecture; what the other lists have is enough to link with.
+    # A mirror may be half synchronised for one architecture; what the other lists have is enough to
+    # link with.
     sysroot_apt "$architecture" "$state" update || printf 'going on with the lists that could be had\n'
     sysroot_apt "$architecture" "$state" install --yes --download-only --no-install-recommends "$@"
     for package in "$state"/archives/*.deb; do sysroot_unpack "$package" "$new"; done
@@ -51,8 +55,8 @@ make_sysroot() {
     mv "$new" "$root"
 }
 
-# install_cross_packages ARCHITECTURE: arm64 or armhf. The libraries land in build/sysroot-ARCHITECTURE and stay there
-# until their list changes.
+# install_cross_packages ARCHITECTURE: arm64 or armhf. The libraries land in
+# build/sysroot-ARCHITECTURE and stay there until their list changes.
 install_cross_packages() {
     local root=$PWD/build/sysroot-$1 wanted
     wanted="$root ${PACKAGES_SYSROOT[*]}" # the place, too: it stands in the database
@@ -63,15 +67,16 @@ install_cross_packages() {
     printf '%s\n' "$wanted" >"$root/made-for"
 }
 
-# emulator_of ARCHITECTURE: qemu-user's command with the folder of the target's libraries; nothing for this machine's own.
+# emulator_of ARCHITECTURE: qemu-user's command with the folder of the target's libraries; nothing
+# for this machine's own.
 emulator_of() {
     [ "$1" = "$(dpkg --print-architecture)" ] || printf '/usr/bin/%s -L %s\n' \
         "$(sed -nE 's/^set\(RA_EMULATOR (.*)\)/\1/p' "packaging/toolchain/$1.cmake")" "$PWD/build/sysroot-$1"
 }
 
-# packed_programs ARCHITECTURE FOLDER: a build folder for the end-to-end tests with the programs of the packages in
-# build/packages. The gateway's modules stand behind scripts that have them emulated; the tests do that with the daemon and
-# its tool, whose place matters.
+# packed_programs ARCHITECTURE FOLDER: a build folder for the end-to-end tests with the programs of
+# the packages in build/packages. The gateway's modules stand behind scripts that have them
+# emulated; the tests do that with the daemon and its tool, whose place matters.
 packed_programs() {
     local architecture=$1 folder=$2 program
     rm -rf "$folder"

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# The inside of the demonstration, run in a sandbox by scripts/demo: starts a gateway, an MQTT broker and a back end, uses
-# the tunnel between them, and controls it from both sides. Usage: demo_gateway.sh [stay]
+# The inside of the demonstration, run in a sandbox by scripts/demo: starts a gateway, an MQTT
+# broker and a back end, uses the tunnel between them, and controls it from both sides.
 # Expects the project at /project and the programs in /brimlock/gateway/build/bin.
+#
+# Usage: demo_gateway.sh [stay]
 set -euo pipefail
 # shellcheck source=SCRIPTDIR/steps.sh
 source /project/scripts/lib/steps.sh
@@ -104,7 +106,8 @@ write_configuration() {
 gw_system_productkey=$PRODUCT_KEY
 gw_system_devicename=$DEVICE
 gw_system_devicesecret=$secret
-# The gateway stays connected to the broker; remote access starts closed and is opened from the cloud or over the bus.
+# The gateway stays connected to the broker; remote access starts closed and is opened from the
+# cloud or over the bus.
 gw_system_cloud_long_connection=1
 gw_remoteaccess_cloud_host=$BACKEND_NAME
 gw_remoteaccess_cloud_port=$BACKEND_PORT
@@ -208,7 +211,8 @@ describe_itself() {
 
 channel_is() { ask queryRemoteChannelState | tee /dev/stderr | grep -qF "\\\"state\\\": $1}"; }
 
-# switched STATE COMMAND...: gives the command, and waits until the channel has followed it at both of its ends.
+# switched STATE COMMAND...: gives the command, and waits until the channel has followed it at both
+# of its ends.
 switched() {
     local state=$1 event before
     shift
@@ -317,7 +321,8 @@ fetch_page() {
     cmp "$MATERIAL/page" "$MATERIAL/web/index.html"
 }
 
-# open_relay NAME PORT: leads connections from outside to a port in here; the other relay is scripts/demo's.
+# open_relay NAME PORT: leads connections from outside to a port in here; the other relay is
+# scripts/demo's.
 open_relay() {
     start "$1" /project/scripts/lib/relay.py "unix:/tmp/$1" "tcp:127.0.0.1:$2"
     wait_for $START_S "${PIDS[$1]}" test -S "/tmp/$1"

@@ -10,8 +10,8 @@ missing_packages() {
     done
 }
 
-# Run as root with the packages as arguments. Services of the packages are neither started now nor at the next boot: who
-# tries this out wants no sshd on port 22 of his machine.
+# Run as root with the packages as arguments. Services of the packages are neither started now nor
+# at the next boot: a machine on which this is tried out needs no sshd on port 22.
 # shellcheck disable=SC2016 # expanded by the shell that runs it
 readonly INSTALL_AS_ROOT='
 set -e

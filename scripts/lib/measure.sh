@@ -1,6 +1,6 @@
 # shellcheck shell=bash
-# For the scripts that measure: goes to the repository, installs what is missing, and builds unless RA_BUILD_DIR names a
-# build.
+# For the scripts that measure: goes to the repository, installs what is missing, and builds unless
+# RA_BUILD_DIR names a build.
 cd "$(dirname "${BASH_SOURCE[0]}")/../.." || exit
 # shellcheck source=scripts/lib/install.sh
 . scripts/lib/install.sh

@@ -1,6 +1,6 @@
 #!/bin/bash
-# Runs inside a booted root with the packages installed, as root; the packages' test starts it. Every line of its report
-# begins with "ok" or "FAILED"; the machine is then switched off.
+# Runs inside a booted root with the packages installed, as root; the packages' test starts it.
+# Every line of its report begins with "ok" or "FAILED"; the machine is then switched off.
 # shellcheck disable=SC2317 # functions are called by check
 exec >/root/report 2>/root/details
 set -x

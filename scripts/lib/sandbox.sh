@@ -1,6 +1,7 @@
 # shellcheck shell=bash
-# A gateway's file system, network and processes of its own, over the host's /usr, for root and for ordinary users alike.
-# Many run side by side; nothing outside their directory is written, and they end with who started them.
+# A gateway's file system, network and processes of its own, over the host's /usr, for root and for
+# ordinary users alike. Many run side by side; nothing outside their directory is written, and they
+# end with who started them.
 
 readonly SANDBOX_ID=1000 # whoever starts it is the user "gateway" inside
 

@@ -1,11 +1,13 @@
 # shellcheck shell=bash
-# Steps of a script: each prints one line with its time; the first that fails shows its logs and ends the script.
+# Steps of a script: each prints one line with its time; the first that fails shows its logs and
+# ends the script.
 
 # A step's command may leave figures for its line here.
 STEP_NOTE=''
 
-# step "LOG..." TEXT COMMAND...: runs COMMAND in this shell with its output going to the first LOG. Of a failure the tails
-# of all the logs are shown. COMMAND runs as a condition, so what fails in it does not end it by itself.
+# step "LOG..." TEXT COMMAND...: runs COMMAND in this shell with its output going to the first LOG.
+# Of a failure the tails of all the logs are shown. COMMAND runs as a condition, so what fails in it
+# does not end it by itself.
 step() {
     local logs start text=$2 passed=0 us
     read -ra logs <<<"$1"
@@ -24,7 +26,8 @@ step() {
     exit 1
 }
 
-# wait_for SECONDS PID COMMAND...: until COMMAND succeeds; fails after SECONDS, or as soon as process PID has ended.
+# wait_for SECONDS PID COMMAND...: until COMMAND succeeds; fails after SECONDS, or as soon as
+# process PID has ended.
 wait_for() {
     local deadline=$((${EPOCHREALTIME/./} + $1 * 1000000)) pid=$2
     shift 2

@@ -1,17 +1,20 @@
 // Whole sessions: a scripted channel against the state machine, the dispatcher and real local
 // sockets. Each line of the input is a step; k stands for a session (a digit, modulo their number):
-//   N json    new session       H json    answer to the handshake     A json   account check
-//   Rk        release           P         keepalive pong              M text   any message
-//   Dk bytes  data down         Zk        the same, 40000 bytes       U text   an unfinished message
-//   Sk bytes  data up           Yk        the same, 60000 bytes       Ck       the service closes
-//   Bk        stops reading     bk        reads again                 Fd       messages come in
-//   E         an empty piece    W chars   how the next writes go               pieces of 2^d bytes
-//   L         channel is lost   T         ten seconds go by           O        switched off and on
-//   V         40000 bytes of an unfinished message                    Xk       service stops receiving
+//   N json    new session       H json    answer to the handshake  A json   account check
+//   Rk        release           P         keepalive pong           M text   any message
+//   Dk bytes  data down         Zk        the same, 40000 bytes    U text   an unfinished message
+//   Sk bytes  data up           Yk        the same, 60000 bytes    Ck       the service closes
+//   Bk        stops reading     bk        reads again              Fd       messages come in
+//   E         an empty piece    W chars   how the next writes go            pieces of 2^d bytes
+//   L         channel is lost   T         ten seconds go by        O        switched off and on
+//   V         40000 bytes of an unfinished message                 Xk       service stops receiving
 //   Gk        reads slowly      od        the next d openings of the channel fail
 // In the text of M and U, $n is a line end and $k the identifier of a session. A service at a port
 // divisible by 4 refuses, at 3 modulo 8 it is not there after all, and an odd one takes a moment.
-// Under test: src/channel_dispatch.cpp src/service_data.cpp src/remote_access_session_mgr.cpp src/remote_access_proxy_trans.cpp src/channel_state.cpp src/select_pass.cpp src/remote_access_proxy_channel.cpp src/service_connect.cpp src/account.cpp
+// Under test: src/channel_dispatch.cpp src/service_data.cpp src/remote_access_session_mgr.cpp
+// Under test: src/remote_access_proxy_trans.cpp src/channel_state.cpp src/select_pass.cpp
+// Under test: src/remote_access_proxy_channel.cpp src/service_connect.cpp
+// Under test: src/account.cpp
 #include "src/channel_state.h"
 #include "src/config.h"
 #include "src/proxy.h"

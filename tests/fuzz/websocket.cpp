@@ -3,7 +3,8 @@
 // and over: a digit n moves at most 2^n bytes, "-" would block, "!" is interrupted, "x" breaks the
 // connection, any other moves all there is. The clock is the script's own, so nothing waits; the
 // random bytes are always the same, so that an upgrade answer can be right.
-// Under test: platform/nopoll/connection.cpp platform/nopoll/nopoll.cpp platform/nopoll/upgrade.cpp platform/nopoll/websocket_codec.cpp platform/nopoll/wire.cpp
+// Under test: platform/nopoll/connection.cpp platform/nopoll/nopoll.cpp platform/nopoll/upgrade.cpp
+// Under test: platform/nopoll/websocket_codec.cpp platform/nopoll/wire.cpp
 #include "platform/nopoll/connection.h"
 
 #include "tests/fuzz/fuzz.h"

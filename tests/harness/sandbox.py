@@ -21,8 +21,8 @@ INSTALLED = "brimlock/gateway/build"
 CONFIG_DIR, PID_FILE = f"{INSTALLED}/config", "tmp/brimlock/remote_terminal.pid"
 CA_FILE, SOCKET = f"{CONFIG_DIR}/ca.pem", "tmp/var/run/mbusd/mbusd_socket"
 PROGRAM = f"/{INSTALLED}/bin/remote_access_daemon"
-# An emulator for another machine's programs, with its arguments; the last is the folder that has the
-# libraries.
+# An emulator for another machine's programs, with its arguments; the last is the folder that has
+# the libraries.
 EMULATOR = tuple(os.environ.get("RA_EMULATOR", "").split())
 COMMAND = (*EMULATOR, PROGRAM)
 NAME, MANAGER = "iot.gateway.remote_access_daemon", "iot.gateway.config_manager"

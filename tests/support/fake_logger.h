@@ -6,8 +6,8 @@
 
 namespace fake_logger {
 
-// The lines since the last call or the start of the test, each as "level text", joined by "|"; those below min_level are
-// forgotten too. Random ids are masked: see maskIds.
+// The lines since the last call or the start of the test, each as "level text", joined by "|";
+// those below min_level are forgotten too. Random ids are masked: see maskIds.
 std::string take(int min_level = 1);
 // The functions that the lines of the last take name as their own, each once, in order, joined by
 // "|".

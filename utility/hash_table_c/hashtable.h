@@ -46,8 +46,8 @@ std::uint32_t hashtable_num_buckets(const hashtable_t *hashtable);
 std::uint32_t hashtable_size(const hashtable_t *hashtable);
 int hashtable_empty(const hashtable_t *hashtable);
 int hashtable_contains_key(const hashtable_t *hashtable, const void *key);
-// A new element with an equal key takes the old one's place in its chain; the old one is poisoned, reported to replace
-// and not freed. Otherwise the element becomes the head of its chain.
+// A new element with an equal key takes the old one's place in its chain; the old one is poisoned,
+// reported to replace and not freed. Otherwise the element becomes the head of its chain.
 void hashtable_insert(hashtable_t *hashtable, const void *key, hashtable_node_t *node);
 hashtable_node_t *hashtable_lookup_key(const hashtable_t *hashtable, const void *key);
 // Unlinks the first element with the key, if there is one; it is poisoned and not freed.

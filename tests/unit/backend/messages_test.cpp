@@ -242,7 +242,8 @@ TEST(Handshake, ChecksEveryFieldSignAndClock)
         {R"({"sign":"C7A6DB3F0F11EF0CE104F068A6FE085758FDF9ECD772D0F4C2A78810E1939BD3"})", SIGNED,
          SIGNED, HANDSHAKE_BAD_SIGNATURE},
         {R"({"service_meta":"x"})", SIGNED, SIGNED, HANDSHAKE_MALFORMED},
-        {R"({"service_meta":[{"service_type":"a","service_name":"b","service_ip":"c","service_port":65536}]})",
+        {R"({"service_meta":[{"service_type":"a","service_name":"b","service_ip":"c",)"
+         R"("service_port":65536}]})",
          SIGNED, SIGNED, HANDSHAKE_MALFORMED},
     };
     for (const auto &row : rows) {

@@ -93,7 +93,8 @@ TEST(Handshake, PayloadIsBuiltIfThereIsRoom)
 {
     const std::string expected =
         R"({"uuid": "quorvex_iot","product_key": "pk1","device_name": "dev1","version":"2.1",)"
-        R"("IP":"","MAC":"","token":"", "service_meta": [{}],"signmethod": "hmacsha256", "sign": ")" +
+        R"("IP":"","MAC":"","token":"", "service_meta": [{}],)"
+        R"("signmethod": "hmacsha256", "sign": ")" +
         std::string{SIGN} + "\"}";
     const std::size_t room = 11 + 3 + 4 + 4 + 64 + 166;
     std::vector<char> dst(room + 1, 'x');

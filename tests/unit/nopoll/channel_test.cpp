@@ -52,8 +52,8 @@ protected:
         return nopoll_conn_send_binary(conn, message.data(), static_cast<long>(message.size()));
     }
 
-    // What a client logs, and keeps, about a server that gives this answer; it must end the channel by itself,
-    // with these last words if the channel was open.
+    // What a client logs, and keeps, about a server that gives this answer; it must end the channel
+    // by itself, with these last words if the channel was open.
     std::string refusalOf(ScriptedServer::Answer answer, const char *last_words = nullptr)
     {
         ScriptedServer liar{identity};

@@ -25,6 +25,7 @@ constexpr int READY_WAITS = 3;
 constexpr int READY_WAIT_S = 1;
 constexpr int FLUSH_ATTEMPTS = 3;
 constexpr int ATTEMPT_MS = 50;
+constexpr int WOULD_BLOCK = -2; // of the library
 constexpr int MIN_TIMEOUT_MS = 50;
 constexpr int MAX_TIMEOUT_MS = 10000;
 
@@ -152,12 +153,22 @@ bool flushPendingWrite(noPollConn *conn)
     return nopoll_conn_pending_write_bytes(conn) == 0;
 }
 
-// Waits for the rest of a message of which `sent` bytes have left.
-int completeWrite(noPollConn *conn, int length, int sent, int timeout_ms)
+// A whole number of attempts.
+int waitOf(int timeout_ms)
 {
-    const int attempts = std::clamp(timeout_ms, MIN_TIMEOUT_MS, MAX_TIMEOUT_MS) / ATTEMPT_MS;
+    return std::clamp(timeout_ms, MIN_TIMEOUT_MS, MAX_TIMEOUT_MS) / ATTEMPT_MS * ATTEMPT_MS;
+}
+
+// The library could not take the message just now, and holds nothing of it.
+bool isUntaken(noPollConn *conn, int result)
+{
+    return result == WOULD_BLOCK && isAlive(conn) && nopoll_conn_pending_write_bytes(conn) == 0;
+}
+
+// Waits for the rest of a message of which `sent` bytes have left.
+int completeWrite(noPollConn *conn, int length, int sent, std::int64_t end)
+{
     std::int64_t attempt_end = nowMilliseconds();
-    const std::int64_t end = attempt_end + std::int64_t{attempts} * ATTEMPT_MS;
     do {
         if (!isAlive(conn)) return sent;
         if (nopoll_conn_pending_write_bytes(conn) == 0) return length;
@@ -246,9 +257,17 @@ int writeCloudProxyChannel(CLOUD_CHANNEL_T *conn, const char *bytes, int length,
 {
     noPollConn *const connection = toLibrary(conn);
     if (!flushPendingWrite(connection)) return 0;
-    const int result = nopoll_conn_send_binary(connection, bytes, length);
+    const std::int64_t start = nowMilliseconds();
+    const std::int64_t end = start + waitOf(timeout_ms);
+    std::int64_t attempt_end = start;
+    int result = nopoll_conn_send_binary(connection, bytes, length);
+    while (isUntaken(connection, result) && nowMilliseconds() < end) {
+        sleepUntil(attempt_end += ATTEMPT_MS);
+        result = nopoll_conn_send_binary(connection, bytes, length);
+    }
     if (result == length || result == -1) return result;
-    return completeWrite(connection, length, std::max(result, 0), timeout_ms);
+    if (isUntaken(connection, result)) return 0;
+    return completeWrite(connection, length, std::max(result, 0), end);
 }
 
 void setCloudProxyChannelDebug(CLOUD_CHANNEL_T *conn, int debug_switch)

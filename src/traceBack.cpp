@@ -84,18 +84,39 @@ void handler(int signo)
     RA_INFO("socket pipe broken!");
 }
 
+void reportPipes()
+{
+    while (g_mailbox.pipes_reported.load(std::memory_order_relaxed) !=
+           g_mailbox.pipes_taken.load(std::memory_order_acquire)) {
+        handler(SIGPIPE);
+        g_mailbox.pipes_reported.fetch_add(1, std::memory_order_release);
+    }
+}
+
+// One sent before the fatal signal may still be on its way to a thread that takes it. The reporter
+// blocks it, so that it sees it pending.
+void awaitPendingPipe()
+{
+    const std::int64_t deadline = monotonicMilliseconds() + PIPE_REPORT_WAIT_MS;
+    sigset_t pending;
+    do {
+        sleepOneMillisecond();
+        ::sigemptyset(&pending);
+        (void)::sigpending(&pending); // fails for a bad pointer only
+    } while (::sigismember(&pending, SIGPIPE) != 0 && monotonicMilliseconds() < deadline);
+}
+
 void *reportSignals(void * /*argument*/)
 {
     for (;;) {
         while (::sem_wait(&g_mailbox.wake) != 0) {
         }
-        while (g_mailbox.pipes_reported.load(std::memory_order_relaxed) !=
-               g_mailbox.pipes_taken.load(std::memory_order_acquire)) {
-            handler(SIGPIPE);
-            g_mailbox.pipes_reported.fetch_add(1, std::memory_order_release);
-        }
-        if (const int fatal = g_mailbox.fatal_signal.load(std::memory_order_acquire); fatal != 0)
-            handler(fatal);
+        reportPipes();
+        const int fatal = g_mailbox.fatal_signal.load(std::memory_order_acquire);
+        if (fatal == 0) continue;
+        awaitPendingPipe();
+        reportPipes();
+        handler(fatal);
     }
 }
 
@@ -118,20 +139,23 @@ void requestFatalReport(int signo) noexcept
     ::_exit(EXIT_STATUS_SIGNAL);
 }
 
+// The first fatal signal has the one report. True when this is it, and its report has been asked for.
+bool takeReport(int signo) noexcept
+{
+    if (g_report_taken.exchange(true)) return false;
+    if (signo == SIGSEGV) {
+        g_faulting_thread = ::pthread_self();
+        g_unwinding.store(true);
+        g_mailbox.frame_count = ::backtrace(g_mailbox.frames, MAX_FRAMES);
+        g_unwinding.store(false);
+    }
+    requestFatalReport(signo);
+    return true;
+}
+
 [[noreturn]] void endAfterReport(int signo) noexcept
 {
-    // A fault of the reporter itself would be waiting for itself.
-    if (::pthread_equal(::pthread_self(), g_mailbox.reporter) != 0) ::_exit(EXIT_STATUS_SIGNAL);
-    if (!g_report_taken.exchange(true)) {
-        if (signo == SIGSEGV) {
-            g_faulting_thread = ::pthread_self();
-            g_unwinding.store(true);
-            g_mailbox.frame_count = ::backtrace(g_mailbox.frames, MAX_FRAMES);
-            g_unwinding.store(false);
-        }
-        requestFatalReport(signo);
-        awaitFatalReport();
-    }
+    if (takeReport(signo)) awaitFatalReport();
     // A second fault of the same thread: its stack is so damaged that it cannot be unwound. The
     // report is made without frames.
     if (g_unwinding.load() && ::pthread_equal(::pthread_self(), g_faulting_thread) != 0) {
@@ -142,13 +166,26 @@ void requestFatalReport(int signo) noexcept
     awaitFatalReport();
 }
 
+// On the reporter itself. A signal that somebody has sent is reported as soon as the handler has
+// returned; after a fault there is nobody left to do that.
+void reportOwnSignal(int signo, const siginfo_t *info) noexcept
+{
+    if (info->si_code > 0) ::_exit(EXIT_STATUS_SIGNAL);
+    (void)takeReport(signo);
+}
+
 // The installed handler. backtrace was called once before, so that it loads nothing any more.
-void onSignal(int signo)
+void onSignal(int signo, siginfo_t *info, void * /*context*/)
 {
     const int saved_errno = errno;
-    if (signo != SIGPIPE) endAfterReport(signo);
-    g_mailbox.pipes_taken.fetch_add(1, std::memory_order_release);
-    ::sem_post(&g_mailbox.wake);
+    if (signo == SIGPIPE) {
+        g_mailbox.pipes_taken.fetch_add(1, std::memory_order_release);
+        ::sem_post(&g_mailbox.wake);
+    } else if (::pthread_equal(::pthread_self(), g_mailbox.reporter) != 0) {
+        reportOwnSignal(signo, info);
+    } else {
+        endAfterReport(signo);
+    }
     errno = saved_errno;
 }
 
@@ -191,8 +228,9 @@ void installSignalHandlers()
 {
     if (!g_reporter_started) return;
     struct sigaction action {};
-    action.sa_handler = onSignal;
-    action.sa_flags = SA_RESTART | SA_ONSTACK | SA_NODEFER; // a fault while unwinding is seen too
+    action.sa_sigaction = onSignal;
+    // A fault while unwinding is seen, too.
+    action.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK | SA_NODEFER;
     ::sigemptyset(&action.sa_mask);
     for (const int signo : HANDLED_SIGNALS)
         (void)::sigaction(signo, &action, nullptr);

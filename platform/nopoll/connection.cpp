@@ -171,25 +171,47 @@ STEP takeStep(noPollConn &conn)
     return isControl(conn.header.opcode) ? handleControl(conn) : handlePayload(conn);
 }
 
+QUEUED failToQueue(noPollConn &conn, noPollDebugLevel level, const char *reason)
+{
+    (void)endConnection(conn, level, reason);
+    return QUEUED::ENDED;
+}
+
+// Encrypts the record that stands in conn.frame.
+QUEUED queueRecord(noPollConn &conn)
+{
+    FAILURE_T failure{};
+    conn.wire.reads_left = READS_PER_CALL;
+    const std::size_t buffered = bytesOf(conn.wire.in).size();
+    const TLS_WRITE result = writeTls(conn.tls, conn.wire, bytesOf(conn.frame), failure);
+    consumeBytes(conn.frame, bytesOf(conn.frame).size());
+    if (bytesOf(conn.wire.in).size() != buffered) conn.starved = false; // TLS has read more
+    if (result == TLS_WRITE::NOT_TAKEN) return QUEUED::NOT_TAKEN;
+    if (result == TLS_WRITE::DONE) return QUEUED::YES;
+    return failToQueue(conn, NOPOLL_LEVEL_WARNING, failure.text);
+}
+
 // Masks and encrypts a record at a time, while it is in the processor's nearest cache. The frame's
 // header stands in conn.frame.
-bool queueRecords(noPollConn &conn, std::span<const uint8_t> payload,
-                  const uint8_t (&mask)[MASK_SIZE])
+QUEUED queueRecords(noPollConn &conn, std::span<const uint8_t> payload,
+                    const uint8_t (&mask)[MASK_SIZE])
 {
     uint8_t turned[MASK_SIZE];
     std::copy(std::begin(mask), std::end(mask), turned);
+    bool begun = false;
     do {
         const std::size_t size = std::min(payload.size(), RECORD_SIZE - bytesOf(conn.frame).size());
         copyMasked(conn.frame.data.get() + conn.frame.end, payload.data(), size, turned);
         conn.frame.end += size;
         payload = payload.subspan(size);
         std::rotate(turned, turned + size % MASK_SIZE, std::end(turned));
-        FAILURE_T failure{};
-        if (!writeTls(conn.tls, conn.wire, bytesOf(conn.frame), failure))
-            return endConnection(conn, NOPOLL_LEVEL_WARNING, failure.text);
-        consumeBytes(conn.frame, bytesOf(conn.frame).size());
+        const QUEUED result = queueRecord(conn);
+        if (result == QUEUED::NOT_TAKEN && begun)
+            return failToQueue(conn, NOPOLL_LEVEL_WARNING, "TLS write failed: frame cut");
+        if (result != QUEUED::YES) return result;
+        begun = true;
     } while (!payload.empty());
-    return true;
+    return QUEUED::YES;
 }
 
 } // namespace
@@ -224,26 +246,30 @@ void sayGoodbye(noPollConn &conn, uint16_t code)
 {
     if (conn.ended || !pushOut(conn) || !bytesOf(conn.wire.tx).empty()) return;
     const uint8_t payload[2] = {static_cast<uint8_t>(code >> 8), static_cast<uint8_t>(code)};
-    if (conn.ready && !queueFrame(conn, OPCODE_CLOSE, payload)) return;
+    if (conn.ready && queueFrame(conn, OPCODE_CLOSE, payload) != QUEUED::YES) return;
     if (conn.tls_on) shutDownTls(conn.tls);
     (void)flushWire(conn.wire); // the connection ends either way
 }
 
-bool queueFrame(noPollConn &conn, OPCODE opcode, std::span<const uint8_t> payload)
+QUEUED queueFrame(noPollConn &conn, OPCODE opcode, std::span<const uint8_t> payload)
 {
     BYTE_QUEUE_T &target = conn.tls_on ? conn.frame : conn.wire.tx;
     uint8_t mask[MASK_SIZE];
     uint8_t header[MAX_FRAME_HEADER];
-    if (!nextMask(conn, mask)) return endConnection(conn, NOPOLL_LEVEL_CRITICAL, "no random bytes");
+    if (!nextMask(conn, mask)) return failToQueue(conn, NOPOLL_LEVEL_CRITICAL, "no random bytes");
     const std::size_t header_size = buildFrameHeader(opcode, payload.size(), mask, header);
     const std::size_t room = conn.tls_on ? RECORD_SIZE : header_size + payload.size();
     if (!reserveBytes(target, room) || !appendBytes(target, {header, header_size}))
-        return endConnection(conn, NOPOLL_LEVEL_CRITICAL, "out of memory");
-    conn.payload_unsent = isControl(opcode) ? 0 : payload.size();
-    if (conn.tls_on) return queueRecords(conn, payload, mask);
-    copyMasked(target.data.get() + target.end, payload.data(), payload.size(), mask);
-    target.end += payload.size();
-    return true;
+        return failToQueue(conn, NOPOLL_LEVEL_CRITICAL, "out of memory");
+    QUEUED result = QUEUED::YES;
+    if (conn.tls_on) {
+        result = queueRecords(conn, payload, mask);
+    } else {
+        copyMasked(target.data.get() + target.end, payload.data(), payload.size(), mask);
+        target.end += payload.size();
+    }
+    if (result == QUEUED::YES) conn.payload_unsent = isControl(opcode) ? 0 : payload.size();
+    return result;
 }
 
 bool pushOut(noPollConn &conn)
@@ -259,8 +285,10 @@ bool pushOut(noPollConn &conn)
         if (pending == 0 || !conn.tls_on)
             conn.payload_unsent = std::min(conn.payload_unsent, pending);
         if (pending > 0 || !conn.pong_waiting) return true;
+        const QUEUED result = queueFrame(conn, OPCODE_PONG, {conn.pong, conn.pong_size});
+        if (result == QUEUED::NOT_TAKEN) return true; // it waits for the next call
+        if (result == QUEUED::ENDED) return false;
         conn.pong_waiting = false;
-        if (!queueFrame(conn, OPCODE_PONG, {conn.pong, conn.pong_size})) return false;
     }
 }
 

@@ -85,8 +85,10 @@ void closeSocket(noPollConn &conn);
 // that is cut.
 void sayGoodbye(noPollConn &conn, uint16_t code);
 
-// Puts one frame into tx. False when that ended the connection.
-[[nodiscard]] bool queueFrame(noPollConn &conn, OPCODE opcode, std::span<const uint8_t> payload);
+enum class QUEUED { YES, NOT_TAKEN, ENDED };
+// Puts one frame into tx, all of it or (NOT_TAKEN, see writeTls) nothing; ENDED when that ended the
+// connection. May read from the socket what TLS needs first.
+[[nodiscard]] QUEUED queueFrame(noPollConn &conn, OPCODE opcode, std::span<const uint8_t> payload);
 // Sends what the socket takes now, and the PONG that waited for it. False when that ended the
 // connection.
 [[nodiscard]] bool pushOut(noPollConn &conn);

@@ -76,6 +76,18 @@ bool describeTarget(noPollConn &conn, const TARGET_T &target, ws::FAILURE_T &fai
     return true;
 }
 
+bool writeTlsUntil(noPollConn &conn, std::span<const uint8_t> bytes, int64_t deadline_ms,
+                   ws::FAILURE_T &failure)
+{
+    for (;;) {
+        conn.wire.reads_left = ws::READS_PER_CALL;
+        const ws::TLS_WRITE result = ws::writeTls(conn.tls, conn.wire, bytes, failure);
+        if (result != ws::TLS_WRITE::NOT_TAKEN) return result == ws::TLS_WRITE::DONE;
+        if (ws::pollUntil(conn.wire.socket.get(), POLLIN, deadline_ms) == 0)
+            return ws::fail(failure, "TLS write failed: no rest of the server's message in time");
+    }
+}
+
 bool sendUpgradeRequest(noPollConn &conn, int64_t deadline_ms, ws::FAILURE_T &failure)
 {
     uint8_t nonce[ws::NONCE_SIZE];
@@ -88,7 +100,7 @@ bool sendUpgradeRequest(noPollConn &conn, int64_t deadline_ms, ws::FAILURE_T &fa
         {conn.host_header, conn.path, conn.origin, conn.protocols, key}, text);
     const std::span bytes{reinterpret_cast<const uint8_t *>(text), length};
     if (length == 0) return ws::fail(failure, "the upgrade request is too long");
-    if (conn.tls_on && !ws::writeTls(conn.tls, conn.wire, bytes, failure)) return false;
+    if (conn.tls_on && !writeTlsUntil(conn, bytes, deadline_ms, failure)) return false;
     if (!conn.tls_on && !ws::appendBytes(conn.wire.tx, bytes))
         return ws::fail(failure, "out of memory");
     if (!ws::flushWireUntil(conn.wire, deadline_ms))
@@ -324,8 +336,9 @@ int nopoll_conn_send_binary(noPollConn *conn, const char *content, long length)
     if (!ws::bytesOf(conn->wire.tx).empty()) return WOULD_BLOCK;
     const auto size = static_cast<std::size_t>(length);
     const std::span payload{reinterpret_cast<const uint8_t *>(content), size};
-    if (!ws::queueFrame(*conn, ws::OPCODE_BINARY, payload) || !ws::pushOutPatiently(*conn))
-        return -1;
+    const ws::QUEUED result = ws::queueFrame(*conn, ws::OPCODE_BINARY, payload);
+    if (result == ws::QUEUED::NOT_TAKEN) return WOULD_BLOCK;
+    if (result == ws::QUEUED::ENDED || !ws::pushOutPatiently(*conn)) return -1;
     if (ws::bytesOf(conn->wire.tx).empty()) return static_cast<int>(length);
     const std::size_t sent = size - conn->payload_unsent;
     return sent > 0 ? static_cast<int>(sent) : static_cast<int>(WOULD_BLOCK);

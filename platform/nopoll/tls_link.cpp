@@ -23,7 +23,9 @@ int writeToQueue(BIO *bio, const char *src, int size)
 {
     BIO_clear_retry_flags(bio);
     const std::span bytes{reinterpret_cast<const uint8_t *>(src), static_cast<std::size_t>(size)};
-    return appendBytes(wireOf(bio).tx, bytes) ? size : -1;
+    if (appendBytes(wireOf(bio).tx, bytes)) return size;
+    wireOf(bio).error = ENOMEM;
+    return -1;
 }
 
 int readFromQueue(BIO *bio, char *dst, int size)
@@ -33,7 +35,11 @@ int readFromQueue(BIO *bio, char *dst, int size)
     if (bytesOf(wire.in).empty()) {
         // The peer may be waiting for what we have to say first, in the handshake and at a change
         // of keys.
-        if (!flushWire(wire) || !reserveBytes(wire.in, INPUT_SIZE)) return -1;
+        if (!flushWire(wire)) return -1;
+        if (!reserveBytes(wire.in, INPUT_SIZE)) {
+            wire.error = ENOMEM;
+            return -1;
+        }
         const int got = receiveFromWire(wire, {wire.in.data.get() + wire.in.end, INPUT_SIZE});
         if (got == 0) BIO_set_retry_read(bio);
         if (got <= 0) return wire.ended_by_peer ? 0 : -1;
@@ -201,14 +207,18 @@ bool shakeHands(TLS_LINK_T &link, WIRE_T &wire, int64_t deadline_ms, FAILURE_T &
     }
 }
 
-bool writeTls(TLS_LINK_T &link, const WIRE_T &wire, std::span<const uint8_t> bytes,
-              FAILURE_T &failure)
+TLS_WRITE writeTls(TLS_LINK_T &link, const WIRE_T &wire, std::span<const uint8_t> bytes,
+                   FAILURE_T &failure)
 {
     ERR_clear_error();
     std::size_t written = 0;
-    if (SSL_write_ex(link.ssl.get(), bytes.data(), bytes.size(), &written) == 1) return true;
+    if (SSL_write_ex(link.ssl.get(), bytes.data(), bytes.size(), &written) == 1)
+        return TLS_WRITE::DONE;
+    const int error = SSL_get_error(link.ssl.get(), 0);
+    if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) return TLS_WRITE::NOT_TAKEN;
     link.established = false;
-    return fail(failure, "TLS write failed: %s", tlsFault(wire));
+    fail(failure, "TLS write failed: %s", tlsFault(wire));
+    return TLS_WRITE::FAILED;
 }
 
 int readTls(TLS_LINK_T &link, const WIRE_T &wire, std::span<uint8_t> dst, FAILURE_T &failure)

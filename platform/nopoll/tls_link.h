@@ -42,9 +42,11 @@ struct TLS_LINK_T {
                               const char *server_name, WIRE_T &wire, FAILURE_T &failure);
 [[nodiscard]] bool shakeHands(TLS_LINK_T &link, WIRE_T &wire, int64_t deadline_ms,
                               FAILURE_T &failure);
-// Appends all of the bytes to the wire's tx.
-[[nodiscard]] bool writeTls(TLS_LINK_T &link, const WIRE_T &wire, std::span<const uint8_t> bytes,
-                            FAILURE_T &failure);
+enum class TLS_WRITE { DONE, NOT_TAKEN, FAILED };
+// Appends all of the bytes to the wire's tx. NOT_TAKEN, and nothing has happened, while only a part
+// of a message of the server's TLS has come, such as a session ticket: TLS reads its rest first.
+[[nodiscard]] TLS_WRITE writeTls(TLS_LINK_T &link, const WIRE_T &wire,
+                                 std::span<const uint8_t> bytes, FAILURE_T &failure);
 // Bytes received, 0 for nothing now, -1 for the end.
 [[nodiscard]] int readTls(TLS_LINK_T &link, const WIRE_T &wire, std::span<uint8_t> dst,
                           FAILURE_T &failure);

@@ -83,6 +83,15 @@ def test_violation_by_a_signal(daemon):
     gateway, _ = daemon
     os.kill(gateway.daemon.pid, signal.SIGSEGV)
     assert check_backtrace(gateway)
+    # Sent while a broken pipe is being dealt with, it is often taken by the thread that reports.
+    for start in range(10):
+        gateway.daemon = gateway.spawn(f"-{start}")
+        gateway.daemon.find_pid()
+        gateway.log.wait("I", "workerLoopThread start!")
+        for number in (signal.SIGPIPE, signal.SIGSEGV):
+            os.kill(gateway.daemon.pid, number)
+        assert check_backtrace(gateway)
+        assert gateway.log.find("I", "socket pipe broken!")
 
 
 def library_start(pid):

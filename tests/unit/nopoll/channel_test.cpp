@@ -318,3 +318,23 @@ TEST_P(Channel, ReturnsDuringAFloodOfControlFrames)
     EXPECT_EQ(nopoll_conn_get_msg(conn), nullptr) << "one call took the whole flood";
     EXPECT_EQ(awaitMessage(conn), "through");
 }
+
+TEST_P(Channel, TakesNothingWhileHalfOfASessionTicketHasCome)
+{
+    if (!identity) return; // TLS alone has tickets
+    open();
+    const std::string ticket = server.longTicket();
+    ASSERT_GT(ticket.size(), 1500U);
+    server.sendRaw(ticket.substr(0, 1200)); // two records of it, and a part of the third
+    awaitReadable();
+    EXPECT_EQ(nopoll_conn_get_msg(conn), nullptr);
+    EXPECT_EQ(send("too early"), -2);
+    EXPECT_EQ(nopoll_conn_pending_write_bytes(conn), 0);
+    ASSERT_TRUE(nopoll_conn_is_ok(conn)) << client.log;
+    server.sendRaw(ticket.substr(1200));
+    server.write(serverFrame(0x82, "down")); // read along with the ticket's rest, and not lost
+    awaitReadable();
+    EXPECT_EQ(send("in time"), 7);
+    EXPECT_EQ(server.readFrame(), (CLIENT_FRAME_T{BINARY, "in time"}));
+    EXPECT_EQ(awaitMessage(conn), "down");
+}

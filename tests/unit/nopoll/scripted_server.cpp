@@ -78,6 +78,37 @@ void ScriptedServer::serve(const Answer &answer)
     write(text);
 }
 
+static int makeTicketLong(SSL *ssl, void * /*argument*/)
+{
+    const std::string filler(2000, 't');
+    return SSL_SESSION_set1_ticket_appdata(SSL_get_session(ssl), filler.data(), filler.size());
+}
+
+std::string ScriptedServer::longTicket()
+{
+    SSL_CTX_set_session_ticket_cb(context_.get(), makeTicketLong, nullptr, nullptr);
+    SSL_set_max_send_fragment(ssl_.get(), 512);
+    BIO *const socket_bio = SSL_get_wbio(ssl_.get());
+    BIO_up_ref(socket_bio);
+    BIO *const caught = BIO_new(BIO_s_mem());
+    BIO_up_ref(caught);
+    SSL_set0_wbio(ssl_.get(), caught);
+    EXPECT_EQ(SSL_new_session_ticket(ssl_.get()), 1);
+    EXPECT_EQ(SSL_do_handshake(ssl_.get()), 1);
+    SSL_set0_wbio(ssl_.get(), socket_bio);
+    char *bytes = nullptr;
+    const long size = BIO_get_mem_data(caught, &bytes);
+    std::string ticket(bytes, static_cast<std::size_t>(size));
+    BIO_free(caught);
+    return ticket;
+}
+
+void ScriptedServer::sendRaw(std::string_view bytes)
+{
+    const auto size = static_cast<ssize_t>(bytes.size());
+    EXPECT_EQ(send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), size);
+}
+
 void ScriptedServer::write(std::string_view bytes)
 {
     while (!bytes.empty()) {

@@ -34,6 +34,10 @@ public:
     // Waits until the accept is done.
     void settle();
     void write(std::string_view bytes);
+    // The bytes on the wire of a TLS 1.3 session ticket that takes several records; sendRaw sends
+    // them, or a part, as they are.
+    std::string longTicket();
+    void sendRaw(std::string_view bytes);
     // Up to `size` bytes; fewer when the stream ends.
     std::string read(std::size_t size);
     CLIENT_FRAME_T readFrame();

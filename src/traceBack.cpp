@@ -21,7 +21,9 @@
 namespace {
 
 constexpr int MAX_FRAMES = 64;
-constexpr int FATAL_REPORT_WAIT_MS = 3000;
+constexpr unsigned FATAL_REPORT_WAIT_S = 3;
+constexpr int SENT_REPORT_WAIT_MS = 500;
+constexpr int SENT_GRACE_MS = 50;
 constexpr int PIPE_REPORT_WAIT_MS = 50;
 constexpr int EXIT_STATUS_SIGNAL = 1;
 
@@ -35,6 +37,7 @@ constexpr int HANDLED_SIGNALS[] = {SIGINT, SIGPIPE, SIGSEGV};
 struct SIGNAL_MAILBOX_T {
     sem_t wake;
     std::atomic<std::int32_t> fatal_signal; // 0 = none; the first one stays
+    std::atomic<bool> fatal_sent;           // by somebody, not raised by a fault
     std::atomic<std::uint32_t> pipes_taken;
     std::atomic<std::uint32_t> pipes_reported; // written by the reporter
     void *frames[MAX_FRAMES];
@@ -93,17 +96,14 @@ void reportPipes()
     }
 }
 
-// One sent before the fatal signal may still be on its way to a thread that takes it. The reporter
-// blocks it, so that it sees it pending.
-void awaitPendingPipe()
+// A signal sent before the fatal one may still be on its way to the handler of a thread that waits
+// for a processor.
+void awaitEarlierPipes()
 {
-    const std::int64_t deadline = monotonicMilliseconds() + PIPE_REPORT_WAIT_MS;
-    sigset_t pending;
-    do {
+    const std::int64_t deadline = monotonicMilliseconds() + SENT_GRACE_MS;
+    while (monotonicMilliseconds() < deadline)
         sleepOneMillisecond();
-        ::sigemptyset(&pending);
-        (void)::sigpending(&pending); // fails for a bad pointer only
-    } while (::sigismember(&pending, SIGPIPE) != 0 && monotonicMilliseconds() < deadline);
+    reportPipes();
 }
 
 void *reportSignals(void * /*argument*/)
@@ -114,8 +114,7 @@ void *reportSignals(void * /*argument*/)
         reportPipes();
         const int fatal = g_mailbox.fatal_signal.load(std::memory_order_acquire);
         if (fatal == 0) continue;
-        awaitPendingPipe();
-        reportPipes();
+        if (g_mailbox.fatal_sent.load(std::memory_order_relaxed)) awaitEarlierPipes();
         handler(fatal);
     }
 }
@@ -131,18 +130,27 @@ void requestFatalReport(int signo) noexcept
     ::sem_post(&g_mailbox.wake);
 }
 
-[[noreturn]] void awaitFatalReport() noexcept
+void onAlarm(int /*signo*/)
 {
-    const std::int64_t deadline = monotonicMilliseconds() + FATAL_REPORT_WAIT_MS;
-    while (monotonicMilliseconds() < deadline)
-        sleepOneMillisecond();
     ::_exit(EXIT_STATUS_SIGNAL);
 }
 
+// Whatever becomes of the report.
+void endAtTheLatest() noexcept
+{
+    struct sigaction action {};
+    action.sa_handler = onAlarm;
+    ::sigemptyset(&action.sa_mask);
+    (void)::sigaction(SIGALRM, &action, nullptr);
+    (void)::alarm(FATAL_REPORT_WAIT_S);
+}
+
 // The first fatal signal has the one report. True when this is it, and its report has been asked for.
-bool takeReport(int signo) noexcept
+bool takeReport(int signo, bool is_sent) noexcept
 {
     if (g_report_taken.exchange(true)) return false;
+    endAtTheLatest();
+    g_mailbox.fatal_sent.store(is_sent, std::memory_order_relaxed);
     if (signo == SIGSEGV) {
         g_faulting_thread = ::pthread_self();
         g_unwinding.store(true);
@@ -153,25 +161,31 @@ bool takeReport(int signo) noexcept
     return true;
 }
 
-[[noreturn]] void endAfterReport(int signo) noexcept
+[[noreturn]] void endAfterFault(int signo) noexcept
 {
-    if (takeReport(signo)) awaitFatalReport();
+    // A fault of the reporter itself would be waiting for itself.
+    if (::pthread_equal(::pthread_self(), g_mailbox.reporter) != 0) ::_exit(EXIT_STATUS_SIGNAL);
     // A second fault of the same thread: its stack is so damaged that it cannot be unwound. The
     // report is made without frames.
-    if (g_unwinding.load() && ::pthread_equal(::pthread_self(), g_faulting_thread) != 0) {
+    if (!takeReport(signo, false) && g_unwinding.load() &&
+        ::pthread_equal(::pthread_self(), g_faulting_thread) != 0) {
         g_unwinding.store(false);
         g_mailbox.frame_count = 0;
         requestFatalReport(signo);
     }
-    awaitFatalReport();
+    for (;;)
+        sleepOneMillisecond(); // until the report, or the alarm, ends the process
 }
 
-// On the reporter itself. A signal that somebody has sent is reported as soon as the handler has
-// returned; after a fault there is nobody left to do that.
-void reportOwnSignal(int signo, const siginfo_t *info) noexcept
+// The thread waits, so that nothing is logged behind the report, but not for long: it may hold the
+// lock of the logger, which the report needs.
+void awaitReportOfSent(int signo) noexcept
 {
-    if (info->si_code > 0) ::_exit(EXIT_STATUS_SIGNAL);
-    (void)takeReport(signo);
+    (void)takeReport(signo, true);
+    if (::pthread_equal(::pthread_self(), g_mailbox.reporter) != 0) return;
+    const std::int64_t deadline = monotonicMilliseconds() + SENT_REPORT_WAIT_MS;
+    while (monotonicMilliseconds() < deadline)
+        sleepOneMillisecond();
 }
 
 // The installed handler. backtrace was called once before, so that it loads nothing any more.
@@ -181,10 +195,10 @@ void onSignal(int signo, siginfo_t *info, void * /*context*/)
     if (signo == SIGPIPE) {
         g_mailbox.pipes_taken.fetch_add(1, std::memory_order_release);
         ::sem_post(&g_mailbox.wake);
-    } else if (::pthread_equal(::pthread_self(), g_mailbox.reporter) != 0) {
-        reportOwnSignal(signo, info);
+    } else if (signo != SIGSEGV || info->si_code <= 0) { // sigaction(2): sent by somebody
+        awaitReportOfSent(signo);
     } else {
-        endAfterReport(signo);
+        endAfterFault(signo);
     }
     errno = saved_errno;
 }

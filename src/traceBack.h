@@ -3,9 +3,10 @@
 // reports its error to its caller. Every other signal keeps its default action.
 //
 // Threads  logging and symbol lookup are not async-signal-safe, so the signal handler only takes
-//          the backtrace and wakes a reporter thread, which writes the lines. A fatal signal waits
-//          at most 3 s for the report (the faulting thread may hold the lock of the logger or of
-//          malloc) and then ends the process all the same.
+//          the backtrace and wakes a reporter thread, which writes the lines and ends the process.
+//          A thread that has faulted waits for that; one that took a signal that somebody sent goes
+//          on after half a second, because it may hold the lock of the logger. When there is no
+//          report within 3 s the process ends all the same.
 #pragma once
 
 // Starts the reporter and installs the handler. Call it once, before other threads are started;

@@ -2,8 +2,8 @@
 // clients whose bytes have no room among them. Session data and our own messages are counted apart.
 // Ownership  the queue owns its messages, except the one that the link is writing.
 // Threads    the thread of the io_context.
-// Limits     LIMITS_T: data_queue bounds what hasDataRoom grants; whoever queues messages of our own
-//            looks at isControlOverfull. SPARE_MAX written data messages are kept for their storage.
+// Limits     LIMITS_T: data_queue bounds what hasDataRoom grants, control_queue what may wait until
+//            isControlOverfull. SPARE_MAX written data messages are kept for their storage.
 #pragma once
 
 #include "backend/limits.h"
@@ -40,7 +40,8 @@ OUT_MESSAGE_PTR takeDataMessage(SEND_QUEUE_T *queue);
 
 void waitForDataRoom(SEND_QUEUE_T &queue, std::shared_ptr<SESSION_T> session);
 void stopWaiting(SEND_QUEUE_T &queue, const SESSION_T &session);
-// The session that has waited longest, which no longer waits then; null while there is no room, or none waits.
+// The session that has waited longest, which no longer waits then; null when there is no room or
+// none waits.
 std::shared_ptr<SESSION_T> takeWaitingSession(SEND_QUEUE_T &queue);
 
 } // namespace backend

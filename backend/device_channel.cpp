@@ -19,7 +19,6 @@ constexpr std::string_view OPEN_ID = "open-";
 constexpr std::string_view RELEASE_ID = "release-";
 constexpr std::string_view ACCOUNT_ID = "account-";
 
-constexpr std::size_t SPARE_MAX = 16;
 constexpr std::size_t RELEASING_MAX = 128;
 constexpr std::size_t ACCOUNTS_MAX = 16;
 
@@ -48,44 +47,20 @@ static std::string freshId(DEVICE_CHANNEL_T &channel, std::string_view kind)
 
 // ---- to the device
 
-static std::size_t &counterOf(DEVICE_CHANNEL_T &channel, const OUT_MESSAGE_T &message)
-{
-    return message.is_data ? channel.queued_data : channel.queued_control;
-}
-
-static void writeNext(DEVICE_CHANNEL_T &channel)
-{
-    if (channel.write_active || channel.queue.empty() || channel.state == CHANNEL_STATE::CLOSED)
-        return;
-    channel.write_active = true;
-    OUT_MESSAGE_PTR message = std::move(channel.queue.front());
-    channel.queue.pop_front();
-    channel.link->write(std::move(message));
-}
-
 static void enqueue(DEVICE_CHANNEL_T &channel, OUT_MESSAGE_PTR message)
 {
     if (channel.state == CHANNEL_STATE::CLOSED) return;
-    counterOf(channel, *message) += message->header.size + message->payload_size;
-    channel.queue.push_back(std::move(message));
-    writeNext(channel);
+    queueMessage(channel.outgoing, *channel.link, std::move(message));
 }
 
 static void messageWritten(DEVICE_CHANNEL_T &channel, const error_code &error,
                            OUT_MESSAGE_PTR message)
 {
-    channel.write_active = false;
     if (channel.state == CHANNEL_STATE::CLOSED) return;
     if (error) return closeDeviceChannel(channel, 0, "cannot be written to: " + error.message());
-    counterOf(channel, *message) -= message->header.size + message->payload_size;
-    if (message->is_data && channel.spare.size() < SPARE_MAX)
-        channel.spare.push_back(std::move(message));
-    writeNext(channel);
-    while (!channel.waiting.empty() && hasDataRoom(channel)) {
-        const SESSION_PTR session = std::move(channel.waiting.front());
-        channel.waiting.pop_front();
+    finishMessage(channel.outgoing, *channel.link, std::move(message));
+    while (const SESSION_PTR session = takeWaitingSession(channel.outgoing))
         readClient(session);
-    }
 }
 
 static void sendControl(DEVICE_CHANNEL_T &channel, MESSAGE_TYPE type, std::string_view msg_id,
@@ -98,9 +73,8 @@ static void sendControl(DEVICE_CHANNEL_T &channel, MESSAGE_TYPE type, std::strin
     message->payload_size = payload.size();
     message->is_secret = is_secret;
     enqueue(channel, std::move(message));
-    if (channel.queued_control > channel.limits.control_queue) {
+    if (isControlOverfull(channel.outgoing))
         closeDeviceChannel(channel, 0, "sends, but takes no answers");
-    }
 }
 
 static void sendRelease(DEVICE_CHANNEL_T &channel, const std::string &token)
@@ -108,29 +82,6 @@ static void sendRelease(DEVICE_CHANNEL_T &channel, const std::string &token)
     if (channel.releasing.size() >= RELEASING_MAX) channel.releasing.pop_front();
     channel.releasing.push_back(token);
     sendControl(channel, MESSAGE_RELEASE_SESSION, freshId(channel, RELEASE_ID), token);
-}
-
-OUT_MESSAGE_PTR takeDataMessage(DEVICE_CHANNEL_T *channel)
-{
-    if (channel != nullptr && !channel->spare.empty()) {
-        OUT_MESSAGE_PTR message = std::move(channel->spare.back());
-        channel->spare.pop_back();
-        return message;
-    }
-    auto message = std::make_unique<OUT_MESSAGE_T>();
-    message->payload.resize(DATA_MAX);
-    message->is_data = true;
-    return message;
-}
-
-bool hasDataRoom(const DEVICE_CHANNEL_T &channel)
-{
-    return channel.queued_data < channel.limits.data_queue;
-}
-
-void waitForDataRoom(DEVICE_CHANNEL_T &channel, const SESSION_PTR &session)
-{
-    channel.waiting.push_back(session);
 }
 
 void sendSessionData(SESSION_T &session)
@@ -169,8 +120,7 @@ void takeOffChannel(const SESSION_PTR &session, bool tell_device)
     if (channel == nullptr) return;
     noteSessionFull(*session, false);
     session->channel = nullptr;
-    std::erase_if(channel->waiting,
-                  [&session](const SESSION_PTR &other) { return other == session; });
+    stopWaiting(channel->outgoing, *session);
     if (session->token.empty()) {
         std::erase_if(channel->opening,
                       [&session](const auto &entry) { return entry.second == session; });
@@ -418,7 +368,7 @@ void closeDeviceChannel(DEVICE_CHANNEL_T &channel, std::uint16_t code, const std
     for (auto &[id, request] : std::exchange(channel.accounts, {})) {
         request.answered({false, 0, "the device disconnected"});
     }
-    channel.queue.clear();
+    channel.outgoing.messages.clear();
     if (code == 0)
         channel.link->abort();
     else

@@ -14,6 +14,7 @@
 #include "backend/handshake.h"
 #include "backend/limits.h"
 #include "backend/log.h"
+#include "backend/send_queue.h"
 #include "backend/tunnel.h"
 #include "backend/websocket_link.h"
 
@@ -68,12 +69,7 @@ struct DEVICE_CHANNEL_T : std::enable_shared_from_this<DEVICE_CHANNEL_T> {
     std::vector<SERVICE_T> services;
     std::time_t connected_at = 0;
 
-    std::deque<OUT_MESSAGE_PTR> queue; // behind the message that is being written
-    std::vector<OUT_MESSAGE_PTR> spare;
-    bool write_active = false;
-    std::size_t queued_data = 0; // both count the message being written
-    std::size_t queued_control = 0;
-    std::deque<SESSION_PTR> waiting; // clients to be read again once the queue has room
+    SEND_QUEUE_T outgoing{limits};
 
     std::unordered_map<std::string, SESSION_PTR> sessions; // by token
     std::unordered_map<std::string, SESSION_PTR> opening;  // by the request's msg_id
@@ -105,10 +101,6 @@ void requestAccountCheck(DEVICE_CHANNEL_T &channel, const std::string &user,
                          const std::string &password, ACCOUNT_CALLBACK answered);
 
 // What sessions use of their channel.
-OUT_MESSAGE_PTR
-takeDataMessage(DEVICE_CHANNEL_T *channel); // storage of DATA_MAX bytes; channel may be null
-bool hasDataRoom(const DEVICE_CHANNEL_T &channel);
-void waitForDataRoom(DEVICE_CHANNEL_T &channel, const SESSION_PTR &session);
 void sendSessionData(SESSION_T &session); // session.message, with its size set
 void noteSessionFull(SESSION_T &session, bool is_full);
 void takeOffChannel(const SESSION_PTR &session, bool tell_device);

@@ -247,9 +247,10 @@ void readClient(const SESSION_PTR &session)
     // wants the bytes.
     if (session->read_active || session->client_ended) return;
     if (!is_open && session->state != SESSION_STATE::FLUSHING) return;
-    if (is_open && !hasDataRoom(*session->channel))
-        return waitForDataRoom(*session->channel, session);
-    if (!session->message) session->message = takeDataMessage(session->channel);
+    if (is_open && !hasDataRoom(session->channel->outgoing))
+        return waitForDataRoom(session->channel->outgoing, session);
+    if (!session->message)
+        session->message = takeDataMessage(is_open ? &session->channel->outgoing : nullptr);
     session->read_active = true;
     if (is_open && session->is_flowing) {
         error_code error;

@@ -1,6 +1,6 @@
 # shellcheck shell=bash
-# A cross compiler and, apart from the host's packages, the target's libraries. Needs install.sh and
-# packages.sh.
+# A cross compiler and, apart from the host's packages, the target's libraries. Needs install.sh,
+# packages.sh and architectures.sh.
 
 # sysroot_apt ARCHITECTURE STATE ARGUMENT...: apt-get with the host's sources, and with a state of
 # its own: the host's architectures and lists stay as they are, and its versions need not be the
@@ -20,16 +20,21 @@ sysroot_unpack() {
     control=$(mktemp -d)
     dpkg-deb --control "$package" "$control"
     name=$(dpkg-deb --field "$package" Package)
-    ! grep -qx 'Multi-Arch: same' "$control/control" || name+=:$(dpkg-deb --field "$package" Architecture)
+    if grep -qx 'Multi-Arch: same' "$control/control"; then
+        name+=:$(dpkg-deb --field "$package" Architecture)
+    fi
     # Settings of the target are left out: qemu-user would show them in place of the machine's.
     dpkg-deb --fsys-tarfile "$package" |
-        tar --extract --directory "$root" --keep-directory-symlink --no-same-owner --exclude=./etc --exclude=./usr/share/doc
+        tar --extract --directory "$root" --keep-directory-symlink --no-same-owner \
+            --exclude=./etc --exclude=./usr/share/doc
     # Libraries are found below the root, so the lists tell their places there.
-    dpkg-deb --fsys-tarfile "$package" | tar --list | sed "s#^\.#$root#; s#^$root/lib/#$root/usr/lib/#; s#/\$##" >"$info/$name.list"
+    dpkg-deb --fsys-tarfile "$package" | tar --list |
+        sed "s#^\.#$root#; s#^$root/lib/#$root/usr/lib/#; s#/\$##" >"$info/$name.list"
     for file in shlibs symbols; do
         [ ! -e "$control/$file" ] || cp "$control/$file" "$info/$name.$file"
     done
-    { sed '/^Package:/a Status: install ok installed' "$control/control" && echo; } >>"$root/var/lib/dpkg/status"
+    { sed '/^Package:/a Status: install ok installed' "$control/control" && echo; } \
+        >>"$root/var/lib/dpkg/status"
     rm -r "$control"
 }
 
@@ -45,7 +50,8 @@ make_sysroot() {
     echo 1 >"$new/var/lib/dpkg/info/format"
     # A mirror may be half synchronised for one architecture; what the other lists have is enough to
     # link with.
-    sysroot_apt "$architecture" "$state" update || printf 'going on with the lists that could be had\n'
+    sysroot_apt "$architecture" "$state" update ||
+        printf 'going on with the lists that could be had\n'
     sysroot_apt "$architecture" "$state" install --yes --download-only --no-install-recommends "$@"
     for package in "$state"/archives/*.deb; do sysroot_unpack "$package" "$new"; done
     find "$new/usr/lib" -type l -lname '/*' -print0 |
@@ -55,12 +61,12 @@ make_sysroot() {
     mv "$new" "$root"
 }
 
-# install_cross_packages ARCHITECTURE: arm64 or armhf. The libraries land in
-# build/sysroot-ARCHITECTURE and stay there until their list changes.
+# install_cross_packages ARCHITECTURE: the compiler, and the libraries in
+# build/sysroot-ARCHITECTURE, where they stay until their list changes.
 install_cross_packages() {
     local root=$PWD/build/sysroot-$1 wanted
     wanted="$root ${PACKAGES_SYSROOT[*]}" # the place, too: it stands in the database
-    install_packages "${PACKAGES_CROSS[@]}" "g++-$([ "$1" = arm64 ] && echo aarch64-linux-gnu || echo arm-linux-gnueabihf)"
+    install_packages "${PACKAGES_CROSS[@]}" "g++-$(triplet_of "$1" | tr _ -)"
     [ "$(cat "$root/made-for" 2>/dev/null)" != "$wanted" ] || return 0
     printf 'getting the libraries of %s\n' "$1"
     make_sysroot "$1" "$root" "${PACKAGES_SYSROOT[@]}"
@@ -70,8 +76,8 @@ install_cross_packages() {
 # emulator_of ARCHITECTURE: qemu-user's command with the folder of the target's libraries; nothing
 # for this machine's own.
 emulator_of() {
-    [ "$1" = "$(dpkg --print-architecture)" ] || printf '/usr/bin/%s -L %s\n' \
-        "$(sed -nE 's/^set\(RA_EMULATOR (.*)\)/\1/p' "packaging/toolchain/$1.cmake")" "$PWD/build/sysroot-$1"
+    [ "$1" = "$(dpkg --print-architecture)" ] ||
+        printf '/usr/bin/%s -L %s\n' "$(emulator_program_of "$1")" "$PWD/build/sysroot-$1"
 }
 
 # packed_programs ARCHITECTURE FOLDER: a build folder for the end-to-end tests with the programs of
@@ -86,7 +92,8 @@ packed_programs() {
     done
     cp "$folder"/tree/brimlock/gateway/build/bin/* "$folder"/tree/usr/bin/* "$folder/bin/"
     for program in "$folder"/tree/usr/lib/remote-access-gateway-dev/*; do
-        printf '#!/bin/sh\nexec %s "$@"\n' "$(emulator_of "$architecture") $program" >"$folder/bin/${program##*/}"
+        printf '#!/bin/sh\nexec %s "$@"\n' "$(emulator_of "$architecture") $program" \
+            >"$folder/bin/${program##*/}"
         chmod 755 "$folder/bin/${program##*/}"
     done
 }

@@ -20,9 +20,9 @@ readonly BACKEND_NAME=backend.demo
 readonly PRODUCT_KEY=demo DEVICE=gw-001 VERSION=1.0.0
 readonly TOPICS=/sys/$PRODUCT_KEY/$DEVICE/edge
 readonly BACKEND_PORT=7443 SSHD_PORT=2222 WEB_PORT=8080 BROKER_PORT=1883 # what listens
-readonly SSH_PORT=2022 SFTP_PORT=2023 HTTP_PORT=2080            # the tunnel's ends on the back end's side
-readonly START_S=15 USE_S=120 SWITCH_S=5                        # how long a step may take
-readonly WATCHED_S=21                                           # longer than a watched thread may be silent
+readonly SSH_PORT=2022 SFTP_PORT=2023 HTTP_PORT=2080 # the tunnel's ends on the back end's side
+readonly START_S=15 USE_S=120 SWITCH_S=5             # how long a step may take
+readonly WATCHED_S=21                                # longer than a watched thread may be silent
 readonly MIB=64
 readonly LOG_TUNNEL="$LOG/clients.log $LOG/daemon.log $LOG/backend.log"
 readonly LOG_CONTROL="$LOG/control.log $LOG/daemon.log $LOG/mqtt_bridge.log"
@@ -194,7 +194,9 @@ start_daemon() {
 }
 
 # What another module of the gateway asks, and what the cloud sends and receives.
-ask() { busctl --address="unix:path=$BUS_SOCKET" call "$DAEMON_NAME" "$DAEMON_PATH" "$DAEMON_NAME" "$@"; }
+ask() {
+    busctl --address="unix:path=$BUS_SOCKET" call "$DAEMON_NAME" "$DAEMON_PATH" "$DAEMON_NAME" "$@"
+}
 publish() { mosquitto_pub -h 127.0.0.1 -p $BROKER_PORT -q 1 -t "$TOPICS/$1" -m "$2"; }
 receive() { mosquitto_sub -h 127.0.0.1 -p $BROKER_PORT -C 1 -W "$2" -t "$TOPICS/$1"; }
 
@@ -235,7 +237,8 @@ list_services() {
 
 # The name of the one open session's service, and its identifier.
 one_session() {
-    local answer pattern='"socket\\":[0-9]+,\\"sessionId\\":\\"([A-Za-z0-9]{30})\\",\\"serviceName\\":\\"([a-z_]+)\\"}]}}"$'
+    local answer pattern='"socket\\":[0-9]+,\\"sessionId\\":\\"([A-Za-z0-9]{30})\\",'
+    pattern+='\\"serviceName\\":\\"([a-z_]+)\\"}]}}"$'
     answer=$(ask queryAllSessionInfo) || return 1
     printf '%s\n' "$answer"
     [[ $answer =~ $pattern ]] || return 1
@@ -288,8 +291,10 @@ run_command_by_name() {
 
 # Nothing that is amiss on this gateway may be a failure.
 examine() {
-    STEP_NOTE="$("$BIN/remote-access-ctl" doctor | tee /dev/stderr | grep -c '^OK') checks passed" &&
-        "$BIN/remote-access-ctl" wait --connected --timeout $SWITCH_S
+    local passed
+    passed=$("$BIN/remote-access-ctl" doctor | tee /dev/stderr | grep -c '^OK') || return 1
+    STEP_NOTE="$passed checks passed"
+    "$BIN/remote-access-ctl" wait --connected --timeout $SWITCH_S
 }
 
 # rate NANOSECONDS: of the file's transfer.
@@ -339,9 +344,11 @@ step "$LOG/steps.log $LOG/mqtt_bridge.log" "MQTT bridge started" start_mqtt_brid
 step "$LOG/steps.log $LOG/backend.log" "back end started" start_backend
 step "$LOG/steps.log $LOG/sshd.log" "sshd started on the gateway" start_sshd
 step "$LOG/steps.log $LOG/web.log" "web server started on the gateway" start_web
-step "$LOG/steps.log $LOG/daemon.log $LOG/mqtt_bridge.log" "daemon started, cloud topics subscribed" start_daemon
+step "$LOG/steps.log $LOG/daemon.log $LOG/mqtt_bridge.log" \
+    "daemon started, cloud topics subscribed" start_daemon
 step "$LOG_CONTROL" "self-description received and acknowledged" describe_itself
-step "$LOG_CONTROL $LOG/backend.log" "switched on over the bus, channel open" switched 1 ask OpenRemoteAccess
+step "$LOG_CONTROL $LOG/backend.log" "switched on over the bus, channel open" \
+    switched 1 ask OpenRemoteAccess
 step "$LOG_CONTROL" "services listed over the bus" list_services
 step "$LOG_TUNNEL $LOG/sshd.log" "ssh through the tunnel" run_command
 step "$LOG_TUNNEL $LOG/sshd.log" "ssh to the device by its name" run_command_by_name
@@ -351,14 +358,17 @@ step "$LOG_TUNNEL $LOG/sshd.log" "sftp of $MIB MiB through the tunnel, SHA-256 e
     copy_both_ways $SFTP_PORT
 step "$LOG/clients.log $LOG/sshd.log" "the same without the tunnel" copy_both_ways $SSHD_PORT
 step "$LOG_TUNNEL $LOG/web.log" "web page through the tunnel, bytes equal" fetch_page
-step "$LOG_CONTROL $LOG/backend.log" "switched off over the bus, channel down" switched 0 ask CloseRemoteAccess
-step "$LOG_CONTROL $LOG/backend.log" "switched on over the bus, channel up" switched 1 ask OpenRemoteAccess
+step "$LOG_CONTROL $LOG/backend.log" "switched off over the bus, channel down" \
+    switched 0 ask CloseRemoteAccess
+step "$LOG_CONTROL $LOG/backend.log" "switched on over the bus, channel up" \
+    switched 1 ask OpenRemoteAccess
 step "$LOG_CONTROL $LOG/backend.log" "switched off from the cloud, channel down" \
     switched 0 publish debug/switch '{"status":0}'
 step "$LOG_CONTROL $LOG/backend.log" "switched on from the cloud, channel up" \
     switched 1 publish debug/switch '{"status":1}'
 step "$LOG_TUNNEL $LOG/sshd.log" "ssh through the tunnel again" run_command
-step "$LOG/steps.log $LOG/watchdog.log" "no lapse seen by the watchdog in $WATCHED_S s" look_at_watchdog
+step "$LOG/steps.log $LOG/watchdog.log" "no lapse seen by the watchdog in $WATCHED_S s" \
+    look_at_watchdog
 if [ "${1:-}" = stay ]; then
     step "$LOG/steps.log $LOG/tunnel.log $LOG/gateway.log" "relays to the outside open" open_relays
     touch /tmp/ready

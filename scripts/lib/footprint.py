@@ -1,7 +1,8 @@
-"""Usage: footprint.py ARCHITECTURE SIZE MINUTES    (RA_BUILD_DIR and RA_EMULATOR as for the end-to-end tests)
+"""Usage: footprint.py ARCHITECTURE SIZE MINUTES
 
-Lets one daemon stand idle on its channel (TLS, the default periods) and then carry 32 sessions. Prints a row of
-docs/footprint.md: SIZE, memory, wake-ups and bytes on the wire per hour.
+Lets one daemon stand idle on its channel (TLS, the default periods) and then carry 32 sessions.
+Prints a row of docs/footprint.md: SIZE, memory, wake-ups and bytes on the wire per hour.
+RA_BUILD_DIR and RA_EMULATOR have the meaning that they have for the end-to-end tests.
 """
 import pathlib
 import re
@@ -17,25 +18,30 @@ from harness.tls import HOST, Certificates
 
 SESSIONS, BYTES = 32, 50000
 # MQTT has a network of its own, so that it is not counted.
-ELSEWHERE = ("bwrap", "--dev-bind", "/", "/", "--die-with-parent", "--unshare-net", "--unshare-pid", "--proc", "/proc")
-MAPPING = re.compile(r"^(\w+)-.*\n(?:[A-Z].*\n)*?Rss: +(\d+) kB\n(?:[A-Z].*\n)*?Anonymous: +(\d+) kB", re.MULTILINE)
-LOW = 1 << 46  # where an emulator maps its program; its own memory lies where the kernel puts it, above
+ELSEWHERE = ("bwrap", "--dev-bind", "/", "/", "--die-with-parent", "--unshare-net",
+             "--unshare-pid", "--proc", "/proc")
+MAPPING = re.compile(r"^(\w+)-.*\n(?:[A-Z].*\n)*?Rss: +(\d+) kB\n"
+                     r"(?:[A-Z].*\n)*?Anonymous: +(\d+) kB", re.MULTILINE)
+SWITCHES = re.compile(r"^voluntary_ctxt_switches:\s+(\d+)", re.MULTILINE)
+LOW = 1 << 46  # an emulator maps its program below; its own memory lies where the kernel puts it
 
 
 def memory_mib(pid):
     """What is resident, and what of that is no page of a file."""
+    maps = pathlib.Path(f"/proc/{pid}/smaps").read_text()
     sizes = [(int(resident), int(anonymous)) for start, resident, anonymous in
-             MAPPING.findall(pathlib.Path(f"/proc/{pid}/smaps").read_text()) if not EMULATOR or int(start, 16) < LOW]
+             MAPPING.findall(maps) if not EMULATOR or int(start, 16) < LOW]
     return [sum(column) / 1024 for column in zip(*sizes)]
 
 
 def wake_ups(pid):
-    return sum(int(re.search(r"^voluntary_ctxt_switches:\s+(\d+)", (task / "status").read_text(), re.MULTILINE)[1])
+    return sum(int(SWITCHES.search((task / "status").read_text())[1])
                for task in pathlib.Path(f"/proc/{pid}/task").iterdir())
 
 
 def wire_bytes():
-    """IP packets in both directions: nothing but the channel is on this network, and loopback counts a packet once."""
+    """IP packets in both directions: nothing but the channel is on this network, and loopback
+    counts a packet once."""
     return int(re.search(r"lo:\s+(\d+)", pathlib.Path("/proc/self/net/dev").read_text())[1])
 
 
@@ -43,13 +49,15 @@ def measure(directory, seconds):
     certificates, echo = Certificates(directory), start_echo()
     back_end = BackEnd(tls=certificates.context())
     gateway = Gateway(directory, "idle", cloud=back_end.port, config={
-        "gw_remoteaccess_tls_type": 1, "gw_remoteaccess_cloud_host": HOST, "gw_remoteaccess_trans_timeout": None,
-        "gw_remoteaccess_tcp_keepalive_period": None, "gw_remoteaccess_ping_period": None},
+        "gw_remoteaccess_tls_type": 1, "gw_remoteaccess_cloud_host": HOST,
+        "gw_remoteaccess_trans_timeout": None, "gw_remoteaccess_tcp_keepalive_period": None,
+        "gw_remoteaccess_ping_period": None},
         files={CA_FILE: certificates.authority, f"{CONFIG_DIR}/logger.conf": "level=2\n"})
     try:
         start_gateways([gateway])
-        gateway.spawn_beside("cloud", *ELSEWHERE, "sh", "-c", f"mosquitto -p 1883 & exec {BIN}/gateway_mqtt_bridge "
-                             f"--bus {gateway.address} --host 127.0.0.1 --port 1883")
+        gateway.spawn_beside("cloud", *ELSEWHERE, "sh", "-c",
+                             f"mosquitto -p 1883 & exec {BIN}/gateway_mqtt_bridge --bus "
+                             f"{gateway.address} --host 127.0.0.1 --port 1883")
         channel, pid = back_end.channel(), gateway.daemon.pid
         time.sleep(40)  # until the tasks of the start are done
         wakes, wire, start = wake_ups(pid), wire_bytes(), time.monotonic()
@@ -69,7 +77,7 @@ def main(architecture, size, minutes):
     network.enter_private_network()
     with tempfile.TemporaryDirectory(prefix="ra-footprint-", dir="/tmp") as directory:
         figures = measure(pathlib.Path(directory), float(minutes) * 60)
-    print("| {} | {:.0f} KiB | {:.1f} MiB | {:.1f} MiB | {:.1f} MiB | {:.1f} MiB | {:,.0f} | {:,.0f} |".format(
+    print(("| {} | {:.0f} KiB" + " | {:.1f} MiB" * 4 + " | {:,.0f} | {:,.0f} |").format(
         architecture, int(size) / 1024, *figures))
 
 

@@ -10,9 +10,11 @@ import sys
 def lines_of(function):
     """Line -> whether it was run: the innermost region that begins last decides."""
     lines = {}
-    for start, _, end, _, count, *_, kind in sorted(function["regions"], key=lambda r: (r[0], r[1], -r[2], -r[3])):
+    regions = sorted(function["regions"], key=lambda r: (r[0], r[1], -r[2], -r[3]))
+    for start, _, end, _, count, *_, kind in regions:
         if kind == 0:
-            lines.update((line, count > 0 or (line == start and lines.get(line, False))) for line in range(start, end + 1))
+            lines.update((line, count > 0 or (line == start and lines.get(line, False)))
+                         for line in range(start, end + 1))
     return lines
 
 
@@ -22,7 +24,9 @@ for source in sources:
     file, wanted = re.fullmatch(r"([^(]+)(?:\((.*)\))?", source).groups()
     lines, regions = {}, {}
     for function in functions:
-        if not function["filenames"][0].endswith(file) or not re.search(wanted or "", function["name"]):
+        if not function["filenames"][0].endswith(file):
+            continue
+        if not re.search(wanted or "", function["name"]):
             continue
         for line, run in lines_of(function).items():
             lines[line] = run or lines.get(line, False)
@@ -30,5 +34,6 @@ for source in sources:
             if region[-1] == 0:
                 place = tuple(region[:4])
                 regions[place] = region[4] > 0 or regions.get(place, False)
-    shares = [f"{sum(part.values())}/{len(part)} {100 * sum(part.values()) / max(len(part), 1):.0f} %" for part in (lines, regions)]
+    shares = [f"{sum(part.values())}/{len(part)} "
+              f"{100 * sum(part.values()) / max(len(part), 1):.0f} %" for part in (lines, regions)]
     print("%-20s %-58s %15s %15s" % (target, source, *shares))

@@ -31,7 +31,8 @@ install "$@" || { apt-get update && install "$@"; }
 others=()
 for package in "$@"; do [ "$package" = systemd ] || others+=("$package"); done
 if command -v systemctl >/dev/null && [ ${#others[@]} -gt 0 ]; then
-    dpkg -L "${others[@]}" | sed -nE "s#^(/usr)?/lib/systemd/system/([^/@]+\.(service|socket))\$#\2#p" |
+    dpkg -L "${others[@]}" |
+        sed -nE "s#^(/usr)?/lib/systemd/system/([^/@]+\.(service|socket))\$#\2#p" |
         sort -u | xargs --no-run-if-empty systemctl --quiet disable || true
 fi
 '

@@ -21,7 +21,10 @@ lose_back_end() {
     gave_up && systemctl start remote-access-backend
 }
 restarted() { [ "$(systemctl show -P NRestarts remote-access-daemon)" -ge 1 ]; }
-audited() { grep -q '"service":"ssh_localhost".*"reason":"refused: code 101671' /var/log/remote-access/audit.json; }
+audited() {
+    grep -q '"service":"ssh_localhost".*"reason":"refused: code 101671' \
+        /var/log/remote-access/audit.json
+}
 as_operator() { runuser -u op -- "$@"; }
 in_use() { remote-access-ctl sessions | grep ssh_localhost; }
 # The service takes connections and says nothing.
@@ -44,10 +47,13 @@ upgrade() { # COMPARISON: of the daemon's process before and after
         [ "$before" -gt 0 ] && test "$before" "$1" "$after"
 }
 back_end_reloads() {
-    systemctl reload remote-access-backend && sleep 1 && journalctl -u remote-access-backend | grep 'files read again'
+    systemctl reload remote-access-backend && sleep 1 &&
+        journalctl -u remote-access-backend | grep 'files read again'
 }
 refused() { ! remote-access connect gw-001/ssh_localhost </dev/null; }
-stops_at_once() { timeout 2 systemctl stop remote-access-daemon && ! systemctl is-active remote-access-daemon; }
+stops_at_once() {
+    timeout 2 systemctl stop remote-access-daemon && ! systemctl is-active remote-access-daemon
+}
 
 systemctl start gateway-bus gateway-config remote-access-backend
 systemctl restart remote-access-daemon

@@ -1,5 +1,0 @@
-set(RA_ARCHITECTURE arm64)
-set(RA_TRIPLET aarch64-linux-gnu)
-set(RA_EMULATOR qemu-aarch64-static)
-set(CMAKE_SYSTEM_PROCESSOR aarch64)
-include(${CMAKE_CURRENT_LIST_DIR}/debian.cmake)

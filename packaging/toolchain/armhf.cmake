@@ -1,5 +1,0 @@
-set(RA_ARCHITECTURE armhf)
-set(RA_TRIPLET arm-linux-gnueabihf)
-set(RA_EMULATOR qemu-arm-static)
-set(CMAKE_SYSTEM_PROCESSOR armv7l)
-include(${CMAKE_CURRENT_LIST_DIR}/debian.cmake)

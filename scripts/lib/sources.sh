@@ -1,0 +1,25 @@
+# shellcheck shell=bash
+# The files of the tree by language, for scripts/lint and scripts/format: names, each ended with a
+# NUL. To be called in the project's root.
+
+# files_named PATTERN...
+files_named() {
+    local names=()
+    for pattern in "$@"; do names+=(-o -name "$pattern"); done
+    find . -name build -prune -o -name .git -prune -o -type f \( "${names[@]:1}" \) -print0 |
+        sort -z
+}
+
+# interpreted NAME: executable scripts by the interpreter in their first line.
+# shellcheck disable=SC2016 # expanded by awk
+interpreted() {
+    find scripts bench packaging .ci -type f ! -name '*.*' -print0 |
+        xargs -0 awk -v name="$1" '
+            FNR == 1 && /^#!/ && index($0, name) { printf "%s%c", FILENAME, 0 }
+            { nextfile }'
+}
+
+cpp_files() { files_named '*.cpp' '*.h'; }
+shell_files() { interpreted sh && files_named '*.sh'; }
+python_files() { interpreted python && files_named '*.py'; }
+cmake_files() { files_named '*.cmake' CMakeLists.txt; }

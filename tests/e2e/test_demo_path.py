@@ -14,9 +14,9 @@ import subprocess
 
 import pytest
 
+from harness.backend import start_back_end
 from harness.network import free_port
-from harness.sandbox import BIN, CA_FILE, CONFIG, CONFIG_DIR, PASSWORD, REPOSITORY
-from harness.tls import HOST
+from harness.sandbox import BIN, PASSWORD, REPOSITORY
 from harness.waiting import SCALE, poll
 from harness.waiting import run as run_on_loop
 from test_account import sha512
@@ -50,24 +50,13 @@ class Tunnel:
         offered = [{"type": name.split("_")[0].upper(), "name": name, "ip": "127.0.0.1",
                     "port": web if name == "http_localhost" else sshd} for name in NAMES]
         self.gateway = launch(demo={
-            "cloud": self.listen,
-            "config": {"gw_remoteaccess_cloud_host": HOST, "gw_remoteaccess_tls_type": 1},
-            "files": {CA_FILE: certificates.authority,
-                      "etc/shadow": f"root:{sha512(PASSWORD)}:19000:0:99999:7:::\n",
-                      f"{CONFIG_DIR}/remote_terminal.json": json.dumps(offered)}})["demo"]
-        self.start_back_end(*certificates.paths())
+            "cloud": self.listen, "authority": certificates.authority, "services": offered,
+            "files": {"etc/shadow": f"root:{sha512(PASSWORD)}:19000:0:99999:7:::\n"}})["demo"]
+        self.back_end = start_back_end(
+            self.gateway, ("127.0.0.1", self.listen), certificates.paths(), "--control",
+            self.home / "control", "--audit", self.home / "audit", ports=self.ports)
         self.start_sshd(sshd)
         self.gateway.log.wait("I", "handshake response code is 0!", seconds=10)
-
-    def start_back_end(self, certificate, key):
-        device = {key: CONFIG["gw_system_" + key.replace("_", "")]
-                  for key in ("product_key", "device_name", "device_secret")}
-        (self.home / "devices.json").write_text(json.dumps({"devices": [device]}))
-        self.back_end = self.gateway.spawn_beside(
-            "backend", BIN / "remote_access_backend", "--listen", f"127.0.0.1:{self.listen}",
-            "--cert", certificate, "--key", key, "--devices", self.home / "devices.json",
-            "--control", self.home / "control", "--audit", self.home / "audit",
-            *[part for name in NAMES for part in ("--forward", f"{self.ports[name]}=dev1/{name}")])
 
     def start_sshd(self, port):
         """For an ordinary user in a sandbox: no privilege is needed, whoever runs the tests."""

@@ -7,8 +7,6 @@ import pytest
 from harness.cloud import DATA_DOWN, RELEASE
 from harness.footprint import COUNTED, INSTRUMENTED, allocations, footprint
 from harness.local import LocalService
-from harness.sandbox import CA_FILE
-from harness.tls import HOST
 
 # Instrumented builds keep what was freed for a while.
 GROWTH_LIMIT_KB = 16384 if INSTRUMENTED else 256
@@ -67,8 +65,7 @@ def test_every_way_out_of_the_table_closes_the_socket(connect):
 @pytest.mark.parametrize("tls", [0, 1])
 def test_no_allocation_for_a_message(connect, certificates, echo, tls):
     link = connect(f"counted-{tls}", certificates.context() if tls else None, **COUNTED,
-                   config={"gw_remoteaccess_tls_type": tls, "gw_remoteaccess_cloud_host": HOST},
-                   files={CA_FILE: certificates.authority})
+                   authority=certificates.authority if tls else None)
     session, count = link.channel.open(echo), 200
 
     def carry():

@@ -5,9 +5,9 @@ import time
 from dataclasses import dataclass, field
 from typing import Callable, Optional
 
+from harness.local import end_by_reset
 from harness.modules import start_watchdog
 
-from relay import end_by_reset
 from world import CLOUD, NEW_CLOUD
 
 STATES = ("opening", "handshaking", "idle", "uploading", "downloading", "32 sessions")

@@ -1,5 +1,4 @@
 """The gateway of a cell, with a supervisor that starts the daemon again whenever it has ended."""
-import os
 import pathlib
 import threading
 import time
@@ -77,9 +76,6 @@ class Edge(Gateway):
             self._parked.wait()
         return super().stop() + [f"not a log line: {text}" for run in self.runs[:-1]
                                  for text in run.log.strays]
-
-    def descriptors(self):
-        return len(os.listdir(f"/proc/{self.daemon.pid}/fd"))
 
     def sessions(self):
         """The open sessions by the bus method; None when the bus does not answer."""

@@ -5,27 +5,11 @@ or RST, and refuse new ones.
 """
 import asyncio
 import socket
-import struct
 
 from harness import waiting
+from harness.local import RESET, listen
 
-_BUFFER = 1 << 16
-_RESET = struct.pack("ii", 1, 0)  # linger of 0 s: the socket ends with an RST
-
-
-def end_by_reset(connection):
-    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, _RESET)
-    connection.close()
-
-
-def small_listener(address, port):
-    """What is taken in here while nobody reads would count as delivered on the other side."""
-    listener = socket.socket()
-    listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, _BUFFER)
-    listener.bind((address, port))
-    listener.listen(64)
-    return listener
+BUFFER = 1 << 16  # what is taken in here would count as delivered on the other side
 
 
 class Relay:
@@ -41,7 +25,7 @@ class Relay:
         async def start():
             for address in addresses:
                 self._servers.append(await asyncio.start_server(
-                    self._serve, sock=small_listener(address, self._port), limit=_BUFFER))
+                    self._serve, sock=listen(BUFFER, address, self._port), limit=BUFFER))
         waiting.run(start())
 
     def refuse(self):
@@ -57,7 +41,7 @@ class Relay:
                 if by_reset:
                     for side in (gateway, back_end):
                         side.get_extra_info("socket").setsockopt(
-                            socket.SOL_SOCKET, socket.SO_LINGER, _RESET)
+                            socket.SOL_SOCKET, socket.SO_LINGER, RESET)
                         side.transport.abort()
                 else:
                     gateway.write_eof()
@@ -65,9 +49,9 @@ class Relay:
 
     async def _serve(self, reader, gateway):
         try:
-            answers, back_end = await asyncio.open_connection(*self._back_end, limit=_BUFFER)
+            answers, back_end = await asyncio.open_connection(*self._back_end, limit=BUFFER)
             back_end.get_extra_info("socket").setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF,
-                                                         _BUFFER)
+                                                         BUFFER)
         except OSError:
             gateway.transport.abort()
             return

@@ -12,12 +12,13 @@ import socket
 
 from harness import network, waiting
 from harness.backend import start_back_end
+from harness.local import listen
 from harness.modules import start_watchdog
 from harness.network import Namespace, command
 from harness.tls import HOST, Certificates
 
 from edge import Edge
-from relay import Relay, small_listener
+from relay import BUFFER, Relay
 
 GATEWAY, NEW_GATEWAY = "10.78.0.2", "10.78.0.3"
 CLOUD, NEW_CLOUD = "10.78.0.10", "10.78.0.20"
@@ -56,7 +57,7 @@ class World:
                 "dns", "dnsmasq", "--no-daemon", "--conf-file=/dev/null", "--no-resolv",
                 "--no-hosts", f"--addn-hosts={directory}/hosts", "--local=/test/",
                 f"--listen-address={CLOUD}", "--bind-interfaces")
-        self.service = small_listener("127.0.0.1", SERVICE_PORT)
+        self.service = listen(BUFFER, port=SERVICE_PORT)
         self.edge.start_bus()
         self.edge.wait_for_name("org.freedesktop.DBus")
         start_watchdog(self.edge)

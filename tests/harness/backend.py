@@ -2,7 +2,6 @@
 import json
 
 from .sandbox import BIN
-from .waiting import poll
 
 DEVICE_KEYS = ("product_key", "device_name", "device_secret")
 
@@ -21,14 +20,9 @@ def start_back_end(gateway, listen, certificate, *options, ports=()):
     name = gateway.config["gw_system_devicename"]
     forwards = [part for service, port in dict(ports).items()
                 for part in ("--forward", f"{port}={name}/{service}")]
-    began = _starts(gateway)
+    starts = gateway.log_beside("backend").count("listening on")
     process = gateway.spawn_beside(
         "backend", BIN / "remote_access_backend", "--listen", "{}:{}".format(*listen), "--cert",
         certificate[0], "--key", certificate[1], "--devices", devices, *forwards, *options)
-    poll(lambda: _starts(gateway) > began, 10, lambda: gateway.log_beside("backend"))
+    gateway.beside.wait_for_line("backend", "listening on", starts + 1)
     return process
-
-
-def _starts(gateway):
-    log = gateway.root / "backend.log"
-    return log.read_text(errors="replace").count("listening on") if log.exists() else 0

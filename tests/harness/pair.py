@@ -30,16 +30,6 @@ def enter_linked_networks():
     return cloud
 
 
-def listen(receive_buffer=None):
-    """A local service's socket on the gateway."""
-    listener = socket.socket()
-    if receive_buffer:
-        listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
-    listener.bind(("127.0.0.1", network.free_port()))
-    listener.listen(64)
-    return listener
-
-
 class Pair:
     """One gateway whose channel is accepted. `services` are (address, port) by name; `ports` lead
     to them on the back end's side."""

@@ -13,6 +13,7 @@ import signal
 import subprocess
 from dataclasses import dataclass
 
+from .processes import ProcessGroup
 from .tls import HOST
 from .waiting import poll
 
@@ -176,7 +177,7 @@ class Gateway:
                  None if services is None else json.dumps(services, ensure_ascii=False)}
         self.bus, self.manager, self.watched = bus, manager and bus, watched
         self._ends, self._strays = {TERMINATED, *ends}, strays
-        self._beside, self.daemon = {}, None
+        self.beside, self.daemon = ProcessGroup(self.root), None
         (self.root / SOCKET).parent.mkdir(parents=True)
         for path, content in {**FILES, **given, **dict(files)}.items():
             if content is not None:
@@ -209,14 +210,10 @@ class Gateway:
 
     def spawn_beside(self, name, *command):
         """Run a program until stop(); its output is log_beside(name)."""
-        with open(self.root / f"{name}.log", "ab") as log:
-            self._beside[name] = subprocess.Popen(
-                ["setpriv", "--pdeathsig", "KILL", *map(str, command)],
-                stdin=subprocess.DEVNULL, stdout=log, stderr=log)
-        return self._beside[name]
+        return self.beside.start(name, *command)
 
     def log_beside(self, name):
-        return (self.root / f"{name}.log").read_text(errors="replace")
+        return self.beside.log(name)
 
     def start_bus(self):
         (self.root / SOCKET).unlink(missing_ok=True)
@@ -236,9 +233,7 @@ class Gateway:
             poll(lambda: "NameAcquired" in self.log_beside("feeds"), 5, "dbus-monitor listens")
 
     def stop_bus(self):
-        for process in ("bus", "manager"):
-            self._beside[process].kill()
-            self._beside[process].wait()
+        self.beside.stop("bus", "manager")
 
     def spawn(self, tag=""):
         return Process(self, tag, self.command)
@@ -275,9 +270,7 @@ class Gateway:
             faults += self._betrayals()
             faults += [f"not a log line: {text}" for text in self.log.strays
                        if not re.fullmatch(self._strays, text)]
-        for process in self._beside.values():
-            process.kill()
-            process.wait()
+        self.beside.stop()
         return [f"{self.name}: {fault}" for fault in faults[:40]]
 
 

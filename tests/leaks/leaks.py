@@ -6,18 +6,17 @@ import asyncio
 import concurrent.futures
 import random
 import socket
-import struct
 import sys
 import time
 
 from harness import documents, network
 from harness.cloud import DATA_DOWN, RELEASE, BackEnd
 from harness.footprint import COUNTED, Footprint, allocations, footprint
+from harness.local import RESET
 from harness.sandbox import Gateway, start_gateways
 from harness.waiting import poll, run
 from harness.workspace import Workspace
 
-RESET = struct.pack("ii", 1, 0)  # linger of 0 s: the socket ends with an RST
 # What a line may rise and still be flat. Pages that are touched for the first time and what the C
 # library keeps for later account for it; 16 bytes leaked by each session would be more.
 SESSIONS_RISE_KB, RECONNECTS_RISE_KB = 128, 192

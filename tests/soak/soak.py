@@ -12,7 +12,8 @@ import sys
 import time
 
 from harness.footprint import held_by
-from harness.pair import Pair, enter_linked_networks, listen
+from harness.local import listen
+from harness.pair import Pair, enter_linked_networks
 from harness.workspace import Workspace
 
 SESSIONS = 32

@@ -10,7 +10,8 @@ import re
 import time
 from dataclasses import dataclass
 
-from harness.pair import Pair, enter_linked_networks, listen
+from harness.local import listen
+from harness.pair import Pair, enter_linked_networks
 from harness.workspace import Workspace
 
 import speed

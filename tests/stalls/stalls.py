@@ -14,7 +14,8 @@ from typing import Callable
 
 from harness import documents, network
 from harness.cloud import DATA_DOWN, DATA_UP, RESPONSE, VERIFY, BackEnd
-from harness.pair import CLOUD_ADDRESS, Pair, enter_linked_networks, listen
+from harness.local import listen
+from harness.pair import CLOUD_ADDRESS, Pair, enter_linked_networks
 from harness.tls import HOST
 from harness.waiting import poll
 from harness.workspace import Workspace

@@ -1,32 +1,24 @@
 """Where one peer runs: two ports, a directory, and the processes started there."""
 import pathlib
-import subprocess
 
 from harness.network import free_port
+from harness.processes import ProcessGroup
 from harness.waiting import poll
 
 
-class Place:
+class Place(ProcessGroup):
     """`service` is where the load's service will listen on the gateway; the peer has to make it
     reachable at `operator`. `tls` holds the run's throw-away certificates."""
 
     def __init__(self, workspace, name, tls):
-        self.name, self.directory, self.tls = name, workspace / name, tls
+        super().__init__(workspace / name)
+        self.name, self.tls = name, tls
         self.service, self.operator = free_port(), free_port()
-        self.processes = []
         self.directory.mkdir()
 
     def write(self, name, text):
         (self.directory / name).write_text(text)
         return self.directory / name
-
-    def spawn(self, name, *command):
-        """Runs until the benchmark ends; returns its process id."""
-        with open(self.directory / f"{name}.log", "ab") as log:
-            self.processes.append(subprocess.Popen(
-                ["setpriv", "--pdeathsig", "KILL", *map(str, command)],
-                stdin=subprocess.DEVNULL, stdout=log, stderr=log))
-        return self.processes[-1].pid
 
     def wait_for_port(self, port):
         poll(lambda: _listens(port), 20, lambda: f"{self.name} on port {port}: " + "".join(

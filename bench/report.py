@@ -4,8 +4,6 @@ import os
 import pathlib
 import subprocess
 
-DOCUMENT = pathlib.Path(__file__).resolve().parents[1] / "docs/performance.md"
-BEGIN, END = "<!-- a run of scripts/bench: begin -->\n", "<!-- a run of scripts/bench: end -->\n"
 SUBJECT = "daemon"
 
 # What a row shows: its label, the factor to its unit, and one key or two for "p50 / p99".
@@ -105,9 +103,5 @@ def text(result):
     return "\n\n".join((_describe(result), _plain(_grid(result)), _plain(_micro_grid(result))))
 
 
-def write_document(result):
-    """Replaces what stands between the markers; the text around them is written by hand."""
-    before, _, rest = DOCUMENT.read_text().partition(BEGIN)
-    after = rest.partition(END)[2]
-    tables = f"\n{_markdown(_grid(result))}\n{_markdown(_micro_grid(result))}\n"
-    DOCUMENT.write_text(f"{before}{BEGIN}\n{_describe(result)}\n{tables}{END}{after}")
+def markdown(result):
+    return f"{_describe(result)}\n\n{_markdown(_grid(result))}\n{_markdown(_micro_grid(result))}"

@@ -8,16 +8,14 @@ import argparse
 import json
 import os
 import pathlib
-import shutil
 import statistics
 import subprocess
 import sys
-import tempfile
 import time
 
-from harness import network
+from harness import documents, network
 from harness.sandbox import BIN
-from harness.tls import Certificates
+from harness.workspace import Workspace
 
 import report
 from peers import bare_tls, daemon, haproxy, loopback, ssh, stunnel
@@ -71,18 +69,15 @@ def load(place, window_ms):
     done = subprocess.run(list(map(str, command)), capture_output=True, text=True, check=False,
                           timeout=LOAD_TIMEOUT_S)
     if done.returncode != 0:
-        raise SystemExit(f"{place.name}: {done.stderr.strip()}; the logs are kept in "
-                         f"{place.directory}")
+        raise SystemExit(f"{place.name}: {done.stderr.strip()}")
     for line in done.stdout.splitlines():
         name, value = line.split()
         place.figures.setdefault(name, []).append(float(value))
 
 
 def start_peers(names, workspace):
-    (workspace / "tls").mkdir()
-    tls = Certificates(workspace / "tls")
     for name in names:
-        place = Place(workspace, name, tls)
+        place = Place(workspace.directory, name, workspace.certificates)
         start, *arguments = PEERS[name]
         place.load, place.figures = None, {}
         place.pid, far = start(place, *arguments)
@@ -125,6 +120,7 @@ def parse_options():
     parser.add_argument("--quick", action="store_true", help="short windows, rough figures")
     parser.add_argument("--peers", default=",".join(PEERS), metavar="NAME,...",
                         help=f"only these of {', '.join(PEERS)}")
+    documents.add_option(parser)
     options = parser.parse_args()
     options.peers = options.peers.split(",")
     if not set(options.peers) <= set(PEERS):
@@ -135,16 +131,18 @@ def parse_options():
 
 def main():
     options = parse_options()
+    renewed = not (options.quick or options.print) and options.peers == list(PEERS)
+    if renewed:
+        documents.refuse_under_load("performance.md")
     network.enter_private_network()
-    workspace = pathlib.Path(tempfile.mkdtemp(prefix="ra-bench-", dir="/tmp"))
-    result = measure(options, workspace)
+    with Workspace() as workspace:
+        result = measure(options, workspace)  # what it started ends with this process
     result["micro"] = measure_micro(options.quick)
     if options.json:
         options.json.write_text(json.dumps(result, indent=1))
     print(report.text(result))
-    if not options.quick and options.peers == list(PEERS):
-        report.write_document(result)
-    shutil.rmtree(workspace, ignore_errors=True)  # what still runs ends with this process
+    if renewed:
+        documents.replace_section("performance.md", "figures", report.markdown(result))
 
 
 if __name__ == "__main__":

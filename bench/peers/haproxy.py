@@ -16,7 +16,7 @@ listen relay
 def start(place):
     def relay(name, accept, connect):
         config = place.write(f"{name}.cfg", CONFIGURATION.format(accept=accept, connect=connect))
-        pid = place.spawn(name, "haproxy", "-db", "-f", config)
+        pid = place.start(name, "haproxy", "-db", "-f", config).pid
         place.wait_for_port(accept)
         return pid
 

@@ -15,7 +15,8 @@ FAR = COMMON + "client = yes\nCAfile = {authority}\nverifyChain = yes\ncheckHost
 
 def start(place):
     def proxy(name, text, **values):
-        pid = place.spawn(name, "stunnel4", place.write(f"{name}.conf", text.format(**values)))
+        pid = place.start(name, "stunnel4",
+                          place.write(f"{name}.conf", text.format(**values))).pid
         place.wait_for_port(values["accept"])
         return pid
 

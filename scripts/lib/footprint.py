@@ -7,14 +7,13 @@ RA_BUILD_DIR and RA_EMULATOR have the meaning that they have for the end-to-end 
 import pathlib
 import re
 import sys
-import tempfile
 import time
 
 from harness import network
 from harness.cloud import DATA_DOWN, BackEnd
 from harness.local import start_echo
-from harness.sandbox import BIN, CA_FILE, CONFIG_DIR, EMULATOR, Gateway, start_gateways
-from harness.tls import HOST, Certificates
+from harness.sandbox import BIN, EMULATOR, Gateway, start_gateways
+from harness.workspace import Workspace
 
 SESSIONS, BYTES = 32, 50000
 # MQTT has a network of its own, so that it is not counted.
@@ -45,14 +44,14 @@ def wire_bytes():
     return int(re.search(r"lo:\s+(\d+)", pathlib.Path("/proc/self/net/dev").read_text())[1])
 
 
-def measure(directory, seconds):
-    certificates, echo = Certificates(directory), start_echo()
+def measure(workspace, seconds):
+    certificates, echo = workspace.certificates, start_echo()
     back_end = BackEnd(tls=certificates.context())
-    gateway = Gateway(directory, "idle", cloud=back_end.port, config={
-        "gw_remoteaccess_tls_type": 1, "gw_remoteaccess_cloud_host": HOST,
-        "gw_remoteaccess_trans_timeout": None, "gw_remoteaccess_tcp_keepalive_period": None,
-        "gw_remoteaccess_ping_period": None},
-        files={CA_FILE: certificates.authority, f"{CONFIG_DIR}/logger.conf": "level=2\n"})
+    gateway = Gateway(workspace.directory, "idle", cloud=back_end.port, level=2,
+                      authority=certificates.authority, config={
+                          "gw_remoteaccess_trans_timeout": None,
+                          "gw_remoteaccess_tcp_keepalive_period": None,
+                          "gw_remoteaccess_ping_period": None})
     try:
         start_gateways([gateway])
         gateway.spawn_beside("cloud", *ELSEWHERE, "sh", "-c",
@@ -75,8 +74,8 @@ def measure(directory, seconds):
 
 def main(architecture, size, minutes):
     network.enter_private_network()
-    with tempfile.TemporaryDirectory(prefix="ra-footprint-", dir="/tmp") as directory:
-        figures = measure(pathlib.Path(directory), float(minutes) * 60)
+    with Workspace() as workspace:
+        figures = measure(workspace, float(minutes) * 60)
     print(("| {} | {:.0f} KiB" + " | {:.1f} MiB" * 4 + " | {:,.0f} | {:,.0f} |").format(
         architecture, int(size) / 1024, *figures))
 

@@ -4,9 +4,6 @@ RA_BUILD_DIR names the build folder whose programs are tested (build/release), R
 stretches the time-outs for instrumented builds, RA_EMULATOR is the command that runs another
 machine's programs.
 """
-import pathlib
-import shutil
-import tempfile
 from types import SimpleNamespace
 
 import pytest
@@ -14,8 +11,8 @@ import pytest
 from harness import network
 from harness.cloud import BackEnd
 from harness.local import start_echo
-from harness.sandbox import CA_FILE, Gateway, start_gateways
-from harness.tls import HOST, Certificates
+from harness.sandbox import Gateway, start_gateways
+from harness.workspace import Workspace
 
 
 class Gateways(dict):
@@ -47,18 +44,21 @@ def pytest_runtest_makereport(item):
 
 
 @pytest.fixture(scope="session")
-def workspace(request):
-    # Short, since the path of a bus socket may have no more than 107 characters. It stays until
-    # the last report is written.
-    directory = pathlib.Path(tempfile.mkdtemp(prefix="ra-e2e-", dir="/tmp"))
-    request.config.add_cleanup(lambda: shutil.rmtree(directory))
-    return directory
+def run(request):
+    # It stays until the last report is written.
+    workspace = Workspace()
+    request.config.add_cleanup(lambda: workspace.__exit__(None))
+    return workspace
 
 
 @pytest.fixture(scope="session")
-def certificates(workspace):
-    (workspace / "tls").mkdir()
-    return Certificates(workspace / "tls")
+def workspace(run):
+    return run.directory
+
+
+@pytest.fixture(scope="session")
+def certificates(run):
+    return run.certificates
 
 
 @pytest.fixture(scope="session")
@@ -105,8 +105,7 @@ def connect(launch):
 def shared_link(request, connect, certificates):
     if request.param == "plain":
         return connect("plain")
-    return connect("tls", certificates.context(), files={CA_FILE: certificates.authority}, config={
-        "gw_remoteaccess_tls_type": 1, "gw_remoteaccess_cloud_host": HOST})
+    return connect("tls", certificates.context(), authority=certificates.authority)
 
 
 @pytest.fixture

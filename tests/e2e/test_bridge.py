@@ -1,12 +1,10 @@
 """The MQTT bridge between a real bus and a real broker."""
 import signal
-import subprocess
 
 import pytest
 
-from harness import network
+from harness.broker import Broker
 from harness.private_bus import Peer, Processes, pump
-from harness.sandbox import BIN
 from harness.waiting import SCALE, poll
 
 BRIDGE, SUBSCRIBER, TOPIC = "iot.bridge.mqtt", "iot.gateway.tester", "/sys/pk1/dev1/edge"
@@ -18,29 +16,12 @@ class Place(Processes):
     """A bus, a broker, a bridge between them, and a subscriber."""
 
     def __init__(self, directory):
-        self.port, self.sent = network.free_port(), set()
         super().__init__(directory, f"unix:path={directory}/bus", "devgateway/bus/mbusd.conf")
-        (directory / "mosquitto.conf").write_text(
-            f"listener {self.port} 127.0.0.1\nallow_anonymous true\nuser root\n")
-        self.start_broker()
-        self.start_bridge("127.0.0.1")
+        self.sent, self.broker = set(), Broker(self)
+        self.broker.bridge(self, self.address)
         self.peer = Peer(self.address, SUBSCRIBER)
         self.wait_for_line("bridge", "connected to the broker")
         assert self.subscribe() == DONE
-
-    def start_broker(self):
-        self.start("broker", "mosquitto", "-c", self.directory / "mosquitto.conf")
-        poll(lambda: self.send(b"?", "ready").returncode == 0, 10, "the broker")
-
-    def start_bridge(self, host):
-        self.start("bridge", BIN / "gateway_mqtt_bridge", "--bus", self.address, "--host", host,
-                   "--port", self.port)
-
-    def send(self, payload, topic=TOPIC):
-        """A message from the cloud, with another client; the broker has it on return."""
-        return subprocess.run(["mosquitto_pub", "-h", "127.0.0.1", "-p", str(self.port), "-q",
-                               "1", "-t", topic, "-s"],
-                              input=payload, capture_output=True, check=False)
 
     def ask(self, member, *arguments, seconds=PATIENCE):
         return self.peer.call(BRIDGE, member, "ssi"[:len(arguments)], *arguments, seconds=seconds)
@@ -53,7 +34,7 @@ class Place(Processes):
         copies of what an earlier call has sent more than once."""
         received, event = self.peer.received, ("subscribe_event", TOPIC, payload)
         self.sent.add(payload)
-        poll(lambda: self.send(payload.encode()) and pump() or event in received, 15, payload)
+        poll(lambda: self.broker.send(TOPIC, payload.encode()) and pump() or event in received, 15, payload)
         others = [item[2] for item in received if item[2] not in self.sent]
         received.clear()
         return others
@@ -68,8 +49,8 @@ def place(workspace):
 
 
 def test_carries_messages_both_ways(place):
-    place.send(b'{"status":\xff}')  # what the bus cannot carry is dropped
-    place.send(b"1\x002")
+    place.broker.send(TOPIC, b'{"status":\xff}')  # what the bus cannot carry is dropped
+    place.broker.send(TOPIC, b"1\x002")
     assert not place.arrives('{"status":1}')
     assert place.ask("publish", TOPIC, "from the gateway: \u00e4", 0) == DONE
     assert place.arrives("last") == ["from the gateway: \u00e4"]
@@ -85,21 +66,21 @@ def test_refuses_what_makes_no_sense(place, call):
 
 
 def test_a_frozen_broker_holds_up_nobody(place):
-    place.running["broker"].send_signal(signal.SIGSTOP)
+    place.broker.process.send_signal(signal.SIGSTOP)
     calls = [place.peer.begin(BRIDGE, "publish", "ssi", TOPIC, text, 0, seconds=PATIENCE)
              for text in "1234"]
     answers = [place.subscribe("another"), *map(place.peer.wait, calls)]
-    place.running["broker"].send_signal(signal.SIGCONT)
+    place.broker.process.send_signal(signal.SIGCONT)
     assert answers == [NO_ANSWER] * 5
     place.arrives("after the frost")
 
 
 def test_subscribes_again_when_the_broker_is_back(place):
-    place.stop("broker")
+    place.broker.stop()
     poll(lambda: place.subscribe() == NOT_CONNECTED, 10, "the broker is missed")
     for call in (("publish", TOPIC, "lost", 1), ("open_cloud_channel",)):
         assert place.ask(*call) == NOT_CONNECTED
-    place.start_broker()
+    place.broker.start()
     assert not place.arrives("again")
 
 
@@ -112,7 +93,7 @@ def test_a_closed_channel_stays_closed_until_it_is_opened(place):
 def test_ends_with_a_status_that_tells_why(place):
     place.running["bridge"].terminate()
     assert place.running["bridge"].wait(10 * SCALE) == 0
-    place.start_bridge("127.0.0.1")
+    place.broker.bridge(place, place.address)
     place.wait_for_line("bridge", "bridging the bus at", 2)
     place.stop("bus")
     assert place.running["bridge"].wait(10 * SCALE) == 1

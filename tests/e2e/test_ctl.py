@@ -9,8 +9,7 @@ import pytest
 
 from harness.local import LocalService
 from harness.network import FILTERED_ADDRESS, free_port
-from harness.sandbox import CA_FILE, CONFIG_DIR, EMULATOR, INSTALLED, MANAGER
-from harness.tls import HOST
+from harness.sandbox import EMULATOR, INSTALLED, MANAGER
 
 SERVICE = LocalService()
 FILE = [{"type": "SSH", "name": "ssh", "ip": "127.0.0.1", "port": SERVICE.port},
@@ -28,10 +27,7 @@ def ctl(gateway, *arguments):
 
 @pytest.fixture(scope="module")
 def link(connect, certificates):
-    return connect("main", certificates.context(), config={
-        "gw_remoteaccess_tls_type": 1, "gw_remoteaccess_cloud_host": HOST},
-        files={CA_FILE: certificates.authority,
-               f"{CONFIG_DIR}/remote_terminal.json": json.dumps(FILE)})
+    return connect("main", certificates.context(), authority=certificates.authority, services=FILE)
 
 
 def test_shows_and_switches(link):

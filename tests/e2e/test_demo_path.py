@@ -14,22 +14,16 @@ import subprocess
 
 import pytest
 
+from harness.backend import start_back_end
 from harness.network import free_port
-from harness.sandbox import BIN, CA_FILE, CONFIG, CONFIG_DIR, PASSWORD, REPOSITORY
-from harness.tls import HOST
+from harness.sandbox import BIN, PASSWORD, REPOSITORY
+from harness.sshd import login, start_sshd
 from harness.waiting import SCALE, poll
 from harness.waiting import run as run_on_loop
 from test_account import sha512
 
 NAMES = ("ssh_localhost", "sftp_localhost", "http_localhost")
 PAGE, COPY = random.Random(1).randbytes(1 << 20), random.Random(2).randbytes(8 << 20)
-SSHD_CONFIG = """HostKey {home}/host_key
-AuthorizedKeysFile {home}/login_key.pub
-PidFile none
-StrictModes no
-UsePAM no
-Subsystem sftp internal-sftp
-"""
 
 
 async def serve_page(reader, writer):
@@ -50,40 +44,13 @@ class Tunnel:
         offered = [{"type": name.split("_")[0].upper(), "name": name, "ip": "127.0.0.1",
                     "port": web if name == "http_localhost" else sshd} for name in NAMES]
         self.gateway = launch(demo={
-            "cloud": self.listen,
-            "config": {"gw_remoteaccess_cloud_host": HOST, "gw_remoteaccess_tls_type": 1},
-            "files": {CA_FILE: certificates.authority,
-                      "etc/shadow": f"root:{sha512(PASSWORD)}:19000:0:99999:7:::\n",
-                      f"{CONFIG_DIR}/remote_terminal.json": json.dumps(offered)}})["demo"]
-        self.start_back_end(*certificates.paths())
-        self.start_sshd(sshd)
+            "cloud": self.listen, "authority": certificates.authority, "services": offered,
+            "files": {"etc/shadow": f"root:{sha512(PASSWORD)}:19000:0:99999:7:::\n"}})["demo"]
+        self.back_end = start_back_end(
+            self.gateway, ("127.0.0.1", self.listen), certificates.paths(), "--control",
+            self.home / "control", "--audit", self.home / "audit", ports=self.ports)
+        start_sshd(self.gateway.beside, self.home, sshd)
         self.gateway.log.wait("I", "handshake response code is 0!", seconds=10)
-
-    def start_back_end(self, certificate, key):
-        device = {key: CONFIG["gw_system_" + key.replace("_", "")]
-                  for key in ("product_key", "device_name", "device_secret")}
-        (self.home / "devices.json").write_text(json.dumps({"devices": [device]}))
-        self.back_end = self.gateway.spawn_beside(
-            "backend", BIN / "remote_access_backend", "--listen", f"127.0.0.1:{self.listen}",
-            "--cert", certificate, "--key", key, "--devices", self.home / "devices.json",
-            "--control", self.home / "control", "--audit", self.home / "audit",
-            *[part for name in NAMES for part in ("--forward", f"{self.ports[name]}=dev1/{name}")])
-
-    def start_sshd(self, port):
-        """For an ordinary user in a sandbox: no privilege is needed, whoever runs the tests."""
-        (self.home / "etc").mkdir()
-        (self.home / "etc/passwd").write_text(f"operator:x:1000:1000::{self.home}:/bin/sh\n")
-        (self.home / "sshd_config").write_text(SSHD_CONFIG.format(home=self.home))
-        for key in ("host_key", "login_key"):
-            subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", self.home / key],
-                           check=True)
-        self.gateway.spawn_beside(
-            "sshd", "bwrap", "--die-with-parent", "--unshare-user", "--uid", 1000, "--gid", 1000,
-            "--unshare-pid", "--ro-bind", "/usr", "/usr", "--symlink", "usr/bin", "/bin",
-            "--symlink", "usr/lib", "/lib", "--symlink", "usr/lib64", "/lib64", "--proc", "/proc",
-            "--dev", "/dev", "--ro-bind", self.home / "etc", "/etc", "--bind", self.home, self.home,
-            "/usr/sbin/sshd", "-D", "-e", "-f", self.home / "sshd_config", "-p", port)
-        poll(lambda: "Server listening" in self.gateway.log_beside("sshd"), 10, "sshd listens")
 
     def run(self, *command):
         done = subprocess.run(list(map(str, command)), capture_output=True, timeout=60 * SCALE,
@@ -103,13 +70,8 @@ class Tunnel:
     def audit(self):
         return [json.loads(line) for line in (self.home / "audit").read_text().splitlines()]
 
-    def ssh(self, program, *arguments):
-        options = ("StrictHostKeyChecking=no", "UserKnownHostsFile=/dev/null", "BatchMode=yes")
-        return [program, "-F", "/dev/null", "-i", str(self.home / "login_key"),
-                *[part for option in options for part in ("-o", option)], *arguments]
-
     def login(self, program, *arguments):
-        return self.run(*self.ssh(program, *arguments))
+        return self.run(*login(program, self.home, *arguments))
 
 
 @pytest.fixture(scope="module")
@@ -142,7 +104,8 @@ def test_rsync_both_ways(tunnel):
     for number in range(200):
         (tree / "deep" / str(number)).write_bytes(COPY[:number * 500])
     tool = f"{BIN}/remote-access --control {tunnel.home}/control"
-    shell = shlex.join(tunnel.ssh("ssh", "-o", f"ProxyCommand={tool} connect %h/ssh_localhost"))
+    shell = shlex.join(login("ssh", tunnel.home, "-o",
+                             f"ProxyCommand={tool} connect %h/ssh_localhost"))
     for source, target in (f"{tree}/", f"operator@dev1:{there}"), (f"operator@dev1:{there}/", back):
         tunnel.run("rsync", "-a", "-e", shell, source, target)
     tunnel.run("diff", "-r", tree, back)

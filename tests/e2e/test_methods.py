@@ -8,11 +8,11 @@ import dbus
 import pytest
 
 from harness.cloud import BackEnd
-from harness.local import LocalService, start_echo
+from harness.local import LocalService, push_until, start_echo
 from harness.modules import check_watchdog, start_watchdog
 from harness.network import FILTERED_ADDRESS
 from harness.private_bus import DRIVER, Peer
-from harness.sandbox import CONFIG_DIR, MANAGER, NAME
+from harness.sandbox import MANAGER, NAME
 from harness.waiting import poll
 
 INTROSPECTION = (
@@ -32,7 +32,6 @@ FILE = [{"type": "TCP", "name": name, "ip": "127.0.0.1", "port": ECHO} for name 
 LISTED = DOCUMENT.format('"serviceList":[' + ",".join(
     f'{{"service_type":"TCP","service_name":"{name}","service_ip":"127.0.0.1",'
     f'"service_port":{ECHO}}}' for name in ("other", SHOWN)) + "]")
-SERVICES = f"{CONFIG_DIR}/remote_terminal.json"
 
 
 @pytest.fixture(scope="module")
@@ -43,7 +42,7 @@ def gateways(launch):
 
 @pytest.fixture(scope="module")
 def link(connect):
-    made = connect("main", files={SERVICES: json.dumps(FILE, ensure_ascii=False)})
+    made = connect("main", services=FILE)
     start_watchdog(made.gateway)
     made.peer = Peer(made.gateway.address)
     made.call = lambda *call, **options: made.peer.call(NAME, *call, **options)
@@ -208,17 +207,9 @@ def test_transfer_timeout_is_stored_only(link):
     service = LocalService()
     session, failure = link.channel.open(service.port), re.compile("send to cloud failed! .*")
     connection, mark = service.accept(), link.log.mark()
-    connection.settimeout(0)
     link.channel.transport("pause_reading")
 
-    def push():
-        try:
-            while True:
-                connection.send(bytes(1 << 16))
-        except BlockingIOError:
-            return link.log.find("W", failure, mark)
-
-    failed = poll(push, 60, "a write that timed out")[0]
+    failed = push_until(connection, lambda: link.log.find("W", failure, mark))[0]
     before = link.log.lines[link.log.lines.index(failed) - 1]
     assert 0.4 < failed.time - before.time < 5
     link.channel.transport("resume_reading")

@@ -1,6 +1,5 @@
 """What the machine may do to the daemon: few descriptors or very large ones, a full disk, little
 memory; and bytes from outside that try to look like log lines."""
-import json
 import os
 import re
 
@@ -89,9 +88,8 @@ def test_little_memory(launch):
 
 def test_no_line_is_forged(connect):
     """Each of these is logged with what it holds."""
-    link = connect("forged", config={"gw_remoteaccess_debug_switch": 1}, files={
-        f"{CONFIG_DIR}/remote_terminal.json": json.dumps(
-            [{"type": "T", "name": FORGED[:31], "ip": "127.0.0.1", "port": 1}])})
+    link = connect("forged", config={"gw_remoteaccess_debug_switch": 1}, services=[
+        {"type": "T", "name": FORGED[:31], "ip": "127.0.0.1", "port": 1}])
     channel, log = link.channel, link.log
     peer = Peer(link.gateway.address, BRIDGE)
     attempts = [

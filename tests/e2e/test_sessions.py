@@ -2,13 +2,12 @@
 import random
 import re
 import socket
-import struct
 
 import pytest
 
 from harness.cloud import (DATA_DOWN, DATA_UP, NEW_SESSION, RELEASE, RESPONSE, UP_LIMIT,
                            new_session_request)
-from harness.local import LocalService, start_name_server
+from harness.local import LocalService, end_by_reset, push_until, start_name_server
 from harness.network import FILTERED_ADDRESS, free_port
 from harness.waiting import poll
 
@@ -57,7 +56,7 @@ def test_release_by_the_service(link, end):
     session, connection = both_ends(link, LocalService())
     mark, line = link.log.mark(), f"release session: {session}"
     if end == "reset":
-        connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        end_by_reset(connection)
         line = f"system error:Connection reset by peer, errno:104. local service exit, {line}"
     if end == "talking":
         connection.sendall(b"last words")
@@ -185,16 +184,7 @@ def test_back_end_that_does_not_read(link):
     session, connection = both_ends(link, LocalService())
     mark, failed = link.log.mark(), re.compile(r"send to cloud failed! writenLen:-?\d+ ")
     link.channel.transport("pause_reading")
-    connection.settimeout(0)
-
-    def push():
-        try:
-            while True:
-                connection.send(bytes(1 << 16))
-        except BlockingIOError:
-            return link.log.find("W", failed, mark)
-
-    poll(push, 60, "a write that timed out")
+    push_until(connection, lambda: link.log.find("W", failed, mark))
     link.channel.transport("resume_reading")
     connection.close()
     link.channel.expect(RELEASE, token=session, seconds=30)

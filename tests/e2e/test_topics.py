@@ -6,7 +6,8 @@ import dbus
 import pytest
 
 from harness.cloud import BackEnd
-from harness.modules import BRIDGE, DONE, Broker, FakeBridge, check_watchdog, start_watchdog
+from harness.broker import Broker
+from harness.modules import BRIDGE, DONE, FakeBridge, check_watchdog, start_watchdog
 from harness.private_bus import Peer, pump
 from harness.sandbox import INSTALLED, NAME
 from harness.waiting import poll
@@ -59,9 +60,10 @@ def gateways(launch, back_end):
 
 @pytest.fixture(scope="module")
 def broker(gateways):
-    made = Broker(gateways["standard"])
+    made = Broker(gateways["standard"].beside)
+    made.listen()
     for name in ("standard", "professional", "permanent", "brief", "raw"):
-        made.bridge(gateways[name])
+        made.bridge(gateways[name].beside, gateways[name].address)
     return made
 
 
@@ -70,7 +72,7 @@ def tell(broker):
     """tell(gateway, kind of topic, payload) returns the log's length when the daemon has it."""
     def send(gateway, kind, payload):
         name, mark = topic(gateway, kind), gateway.log.mark()
-        assert broker.send(name, payload)
+        assert broker.send(name, payload.encode())
         gateway.log.wait("I", f"cloud data topic:{name}, payload:{payload}", mark)
         return [line.text.startswith("cloud data topic") for line in
                 gateway.log.lines[mark:]].index(True) + mark
@@ -241,7 +243,7 @@ def test_topics_are_subscribed_again(gateways, broker, lost):
         gateway.start_bus()
         gateway.start_manager()
         gateway.log.wait("E", re.compile(rf"DBus error:.*{BRIDGE}.*"), mark, seconds=2 * RETRY + 5)
-        broker.bridge(gateway)
+        broker.bridge(gateway.beside, gateway.address)
     for status, line in ((0, END), (1, ACCEPTED)):
-        poll(lambda: broker.send(topic(gateway, SWITCH), f'{{"status":{status}}}')
+        poll(lambda: broker.send(topic(gateway, SWITCH), b'{"status":%d}' % status)
              and gateway.log.find(*line, mark), 2 * RETRY + 5, f"switched to {status}")

@@ -5,7 +5,10 @@ import time
 from dataclasses import dataclass, field
 from typing import Callable, Optional
 
-from world import CLOUD, NEW_CLOUD, end_by_reset
+from harness.local import end_by_reset
+from harness.modules import start_watchdog
+
+from world import CLOUD, NEW_CLOUD
 
 STATES = ("opening", "handshaking", "idle", "uploading", "downloading", "32 sessions")
 CONNECTED = STATES[2:]
@@ -63,7 +66,7 @@ def _reset(cell):
 
 def _silence_dns(cell):
     """Nobody notices that before the next opening, so there has to be one."""
-    cell.world.cloud.drop_arriving("udp dport 53")
+    cell.world.drop_arriving("cloud", "udp dport 53")
     if cell.state in CONNECTED:
         cell.check_undisturbed(3)
     cell.fault_begins()
@@ -88,16 +91,15 @@ def _revive_back_end(cell):
 def _revive_bus(cell):
     cell.edge.start_bus()
     cell.edge.start_manager()
-    cell.world.start_watchdog()
+    start_watchdog(cell.edge)
 
 
 def _silence(*sides):
-    return lambda cell: [getattr(cell.world, side).drop_arriving() for side in sides]
+    return lambda cell: [cell.world.drop_arriving(side) for side in sides]
 
 
 def _heal(cell):
-    cell.world.home.drop_nothing()
-    cell.world.cloud.drop_nothing()
+    cell.world.drop_nothing()
 
 
 def _step_clock(seconds):

@@ -13,6 +13,8 @@ import sys
 import time
 import traceback
 
+from harness.footprint import held_by
+
 from catalogue import (ACCEPTED, ALL_FAULTS, CONNECTED, DROPPED_DOWN, DROPPED_UP, END, FAILED,
                        GIVEN_UP, LINES, RATE, START, STARTS_BY_ITSELF, wait_until)
 from traffic import Session, Traffic
@@ -70,7 +72,7 @@ class Cell:
         self.wait(ACCEPTED, 30)
         self.probe(5)
         self.check_no_session()
-        self.before = self.edge.descriptors()
+        self.before = held_by(self.edge.daemon.pid).descriptors
         up, down = {"uploading": (RATE, 0), "downloading": (0, RATE)}.get(self.state, (0, 0))
         for number in range(MANY if self.state == "32 sessions" else 1):
             if self.state == "32 sessions":
@@ -221,7 +223,7 @@ class Cell:
         self.check(len(self.edge.runs) == 1 + ends and given_up == ends and
                    bool(ends) == self.fault.ends, f"the daemon ended {len(self.edge.runs) - 1}"
                    f" times, {given_up} times after six failed openings")
-        after = self.edge.descriptors()
+        after = held_by(self.edge.daemon.pid).descriptors
         self.check(self.before in (None, after), f"descriptors: {self.before} before, {after} now")
         self.check("has not been fed" not in self.edge.log_beside("watchdog"), "watchdog not fed")
 

@@ -6,34 +6,23 @@ held that has to hold in each of them.
 import argparse
 import concurrent.futures
 import json
-import os
 import pathlib
 import shutil
 import subprocess
 import sys
-import tempfile
 import time
 
+from harness import documents
+from harness.workspace import Workspace
+
 from catalogue import ALL_FAULTS, FAULTS, LONG_FAULTS, STATES
-from world import FAKETIME
 
-
-BEGIN, FINISH = "<!-- faults: made by scripts/faults -->", "<!-- end of faults -->"
 QUICK = (("uploading", "hole"), ("handshaking", "hole-up"), ("idle", "dns-dead"),
          ("32 sessions", "rst"), ("idle", "restarted"),
          ("idle", "dns-changed"), ("32 sessions", "bus"), ("uploading", "clock-forward"),
          ("downloading", "clock-back"), ("handshaking", "fin"), ("idle", "gone-20"))
 STALL_S = 0.3  # a process that waits so long for its turn measures nothing
 HERE = pathlib.Path(__file__).resolve().parent
-
-
-def make_certificates(directory):
-    """Two days old, for a clock that is an hour behind finds them valid, too."""
-    script = "import pathlib, sys; from harness.tls import *; " \
-             "Certificates(pathlib.Path(sys.argv[1]))"
-    directory.mkdir()
-    subprocess.run([sys.executable, "-c", script, directory], check=True,
-                   env={**os.environ, "LD_PRELOAD": FAKETIME, "FAKETIME": "-2d"})
 
 
 def run_cell(state, name, directory):
@@ -93,13 +82,6 @@ def table(results):
     return "\n".join(rows)
 
 
-def write_table(path, results):
-    text = path.read_text(encoding="utf-8") if path.exists() else ""
-    head, _, rest = text.partition(BEGIN)
-    _, _, tail = rest.partition(FINISH)
-    path.write_text(f"{head}{BEGIN}\n{table(results)}\n{FINISH}{tail}", encoding="utf-8")
-
-
 def chosen(arguments):
     if arguments.quick:
         return list(QUICK)
@@ -108,25 +90,12 @@ def chosen(arguments):
             and (not arguments.faults or name in arguments.faults)]
 
 
-def main():
-    parser = argparse.ArgumentParser(prog="scripts/faults", description=__doc__)
-    parser.add_argument("states", metavar="STATE", nargs="*", help=", ".join(STATES))
-    parser.add_argument("--faults", nargs="+", choices=ALL_FAULTS, metavar="FAULT",
-                        help=", ".join(ALL_FAULTS))
-    parser.add_argument("--quick", action="store_true", help="a part that takes about a minute")
-    parser.add_argument("--jobs", type=int, default=14, help="cells at a time")
-    parser.add_argument("--out", type=pathlib.Path, help="write the table between the marks of FILE")
-    arguments = parser.parse_args()
-    arguments.states = [state.replace("-", " ") for state in arguments.states]
-    if wrong := set(arguments.states) - set(STATES):
-        parser.error(f"no such state: {', '.join(wrong)}")
-    # Those that wait for a long time come first.
-    cells = sorted(chosen(arguments), key=lambda cell: cell[1] not in LONG_FAULTS)
-    directory = pathlib.Path(tempfile.mkdtemp(prefix="ra-faults-", dir="/tmp"))
-    make_certificates(directory / "tls")
+def run_cells(cells, jobs, workspace):
+    """The results by cell; what the failed ones left stays."""
+    cells = sorted(cells, key=lambda cell: cell[1] not in LONG_FAULTS)  # those that wait come first
     started, results = time.monotonic(), {}
-    with concurrent.futures.ThreadPoolExecutor(arguments.jobs) as pool:
-        running = [pool.submit(run_cell, *cell, directory) for cell in cells]
+    with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+        running = [pool.submit(run_cell, *cell, workspace.directory) for cell in cells]
         for done in concurrent.futures.as_completed(running):
             result = done.result()
             results[result["cell"]] = result
@@ -137,14 +106,33 @@ def main():
     failed = [result for result in results.values() if result["problems"]]
     print(f"{len(results) - len(failed)} cells passed, {len(failed)} failed"
           f" in {time.monotonic() - started:.0f} s")
-    if failed:
-        print(f"what the failed ones left is in {directory}")
-    else:
-        shutil.rmtree(directory)
-    if arguments.out and not failed:
-        write_table(arguments.out, results)
-    sys.exit(bool(failed))
+    workspace.keep |= bool(failed)
+    return results
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="scripts/faults", description=__doc__)
+    parser.add_argument("states", metavar="STATE", nargs="*", help=", ".join(STATES))
+    parser.add_argument("--faults", nargs="+", choices=ALL_FAULTS, metavar="FAULT",
+                        help=", ".join(ALL_FAULTS))
+    parser.add_argument("--quick", action="store_true", help="a part that takes about a minute")
+    parser.add_argument("--jobs", type=int, default=14, help="cells at a time")
+    documents.add_option(parser)
+    arguments = parser.parse_args()
+    arguments.states = [state.replace("-", " ") for state in arguments.states]
+    if wrong := set(arguments.states) - set(STATES):
+        parser.error(f"no such state: {', '.join(wrong)}")
+    renewed = not (arguments.states or arguments.faults or arguments.quick or arguments.print)
+    if renewed:
+        documents.refuse_under_load("limits.md")
+    with Workspace() as workspace:
+        results = run_cells(chosen(arguments), arguments.jobs, workspace)
+    if all(not result["problems"] for result in results.values()):
+        if renewed:
+            documents.replace_section("limits.md", "faults", table(results))
+        return 0
+    return 1
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main())

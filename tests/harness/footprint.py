@@ -22,12 +22,16 @@ def _counters(gateway):
     return struct.unpack("3Qq", counted.read_bytes()) if counted.exists() else (0,) * 4
 
 
-def footprint(gateway):
-    process = f"/proc/{gateway.daemon.pid}"
+def held_by(pid, blocks=0):
+    process = f"/proc/{pid}"
     with open(f"{process}/smaps_rollup", encoding="ascii") as rollup:
         resident_kb = int(re.search(r"^Rss:\s+(\d+) kB", rollup.read(), re.MULTILINE)[1])
     return Footprint(resident_kb, len(os.listdir(f"{process}/fd")),
-                     len(os.listdir(f"{process}/task")), _counters(gateway)[3])
+                     len(os.listdir(f"{process}/task")), blocks)
+
+
+def footprint(gateway):
+    return held_by(gateway.daemon.pid, _counters(gateway)[3])
 
 
 # Options of a Gateway whose daemon counts its allocations.

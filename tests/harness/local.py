@@ -4,19 +4,46 @@ import socket
 import struct
 
 from .network import free_port
-from .waiting import LOOP, SCALE, run
+from .waiting import LOOP, SCALE, poll, run
+
+RESET = struct.pack("ii", 1, 0)  # linger of 0 s: the socket ends with an RST
+
+
+def listen(receive_buffer=None, address="127.0.0.1", port=None):
+    """A listening socket whose connections take in so much while nobody reads."""
+    listener = socket.socket()
+    listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    if receive_buffer:
+        listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+    listener.bind((address, port or free_port()))
+    listener.listen(64)
+    return listener
+
+
+def end_by_reset(connection):
+    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, RESET)
+    connection.close()
+
+
+def push_until(connection, done):
+    """Sends whatever goes until done() is true; its result."""
+    def push():
+        try:
+            while True:
+                connection.send(bytes(1 << 16))
+        except BlockingIOError:
+            return done()
+
+    connection.settimeout(0)
+    return poll(push, 60, "a write that timed out")
 
 
 class LocalService:
     """Listens; the test itself takes each connection and plays the service."""
 
     def __init__(self, receive_buffer=None):
-        self.listener = socket.socket()
-        if receive_buffer:
-            self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
-        self.port = free_port()
-        self.listener.bind(("127.0.0.1", self.port))
-        self.listener.listen(64)
+        self.listener = listen(receive_buffer)
+        self.port = self.listener.getsockname()[1]
 
     def accept(self, seconds=5):
         """The next connection, whose reads fail after the same time."""

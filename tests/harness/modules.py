@@ -1,9 +1,6 @@
-"""The modules that a daemon meets on a gateway's bus, real or not, and the broker of the cloud."""
-import subprocess
-
+"""The modules that a daemon meets on a gateway's bus, real or not."""
 import dbus.lowlevel
 
-from .network import free_port
 from .private_bus import Peer
 from .sandbox import BIN, NAME
 from .waiting import poll
@@ -23,44 +20,6 @@ def check_watchdog(gateway):
                    for thread in ("mainThread", "remoteAccessProxyThread"))
     poll(watched, 10, lambda: f"both threads watched: {gateway.log_beside('watchdog')}")
     assert "has not been fed" not in gateway.log_beside("watchdog")
-
-
-class Broker:
-    """A mosquitto on loopback with a client that writes down whatever it is sent; both run beside
-    a gateway, until that one stops."""
-
-    def __init__(self, gateway):
-        self.gateway, self.port = gateway, free_port()
-        gateway.put("mosquitto.conf",
-                    f"listener {self.port} 127.0.0.1\nallow_anonymous true\nuser root\n")
-        self.start()
-        gateway.spawn_beside("heard", "mosquitto_sub", "-h", "127.0.0.1", "-p", self.port, "-t",
-                             "#", "-v")
-        poll(lambda: self.send("probe", "?") and self.heard("probe", "?"), 10, "the broker's ear")
-
-    def start(self):
-        self.process = self.gateway.spawn_beside("broker", "mosquitto", "-c",
-                                                 self.gateway.root / "mosquitto.conf")
-        poll(lambda: self.send("probe", "up"), 10, lambda: self.gateway.log_beside("broker"))
-
-    def stop(self):
-        self.process.kill()
-        self.process.wait()
-
-    def send(self, topic, payload):
-        """A message from the cloud; true once the broker has it."""
-        done = subprocess.run(["mosquitto_pub", "-h", "127.0.0.1", "-p", str(self.port), "-q", "1",
-                               "-t", topic, "-s"],
-                              input=payload.encode(), capture_output=True, check=False)
-        return done.returncode == 0
-
-    def heard(self, topic, payload):
-        """How many messages on this topic began like this payload."""
-        return self.gateway.log_beside("heard").count(f"{topic} {payload}")
-
-    def bridge(self, gateway):
-        gateway.spawn_beside("bridge", BIN / "gateway_mqtt_bridge", "--bus", gateway.address,
-                             "--host", "127.0.0.1", "--port", self.port)
 
 
 class FakeBridge(Peer):

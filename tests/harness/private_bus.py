@@ -1,12 +1,11 @@
 """A private bus without a gateway around it, and modules on it that are not ours (python3-dbus)."""
-import subprocess
-
 import dbus
 import dbus.bus
 import dbus.lowlevel
 from dbus.mainloop.glib import DBusGMainLoop
 from gi.repository import GLib
 
+from .processes import ProcessGroup
 from .sandbox import REPOSITORY
 from .waiting import SCALE, poll
 
@@ -20,30 +19,15 @@ def pump():
         pass
 
 
-class Processes:
-    """A bus and the programs around it, each with a log of its own; they end together."""
+class Processes(ProcessGroup):
+    """A bus and the programs around it."""
 
     def __init__(self, directory, address, configuration, *wrapper):
-        self.directory, self.address, self.running = directory, address, {}
+        super().__init__(directory)
+        self.address = address
         self.start("bus", *wrapper, "dbus-daemon", "--nofork", "--nopidfile", "--print-address",
                    f"--address={address}", f"--config-file={REPOSITORY}/{configuration}")
         self.wait_for_line("bus", address)
-
-    def start(self, name, *command):
-        with open(self.directory / f"{name}.log", "ab") as log:
-            self.running[name] = subprocess.Popen(
-                ["setpriv", "--pdeathsig", "KILL", *map(str, command)], stdout=log, stderr=log)
-
-    def log(self, name):
-        return (self.directory / f"{name}.log").read_text()
-
-    def wait_for_line(self, name, text, count=1):
-        poll(lambda: self.log(name).count(text) >= count, 10, lambda: f"{text}: {self.log(name)}")
-
-    def stop(self, *names):
-        for name in names or self.running:
-            self.running[name].kill()
-            self.running[name].wait()
 
 
 class Peer:

@@ -13,6 +13,8 @@ import signal
 import subprocess
 from dataclasses import dataclass
 
+from .processes import ProcessGroup
+from .tls import HOST
 from .waiting import poll
 
 REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
@@ -36,13 +38,13 @@ CONFIG = {
     "gw_remoteaccess_debug_switch": 0, "gw_remoteaccess_trans_timeout": 500,
     "gw_system_cloud_long_connection": 0, "gw_remoteaccess_tcp_keepalive_period": 5,
     "gw_remoteaccess_ping_period": 80}
+TLS = {"gw_remoteaccess_cloud_host": HOST, "gw_remoteaccess_tls_type": 1}
 FILES = {
     "etc/passwd": "root:x:0:0::/root:/bin/sh\n",
     "etc/shadow": "root:*:19000:0:99999:7:::\n",
     "etc/hosts": "127.0.0.1 localhost local.test cloud.test eu.cloud.test\n",
     "etc/resolv.conf": "nameserver 127.0.0.1\n",
     "etc/nsswitch.conf": "passwd: files\nshadow: files\nhosts: files dns\n",
-    f"{CONFIG_DIR}/logger.conf": "level=0\n",
     f"{INSTALLED}/SPECIFICATION": "gateway standard\n",
     f"{INSTALLED}/VERSION": "1.2.3\n"}
 _LINE = re.compile(r"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3})Z ([DIWE]) remote_access_daemon "
@@ -151,6 +153,9 @@ class Gateway:
     """Configuration, files and processes of one gateway; start_gateways() brings it up.
 
     config, files  what differs from the usual; None leaves a key out
+    authority      the certificate (text) that it trusts; the channel uses TLS then
+    services       the elements of its service list file
+    level          of the log
     bus, manager   whether they are there from the start
     watched        the watchdog feeds are recorded
     command        what to run instead of the daemon itself
@@ -159,18 +164,24 @@ class Gateway:
     ends, strays   statuses and a pattern of stray lines to be expected
     """
 
-    def __init__(self, directory, name, cloud=1, config=(), files=(), bus=True, manager=True,
+    def __init__(self, directory, name, cloud=1, config=(), files=(), authority=None,
+                 services=None, level=0, bus=True, manager=True,
                  watched=False, command=COMMAND, mounts=(), prepare=None, ends=(),
                  strays="(?!)"):
         self.name, self.root, self.command = name, directory / name, command
         self._mounts = mounts
-        self.config = {**CONFIG, "gw_remoteaccess_cloud_port": cloud, **dict(config)}
+        self.config = {**CONFIG, "gw_remoteaccess_cloud_port": cloud, **(TLS if authority else {}),
+                       **dict(config)}
+        given = {CA_FILE: authority, f"{CONFIG_DIR}/logger.conf": f"level={level}\n",
+                 f"{CONFIG_DIR}/remote_terminal.json":
+                 None if services is None else json.dumps(services, ensure_ascii=False)}
         self.bus, self.manager, self.watched = bus, manager and bus, watched
         self._ends, self._strays = {TERMINATED, *ends}, strays
-        self._beside, self.daemon = {}, None
+        self.beside, self.daemon = ProcessGroup(self.root), None
         (self.root / SOCKET).parent.mkdir(parents=True)
-        for path, content in {**FILES, **dict(files)}.items():
-            self.put(path, content)
+        for path, content in {**FILES, **given, **dict(files)}.items():
+            if content is not None:
+                self.put(path, content)
         if prepare:
             prepare(self.root)
 
@@ -199,14 +210,10 @@ class Gateway:
 
     def spawn_beside(self, name, *command):
         """Run a program until stop(); its output is log_beside(name)."""
-        with open(self.root / f"{name}.log", "ab") as log:
-            self._beside[name] = subprocess.Popen(
-                ["setpriv", "--pdeathsig", "KILL", *map(str, command)],
-                stdin=subprocess.DEVNULL, stdout=log, stderr=log)
-        return self._beside[name]
+        return self.beside.start(name, *command)
 
     def log_beside(self, name):
-        return (self.root / f"{name}.log").read_text(errors="replace")
+        return self.beside.log(name)
 
     def start_bus(self):
         (self.root / SOCKET).unlink(missing_ok=True)
@@ -226,9 +233,7 @@ class Gateway:
             poll(lambda: "NameAcquired" in self.log_beside("feeds"), 5, "dbus-monitor listens")
 
     def stop_bus(self):
-        for process in ("bus", "manager"):
-            self._beside[process].kill()
-            self._beside[process].wait()
+        self.beside.stop("bus", "manager")
 
     def spawn(self, tag=""):
         return Process(self, tag, self.command)
@@ -265,9 +270,7 @@ class Gateway:
             faults += self._betrayals()
             faults += [f"not a log line: {text}" for text in self.log.strays
                        if not re.fullmatch(self._strays, text)]
-        for process in self._beside.values():
-            process.kill()
-            process.wait()
+        self.beside.stop()
         return [f"{self.name}: {fault}" for fault in faults[:40]]
 
 

@@ -8,8 +8,11 @@ HOST = "cloud.test"  # in every sandbox's hosts file, and so is "eu." before it
 _ISSUER = """[ca]\ndefault_ca=here\n[here]\ndatabase={directory}/index\nnew_certs_dir={directory}
 certificate={directory}/{name}.pem\nprivate_key={directory}/{name}.key\ndefault_md=sha256
 policy=any\nunique_subject=no\nrand_serial=yes\n[any]\ncommonName=supplied\n"""
-# The issuer, subjectAltName, and from which day to which the certificate is good.
+_AUTHORITY = "basicConstraints=critical,CA:TRUE\nsubjectKeyIdentifier=hash"
+# The issuer (None: it signs itself), subjectAltName, and from which day to which the certificate is
+# good. The faults step the clock, so what is good is so on the day before, too.
 _ISSUED = {
+    "ca": (None, None, -2, 30), "stranger-ca": (None, None, -2, 30), "pinned": (None, None, -2, 30),
     "good": ("ca", f"DNS:{HOST}", -1, 30), "stranger": ("stranger-ca", f"DNS:{HOST}", -1, 30),
     "expired": ("ca", f"DNS:{HOST}", -30, -1), "future": ("ca", f"DNS:{HOST}", 1, 30),
     "wrong-name": ("ca", "DNS:elsewhere.test", -1, 30), "subject-only": ("ca", None, -1, 30),
@@ -30,31 +33,29 @@ def _day(number):
 
 class Certificates:
     """Two authorities, "ca" and "stranger-ca", the servers that they issued, and one that signed
-    itself, "pinned"; each has HOST as its subject, but for the authorities."""
+    itself, "pinned"; those issued have HOST as their subject."""
 
     def __init__(self, directory):
         self.directory = directory
-        (directory / "index").touch()
-        for name in ("ca", "stranger-ca", "pinned"):
-            _openssl("req", "-x509", *self._new_key(name), "-subj", f"/CN={name}", "-days", 30,
-                     "-out", directory / f"{name}.pem")
-            (directory / f"{name}.conf").write_text(
-                _ISSUER.format(directory=directory, name=name))
-        for name, (issuer, names, first, last) in _ISSUED.items():
-            self._issue(name, issuer, names, first, last)
+        if not (directory / "index").exists():  # made by another process of this run
+            (directory / "index").touch()
+            for name, issued in _ISSUED.items():
+                self._issue(name, *issued)
         self.authority = self.text("ca")
 
-    def _new_key(self, name):
-        return ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
-                "-keyout", self.directory / f"{name}.key")
-
     def _issue(self, name, issuer, names, first, last):
-        request, extensions = self.directory / f"{name}.csr", self.directory / f"{name}.ext"
-        extensions.write_text(f"subjectAltName={names}\n" if names else "keyUsage=digitalSignature")
-        _openssl("req", "-new", *self._new_key(name), "-subj", f"/CN={HOST}", "-out", request)
-        _openssl("ca", "-batch", "-notext", "-in", request, "-extfile", extensions,
-                 "-config", self.directory / f"{issuer}.conf", "-startdate", _day(first),
-                 "-enddate", _day(last), "-out", self.directory / f"{name}.pem")
+        place = self.directory / name
+        place.with_suffix(".conf").write_text(_ISSUER.format(directory=self.directory, name=name))
+        place.with_suffix(".ext").write_text(
+            _AUTHORITY if not issuer else f"subjectAltName={names}" if names else
+            "keyUsage=digitalSignature")
+        _openssl("req", "-new", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+                 "-nodes", "-keyout", f"{place}.key", "-out", f"{place}.csr",
+                 "-subj", f"/CN={HOST if issuer else name}")
+        _openssl("ca", "-batch", "-notext", "-in", f"{place}.csr", "-extfile", f"{place}.ext",
+                 *([] if issuer else ["-selfsign"]), "-out", f"{place}.pem",
+                 "-config", self.directory / f"{issuer or name}.conf",
+                 "-startdate", _day(first), "-enddate", _day(last))
 
     def text(self, name):
         return (self.directory / f"{name}.pem").read_text()

@@ -4,29 +4,24 @@ both down in docs/limits.md. See scripts/leaks."""
 import argparse
 import asyncio
 import concurrent.futures
-import pathlib
 import random
-import shutil
 import socket
-import struct
 import sys
-import tempfile
 import time
 
-from harness import network
+from harness import documents, network
 from harness.cloud import DATA_DOWN, RELEASE, BackEnd
 from harness.footprint import COUNTED, Footprint, allocations, footprint
-from harness.sandbox import CA_FILE, CONFIG_DIR, Gateway, start_gateways
-from harness.tls import HOST, Certificates
+from harness.local import RESET
+from harness.sandbox import Gateway, start_gateways
 from harness.waiting import poll, run
+from harness.workspace import Workspace
 
-BEGIN, FINISH = "<!-- flatlines: made by scripts/leaks -->", "<!-- end of flatlines -->"
-RESET = struct.pack("ii", 1, 0)  # linger of 0 s: the socket ends with an RST
 # What a line may rise and still be flat. Pages that are touched for the first time and what the C
 # library keeps for later account for it; 16 bytes leaked by each session would be more.
 SESSIONS_RISE_KB, RECONNECTS_RISE_KB = 128, 192
 BLOCKS_RISE = 10  # libdbus and the C library keep a few for later
-GATEWAYS, BATCH, MESSAGES = 10, 20, 500
+SESSIONS, RECONNECTS, GATEWAYS, BATCH, MESSAGES = 10000, 1000, 10, 20, 500
 ACCEPTED = ("I", "handshake response code is 0!")
 KINDS = ("closed", "reset", "refused")
 
@@ -58,15 +53,14 @@ def start_service():
 class Link:
     """A gateway with its back end, whose channel is accepted."""
 
-    def __init__(self, directory, name, certificates, tls=True):
+    def __init__(self, workspace, name, tls=True):
+        certificates = workspace.certificates
         self.context = certificates.context() if tls else None
         self.back_end, self.refusals = BackEnd(tls=self.context), 0
         self.gateway = Gateway(
-            directory, name, cloud=self.back_end.port,
-            config={"gw_remoteaccess_tls_type": int(tls), "gw_remoteaccess_cloud_host": HOST,
-                    "gw_remoteaccess_trans_timeout": 2000},
-            files={CA_FILE: certificates.authority, f"{CONFIG_DIR}/logger.conf": "level=1\n"},
-            **COUNTED)
+            workspace.directory, name, cloud=self.back_end.port, level=1,
+            authority=certificates.authority if tls else None,
+            config={"gw_remoteaccess_trans_timeout": 2000}, **COUNTED)
 
     def accepted(self):
         """The channel that is open now."""
@@ -225,31 +219,11 @@ def judge(sessions, reconnects, counted):
                 yield f"{calls.others} allocations of other libraries {direction}, {transport}"
 
 
-def write_section(path, text):
-    old = path.read_text() if path.exists() else (
-        "# Limits\n\nWhat the daemon bears, for how long it stalls, and where it loses bytes: "
-        f"measured.\n\n{BEGIN}\n{FINISH}\n")
-    if BEGIN not in old:
-        old += f"\n{BEGIN}\n{FINISH}\n"
-    head, _, rest = old.partition(BEGIN)
-    path.write_text(f"{head}{BEGIN}\n{text}\n{FINISH}{rest.partition(FINISH)[2]}")
-
-
-def main():
-    parser = argparse.ArgumentParser(prog="scripts/leaks", description=__doc__)
-    parser.add_argument("--sessions", type=int, default=10000)
-    parser.add_argument("--reconnects", type=int, default=1000)
-    parser.add_argument("--out", type=pathlib.Path, help="the file whose section is replaced")
-    arguments = parser.parse_args()
-
-    network.enter_private_network()
-    directory = pathlib.Path(tempfile.mkdtemp(prefix="ra-flat-", dir="/tmp"))
-    (directory / "tls").mkdir()
-    certificates, port = Certificates(directory / "tls"), start_service()
-    steady = Link(directory, "steady", certificates)
-    counting = {"plain": Link(directory, "plain", certificates, tls=False),
-                "TLS": Link(directory, "tls", certificates)}
-    breaking = [Link(directory, f"break{number}", certificates) for number in range(GATEWAYS)]
+def measure(workspace, arguments):
+    """The table, and what is not flat."""
+    port, steady = start_service(), Link(workspace, "steady")
+    counting = {"plain": Link(workspace, "plain", tls=False), "TLS": Link(workspace, "tls")}
+    breaking = [Link(workspace, f"break{number}") for number in range(GATEWAYS)]
     links = [steady, *counting.values(), *breaking]
     try:
         start_gateways([link.gateway for link in links])
@@ -258,19 +232,33 @@ def main():
         counted = {name: measure_allocations(link, port) for name, link in counting.items()}
         sessions = measure_sessions(steady, port, arguments.sessions)
         reconnects = measure_reconnects(breaking, arguments.reconnects)
-        text = report(arguments, sessions, reconnects, counted,
-                      sum(link.refusals for link in breaking))
-        print(text)
-        faults = list(judge(sessions, reconnects, counted))
     finally:
-        faults_of_logs = [fault for link in links if link.gateway.daemon
-                          for fault in link.gateway.stop()]
-        shutil.rmtree(directory)
-    for fault in faults + faults_of_logs:
+        faults = [fault for link in links if link.gateway.daemon
+                  for fault in link.gateway.stop()]
+    text = report(arguments, sessions, reconnects, counted,
+                  sum(link.refusals for link in breaking))
+    return text, [*judge(sessions, reconnects, counted), *faults]
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="scripts/leaks", description=__doc__)
+    parser.add_argument("--sessions", type=int, default=SESSIONS)
+    parser.add_argument("--reconnects", type=int, default=RECONNECTS)
+    documents.add_option(parser)
+    arguments = parser.parse_args()
+    full = (arguments.sessions, arguments.reconnects) == (SESSIONS, RECONNECTS)
+    renewed = full and not arguments.print
+    if renewed:
+        documents.refuse_under_load("limits.md")
+    network.enter_private_network()
+    with Workspace() as workspace:
+        text, faults = measure(workspace, arguments)
+    print(text)
+    for fault in faults:
         print(f"not flat: {fault}", file=sys.stderr)
-    if arguments.out and not faults + faults_of_logs:
-        write_section(arguments.out, text)
-    return 1 if faults + faults_of_logs else 0
+    if renewed and not faults:
+        documents.replace_section("limits.md", "leaks", text)
+    return 1 if faults else 0
 
 
 if __name__ == "__main__":

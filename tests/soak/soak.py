@@ -11,7 +11,10 @@ import struct
 import sys
 import time
 
-from harness.pair import Network, Workspace, World, figures, listen
+from harness.footprint import held_by
+from harness.local import listen
+from harness.pair import Pair, enter_linked_networks
+from harness.workspace import Workspace
 
 SESSIONS = 32
 SIZES = (0, 1, 100, 4096, 50172, 50173, 200_000, 1_000_000, 2_000_000)
@@ -49,8 +52,8 @@ class Plan:
 class Soak:
     """The sessions of one run."""
 
-    def __init__(self, net, rate):
-        self.net, self.rate, self.chance = net, rate, random.Random()
+    def __init__(self, cloud, rate):
+        self.cloud, self.rate, self.chance = cloud, rate, random.Random()
         self.pool = random.Random(1).randbytes(8 << 20)  # plans are stretches of it
         self.plans, self.done, self.up, self.down, self.faults = {}, 0, 0, 0, []
         self.ended, self.aborted = False, 0
@@ -104,7 +107,8 @@ class Soak:
         return digest.hexdigest(), count
 
     async def client(self, port, plan):
-        sock = self.net.cloud_socket()
+        with self.cloud:
+            sock = socket.socket()
         sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, BUFFER)
         sock.setblocking(False)
         await asyncio.get_running_loop().sock_connect(sock, ("127.0.0.1", port))
@@ -160,53 +164,52 @@ class Soak:
             await asyncio.sleep(max(pause, 0.5 if self.faults else self.chance.random() * 0.1))
 
 
-def warnings_of(world):
+def warnings_of(pair):
     """The daemon's warnings and errors: how many were expected, and the others."""
-    lines = [line for line in world.gateway.log.lines if line.level in "WE"]
+    lines = [line for line in pair.gateway.log.lines if line.level in "WE"]
     others = [f"{line.level} {line.text}" for line in lines if not EXPECTED.fullmatch(line.text)]
     return len(lines) - len(others), others
 
 
-def minute_line(soak, world, start):
-    rss, fds, threads = figures(world.gateway.daemon.pid)
-    expected, others = warnings_of(world)
+def minute_line(soak, pair, start):
+    held = held_by(pair.gateway.daemon.pid)
+    expected, others = warnings_of(pair)
     print(f"{time.monotonic() - start:6.0f} s  {soak.done} sessions ({soak.aborted} aborted), "
-          f"up {soak.up / 1e6:.0f} MB, down {soak.down / 1e6:.0f} MB, RSS {rss} kB, "
-          f"{fds} descriptors, {threads} threads, warnings {expected} expected, "
+          f"up {soak.up / 1e6:.0f} MB, down {soak.down / 1e6:.0f} MB, RSS {held.resident_kb} "
+          f"kB, {held.descriptors} descriptors, {held.threads} threads, warnings {expected} expected, "
           f"{len(others)} others, {len(soak.faults)} faults", flush=True)
-    return rss
+    return held.resident_kb
 
 
-async def run_for(seconds, soak, world, listener):
+async def run_for(seconds, soak, pair, listener):
     server = await asyncio.start_server(soak.serve, sock=listener)
     start = time.monotonic()
-    workers = [asyncio.create_task(soak.work(world.ports["soak"])) for _ in range(SESSIONS)]
+    workers = [asyncio.create_task(soak.work(pair.ports["soak"])) for _ in range(SESSIONS)]
     await asyncio.sleep(min(20, seconds / 2))
-    warm = minute_line(soak, world, start)  # every buffer has grown to its size
+    warm = minute_line(soak, pair, start)  # every buffer has grown to its size
     while (left := start + seconds - time.monotonic()) > 0:
         await asyncio.sleep(min(60, left))
-        rss = minute_line(soak, world, start)
+        rss = minute_line(soak, pair, start)
     soak.ended = True
     await asyncio.gather(*workers)
     server.close()
     return rss - warm
 
 
-def handles(world):
+def handles(pair):
     """Descriptors and threads of the daemon and of the back end."""
-    names = ("the daemon", "the back end")
-    return {f"{what} of {name}": count
-            for name, pid in zip(names, (world.gateway.daemon.pid, world.back_end.pid))
-            for what, count in zip(("descriptors", "threads"), figures(pid)[1:])}
+    pids = {"the daemon": pair.gateway.daemon.pid, "the back end": pair.back_end.pid}
+    return {f"{what} of {name}": getattr(held_by(pid), what)
+            for name, pid in pids.items() for what in ("descriptors", "threads")}
 
 
-def left_over(world, idle):
+def left_over(pair, idle):
     """What has not gone a while after the last session's end."""
     deadline = time.monotonic() + SETTLE_S
     while True:
-        listed = str(world.ask("queryAllSessionInfo"))
+        listed = str(pair.ask("queryAllSessionInfo"))
         faults = [f"{what}: {idle[what]} before, {count} after"
-                  for what, count in handles(world).items() if count != idle[what]]
+                  for what, count in handles(pair).items() if count != idle[what]]
         if '"sessionList":[]' not in listed:
             faults.append(f"sessions left over: {listed}")
         if not faults or time.monotonic() > deadline:
@@ -219,21 +222,21 @@ def main():
     parser.add_argument("minutes", nargs="?", type=float, default=5)
     parser.add_argument("--rate", type=float, default=40, help="MB/s, both ways together")
     options = parser.parse_args()
-    net = Network()
+    cloud = enter_linked_networks()
     with Workspace() as workspace:
         listener = listen(BUFFER)
-        world = World(workspace, net, "soak", {"soak": listener.getsockname()}, level=2)
-        idle = handles(world)
-        soak = Soak(net, options.rate * 1e6)
-        growth = asyncio.run(run_for(options.minutes * 60, soak, world, listener))
-        faults = soak.faults + left_over(world, idle)
+        pair = Pair(workspace, cloud, "soak", {"soak": listener.getsockname()}, level=2)
+        idle = handles(pair)
+        soak = Soak(cloud, options.rate * 1e6)
+        growth = asyncio.run(run_for(options.minutes * 60, soak, pair, listener))
+        faults = soak.faults + left_over(pair, idle)
         if growth > GROWTH_LIMIT_KB:
             faults.append(f"RSS has grown by {growth} kB since the first line")
-        faults += warnings_of(world)[1]
-        faults += [line for line in world.gateway.log_beside("backend").splitlines()
+        faults += warnings_of(pair)[1]
+        faults += [line for line in pair.gateway.log_beside("backend").splitlines()
                    if re.search(r" [WE] ", line) and not EXPECTED_BACK_END.search(line)]
-        gaps = world.feed_gaps()
-        faults += world.close()
+        gaps = pair.feed_gaps()
+        faults += pair.close()
     for fault in faults[:40]:
         print(fault)
     print(f"soak: {soak.done} sessions, {(soak.up + soak.down) / 1e6:.0f} MB checked, watchdog fed "

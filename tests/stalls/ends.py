@@ -2,6 +2,7 @@
 
 A service, and a client that does work, runs as a process of its own: it costs the probes nothing.
 """
+import multiprocessing
 import os
 import signal
 import socket
@@ -9,8 +10,7 @@ import statistics
 import threading
 import time
 
-from harness.pair import fork
-
+fork = multiprocessing.get_context("fork")
 BLOCK = 1 << 16
 PROBE_PAUSE_S = 0.003
 

@@ -10,8 +10,12 @@ import re
 import time
 from dataclasses import dataclass
 
-from ends import End
-from harness.pair import Network, Workspace, World, fork, listen
+from harness.local import listen
+from harness.pair import Pair, enter_linked_networks
+from harness.workspace import Workspace
+
+import speed
+from ends import End, fork
 
 WINDOW = 24     # bytes that tell a place in the stream
 QUIET_S = 6     # no byte for so long: nothing more will come
@@ -159,32 +163,30 @@ def wait_quiet(end, quiet_s, limit_s):
             count, since = end.moved.value, time.monotonic()
 
 
-def carry(workspace, net, stream):
+def carry(workspace, cloud, stream):
     """Carries it and compares its ends."""
     data = random.Random(stream.name).randbytes(stream.size)
     path = workspace.directory / f"{stream.name}.received"
     ends = write_all(data), read_into(path, stream)
     behave_service, behave_client = ends if stream.way == "up" else ends[::-1]
     service = End(behave_service, listen(), is_listener=True)
-    world = World(workspace, net, stream.name, {"stream": ("127.0.0.1", service.port)},
-                  {"gw_remoteaccess_trans_timeout": stream.timeout_ms},
-                  level=1 if stream.way == "up" else 0)
-    net.shape("uplink", stream.uplink)
-    net.shape("downlink", stream.downlink)
-    client = End(behave_client, world.client("stream"))
+    pair = Pair(workspace, cloud, stream.name, {"stream": ("127.0.0.1", service.port)},
+                {"gw_remoteaccess_trans_timeout": stream.timeout_ms},
+                level=1 if stream.way == "up" else 0)
+    speed.limit(cloud, stream.uplink, stream.downlink)
+    client = End(behave_client, pair.client("stream"))
     sender, receiver = (service, client) if stream.way == "up" else (client, service)
     patience_s = QUIET_S + stream.pause_s + stream.timeout_ms / 500  # a message may take so long
     wait_quiet(receiver, patience_s, stream.limit_s)
     # What is under way when the time is over is no loss: the sender stops, the rest drains.
     sender.freeze()
-    net.shape("uplink")
-    net.shape("downlink")
+    speed.limit(cloud)
     wait_quiet(receiver, patience_s, 120)
-    result = compare(data, path.read_bytes(), [line.text for line in world.gateway.log.lines],
+    result = compare(data, path.read_bytes(), [line.text for line in pair.gateway.log.lines],
                      stream.way)
     for end in (service, client):
         end.stop()
-    result.faults += [f"{stream.name}: {fault}" for fault in world.close()]
+    result.faults += [f"{stream.name}: {fault}" for fault in pair.close()]
     path.unlink()
     return result
 
@@ -192,7 +194,7 @@ def carry(workspace, net, stream):
 def carry_alone(stream):
     """In a process of its own, with a network of its own."""
     with Workspace() as workspace:
-        return carry(workspace, Network(), stream)
+        return carry(workspace, enter_linked_networks(), stream)
 
 
 def carry_all(streams, at_once):

@@ -12,32 +12,36 @@ import time
 from dataclasses import dataclass, field
 from typing import Callable
 
+from harness import documents, network
+from harness.cloud import DATA_DOWN, DATA_UP, RESPONSE, VERIFY, BackEnd
+from harness.local import listen
+from harness.pair import CLOUD_ADDRESS, Pair, enter_linked_networks
+from harness.tls import HOST
+from harness.waiting import poll
+from harness.workspace import Workspace
+
 import ends
 import loss
+import speed
 from ends import End, Probe, echo_ping
-from harness.pair import CLOUD_ADDRESS, HOST, Network, Workspace, World, listen, write_section
-
-from harness import network
-from harness.cloud import DATA_DOWN, DATA_UP, RESPONSE, VERIFY, BackEnd
-from harness.waiting import poll
 
 SWITCHED_OFF = ("I", "end the cloud channel.")
 SILENT = network.FILTERED_ADDRESS  # packets to it are swallowed
 
 
 class Bench:
-    """A world with services of every kind, a probe's session, and what a row has begun."""
+    """A pair with services of every kind, a probe's session, and what a row has begun."""
 
-    def __init__(self, workspace, net, row):
-        self.net, self._ends, self.certificates = net, [], workspace.certificates
+    def __init__(self, workspace, cloud, row):
+        self.cloud, self._ends, self.certificates = cloud, [], workspace.certificates
         services = {"filtered": (SILENT, 9), "nameless": ("service.test", 9)}
         for behave in (ends.echo, ends.source, ends.sink, ends.deaf, ends.crawler):
             listener = listen(2304 if behave is ends.crawler else None)
             end = self._keep(End(behave, listener, is_listener=True))
             services[behave.__name__] = ("127.0.0.1", end.port)
         self.services, self._held = services, []
-        self.world = World(workspace, net, row.name, services, row.config, row.files,
-                           back_end=row.back_end)
+        self.pair = Pair(workspace, cloud, row.name, services, row.config, row.files,
+                         back_end=row.back_end)
         self.notes = {}
 
     def _keep(self, end):
@@ -47,7 +51,7 @@ class Bench:
     def client(self, service, behave=None, count=1):
         """Connects to the service, `count` times; the last connection, or what behaves on it."""
         for _ in range(count):
-            end = self.world.client(service)
+            end = self.pair.client(service)
             if behave:
                 end = self._keep(End(behave, end))
             else:
@@ -59,9 +63,8 @@ class Bench:
             end.stop()
         for connection in self._held:
             connection.close()
-        self.net.shape("uplink")
-        self.net.shape("downlink")
-        return self.world.close()
+        speed.limit(self.cloud)
+        return self.pair.close()
 
 
 def settle(seconds):
@@ -89,10 +92,10 @@ def switched(bench):
     for _ in range(5):
         flooding = bench.client("sink", ends.source)
         time.sleep(1.5)
-        times.append(max(0, bench.world.switch(False, SWITCHED_OFF)) * 1000)
+        times.append(max(0, bench.pair.switch(False, SWITCHED_OFF)) * 1000)
         flooding.stop()
-        bench.world.ask("OpenRemoteAccess")
-        bench.world.wait_for_answer(1)
+        bench.pair.ask("OpenRemoteAccess")
+        bench.pair.wait_for_answer(1)
     bench.notes["switch-off 5 times, longest"] = f"{max(times):.0f} ms"
 
 
@@ -111,7 +114,7 @@ def feed(service, seconds):
 
 def slow_uplink(bits_per_s, sessions, seconds):
     def stall(bench):
-        bench.net.shape("uplink", bits_per_s)
+        speed.limit(bench.cloud, uplink=bits_per_s)
         bench.client("source", ends.sink, sessions)
         time.sleep(seconds)
     return stall
@@ -121,7 +124,7 @@ def stopped_back_end(sessions):
     def stall(bench):
         bench.client("source", ends.sink, sessions)
         time.sleep(2)
-        bench.world.back_end.send_signal(signal.SIGSTOP)
+        bench.pair.back_end.send_signal(signal.SIGSTOP)
         time.sleep(8)  # the kernel's buffers fill first
     return stall
 
@@ -129,7 +132,7 @@ def stopped_back_end(sessions):
 def refused(service, count):
     """Clients of a service that cannot be reached; over when the last one has been turned away."""
     def stall(bench):
-        waiting = [bench.world.client(service) for _ in range(count)]
+        waiting = [bench.pair.client(service) for _ in range(count)]
         for connection in waiting:
             try:
                 connection.settimeout(120)
@@ -142,15 +145,15 @@ def refused(service, count):
 
 def opening(bench):
     """Fails for want of a name; the switch-off comes in the middle of an attempt."""
-    log = bench.world.gateway.log
+    log = bench.pair.gateway.log
     log.wait("I", "gw_remoteaccess_ping_period : 80")  # the settings are there
-    bench.world.switch(True, ("I", "start to create cloud channel..."))
+    bench.pair.switch(True, ("I", "start to create cloud channel..."))
     time.sleep(3)
 
 
 def slow_server(bench):
     """Each opening gets as far as it may, as late as it may: TLS after 9.5 s, and then no word."""
-    listener = socket.create_server(("127.0.0.1", bench.world.listen))
+    listener = socket.create_server(("127.0.0.1", bench.pair.listen))
     context, held = bench.certificates.context(), []
 
     def serve():
@@ -166,8 +169,8 @@ def slow_server(bench):
 def thread_queries(count):
     """Asked all at once, each on a connection of its own."""
     def stall(bench):
-        askers = [threading.Thread(target=bench.world.ask, args=("queryRemoteThreadRunState", bus))
-                  for bus in [bench.world.bus() for _ in range(count)]]
+        askers = [threading.Thread(target=bench.pair.ask, args=("queryRemoteThreadRunState", bus))
+                  for bus in [bench.pair.bus() for _ in range(count)]]
         for asker in askers:
             asker.start()
         for asker in askers:
@@ -262,9 +265,9 @@ ROWS = [
 
 def scripted_ping(bench):
     """The probe over a scripted back end."""
-    server = BackEnd(tls=bench.certificates.context(), port=bench.world.listen)
+    server = BackEnd(tls=bench.certificates.context(), port=bench.pair.listen)
     bench.channel = server.channel(seconds=30)
-    bench.world.wait_for_answer(1)
+    bench.pair.wait_for_answer(1)
     session = bench.channel.open(bench.services["echo"][1])
 
     def ping():
@@ -283,25 +286,25 @@ def start_probe(bench, row):
     return probe
 
 
-def measure(workspace, net, row):
+def measure(workspace, cloud, row):
     """The row's cells, and what went wrong."""
     row.files = row.files() if callable(row.files) else row.files
-    bench = Bench(workspace, net, row)
-    world, cells = bench.world, {"echo": None, "off": None}
+    bench = Bench(workspace, cloud, row)
+    pair, cells = bench.pair, {"echo": None, "off": None}
     try:
         probe = start_probe(bench, row)
-        bus = world.bus()
-        bus_probe = Probe(lambda: world.ask("queryRemoteChannelState", bus))
+        bus = pair.bus()
+        bus_probe = Probe(lambda: pair.ask("queryRemoteChannelState", bus))
         row.begin(bench)
         if row.off:  # ends the probe's session, too
-            cells["off"] = max(0, world.switch(False, row.off)) * 1000
+            cells["off"] = max(0, pair.switch(False, row.off)) * 1000
         cells["echo"] = probe and probe.stop()
         cells["bus"] = bus_probe.stop()
-        cells["gaps"] = world.feed_gaps()
+        cells["gaps"] = pair.feed_gaps()
         cells["note"] = ", ".join(f"{key} {value}" for key, value in bench.notes.items())
     finally:
-        if world.back_end:
-            world.back_end.send_signal(signal.SIGCONT)
+        if pair.back_end:
+            pair.back_end.send_signal(signal.SIGCONT)
         faults = bench.close()
     return cells, faults
 
@@ -313,11 +316,11 @@ def in_ms(value):
 def stalls_table(rows=None):
     lines = ["| A stall of | echo p50 | echo longest | bus longest | switch-off | longest feed gap "
              "| beside it |", "|---|--:|--:|--:|--:|--:|---|"]
-    failed, net = [], Network()
+    failed, cloud = [], enter_linked_networks()
     with Workspace() as workspace:
         for row in rows or ROWS:
             try:
-                cells, faults = measure(workspace, net, row)
+                cells, faults = measure(workspace, cloud, row)
             except AssertionError as error:
                 failed.append(f"{row.name}: {error}")
                 continue
@@ -345,18 +348,21 @@ def main():
     parser.add_argument("what", nargs="*", default=[*TABLES],
                         help=f"of {' '.join(TABLES)}; or rows, which are printed only: "
                         + " ".join(row.name for row in ROWS))
+    documents.add_option(parser)
     options = parser.parse_args()
     rows = [row for row in ROWS if row.name in options.what]
     if len(rows) + sum(name in TABLES for name in options.what) != len(options.what):
         parser.error("that is neither a table nor a row")
+    if renewed := [name for name in options.what if name in TABLES and not options.print]:
+        documents.refuse_under_load("limits.md")
     failed = []
     for name in options.what:
         if name in TABLES:
             text = machine()
             lines, faults = TABLES[name]()
             failed += faults
-            if not faults:
-                write_section(name, "\n".join([text, "", *lines, ""]))
+            if name in renewed and not faults:
+                documents.replace_section("limits.md", name, "\n".join([text, "", *lines]))
             print("\n".join(lines), flush=True)
     if rows:
         failed += stalls_table(rows)[1]

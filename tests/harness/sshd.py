@@ -1,0 +1,33 @@
+"""An ssh server for an ordinary user in a sandbox: no privilege is needed, whoever starts it."""
+import subprocess
+
+_CONFIG = """HostKey {home}/host_key
+AuthorizedKeysFile {home}/login_key.pub
+PidFile none
+StrictModes no
+UsePAM no
+Subsystem sftp internal-sftp
+"""
+_OPTIONS = ("StrictHostKeyChecking=no", "UserKnownHostsFile=/dev/null", "BatchMode=yes")
+
+
+def start_sshd(processes, home, port):
+    (home / "etc").mkdir()
+    (home / "etc/passwd").write_text(f"operator:x:1000:1000::{home}:/bin/sh\n")
+    (home / "sshd_config").write_text(_CONFIG.format(home=home))
+    for key in ("host_key", "login_key"):
+        subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", home / key],
+                       check=True)
+    processes.start(
+        "sshd", "bwrap", "--die-with-parent", "--unshare-user", "--uid", 1000, "--gid", 1000,
+        "--unshare-pid", "--ro-bind", "/usr", "/usr", "--symlink", "usr/bin", "/bin", "--symlink",
+        "usr/lib", "/lib", "--symlink", "usr/lib64", "/lib64", "--proc", "/proc", "--dev", "/dev",
+        "--ro-bind", home / "etc", "/etc", "--bind", home, home,
+        "/usr/sbin/sshd", "-D", "-e", "-f", home / "sshd_config", "-p", port)
+    processes.wait_for_line("sshd", "Server listening")
+
+
+def login(program, home, *arguments):
+    """The command that logs in, or copies, with the user's key."""
+    return [program, "-F", "/dev/null", "-i", str(home / "login_key"),
+            *[part for option in _OPTIONS for part in ("-o", option)], *map(str, arguments)]

@@ -194,7 +194,7 @@ int serve_config(const std::string &bus_address, CONFIG_STORE_T &store, CONFIG_S
 {
     const char *step = "reaching the bus";
     try {
-        const auto bus = sdbus::createSessionBusConnectionWithAddress(bus_address);
+        const auto bus = connect_bus(bus_address);
         CONFIG_SERVICE_T service{store, subscribers, *bus, {}, {}, 0};
         recall_subscriptions(service);
         const auto object = offer_methods(service);

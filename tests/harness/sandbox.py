@@ -45,6 +45,7 @@ FILES = {
     f"{CONFIG_DIR}/logger.conf": "level=0\n",
     f"{INSTALLED}/SPECIFICATION": "gateway standard\n",
     f"{INSTALLED}/VERSION": "1.2.3\n"}
+os.umask(0o022)  # whose folders others may change gets no secret
 _LINE = re.compile(r"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3})Z ([DIWE]) remote_access_daemon "
                    r"[\w/.-]+\.(?:cpp|h):\d+ \w+: (.*)")
 
@@ -208,10 +209,10 @@ class Gateway:
     def log_beside(self, name):
         return (self.root / f"{name}.log").read_text(errors="replace")
 
-    def start_bus(self):
+    def start_bus(self, configuration="devgateway/bus/mbusd.conf", wrapper=()):
         (self.root / SOCKET).unlink(missing_ok=True)
-        self.spawn_beside("bus", "dbus-daemon", "--nofork", "--nopidfile", "--address",
-                           self.address, "--config-file", REPOSITORY / "devgateway/bus/mbusd.conf")
+        self.spawn_beside("bus", *wrapper, "dbus-daemon", "--nofork", "--nopidfile", "--address",
+                           self.address, "--config-file", REPOSITORY / configuration)
 
     def start_manager(self):
         self.wait_for_name("org.freedesktop.DBus")

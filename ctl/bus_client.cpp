@@ -2,6 +2,7 @@
 
 #include "common/bus_names.h"
 #include "ctl/output.h"
+#include "utility/bus_address.h"
 #include "utility/monotonic_clock.h"
 
 #include <algorithm>
@@ -71,15 +72,18 @@ bool registerConnection(const BUS_CLIENT_T &bus, DBusError *error)
 
 bool connectBus(BUS_CLIENT_T &bus)
 {
-    BusError error;
-    bus.conn.reset(dbus_connection_open_private(bus.address.c_str(), error));
-    if (bus.conn) {
-        dbus_connection_set_exit_on_disconnect(bus.conn.get(), 0);
-        if (!registerConnection(bus, error)) bus.conn.reset();
+    bus.conn.reset();
+    std::string reason = bus_address_fault(bus.address);
+    if (reason.empty()) {
+        BusError error;
+        bus.conn.reset(dbus_connection_open_private(bus.address.c_str(), error));
+        if (bus.conn) {
+            dbus_connection_set_exit_on_disconnect(bus.conn.get(), 0);
+            if (!registerConnection(bus, error)) bus.conn.reset();
+        }
+        reason = dbus_error_is_set(error) != 0 ? error.message() : "it does not answer";
     }
-    if (!bus.conn)
-        bus.fault = "no bus at " + bus.address + ": " +
-                    (dbus_error_is_set(error) != 0 ? error.message() : "it does not answer");
+    if (!bus.conn) bus.fault = "no bus at " + bus.address + ": " + reason;
     return bus.conn != nullptr;
 }
 

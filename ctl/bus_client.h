@@ -19,6 +19,7 @@ struct BUS_CLIENT_T {
     std::string fault;
 };
 
+// Fails also for a bus that may be another account's (utility/bus_address.h).
 [[nodiscard]] bool connectBus(BUS_CLIENT_T &bus);
 
 // The process that owns the daemon's name; none when nobody does.

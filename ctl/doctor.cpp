@@ -58,6 +58,18 @@ void print(const FINDING_T &finding)
     if (!finding.advice.empty()) std::printf("%-4s  %-8s  -> %s\n", "", "", finding.advice.c_str());
 }
 
+// A daemon that was refused its name does not ask for it again while the bus lives.
+void addMissingDaemon(EXAMINATION_T &exam)
+{
+    const std::string nobody = "nobody owns " + std::string(BUS_NAME);
+    if (isLockHeld())
+        return addFinding(exam, VERDICT::FAIL, "daemon", nobody + ", but a daemon runs",
+                          "restart remote_access_daemon, once the bus's rules let its account own "
+                          "that name");
+    addFinding(exam, VERDICT::FAIL, "daemon", nobody,
+               "start remote_access_daemon; its log says why it ended");
+}
+
 constexpr auto CHECKS = std::to_array<void (*)(EXAMINATION_T &)>({
     checkBus,
     checkSettings,
@@ -84,14 +96,12 @@ void checkBus(EXAMINATION_T &exam)
     if (!connectBus(bus)) {
         return addFinding(
             exam, VERDICT::FAIL, "bus", bus.fault,
-            "start the bus daemon; run this as root or as a member of the group gateway");
+            "start the bus daemon; run this as root or as a member of the group gateway. A folder "
+            "of another account: stop the bus, delete it and run systemd-tmpfiles --create");
     }
     addFinding(exam, VERDICT::OK, "bus", bus.address + " answers");
     exam.daemon = daemonProcess(bus);
-    if (!exam.daemon) {
-        return addFinding(exam, VERDICT::FAIL, "daemon", "nobody owns " + std::string(BUS_NAME),
-                          "start remote_access_daemon; its log says why it ended");
-    }
+    if (!exam.daemon) return addMissingDaemon(exam);
     const JsonPtr state = callForData(bus, "queryRemoteChannelState");
     const std::string process = "process " + std::to_string(*exam.daemon);
     if (!state)

@@ -42,6 +42,8 @@ void addFinding(EXAMINATION_T &exam, VERDICT verdict, const char *topic, std::st
 void checkBus(EXAMINATION_T &exam);
 void checkSettings(EXAMINATION_T &exam);
 void checkServices(EXAMINATION_T &exam);
+// Whether a daemon runs on this machine, on the bus or not: it holds the lock file.
+bool isLockHeld();
 // The machine: clock, account database, lock file.
 void checkClock(EXAMINATION_T &exam);
 void checkShadow(EXAMINATION_T &exam);

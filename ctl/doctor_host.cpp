@@ -72,7 +72,27 @@ bool mayRead(const ACCOUNT_T &account, const struct stat &file)
     return (file.st_mode & S_IROTH) != 0;
 }
 
+UniqueFd openLockFile()
+{
+    return UniqueFd{::open(PID_FILE, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)};
+}
+
+// The process that holds the lock of an open file; 0 for one that has no number here.
+std::optional<long> holderOf(int fd)
+{
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    if (::fcntl(fd, F_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) return std::nullopt;
+    return lock.l_pid;
+}
+
 } // namespace
+
+bool isLockHeld()
+{
+    return holderOf(openLockFile().get()).has_value();
+}
 
 void checkClock(EXAMINATION_T &exam)
 {
@@ -113,7 +133,7 @@ void checkShadow(EXAMINATION_T &exam)
 void checkLockFile(EXAMINATION_T &exam)
 {
     const char *const advice = "stop the daemon, delete the file and start the daemon";
-    const UniqueFd file{::open(PID_FILE, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)};
+    const UniqueFd file = openLockFile();
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0) {
         return addFinding(exam, exam.daemon ? VERDICT::FAIL : VERDICT::WARN, "lock",
@@ -124,17 +144,14 @@ void checkLockFile(EXAMINATION_T &exam)
     if (!S_ISREG(status.st_mode) || status.st_nlink != 1)
         return addFinding(exam, VERDICT::FAIL, "lock", std::string(PID_FILE) + " is no plain file",
                           advice);
-    struct flock lock {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    if (::fcntl(file.get(), F_GETLK, &lock) != 0 || lock.l_type == F_UNLCK)
+    const auto holder = holderOf(file.get());
+    if (!holder)
         return addFinding(exam, exam.daemon ? VERDICT::FAIL : VERDICT::OK, "lock",
                           std::string(PID_FILE) + " is free",
                           exam.daemon ? "the file was replaced: restart the daemon" : "");
-    if (exam.daemon && isDaemonHere(*exam.daemon) && lock.l_pid != *exam.daemon)
+    if (exam.daemon && isDaemonHere(*exam.daemon) && *holder != *exam.daemon)
         return addFinding(exam, VERDICT::FAIL, "lock",
-                          std::string(PID_FILE) + " is held by process " +
-                              std::to_string(lock.l_pid),
+                          std::string(PID_FILE) + " is held by process " + std::to_string(*holder),
                           "end that process");
     addFinding(exam, VERDICT::OK, "lock", std::string(PID_FILE) + " is held");
 }

@@ -1,6 +1,7 @@
 #include "devgateway/module.h"
 
 #include "common/log.h"
+#include "utility/bus_address.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -11,6 +12,7 @@
 #include <getopt.h>
 #include <poll.h>
 #include <sdbus-c++/sdbus-c++.h>
+#include <stdexcept>
 #include <sys/signalfd.h>
 #include <vector>
 
@@ -83,6 +85,14 @@ bool is_module_name(std::string_view name) noexcept
         before = c;
     }
     return before != '.';
+}
+
+std::unique_ptr<sdbus::IConnection> connect_bus(const std::string &address)
+{
+    if (const std::string fault = bus_address_fault(address); !fault.empty()) {
+        throw std::runtime_error(fault);
+    }
+    return sdbus::createSessionBusConnectionWithAddress(address);
 }
 
 bool wait_for_work(sdbus::IConnection &bus, int stop_fd, int timeout_ms, pollfd *own)

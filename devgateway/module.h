@@ -6,7 +6,9 @@
 // Threads  one for each module.
 #pragma once
 
+#include <memory>
 #include <span>
+#include <string>
 #include <string_view>
 
 struct pollfd;
@@ -38,6 +40,10 @@ struct MODULE_OPTION_T {
 // Whether a text is a bus name of letters, digits and '_' in two or more elements, so that a path
 // and an interface can be made from it (iot.gateway.x: /iot/gateway/x, iot.gateway.x).
 bool is_module_name(std::string_view name) noexcept;
+
+// Connects to the bus at this address, unless it may be another account's (utility/bus_address.h):
+// the modules hand out the device's secret and take orders there. Throws what std::exception covers.
+[[nodiscard]] std::unique_ptr<sdbus::IConnection> connect_bus(const std::string &address);
 
 // Waits at most timeout_ms (-1: without limit) for the bus, for stop_fd and for *own, and hands
 // what the bus brought to its handlers. What came in until then has all been handled when it

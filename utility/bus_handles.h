@@ -15,15 +15,16 @@ inline void close_private_connection(DBusConnection *conn) noexcept
 }
 using DBusConnectionPtr = std::unique_ptr<DBusConnection, Releaser<close_private_connection>>;
 
-// What others on the bus can make this process hold: the longest message that the bus passes at all
-// (a longer one would end the connection), and hardly any descriptors. Beyond it nothing is read
-// until what is there has been dealt with.
+// What others on the bus can make this process hold: one message, whose length the bus itself
+// limits (a lower bound here would end the connection with the first message above it), what has
+// come before it, and hardly any descriptors. Beyond it nothing is read until what is there has
+// been dealt with.
 inline void bound_bus_input(DBusConnection *conn) noexcept
 {
-    constexpr long LONGEST_MESSAGE = 4L * 1024 * 1024;
+    constexpr long UNREAD_MESSAGES = 4L * 1024 * 1024;
     constexpr long DESCRIPTORS = 16;
-    dbus_connection_set_max_message_size(conn, LONGEST_MESSAGE);
-    dbus_connection_set_max_received_size(conn, LONGEST_MESSAGE);
+    dbus_connection_set_max_message_size(conn, DBUS_MAXIMUM_MESSAGE_LENGTH);
+    dbus_connection_set_max_received_size(conn, UNREAD_MESSAGES);
     dbus_connection_set_max_received_unix_fds(conn, DESCRIPTORS);
 }
 

@@ -4,7 +4,9 @@
 #include "devgateway/module.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
+#include <map>
 #include <sdbus-c++/sdbus-c++.h>
 #include <set>
 #include <tuple>
@@ -15,6 +17,10 @@ namespace {
 constexpr char SERVICE_NAME[] = "iot.gateway.config_manager"; // the interface's, too
 constexpr char SERVICE_PATH[] = "/iot/gateway/config_manager";
 constexpr char NOTICE_METHOD[] = "notify_config";
+// A module that stands still must not make the manager keep more and more of its notices. The two
+// together stay below what the bus keeps of unanswered calls (1024, for 60 s).
+constexpr int UNANSWERED_MAX = 64;
+constexpr std::chrono::seconds NOTICE_TIMEOUT{10};
 
 enum ANSWER : std::int32_t {
     ANSWER_DONE = 0,
@@ -28,7 +34,9 @@ struct CONFIG_SERVICE_T {
     CONFIG_STORE_T &store;
     CONFIG_STORE_T &subscribers; // the same as below, for the next start
     sdbus::IConnection &bus;
-    std::set<std::pair<std::string, std::string>> subscriptions; // key, module
+    std::set<std::pair<std::string, std::string>> subscriptions;   // key, module
+    std::map<std::string, std::unique_ptr<sdbus::IProxy>> modules; // that were told of something
+    int unanswered;                                                // notices
 };
 
 // What an earlier run left; the file can be edited by hand, and the bus takes nothing but a name.
@@ -57,16 +65,35 @@ void keep_subscriptions(CONFIG_SERVICE_T &service, const std::string &key)
     (void)set_config_value(service.subscribers, key, names);
 }
 
-void notify(sdbus::IConnection &bus, const std::string &module, const std::string &key,
+sdbus::IProxy &module_named(CONFIG_SERVICE_T &service, const std::string &name)
+{
+    std::unique_ptr<sdbus::IProxy> &proxy = service.modules[name];
+    if (!proxy) {
+        std::string path = "/" + name;
+        std::replace(path.begin(), path.end(), '.', '/');
+        proxy = sdbus::createProxy(service.bus, name, path);
+    }
+    return *proxy;
+}
+
+// The answer tells nothing, but modules send one whether it is wanted or not, and a strict bus
+// refuses the one that is not: the module would log that as a fault.
+void notify(CONFIG_SERVICE_T &service, const std::string &name, const std::string &key,
             const std::string &value)
 {
-    std::string path = "/" + module;
-    std::replace(path.begin(), path.end(), '.', '/');
-    const auto peer = sdbus::createProxy(bus, module, path);
-    auto notice = peer->createMethodCall(module, NOTICE_METHOD);
+    sdbus::IProxy &module = module_named(service, name);
+    auto notice = module.createMethodCall(name, NOTICE_METHOD);
     notice << key << value;
-    notice.dontExpectReply();
-    peer->callMethod(notice);
+    if (service.unanswered >= UNANSWERED_MAX) {
+        notice.dontExpectReply();
+        module.callMethod(notice);
+        return;
+    }
+    const auto answered = [&service](sdbus::MethodReply &, const sdbus::Error *) {
+        --service.unanswered; // or its time is over
+    };
+    module.callMethod(notice, answered, NOTICE_TIMEOUT);
+    ++service.unanswered;
 }
 
 void notify_subscribers(CONFIG_SERVICE_T &service, const std::string &key, const std::string &value)
@@ -75,7 +102,7 @@ void notify_subscribers(CONFIG_SERVICE_T &service, const std::string &key, const
     auto row = service.subscriptions.lower_bound({key, {}});
     for (; row != service.subscriptions.end() && row->first == key; ++row) {
         try {
-            notify(service.bus, row->second, key, value);
+            notify(service, row->second, key, value);
             ++told;
         } catch (const sdbus::Error &error) {
             // The value is stored all the same, and so is the answer to whoever set it.
@@ -167,8 +194,8 @@ int serve_config(const std::string &bus_address, CONFIG_STORE_T &store, CONFIG_S
 {
     const char *step = "reaching the bus";
     try {
-        const auto bus = sdbus::createSessionBusConnectionWithAddress(bus_address);
-        CONFIG_SERVICE_T service{store, subscribers, *bus, {}};
+        const auto bus = connect_bus(bus_address);
+        CONFIG_SERVICE_T service{store, subscribers, *bus, {}, {}, 0};
         recall_subscriptions(service);
         const auto object = offer_methods(service);
         step = "taking the name";

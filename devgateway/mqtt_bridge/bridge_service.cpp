@@ -293,7 +293,7 @@ int serve_bridge(const char *bus_address, BROKER_LINK_T &link, int stop_fd)
 {
     const char *step = "reaching the bus";
     try {
-        const auto bus = sdbus::createSessionBusConnectionWithAddress(bus_address);
+        const auto bus = connect_bus(bus_address);
         BRIDGE_T bridge{link, {}, {}, {}};
         bridge.object = offer_methods(bridge, *bus);
         open_broker(link, now_ms());

@@ -90,7 +90,7 @@ int serve_watchdog(const char *bus_address, int stop_fd)
     const char *step = "reaching the bus";
     try {
         LAPSE_TABLE_T table;
-        const auto bus = sdbus::createSessionBusConnectionWithAddress(bus_address);
+        const auto bus = connect_bus(bus_address);
         const auto feeds = bus->addMatch(
             FEED_MATCH, [&table](sdbus::Message &feed) { receive_feed(table, feed); });
         step = "taking the name";

@@ -3,6 +3,7 @@
 # ordinary users alike. Many run side by side; nothing outside their directory is written, and they
 # end with who started them.
 
+umask 022 # a bus in folders that others may change is not used
 readonly SANDBOX_ID=1000 # whoever starts it is the user "gateway" inside
 
 # sandbox_create DIR: makes what the inside sees of DIR: tmp, brimlock, home and etc.

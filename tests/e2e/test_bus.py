@@ -31,7 +31,7 @@ def gateways(launch, back_ends):
     return launch(**{
         "main": {**ports["main"], "watched": True}, "no-bus": {**ports["no-bus"], "bus": False},
         "no-secret": {**ports["no-secret"], "config": {"gw_system_devicesecret": None}},
-        "no-manager": {"manager": False}, "defaults": {"config": UNSET}})
+        "stock": {"bus": False}, "no-manager": {"manager": False}, "defaults": {"config": UNSET}})
 
 
 def test_values_are_logged_in_their_order(gateways, back_ends):
@@ -100,6 +100,15 @@ def test_bus_that_comes_late(gateways, back_ends):
     gateway.start_manager()
     gateway.wait_for_name(NAME)
     back_ends["no-bus"].channel(seconds=RETRY + 10)
+
+
+def test_the_longest_message_of_a_stock_bus_is_answered(gateways):
+    gateway = gateways["stock"]
+    gateway.start_bus("/usr/share/dbus-1/session.conf")
+    gateway.wait_for_name(NAME)
+    peer = Peer(gateway.address)
+    for _ in range(2):
+        assert "state" in peer.call(NAME, "queryRemoteChannelState", "s", "x" * (31 << 20))
 
 
 def test_missing_secret_is_asked_for_again(gateways, back_ends):

@@ -1,11 +1,13 @@
 """The strict bus configuration on a real bus, met by several accounts."""
 import os
 import pathlib
+import subprocess
+import tempfile
 
 import pytest
 
 from harness.private_bus import ACCESS_DENIED, DRIVER, Peer, Processes
-from harness.sandbox import BIN, MANAGER, NAME
+from harness.sandbox import BIN, FILES, MANAGER, NAME, SECRET
 from harness.waiting import poll
 
 BRIDGE, WATCHDOG, KEY = "iot.bridge.mqtt", "iot.gateway.watchdog", "gw_remoteaccess_debug_switch"
@@ -79,6 +81,22 @@ def test_only_permitted_accounts_call(bus, name, permitted):
         assert denied == set(ACCOUNTS) - permitted, to
 
 
+def test_the_daemon_s_account_reads_settings_and_sets_none(bus):
+    unique = peer("root").call(DRIVER, "GetNameOwner", "s", MANAGER)
+    for to in (MANAGER, unique):
+        assert bus.daemon.call(MANAGER, "get", "s", "none", to=to) == (1, "")
+        for member, interface in (("set", MANAGER), ("set", None), ("get", None), ("get", "a.b"),
+                                  ("Get", f"{DRIVER}.Properties")):
+            assert bus.daemon.call(MANAGER, member, "ss", KEY, "forged", to=to,
+                                   interface=interface) == ACCESS_DENIED, (member, interface)
+
+
+def test_only_root_sees_the_traffic_of_others(bus):
+    for interface in (f"{DRIVER}.Debug.Stats", None):
+        assert {account for account in ACCOUNTS if peer(account).call(
+            DRIVER, "GetStats", interface=interface) != ACCESS_DENIED} == {"root"}
+
+
 def test_only_the_bridge_delivers_signals(bus):
     unique = peer("root").call(DRIVER, "GetNameOwner", "s", NAME)
     bus.daemon.received.clear()
@@ -107,3 +125,48 @@ def test_the_daemon_is_told_of_changes_after_either_end_was_away(bus):
         bus.daemon.bus.close()
         bus.start_manager()
         bus.daemon = peer("remote-access", NAME)
+
+
+def test_a_changed_setting_leaves_no_warning(launch):
+    """The daemon itself; on this bus its account is root's second name."""
+    config = {"gw_system_cloud_long_connection": 1}  # closed
+    gateway = launch(strict={"bus": False, "config": config, "files": {
+        "etc/passwd": FILES["etc/passwd"] + "remote-access:x:0:0::/:\n"}})["strict"]
+    gateway.start_bus("packaging/dbus/mbusd.conf", [
+        "bwrap", "--die-with-parent", "--ro-bind", "/", "/", "--dev", "/dev",
+        "--bind", gateway.root, gateway.root, "--ro-bind", gateway.root / "etc", "/etc"])
+    gateway.start_manager()
+    gateway.wait_for_name(NAME)
+    poll(lambda: f"{NAME} is now told of {KEY}" in gateway.log_beside("manager"), 15,
+         "the subscription")
+    for count in range(1, 80):  # more than the manager waits for at a time
+        setting = f"string:{KEY}", f"string:{count % 2}"
+        assert gateway.call(MANAGER, f"{MANAGER}.set", *setting) == (0, "int32 0")
+        gateway.log.wait("I", "receive method call :notify_config,from message bus.", count=count)
+    assert not gateway.log.find("W", "remote access daemon receive error message!")
+
+
+def test_a_bus_in_a_stranger_s_folder_gets_nothing():
+    with tempfile.TemporaryDirectory(prefix="ra-strange-", dir="/tmp") as top:
+        os.chmod(top, 0o1777)
+        folder, settings = pathlib.Path(top, "var/run/mbusd"), pathlib.Path(top, "settings")
+        settings.write_text(f"gw_system_devicesecret={SECRET}\n")
+        stranger = ["setpriv", "--reuid=daemon", "--regid=daemon", "--clear-groups"]
+        subprocess.run([*stranger, "mkdir", "-p", folder], check=True)
+        address = f"unix:path={folder}/mbusd_socket"
+        bus = subprocess.Popen([*stranger, "dbus-daemon", "--session", "--nofork", "--nopidfile",
+                                f"--address={address}"])
+        try:
+            poll((folder / "mbusd_socket").exists, 5, "the stranger's bus")
+            for program, arguments, status in (
+                    ("gateway_config_manager", ("--file", settings), 1),
+                    ("gateway_mqtt_bridge", ("--host", "127.0.0.1", "--port", "1"), 1),
+                    ("gateway_watchdog", (), 1), ("remote-access-ctl", ("status",), 3)):
+                done = subprocess.run([BIN / program, "--bus", address, *arguments], timeout=10,
+                                      capture_output=True, text=True, check=False)
+                said = done.stdout + done.stderr
+                assert done.returncode == status, (program, said)
+                assert f"{top}/var belongs to uid 1," in said, (program, said)
+        finally:
+            bus.kill()
+            bus.wait()

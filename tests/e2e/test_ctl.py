@@ -96,3 +96,11 @@ def test_without_a_daemon_and_with_wrong_arguments(launch):
             ("wait", "--connected", "--timeout", "soon"): 2, ("--help",): 0}.items():
         done, text = ctl(gateway, *command)
         assert (done, bool(text)) == (status, True), (command, text)
+
+
+def test_doctor_knows_a_daemon_that_was_refused_its_name(launch):
+    gateway = launch(refused={"bus": False})["refused"]
+    gateway.start_bus("packaging/dbus/mbusd.conf")  # whose rules give root another part
+    gateway.log.wait("W", "request well-known-name is error!")
+    status, text = ctl(gateway, "doctor")
+    assert status == 1 and "but a daemon runs" in text and "-> restart remote_access_daemon" in text

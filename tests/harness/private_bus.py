@@ -51,11 +51,12 @@ class Peer:
             bus.send_message(answer)
         return dbus.lowlevel.HANDLER_RESULT_NOT_YET_HANDLED
 
-    def begin(self, name, member, signature="", *arguments, to=None, seconds=5):
+    def begin(self, name, member, signature="", *arguments, to=None, interface=..., seconds=5):
         """Calls; the answer, or the error's name, will be the only item of the list returned."""
         answers = []
         self.bus.call_async(
-            to or name, "/" + name.replace(".", "/"), name, member, signature, arguments,
+            to or name, "/" + name.replace(".", "/"), name if interface is ... else interface,
+            member, signature, arguments,
             lambda *answer: answers.append(answer[0] if len(answer) == 1 else answer),
             lambda error: answers.append(error.get_dbus_name()), timeout=seconds * SCALE)
         return answers

@@ -47,6 +47,7 @@ FILES = {
     "etc/nsswitch.conf": "passwd: files\nshadow: files\nhosts: files dns\n",
     f"{INSTALLED}/SPECIFICATION": "gateway standard\n",
     f"{INSTALLED}/VERSION": "1.2.3\n"}
+os.umask(0o022)  # whose folders others may change gets no secret
 _LINE = re.compile(r"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3})Z ([DIWE]) remote_access_daemon "
                    r"[\w/.-]+\.(?:cpp|h):\d+ \w+: (.*)")
 
@@ -215,10 +216,10 @@ class Gateway:
     def log_beside(self, name):
         return self.beside.log(name)
 
-    def start_bus(self):
+    def start_bus(self, configuration="devgateway/bus/mbusd.conf", wrapper=()):
         (self.root / SOCKET).unlink(missing_ok=True)
-        self.spawn_beside("bus", "dbus-daemon", "--nofork", "--nopidfile", "--address",
-                           self.address, "--config-file", REPOSITORY / "devgateway/bus/mbusd.conf")
+        self.spawn_beside("bus", *wrapper, "dbus-daemon", "--nofork", "--nopidfile", "--address",
+                           self.address, "--config-file", REPOSITORY / configuration)
 
     def start_manager(self):
         self.wait_for_name("org.freedesktop.DBus")

@@ -53,41 +53,48 @@ CONFIG_VALUE_T readValue(DBusConnection *conn, const char *key)
     return {std::move(owned), result};
 }
 
-// Reads and logs a text, and stores what the field keeps of it. Returns 0, or -1 and the manager's
-// result.
+void logValue(const char *key, const char *value)
+{
+    RA_INFO_FOR(READ_CONFIG, "%s : %s", key, value);
+}
+
+// Reads and logs a text and stores what the field keeps of it. Returns the manager's result.
 template <std::size_t N>
-int readText(DBusConnection *conn, const char *key, char (&field)[N], std::size_t keep, int *result)
+int readText(DBusConnection *conn, const char *key, char (&field)[N], std::size_t keep)
 {
     copy_text(field, "");
     const CONFIG_VALUE_T value = readValue(conn, key);
-    *result = value.result;
-    if (!value) return -1;
-    RA_INFO_FOR(READ_CONFIG, "%s : %s", key, value.text.get());
+    if (!value) return value.result;
+    logValue(key, value.text.get());
     copy_text(field, value.text.get(), keep);
-    return 0;
+    return CONFIG_OK;
 }
 
-int readNumber(DBusConnection *conn, const char *key, std::int32_t *number, int *result)
+// The same for an optional text; log_missing(result) logs that there is none.
+template <std::size_t N, class LogMissing>
+void readTextOr(const char *fallback, DBusConnection *conn, const char *key, char (&field)[N],
+                std::size_t keep, LogMissing log_missing)
 {
-    const CONFIG_VALUE_T value = readValue(conn, key);
-    *result = value.result;
-    if (!value) return -1;
-    RA_INFO_FOR(READ_CONFIG, "%s : %s", key, value.text.get());
-    *number = parse_int32(std::string_view{value.text.get()}.substr(0, KEEP_NUMBER));
-    return 0;
-}
-
-template <std::size_t N>
-void useDefaultText(const char *key, const char *fallback, char (&field)[N])
-{
-    RA_INFO_FOR(READ_CONFIG, "%s : %s", key, fallback);
+    const int result = readText(conn, key, field, keep);
+    if (result == CONFIG_OK) return;
+    log_missing(result);
+    logValue(key, fallback);
     copy_text(field, fallback);
 }
 
-std::int32_t useDefaultNumber(const char *key, std::int32_t fallback)
+// An optional number.
+template <class LogMissing>
+std::int32_t readNumberOr(std::int32_t fallback, DBusConnection *conn, const char *key,
+                          LogMissing log_missing)
 {
-    RA_INFO_FOR(READ_CONFIG, "%s : %d", key, fallback);
-    return fallback;
+    const CONFIG_VALUE_T value = readValue(conn, key);
+    if (!value) {
+        log_missing(value.result);
+        RA_INFO_FOR(READ_CONFIG, "%s : %d", key, fallback);
+        return fallback;
+    }
+    logValue(key, value.text.get());
+    return parse_int32(std::string_view{value.text.get()}.substr(0, KEEP_NUMBER));
 }
 
 void buildCloudTopics(REMOTE_ACCESS_CONFIG_T *config)
@@ -117,12 +124,13 @@ int readSecret(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
 // The identity is mandatory: without it the back end could not tell who calls.
 int readIdentity(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
 {
-    int result = 0;
-    if (readText(conn, KEY_PRODUCT_KEY, config->product_key, KEEP_IDENTITY, &result) != 0) {
+    int result = readText(conn, KEY_PRODUCT_KEY, config->product_key, KEEP_IDENTITY);
+    if (result != CONFIG_OK) {
         RA_WARN_FOR(READ_CONFIG, "can not get PK, result:%d", result);
         return -1;
     }
-    if (readText(conn, KEY_DEVICE_NAME, config->device_name, KEEP_IDENTITY, &result) != 0) {
+    result = readText(conn, KEY_DEVICE_NAME, config->device_name, KEEP_IDENTITY);
+    if (result != CONFIG_OK) {
         RA_WARN_FOR(READ_CONFIG, "can not get DN, result:%d", result);
         return -1;
     }
@@ -130,47 +138,45 @@ int readIdentity(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
     return readSecret(config, conn);
 }
 
-int readEndpoint(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
+int readCertPath(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
 {
-    int result = 0;
-    if (readText(conn, KEY_CERT_PATH, config->cert_path, KEEP_PATH, &result) != 0) {
-        RA_INFO_FOR(READ_CONFIG, "can not get cert path,using default value, result:%d", result);
-        if (writeDefaultCert(DEFAULT_CERT_PATH) != 0) {
-            RA_WARN_FOR(READ_CONFIG, "can not write root cert path");
-            return -1;
-        }
-        useDefaultText(KEY_CERT_PATH, DEFAULT_CERT_PATH, config->cert_path);
+    const int result = readText(conn, KEY_CERT_PATH, config->cert_path, KEEP_PATH);
+    if (result == CONFIG_OK) return 0;
+    RA_INFO_FOR(READ_CONFIG, "can not get cert path,using default value, result:%d", result);
+    if (writeDefaultCert(DEFAULT_CERT_PATH) != 0) {
+        RA_WARN_FOR(READ_CONFIG, "can not write root cert path");
+        return -1;
     }
-    if (readText(conn, KEY_CLOUD_HOST, config->cloud_host, KEEP_HOST, &result) != 0) {
-        RA_INFO_FOR(READ_CONFIG, "can not get host, using default value, result:%d", result);
-        useDefaultText(KEY_CLOUD_HOST, DEFAULT_HOST, config->cloud_host);
-    }
-    if (readText(conn, KEY_CLOUD_PORT, config->cloud_port, KEEP_PORT, &result) != 0) {
-        RA_INFO_FOR(READ_CONFIG, "can not get port, using default value, result:%d", result);
-        useDefaultText(KEY_CLOUD_PORT, DEFAULT_PORT, config->cloud_port);
-    }
+    logValue(KEY_CERT_PATH, DEFAULT_CERT_PATH);
+    copy_text(config->cert_path, DEFAULT_CERT_PATH);
     return 0;
+}
+
+void readEndpoint(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
+{
+    readTextOr(DEFAULT_HOST, conn, KEY_CLOUD_HOST, config->cloud_host, KEEP_HOST, [](int result) {
+        RA_INFO_FOR(READ_CONFIG, "can not get host, using default value, result:%d", result);
+    });
+    readTextOr(DEFAULT_PORT, conn, KEY_CLOUD_PORT, config->cloud_port, KEEP_PORT, [](int result) {
+        RA_INFO_FOR(READ_CONFIG, "can not get port, using default value, result:%d", result);
+    });
 }
 
 void readChannelTunables(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
 {
-    int result = 0;
-    if (readNumber(conn, KEY_TLS_TYPE, &config->tls_type, &result) != 0) {
+    config->tls_type = readNumberOr(DEFAULT_TLS_TYPE, conn, KEY_TLS_TYPE, [](int result) {
         RA_INFO_FOR(READ_CONFIG, "can not get tls type,using default value, result:%d", result);
-        config->tls_type = useDefaultNumber(KEY_TLS_TYPE, DEFAULT_TLS_TYPE);
-    }
-    std::int32_t number = 0;
-    if (readNumber(conn, KEY_DEBUG_SWITCH, &number, &result) != 0) {
-        RA_INFO_FOR(READ_CONFIG, "can not get debug switch,using default value, result:%d", result);
-        number = useDefaultNumber(KEY_DEBUG_SWITCH, DEFAULT_DEBUG_SWITCH);
-    }
-    config->debug_switch.store(number, std::memory_order_relaxed);
-    if (readNumber(conn, KEY_TRANS_TIMEOUT, &number, &result) != 0) {
-        RA_INFO_FOR(READ_CONFIG, "can not get trans timeout,using default value, result:%d",
-                    result);
-        number = useDefaultNumber(KEY_TRANS_TIMEOUT, DEFAULT_TRANS_TIMEOUT_MS);
-    }
-    config->trans_timeout.store(number, std::memory_order_relaxed);
+    });
+    config->debug_switch =
+        readNumberOr(DEFAULT_DEBUG_SWITCH, conn, KEY_DEBUG_SWITCH, [](int result) {
+            RA_INFO_FOR(READ_CONFIG, "can not get debug switch,using default value, result:%d",
+                        result);
+        });
+    config->trans_timeout =
+        readNumberOr(DEFAULT_TRANS_TIMEOUT_MS, conn, KEY_TRANS_TIMEOUT, [](int result) {
+            RA_INFO_FOR(READ_CONFIG, "can not get trans timeout,using default value, result:%d",
+                        result);
+        });
 }
 
 // With a permanent cloud connection remote access starts closed and is opened on command; without
@@ -191,16 +197,16 @@ void readLongConnection(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
 
 void readKeepaliveTunables(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
 {
-    int result = 0;
-    if (readNumber(conn, KEY_TCP_KEEPALIVE, &config->tcp_keepalive_period, &result) != 0) {
-        RA_INFO_FOR(READ_CONFIG, "can not get tcp keepalive,using default value, result:%d",
-                    result);
-        config->tcp_keepalive_period = useDefaultNumber(KEY_TCP_KEEPALIVE, DEFAULT_TCP_KEEPALIVE_S);
-    }
-    if (readNumber(conn, KEY_PING_PERIOD, &config->ping_period, &result) != 0) {
-        RA_INFO_FOR(READ_CONFIG, "can not get ping period,using default value, result:%d", result);
-        config->ping_period = useDefaultNumber(KEY_PING_PERIOD, DEFAULT_PING_PERIOD_S);
-    }
+    config->tcp_keepalive_period =
+        readNumberOr(DEFAULT_TCP_KEEPALIVE_S, conn, KEY_TCP_KEEPALIVE, [](int result) {
+            RA_INFO_FOR(READ_CONFIG, "can not get tcp keepalive,using default value, result:%d",
+                        result);
+        });
+    config->ping_period =
+        readNumberOr(DEFAULT_PING_PERIOD_S, conn, KEY_PING_PERIOD, [](int result) {
+            RA_INFO_FOR(READ_CONFIG, "can not get ping period,using default value, result:%d",
+                        result);
+        });
 }
 
 int subscribeChanges(DBusConnection *conn)
@@ -226,7 +232,8 @@ int getConfigParams(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
         return -1;
     }
     if (readIdentity(config, conn) != 0) return -1;
-    if (readEndpoint(config, conn) != 0) return -1;
+    if (readCertPath(config, conn) != 0) return -1;
+    readEndpoint(config, conn);
     readChannelTunables(config, conn);
     readLongConnection(config, conn);
     readKeepaliveTunables(config, conn);

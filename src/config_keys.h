@@ -1,5 +1,5 @@
 // The settings that the configuration manager holds, and what holds where it has none.
-// docs/operating.md tells their meaning. DEFAULT_HOST: RA_DEFAULT_CLOUD_HOST of the build.
+// docs/operating.md tells their meaning. The default host is set when the program is built.
 #pragma once
 
 constexpr char KEY_PRODUCT_KEY[] = "gw_system_productkey";

@@ -1,6 +1,7 @@
 #include "src/remote_access_local_common.h"
 
 #include "common/log.h"
+#include "utility/handles.h"
 
 #include <cerrno>
 #include <climits>
@@ -31,7 +32,7 @@ bool isRegular(std::FILE *file)
 
 } // namespace
 
-HeapText local_common::_load_cfg_from_json(const char *path)
+char *local_common::_load_cfg_from_json(const char *path)
 {
     if (path == nullptr) return nullptr;
     const FilePtr file = openForReading(path);
@@ -59,5 +60,5 @@ HeapText local_common::_load_cfg_from_json(const char *path)
         RA_WARN("failed to read file content: %s\n", std::strerror(errno));
         return nullptr;
     }
-    return text;
+    return text.release();
 }

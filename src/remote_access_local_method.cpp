@@ -3,6 +3,7 @@
 #include "common/log.h"
 #include "src/bus_error.h"
 #include "src/config.h"
+#include "src/config_keys.h"
 #include "src/proxy.h"
 #include "src/service_catalogue.h"
 #include "utility/bus_handles.h"
@@ -29,8 +30,6 @@ static_assert(sizeof INTROSPECTION - 1 == 352);
 constexpr char STATE_FORMAT[] =
     "{\"code\": 0, \"message\": \"success\", \"data\": {\"state\": %d}}";
 constexpr std::size_t STATE_REPLY_SIZE = 256;
-constexpr char KEY_DEBUG_SWITCH[] = "gw_remoteaccess_debug_switch";
-constexpr char KEY_TRANS_TIMEOUT[] = "gw_remoteaccess_trans_timeout";
 constexpr int REPLY_DONE = 0;
 constexpr int REPLY_REFUSED = -1;
 constexpr int HEARTBEAT_WAITS = 3;

@@ -8,7 +8,6 @@
 #include "utility/json_scanner.h"
 #include "utility/text.h"
 
-#include <cstring>
 #include <new>
 
 namespace {
@@ -95,19 +94,19 @@ int parseServiceInfo(REMOTE_ACCESS_CONFIG_T *record, const char *text)
 
 void addServicesOfText(REMOTE_ACCESS_CONFIG_T *record, const char *text)
 {
-    const char *const end = text + std::strlen(text);
-    const char *position = json_find_start(JSON_SCAN_ARRAY, text, end);
-    if (position == nullptr) return;
+    const char *position = json_find_start(JSON_SCAN_ARRAY, text);
     int examined = 0;
     // Each scan starts one character after the end of the element before, or after the array's
     // bracket.
-    while (position < end) {
-        JSON_ITEM_T item{};
-        position = json_next_item(JSON_SCAN_ARRAY, position + 1, end, &item);
-        if (position == nullptr) return;
-        if (item.type != JSON_TYPE_OBJECT) continue;
-        (void)parseServiceInfo(
-            record, item.value); // an invalid one is logged there and counts all the same
+    while (position != nullptr && *position != '\0') {
+        const char *value = nullptr;
+        std::size_t value_len = 0;
+        std::int32_t type = JSON_TYPE_NONE;
+        position = json_next_item(JSON_SCAN_ARRAY, position + 1, nullptr, nullptr, &value,
+                                  &value_len, &type);
+        if (type != JSON_TYPE_OBJECT) continue;
+        (void)parseServiceInfo(record,
+                               value); // an invalid one is logged there and counts all the same
         if (++examined == MAX_SERVICE_OBJECTS) {
             RA_WARN_FOR(READ_CATALOGUE, "number of services is limited: %d", MAX_SERVICE_OBJECTS);
             return;
@@ -117,7 +116,7 @@ void addServicesOfText(REMOTE_ACCESS_CONFIG_T *record, const char *text)
 
 int getLocalServiceInfo(REMOTE_ACCESS_CONFIG_T *record)
 {
-    const HeapText file_text = local_common::_load_cfg_from_json(SERVICE_LIST_FILE);
+    const HeapText file_text{local_common::_load_cfg_from_json(SERVICE_LIST_FILE)};
     if (!file_text) RA_WARN("can not get service list, using default value");
     const char *const text = file_text ? file_text.get() : DEFAULT_SERVICES;
     RA_INFO("local service list info : %s", text);

@@ -96,14 +96,19 @@ void reportPipes()
     }
 }
 
-// A signal sent before the fatal one may still be on its way to the handler of a thread that waits
-// for a processor.
-void awaitEarlierPipes()
+// A broken pipe sent before the fatal signal may still be on its way: not taken by any thread, or by
+// one that waits for a processor. Blocked on this thread, it can be taken here.
+void reportEarlierPipes()
 {
+    sigset_t pipe;
+    ::sigemptyset(&pipe);
+    ::sigaddset(&pipe, SIGPIPE);
     const std::int64_t deadline = monotonicMilliseconds() + SENT_GRACE_MS;
-    while (monotonicMilliseconds() < deadline)
-        sleepOneMillisecond();
-    reportPipes();
+    do {
+        const timespec pause{0, 1000000};
+        if (::sigtimedwait(&pipe, nullptr, &pause) == SIGPIPE) handler(SIGPIPE);
+        reportPipes();
+    } while (monotonicMilliseconds() < deadline);
 }
 
 void *reportSignals(void * /*argument*/)
@@ -114,7 +119,7 @@ void *reportSignals(void * /*argument*/)
         reportPipes();
         const int fatal = g_mailbox.fatal_signal.load(std::memory_order_acquire);
         if (fatal == 0) continue;
-        if (g_mailbox.fatal_sent.load(std::memory_order_relaxed)) awaitEarlierPipes();
+        if (g_mailbox.fatal_sent.load(std::memory_order_relaxed)) reportEarlierPipes();
         handler(fatal);
     }
 }

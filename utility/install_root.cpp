@@ -33,19 +33,25 @@ bool read_unresolved_root(char (&out)[INSTALL_ROOT_SIZE])
                              PARENT_SUFFIX.size());
 }
 
+void copy_root(char *out, const char (&root)[INSTALL_ROOT_SIZE])
+{
+    copy_text_bounded(out, INSTALL_ROOT_SIZE, text_of(root), INSTALL_ROOT_SIZE - 1);
+}
+
 } // namespace
 
-int getInstallRootPath(char (&out)[INSTALL_ROOT_SIZE]) noexcept
+int getInstallRootPath(char *out) noexcept
 {
+    if (out == nullptr) return 1;
     if (!g_root_cache.resolved) {
         char unresolved[INSTALL_ROOT_SIZE];
         if (!read_unresolved_root(unresolved)) return 1;
         if (::realpath(unresolved, g_root_cache.path) == nullptr) {
-            copy_text(out, text_of(unresolved));
+            copy_root(out, unresolved);
             return 1;
         }
         g_root_cache.resolved = true;
     }
-    copy_text(out, text_of(g_root_cache.path));
+    copy_root(out, g_root_cache.path);
     return 0;
 }

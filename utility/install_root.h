@@ -8,7 +8,7 @@
 
 constexpr std::size_t INSTALL_ROOT_SIZE = 4096; // PATH_MAX
 
-// Fills out with the absolute path, without a trailing "/". 0 on success. 1 on failure: out is
-// unchanged when the link cannot be read, and holds the unresolved path when it cannot be resolved.
-// Resolved once and kept.
-int getInstallRootPath(char (&out)[INSTALL_ROOT_SIZE]) noexcept;
+// Fills out, which has room for INSTALL_ROOT_SIZE bytes, with the absolute path, without a trailing
+// "/". 0 on success. 1 on failure: out is null, or unchanged because the link cannot be read, or
+// holds the unresolved path because that cannot be resolved. Resolved once and kept.
+int getInstallRootPath(char *out) noexcept;

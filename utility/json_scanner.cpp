@@ -2,9 +2,27 @@
 
 namespace {
 
+// A member or element as it is found; key and key_len in object mode only.
+struct JSON_ITEM_T {
+    const char *key;
+    std::size_t key_len;
+    const char *value; // null when none was found
+    std::size_t value_len;
+    std::int32_t type; // JSON_TYPE
+};
+
+// The end of a text may be null: it runs to its NUL then.
 bool at_end(const char *position, const char *end)
 {
-    return position >= end || *position == '\0';
+    return position == end || *position == '\0';
+}
+
+bool starts_with(const char *position, const char *end, std::string_view word)
+{
+    for (const char wanted : word) {
+        if (at_end(position, end) || *position++ != wanted) return false;
+    }
+    return true;
 }
 
 bool is_digit(char c)
@@ -80,9 +98,9 @@ const char *measure_number(const char *end, JSON_ITEM_T *item)
 
 const char *measure_bool(const char *end, JSON_ITEM_T *item)
 {
-    const std::string_view rest{item->value, static_cast<std::size_t>(end - item->value)};
-    if (rest.starts_with("true") || rest.starts_with("TRUE")) item->value_len = 4;
-    if (rest.starts_with("false") || rest.starts_with("FALSE")) item->value_len = 5;
+    const auto is = [&](std::string_view word) { return starts_with(item->value, end, word); };
+    if (is("true") || is("TRUE")) item->value_len = 4;
+    if (is("false") || is("FALSE")) item->value_len = 5;
     return item->value + item->value_len;
 }
 
@@ -116,56 +134,78 @@ struct KEY_MATCH_T {
 
 constexpr int VISIT_CONTINUE = 1;
 
-int match_key(const JSON_ITEM_T *member, void *user)
+int match_key(const char *key, std::size_t key_len, const char *value, std::size_t value_len,
+              std::int32_t type, void *user)
 {
     auto *match = static_cast<KEY_MATCH_T *>(user);
-    const std::string_view key{member->key, member->key_len};
-    if (!key.starts_with(match->wanted)) return VISIT_CONTINUE;
-    match->found = *member;
+    if (!std::string_view{key, key_len}.starts_with(match->wanted)) return VISIT_CONTINUE;
+    match->found = {key, key_len, value, value_len, type};
     return JSON_VISIT_STOP;
 }
 
-} // namespace
-
-const char *json_find_start(int mode, const char *begin, const char *end) noexcept
+const char *find_start(int mode, const char *text, const char *end)
 {
-    if (begin == nullptr) return nullptr;
-    const char *position = begin;
+    if (text == nullptr) return nullptr;
+    const char *position = text;
     while (!at_end(position, end) && *position == ' ')
         ++position;
     if (at_end(position, end)) return nullptr;
     return *position == (mode == JSON_SCAN_OBJECT ? '{' : '[') ? position : nullptr;
 }
 
-const char *json_next_item(int mode, const char *position, const char *end,
-                           JSON_ITEM_T *item) noexcept
+// False, and item as it was, when object mode finds no key.
+bool find_key(const char **position, const char *end, JSON_ITEM_T *item)
+{
+    const char *const open = find_char(*position, end, '"');
+    if (at_end(open, end)) return false;
+    const char *const close = find_char(open + 1, end, '"');
+    if (at_end(close, end)) return false;
+    item->key = open + 1;
+    item->key_len = static_cast<std::size_t>(close - item->key);
+    *position = find_char(close + 1, end, ':');
+    return true;
+}
+
+} // namespace
+
+const char *json_find_start(int mode, const char *text) noexcept
+{
+    return find_start(mode, text, nullptr);
+}
+
+const char *json_next_item(int mode, const char *position, const char **key, std::size_t *key_len,
+                           const char **value, std::size_t *value_len, std::int32_t *type) noexcept
 {
     if (position == nullptr) return nullptr;
+    JSON_ITEM_T item{};
     if (mode == JSON_SCAN_OBJECT) {
-        const char *open = find_char(position, end, '"');
-        if (at_end(open, end)) return nullptr;
-        const char *close = find_char(open + 1, end, '"');
-        if (at_end(close, end)) return nullptr;
-        item->key = open + 1;
-        item->key_len = static_cast<std::size_t>(close - item->key);
-        position = find_char(close + 1, end, ':');
+        if (!find_key(&position, nullptr, &item)) return nullptr;
+        *key = item.key;
+        *key_len = item.key_len;
     }
-    return scan_value(position, end, item);
+    position = scan_value(position, nullptr, &item);
+    *value = item.value;
+    *value_len = item.value_len;
+    *type = item.type;
+    return position;
 }
 
 int json_foreach_member(const char *text, std::size_t len, JSON_VISITOR_FUNC_T visitor, void *user)
 {
     if (text == nullptr || visitor == nullptr || len == 0) return -1;
-    const char *end = text + len;
+    const char *const end = text + len;
     int result = -1;
-    const char *position = json_find_start(JSON_SCAN_OBJECT, text, end);
+    const char *position = find_start(JSON_SCAN_OBJECT, text, end);
     while (position != nullptr && !at_end(position, end)) {
         JSON_ITEM_T member{};
-        position = json_next_item(JSON_SCAN_OBJECT, position, end, &member);
+        if (!find_key(&position, end, &member)) break;
+        position = scan_value(position, end, &member);
         if (position == nullptr) break;
         if (member.key_len == 0 || member.value_len == 0) continue;
         result = 0;
-        if (visitor(&member, user) == JSON_VISIT_STOP) break;
+        if (visitor(member.key, member.key_len, member.value, member.value_len, member.type,
+                    user) == JSON_VISIT_STOP)
+            break;
     }
     return result;
 }

@@ -3,7 +3,8 @@
 // no escape sequences; no signs, fractions or exponents of numbers; no null; brackets inside
 // strings count as brackets.
 //
-// Bounds    every text is a [begin, end) range; it ends early at its first NUL byte.
+// Bounds    a text without a length runs to its NUL; one with a length ends there, or at its first
+//           NUL before that.
 // Pointers  returned values point into the text and are not terminated.
 // Threads   no state.
 #pragma once
@@ -23,25 +24,19 @@ enum JSON_TYPE : std::int32_t {
 
 enum JSON_SCAN_MODE : std::int32_t { JSON_SCAN_ARRAY = 0, JSON_SCAN_OBJECT = 1 };
 
-struct JSON_ITEM_T {
-    const char *key; // object mode only
-    std::size_t key_len;
-    const char *value; // null when none was found
-    std::size_t value_len;
-    std::int32_t type; // JSON_TYPE
-};
-
 // Skips blanks (only blanks) and returns the opening bracket of the mode, or null when something
 // else stands there.
-const char *json_find_start(int mode, const char *begin, const char *end) noexcept;
+const char *json_find_start(int mode, const char *text) noexcept;
 
 // The next member (object mode) or element (array mode) at or after position. Returns the position
-// just past it, or null when there is none; item is left as it was when object mode finds no key.
-const char *json_next_item(int mode, const char *position, const char *end,
-                           JSON_ITEM_T *item) noexcept;
+// just past it, or null when there is none. The key's outputs are written in object mode only; none
+// is when object mode finds no key. Without a value they are null, 0 and JSON_TYPE_NONE.
+const char *json_next_item(int mode, const char *position, const char **key, std::size_t *key_len,
+                           const char **value, std::size_t *value_len, std::int32_t *type) noexcept;
 
 constexpr int JSON_VISIT_STOP = 2; // a visitor's result that ends the walk
-using JSON_VISITOR_FUNC_T = int (*)(const JSON_ITEM_T *member, void *user);
+using JSON_VISITOR_FUNC_T = int (*)(const char *key, std::size_t key_len, const char *value,
+                                    std::size_t value_len, std::int32_t type, void *user);
 
 // Calls the visitor for each top-level member that has a non-empty key and value.
 // 0 when there was at least one, -1 otherwise.

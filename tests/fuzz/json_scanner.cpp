@@ -1,4 +1,4 @@
-// The JSON scanner, as object and as array, over a text without a NUL behind it.
+// The JSON scanner, as object and as array, over a text with a length and over one to its NUL.
 // Under test: utility/json_scanner.cpp
 #include "utility/json_scanner.h"
 #include "tests/fuzz/fuzz.h"
@@ -37,13 +37,14 @@ bool isWellFormed(std::string_view value, std::int32_t type)
     }
 }
 
-int visit(const JSON_ITEM_T *member, void *user)
+int visit(const char *key, std::size_t key_len, const char *value, std::size_t value_len,
+          std::int32_t type, void *user)
 {
     auto *walk = static_cast<WALK_T *>(user);
-    REQUIRE(member->key_len > 0 && liesIn(walk->text, member->key, member->key_len));
-    REQUIRE(member->value_len > 0 && liesIn(walk->text, member->value, member->value_len));
-    REQUIRE(isWellFormed({member->value, member->value_len}, member->type));
-    walk->keys.emplace_back(member->key, member->key_len);
+    REQUIRE(key_len > 0 && liesIn(walk->text, key, key_len));
+    REQUIRE(value_len > 0 && liesIn(walk->text, value, value_len));
+    REQUIRE(isWellFormed({value, value_len}, type));
+    walk->keys.emplace_back(key, key_len);
     REQUIRE(walk->keys.back().find('"') == std::string::npos);
     return walk->keys.size() < 8 ? 0 : JSON_VISIT_STOP;
 }
@@ -59,18 +60,25 @@ void scanObject(std::string_view text)
     }
 }
 
-// As the service list is read.
-void scanArray(std::string_view text)
+// As the service list is read: to the NUL. What it finds lies in the text.
+void scanToTheNul(std::string_view text)
 {
-    const char *const end = text.data() + text.size();
-    const char *position = json_find_start(JSON_SCAN_ARRAY, text.data(), end);
-    while (position != nullptr && position < end) {
-        JSON_ITEM_T item{};
-        const char *const next = json_next_item(JSON_SCAN_ARRAY, position + 1, end, &item);
-        if (next == nullptr) return;
-        REQUIRE(next > position && next <= end);
-        REQUIRE(liesIn(text, item.value, item.value_len));
-        position = next;
+    const std::string whole{text.substr(0, text.find('\0'))};
+    for (const int mode : {JSON_SCAN_ARRAY, JSON_SCAN_OBJECT}) {
+        const char *position = json_find_start(mode, whole.c_str());
+        while (position != nullptr && *position != '\0') {
+            const char *key = whole.c_str();
+            const char *value = nullptr;
+            std::size_t key_len = 0;
+            std::size_t value_len = 0;
+            std::int32_t type = 0;
+            const char *const next =
+                json_next_item(mode, position + 1, &key, &key_len, &value, &value_len, &type);
+            if (next == nullptr) break;
+            REQUIRE(next > position && next <= whole.c_str() + whole.size());
+            REQUIRE(liesIn(whole, value, value_len) && liesIn(whole, key, key_len));
+            position = next;
+        }
     }
 }
 
@@ -79,6 +87,6 @@ void scanArray(std::string_view text)
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     scanObject(viewOf(data, size));
-    scanArray(viewOf(data, size));
+    scanToTheNul(viewOf(data, size));
     return 0;
 }

@@ -174,6 +174,7 @@ TEST(ProductFiles, EditionIsTheSecondWord)
 {
     char root[INSTALL_ROOT_SIZE] = "";
     ASSERT_EQ(0, getInstallRootPath(root));
+    EXPECT_EQ(1, getInstallRootPath(nullptr));
     const std::string path = std::string{root} + "/SPECIFICATION";
     const std::pair<std::string, std::int32_t> rows[] = {
         {"product professional", EDITION_PROFESSIONAL},

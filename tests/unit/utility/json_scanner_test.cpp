@@ -77,4 +77,22 @@ TEST(JsonScanner, LooksUpTopLevelMembers)
     EXPECT_EQ(nullptr, json_get_value(nullptr, 8, "a", nullptr, nullptr));
     EXPECT_EQ(nullptr, json_get_value(text, 8, nullptr, nullptr, nullptr));
     EXPECT_EQ(-1, json_foreach_member(text, 8, nullptr, nullptr));
+
+    const char *key = nullptr;
+    const char *value = nullptr;
+    std::size_t key_len = 9;
+    std::size_t value_len = 9;
+    std::int32_t type = 9;
+    const auto next = [&](int mode, const char *from) {
+        return json_next_item(mode, from, &key, &key_len, &value, &value_len, &type);
+    };
+    EXPECT_EQ(text + 7, next(JSON_SCAN_OBJECT, json_find_start(JSON_SCAN_OBJECT, text)));
+    EXPECT_TRUE(key == text + 2 && key_len == 1 && value == text + 5 && value_len == 2);
+    EXPECT_EQ(JSON_TYPE_NUMBER, type);
+    EXPECT_EQ(nullptr, next(JSON_SCAN_OBJECT, text + 7)); // no key: nothing is written
+    EXPECT_EQ(JSON_TYPE_NUMBER, type);
+    EXPECT_EQ(nullptr, next(JSON_SCAN_ARRAY, text + 7));
+    EXPECT_TRUE(value == nullptr && value_len == 0 && type == JSON_TYPE_NONE);
+    EXPECT_EQ(nullptr, json_find_start(JSON_SCAN_ARRAY, text));
+    EXPECT_EQ(nullptr, json_find_start(JSON_SCAN_ARRAY, nullptr));
 }

@@ -145,6 +145,14 @@ def test_names_exist():
     assert not unknown
 
 
+def test_every_unit_stands_on_the_map():
+    on_map = DOCUMENTS["architecture.md"].partition("## Map")[2].partition("\n## ")[0]
+    units = {path.stem for folder in ("src", "common", "utility", "platform", "devgateway", "ctl",
+                                      "operator", "backend")
+             for path in (REPOSITORY / folder).rglob("*.cpp")}
+    assert len(units) > 90 and not units - set(re.findall(r"`([\w-]+)`", on_map))
+
+
 def test_texts_of_the_log_are_those_of_the_sources():
     sources = "".join(tree("src", "common", "utility", "platform", "devgateway"))
     sources = re.sub(r'"\s*"', "", sources).replace(r'\"', '"')

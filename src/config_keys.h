@@ -1,5 +1,5 @@
-// The settings that the configuration manager holds, and what holds where it has none.
-// docs/operating.md tells their meaning. DEFAULT_HOST: RA_DEFAULT_CLOUD_HOST of the build.
+// The keys of the settings in the configuration manager, and their defaults.
+// docs/operating.md explains them. DEFAULT_HOST: RA_DEFAULT_CLOUD_HOST of the build.
 #pragma once
 
 constexpr char KEY_PRODUCT_KEY[] = "gw_system_productkey";

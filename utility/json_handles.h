@@ -1,4 +1,4 @@
-// Owners for what cJSON hands out. It brings cJSON with it: no header of the daemon includes it.
+// Owners for cJSON objects. No header of the daemon includes this one, because it includes cJSON.
 #pragma once
 
 #include "utility/handles.h"

@@ -31,8 +31,8 @@ struct JSON_ITEM_T {
     std::int32_t type; // JSON_TYPE
 };
 
-// Skips blanks (only blanks) and returns the opening bracket of the mode, or null when something
-// else stands there.
+// Skips blanks (only blanks) and returns the opening bracket of the mode, or null when there is
+// something else.
 const char *json_find_start(int mode, const char *begin, const char *end) noexcept;
 
 // The next member (object mode) or element (array mode) at or after position. Returns the position

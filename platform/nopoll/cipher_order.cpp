@@ -12,7 +12,7 @@
 namespace ws {
 namespace {
 
-// Which bit of OpenSSL's capability word stands for AES: OPENSSL_ia32cap(3), and arm_arch.h.
+// Which bit of OpenSSL's capability word means AES: OPENSSL_ia32cap(3), and arm_arch.h.
 struct CAPABILITY_T {
     std::string_view name;
     unsigned bit;

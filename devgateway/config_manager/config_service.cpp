@@ -105,7 +105,7 @@ void notify_subscribers(CONFIG_SERVICE_T &service, const std::string &key, const
             notify(service, row->second, key, value);
             ++told;
         } catch (const sdbus::Error &error) {
-            // The value is stored all the same, and so is the answer to whoever set it.
+            // The value is stored all the same, and the caller of set gets its answer.
             RA_WARN("%s not told of %s: %s", row->second.c_str(), key.c_str(), error.what());
         }
     }

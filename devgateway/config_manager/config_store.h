@@ -48,7 +48,7 @@ bool is_config_value(std::string_view value) noexcept;
 // 0, or -1 for a file that cannot be read or is too large.
 [[nodiscard]] int load_config_store(CONFIG_STORE_T &store, const std::string &path);
 
-// Appends the lines of a file's content; the store's path stands in the warnings. Returns how many
+// Appends the lines of a file's content; the warnings name the store's path. Returns how many
 // were skipped.
 int parse_config_lines(CONFIG_STORE_T &store, std::string_view content);
 

@@ -1,6 +1,6 @@
 // Broker link: the one connection to the MQTT broker, driven by the caller's loop; no call waits
 // for the network. Each connection is a fresh client with a clean session: what was not taken when
-// a connection broke is gone and never sent late, so the caller may tell its own callers that it
+// a connection broke is lost and never sent late, so the caller may answer its own callers that it
 // failed.
 //
 // Owns     the client and its socket.
@@ -83,8 +83,8 @@ void serve_broker(BROKER_LINK_T &link, short revents, std::int64_t now_ms);
 // when the library refuses.
 [[nodiscard]] int broker_subscribe(BROKER_LINK_T &link, const std::string &topic, int qos);
 
-// A message of QoS 0 is sent with QoS 1, since for QoS 0 a broker tells nobody that it has taken
-// the message. It still arrives at most once: a connection sends it once, and it does not outlive
+// A message of QoS 0 is sent with QoS 1, because for QoS 0 a broker does not acknowledge the
+// message. It still arrives at most once: a connection sends it once, and it does not outlive
 // the connection.
 [[nodiscard]] int broker_publish(BROKER_LINK_T &link, const std::string &topic,
                                  const std::string &payload, int qos);

@@ -1,4 +1,4 @@
-// What the tool can be told to do. Each command prints its answer and returns the exit status.
+// The commands of the tool. Each command prints its answer and returns the exit status.
 #pragma once
 
 #include "ctl/bus_client.h"

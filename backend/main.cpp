@@ -81,11 +81,11 @@ static void describeOptions(CLI::App &app, COMMAND_LINE_T &line)
            "File with these options, one \"name=value\" per line (TOML or INI); options on the "
            "command line take precedence")
         ->type_name("FILE");
-    app.allow_config_extras(CLI::config_extras_mode::error); // a misspelt option is none
+    app.allow_config_extras(CLI::config_extras_mode::error); // an unknown option is an error
     app.set_version_flag("--version", "remote_access_backend " RA_VERSION);
 }
 
-// What the command line alone can tell; files are looked at afterwards.
+// The checks that need only the command line; files are read afterwards.
 static SERVER_OPTIONS_T readOptions(const COMMAND_LINE_T &line)
 {
     SERVER_OPTIONS_T options;
@@ -122,7 +122,7 @@ static void attempt(const std::function<void()> &step)
     }
 }
 
-// Each file on its own: one that is broken keeps nobody from using the others.
+// Each file on its own: a broken one does not affect the others.
 static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server)
 {
     attempt([&] { openAudit(line.audit); });

@@ -3,7 +3,7 @@
 // Ownership  the server holds every channel; it must outlive the run of its io_context.
 // Threads    the thread of the io_context.
 // Failure    startServer throws std::runtime_error when something cannot be used; afterwards faults
-//            are logged and the server goes on.
+//            are logged and the server continues.
 #pragma once
 
 #include "backend/control.h"

@@ -186,7 +186,7 @@ static void writeClient(const SESSION_PTR &session)
                                      });
 }
 
-// What the client takes at once need not be kept. False when the session has ended of it.
+// What the client takes at once need not be kept. False when that ended the session.
 static bool writeAtOnce(const SESSION_PTR &session, std::span<const std::uint8_t> &bytes)
 {
     if (session->write_active || bufferedBytes(*session) > 0) return true;

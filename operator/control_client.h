@@ -1,5 +1,6 @@
 // One request to the back end over its control socket; backend/control.h describes requests and
-// answers. Failure  CONTROL_ERROR: the back end cannot be reached, or has refused with these words.
+// answers.
+// Failure  CONTROL_ERROR: the back end cannot be reached, or has refused with these words.
 // Threads  each client is one thread's.
 #pragma once
 

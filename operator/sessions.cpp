@@ -179,8 +179,8 @@ OPERATOR_STATUS carryStreams(int own, RELAY_T &relay, CONTROL_CLIENT_T &answers,
 int connectStreams(const OPERATOR_OPTIONS_T &options)
 {
     const json request = connectRequest(options.target);
-    // ssh ends its ProxyCommand with it right behind its last words to the service, which have to
-    // get there: they are what the service ends the session for.
+    // ssh ends its ProxyCommand with SIGHUP right behind its last bytes to the service. These must
+    // arrive: they make the service end the session.
     (void)std::signal(SIGHUP, SIG_IGN);
     std::array<int, 2> ends{};
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0)

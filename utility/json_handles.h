@@ -5,5 +5,5 @@
 
 #include <cjson/cJSON.h>
 
-using JsonPtr = std::unique_ptr<cJSON, Releaser<cJSON_Delete>>; // with all that hangs on it
+using JsonPtr = std::unique_ptr<cJSON, Releaser<cJSON_Delete>>; // and its children
 using JsonText = std::unique_ptr<char, Releaser<cJSON_free>>;   // what cJSON_Print... wrote

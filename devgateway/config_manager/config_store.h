@@ -7,7 +7,7 @@
 // Read     once, when the store is loaded; a missing file is an empty store.
 // Written  on every change, as a whole: a new file beside the old one, flushed to the disk, takes
 //          its place by renaming. A reader or a power cut sees the old file or the new one. Mode
-//          and owner are kept; a new file is its owner's alone, for it holds the device's secret.
+//          and owner are kept; only its owner may read a new file: it holds the secret.
 // Threads  one.
 // Failure  logged here, never with a value; the results are given below.
 #pragma once

@@ -56,7 +56,7 @@ struct BROKER_LINK_T {
     int unanswered = 0;       // requests on this connection
     int untaken = 0;          // messages among them
     bool outage_reported = false;
-    std::string refusal; // why the broker did not let us in
+    std::string refusal; // why the broker refused the connection
     std::unique_ptr<mosquitto, BrokerClientDeleter> client;
     std::vector<BROKER_EVENT_T> events; // for the caller, who empties it
 };
@@ -68,7 +68,7 @@ struct BROKER_LINK_T {
 // Begins to connect at once unless the link is up or on its way.
 void open_broker(BROKER_LINK_T &link, std::int64_t now_ms);
 
-// Takes leave of the broker and stays away until open_broker. That is no BROKER_LOST.
+// Disconnects from the broker and stays disconnected until open_broker. That is no BROKER_LOST.
 void close_broker(BROKER_LINK_T &link);
 
 // What to wait for: the socket, and the milliseconds until serve_broker is needed without it (-1:

@@ -30,5 +30,5 @@ void remember_subscription(SUBSCRIPTIONS_T &table, const std::string &topic,
 // The subscribers that get a message on this topic, each once however many of its filters match.
 std::vector<std::string> subscribers_of(const SUBSCRIPTIONS_T &table, const std::string &topic);
 
-// Every topic once, with the highest QoS that a subscriber asked for: what the broker is to know.
+// Every topic once, with the highest QoS that a subscriber asked for: what to subscribe.
 std::map<std::string, int> subscribed_topics(const SUBSCRIPTIONS_T &table);

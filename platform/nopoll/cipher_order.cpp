@@ -75,7 +75,7 @@ void orderCiphers(SSL_CTX *context)
     try {
         moveToFront(context, wanted);
     } catch (const std::bad_alloc &) {
-        return; // a wish, no need
+        return; // optional
     }
     ERR_clear_error();
 }

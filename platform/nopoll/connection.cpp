@@ -56,7 +56,7 @@ STEP finish(noPollConn &conn, noPollDebugLevel level, const FAILURE_T &reason, u
 {
     logLine(conn.context, level, "%s", reason.text);
     sayGoodbye(conn, code);
-    conn.context->failure = reason; // last: it counts more than what the goodbye met
+    conn.context->failure = reason; // last: it outweighs a failure of the close frame
     conn.ended = true;
     return STEP_ENDED;
 }

@@ -12,7 +12,7 @@
 //            in the socket, 30 ms of it without the peer taking anything. Nothing else.
 // Limits     a message sent has at most 16 MiB; a frame received may have any length. Nothing is
 //            allocated for a message that is no longer than an earlier one.
-// Identity   TLS 1.2 or later; with verification on, the peer is held against the given CA file
+// Identity   TLS 1.2 or later; with verification on, the peer is checked against the given CA file
 //            alone, chain and name (see tls_link.h).
 // Failure    a connection that fails says why through the context's log handler, once, and in
 //            nopoll_ctx_failure. It is then not ok and has no socket; the descriptor itself stays

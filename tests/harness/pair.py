@@ -85,7 +85,7 @@ class Pair:
         return (bus or self._bus).call_blocking(NAME, OBJECT, NAME, method, "", (), timeout=60)
 
     def switch(self, on, line):
-        """Seconds from the command until the line that tells of its effect."""
+        """Seconds from the command until the line that shows its effect."""
         mark, start = self.gateway.log.mark(), time.time()
         self.ask("OpenRemoteAccess" if on else "CloseRemoteAccess")
         return self.gateway.log.wait(*line, mark, seconds=120).time - start

@@ -100,7 +100,7 @@ TEST_F(Dispatch, RefusesASessionThatCannotBeConnectedOrKept)
     EXPECT_EQ(0U, getSessionTableSize(&proxy.session_table));
 }
 
-// A request that stands in the rest of a message too long for the buffer was never one.
+// A request found in the rest of a message too long for the buffer was never one.
 TEST_F(Dispatch, CarriesNothingOutOfTheRestOfAMessageThatIsTooLong)
 {
     const std::string filler(MESSAGE_BUFFER_SIZE + 1, 'f');

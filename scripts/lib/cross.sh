@@ -14,7 +14,7 @@ sysroot_apt() {
 }
 
 # sysroot_unpack PACKAGE ROOT: its files, and its entry in a dpkg database from which dpkg-shlibdeps
-# and dpkg-query tell where a library comes from. No script of the package is run.
+# and dpkg-query find where a library comes from. No script of the package is run.
 sysroot_unpack() {
     local package=$1 root=$2 info=$2/var/lib/dpkg/info name control file
     control=$(mktemp -d)
@@ -81,8 +81,8 @@ emulator_of() {
 }
 
 # packed_programs ARCHITECTURE FOLDER: a build folder for the end-to-end tests with the programs of
-# the packages in build/packages. The gateway's modules stand behind scripts that have them
-# emulated; the tests do that with the daemon and its tool, whose place matters.
+# the packages in build/packages. Scripts that start the emulator replace the
+# gateway's modules; the tests do that for the daemon and its tool, whose place matters.
 packed_programs() {
     local architecture=$1 folder=$2 program
     rm -rf "$folder"

@@ -154,11 +154,15 @@ def test_every_unit_stands_on_the_map():
 
 
 def test_texts_of_the_log_are_those_of_the_sources():
-    sources = "".join(tree("src", "common", "utility", "platform", "devgateway"))
-    sources = re.sub(r'"\s*"', "", sources).replace(r'\"', '"')
+    daemon, others = ["".join(tree(*folders)) for folders in
+                      (("src", "common"), ("utility", "platform", "devgateway"))]
+    daemon, others = (re.sub(r'"\s*"', "", text).replace(r'\"', '"') for text in (daemon, others))
     log = DOCUMENTS["log-messages.md"].partition("## Level I")[2]
     items = re.findall(r"^- ((?:`[^`\n]+`(?:, |,\n  )?)*)(?=: | \([IWE]|:\n)", log, re.M)
     texts = [text for item in items for text in re.findall("`([^`]+)`", item)]
     assert len(items) == len(re.findall("^- ", log, re.M)) and len(texts) > 150
     assert not [text for text in texts
-                if not all(part in sources for part in text.split("…"))]
+                if not all(part in daemon + others for part in text.split("…"))]
+    written = re.findall(r'RA_(?:WARN|ERROR)(?:\(|_FOR\([^,]*,)\s*"(.*?)(?:\\n)?"[,)]', daemon)
+    assert len(written) > 100
+    assert not set(written) - {"%s", *re.findall("`([^`\n]+)`", DOCUMENTS["log-messages.md"])}

@@ -27,7 +27,7 @@ sysroot_unpack() {
     dpkg-deb --fsys-tarfile "$package" |
         tar --extract --directory "$root" --keep-directory-symlink --no-same-owner \
             --exclude=./etc --exclude=./usr/share/doc
-    # Libraries are found below the root, so the lists tell their places there.
+    # Libraries are found below the root, so the lists have their places there.
     dpkg-deb --fsys-tarfile "$package" | tar --list |
         sed "s#^\.#$root#; s#^$root/lib/#$root/usr/lib/#; s#/\$##" >"$info/$name.list"
     for file in shlibs symbols; do
@@ -65,7 +65,7 @@ make_sysroot() {
 # build/sysroot-ARCHITECTURE, where they stay until their list changes.
 install_cross_packages() {
     local root=$PWD/build/sysroot-$1 wanted
-    wanted="$root ${PACKAGES_SYSROOT[*]}" # the place, too: it stands in the database
+    wanted="$root ${PACKAGES_SYSROOT[*]}" # the place, too: the database contains it
     install_packages "${PACKAGES_CROSS[@]}" "g++-$(triplet_of "$1" | tr _ -)"
     [ "$(cat "$root/made-for" 2>/dev/null)" != "$wanted" ] || return 0
     printf 'getting the libraries of %s\n' "$1"

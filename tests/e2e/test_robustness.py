@@ -1,5 +1,5 @@
-"""What the machine may do to the daemon: few descriptors or very large ones, a full disk, little
-memory; and bytes from outside that try to look like log lines."""
+"""Resource limits and log injection: few descriptors or very large ones, a full disk, little
+memory; and bytes from outside that imitate log lines."""
 import os
 import re
 

@@ -65,7 +65,7 @@ def _reset(cell):
 
 
 def _silence_dns(cell):
-    """Nobody notices that before the next opening, so there has to be one."""
+    """This shows only at the next opening, so there must be one."""
     cell.world.drop_arriving("cloud", "udp dport 53")
     if cell.state in CONNECTED:
         cell.check_undisturbed(3)

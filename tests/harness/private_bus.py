@@ -1,4 +1,4 @@
-"""A private bus without a gateway around it, and modules on it that are not ours (python3-dbus)."""
+"""A private bus without a gateway around it, and independent modules on it (python3-dbus)."""
 import dbus
 import dbus.bus
 import dbus.lowlevel

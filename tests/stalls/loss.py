@@ -1,6 +1,6 @@
 """Where bytes are lost by design, and that the log reports each loss.
 
-The two ends compare a random stream: which stretches of it are missing. The daemon's log tells the
+The two ends compare a random stream: which stretches of it are missing. The daemon's log has the
 messages that the stream travelled in, and which of them it gave up. Every stretch has to be made of
 whole messages (upwards) or of their ends (downwards) that the log has given up.
 """

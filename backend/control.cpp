@@ -252,9 +252,9 @@ static std::optional<CLIENT_SOCKET> takeClientSocket(CONTROL_LINK_T &link)
     return client;
 }
 
-// Nothing more is said on it, so what shows is its end: what the operator has interrupted must not
-// go on behind his back. ssh ends its tool with its last words to the service still under way,
-// hence the grace.
+// No more requests come on it, so only its end shows. The session must not keep running after the
+// operator has left. ssh ends its tool while its last bytes to the service are still under way,
+// hence the delay.
 static void watchOperator(const LINK_PTR &link)
 {
     link->socket.async_read_some(

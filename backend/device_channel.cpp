@@ -13,8 +13,8 @@ namespace asio = boost::asio;
 using boost::system::error_code;
 using tcp = asio::ip::tcp;
 
-// What a request's msg_id begins with tells which request an answer belongs to, also when it comes
-// too late.
+// The beginning of a msg_id says which kind of request an answer belongs to, also when it comes too
+// late.
 constexpr std::string_view OPEN_ID = "open-";
 constexpr std::string_view RELEASE_ID = "release-";
 constexpr std::string_view ACCOUNT_ID = "account-";

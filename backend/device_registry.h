@@ -1,7 +1,7 @@
 // The devices that may connect:
 // {"devices":[{"product_key":"..","device_name":"..","device_secret":".."}]}.
 // Limits   product key and device name 1 to 36 bytes (a device keeps no more of its own), secret 1
-//          to 63 (a device signs with no longer one), file at most 16 MiB. Other members of an
+//          to 63 (a device cannot use a longer one), file at most 16 MiB. Other members of an
 //          entry are ignored.
 // Failure  loadRegistry throws std::runtime_error whose text names the file and the place in it.
 #pragma once

@@ -1,11 +1,11 @@
 // The check of a device's handshake, and its answer. A device signs
 // "clientId<uuid>deviceName<name>productKey<key>timestamp<seconds>" with HMAC-SHA256, keyed with
-// its secret; the sign is 64 lower-case hexadecimal digits. The payload does not carry the
-// timestamp: the message header has one, but the device reads its clock once for the sign and again
-// for the header, so the signed second is that of the header or the one before. A captured
+// its secret; the signature is 64 lower-case hexadecimal digits. The payload does not carry the
+// timestamp: the message header has one, but the device reads its clock once for the signature and
+// again for the header, so the signed second is that of the header or the one before. A captured
 // handshake could be sent again within the accepted time: the channel's TLS keeps it from being
 // captured, and it cannot be refused, because a device that connects twice within one second sends
-// the same sign twice.
+// the same signature twice.
 // Threads  no state.
 // Failure  every fault is a code; nothing is thrown for bad input.
 #pragma once
@@ -20,16 +20,15 @@
 
 namespace backend {
 
-// The codes of the answer. A device only tests for 0; the others tell its log what is wrong.
+// The codes of the answer. A device only tests for 0; its log shows the others.
 enum HANDSHAKE_CODE : std::int32_t {
     HANDSHAKE_ACCEPTED = 0,
     HANDSHAKE_MALFORMED =
         400, // not a handshake message, or a field is missing, of the wrong type or too long
     HANDSHAKE_BAD_SIGNATURE = 401,  // signed with another secret, or over other values
     HANDSHAKE_UNKNOWN_DEVICE = 404, // product key and device name are not in the registry
-    HANDSHAKE_CLOCK_OFF =
-        412, // the sign is right, but the device's clock differs by more than CLOCK_TOLERANCE_S
-    HANDSHAKE_UNSUPPORTED = 415, // another client identifier, protocol version or sign method
+    HANDSHAKE_CLOCK_OFF = 412,   // the clock of the device differs by more than CLOCK_TOLERANCE_S
+    HANDSHAKE_UNSUPPORTED = 415, // another client identifier, protocol version or method
 };
 
 constexpr std::int64_t CLOCK_TOLERANCE_S = 300;

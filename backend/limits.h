@@ -11,7 +11,7 @@ struct LIMITS_T {
     // read (the protocol has no flow control for a single session) until that session is down to
     // half of it.
     // More than the 2 MiB that an ssh or sftp session has under way at most, so that an operator
-    // who stops his terminal stops nobody else.
+    // who stops the terminal does not stop the other sessions.
     std::size_t session_buffer = std::size_t{4} * 1024 * 1024;
     // Data bytes queued for a device above which no client is read: a keystroke waits behind them.
     // A message per session may come on top.

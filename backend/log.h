@@ -1,6 +1,6 @@
 // The back end's log: one line for each event on standard error, "2026-11-22T19:20:11.123Z I text",
 // in UTC.
-// Peers    what they send may stand in a text: bytes outside printable ASCII and the backslash are
+// Peers    a text may contain what they send: bytes outside printable ASCII and the backslash are
 //          written as \xHH, so that no line can be forged or split from outside.
 // Limits   a text is cut at 1024 bytes, with "..." at the end.
 // Threads  safe from every thread: a line is one write.

@@ -40,52 +40,52 @@ struct COMMAND_LINE_T {
 
 static void describeOptions(CLI::App &app, COMMAND_LINE_T &line)
 {
-    app.add_option("--listen", line.listen,
-                   "Address and port on which devices connect; port 0: any free one")
+    app.add_option("--listen", line.listen, "Address and port for devices; port 0: a free one")
         ->type_name("ADDRESS:PORT")
         ->required();
-    app.add_option("--devices", line.devices, "Registry of the devices that may connect (JSON)")
+    app.add_option("--devices", line.devices, "List of the devices that may connect (JSON)")
         ->type_name("FILE")
         ->required();
-    auto *cert = app.add_option("--cert", line.cert, "Certificate (chain) of the back end, PEM")
-                     ->type_name("FILE");
+    auto *cert =
+        app.add_option("--cert", line.cert, "Certificate of the back end with its chain, PEM")
+            ->type_name("FILE");
     auto *key =
         app.add_option("--key", line.key, "Private key of the certificate, PEM")->type_name("FILE");
-    app.add_flag("--plain", line.is_plain, "No TLS: for tests on one machine only")
+    app.add_flag("--plain", line.is_plain, "Do not use TLS; for tests on one machine only")
         ->excludes(cert)
         ->excludes(key);
     cert->needs(key);
     key->needs(cert);
     app.add_option("--forward", line.forwards,
-                   "Carry TCP connections to LOCAL_PORT (or ADDRESS:PORT) to a service that the "
-                   "device announces; "
-                   "several may be given")
+                   "Forward LOCAL_PORT (or ADDRESS:PORT) to a service of a device; may be given "
+                   "several times")
         ->type_name("LOCAL_PORT=DEVICE/SERVICE_NAME")
         ->allow_extra_args(false)
         ->take_all();
     app.add_option(
            "--linger", line.linger_s,
-           "Seconds without data after which a session ends whose client has ended its sending")
+           "Seconds without data after which a session ends once its client has ended sending")
         ->type_name("SECONDS")
         ->capture_default_str()
         ->check(CLI::Range(0.0, 86400.0));
-    app.add_option("--control", line.control,
-                   "Socket for the operator's tool; whoever may write to it may use every device")
+    app.add_option(
+           "--control", line.control,
+           "Socket for the operators' tool; everyone who may write to it can reach every device")
         ->type_name("PATH");
     app.add_option("--audit", line.audit,
-                   "File that gets one JSON line for each session and account check; - is standard "
-                   "output")
+                   "File for one line of JSON per session and account check; -: standard output")
         ->type_name("FILE")
         ->capture_default_str();
-    app.set_config("--config", "",
-                   "File with these options, one \"name=value\" a line (TOML or INI); what the "
-                   "command line gives comes first")
+    app.set_config(
+           "--config", "",
+           "File with these options, one \"name=value\" per line (TOML or INI); options on the "
+           "command line take precedence")
         ->type_name("FILE");
-    app.allow_config_extras(CLI::config_extras_mode::error); // a misspelt option is none
+    app.allow_config_extras(CLI::config_extras_mode::error); // an unknown option is an error
     app.set_version_flag("--version", "remote_access_backend " RA_VERSION);
 }
 
-// What the command line alone can tell; files are looked at afterwards.
+// The checks that need only the command line; files are read afterwards.
 static SERVER_OPTIONS_T readOptions(const COMMAND_LINE_T &line)
 {
     SERVER_OPTIONS_T options;
@@ -122,7 +122,7 @@ static void attempt(const std::function<void()> &step)
     }
 }
 
-// Each file on its own: one that is broken keeps nobody from using the others.
+// Each file on its own: a broken one does not affect the others.
 static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server)
 {
     attempt([&] { openAudit(line.audit); });
@@ -165,8 +165,8 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
 int main(int argc, char **argv)
 {
     (void)signal(SIGPIPE, SIG_IGN); // a lost peer shows in the write's result
-    CLI::App app{"Reference back end: devices connect to it, and TCP connections are carried to "
-                 "their services."};
+    CLI::App app{"Reference back end: devices connect to it, and operators reach their services "
+                 "through it."};
     COMMAND_LINE_T line;
     SERVER_OPTIONS_T options;
     describeOptions(app, line);

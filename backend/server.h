@@ -3,7 +3,7 @@
 // Ownership  the server holds every channel; it must outlive the run of its io_context.
 // Threads    the thread of the io_context.
 // Failure    startServer throws std::runtime_error when something cannot be used; afterwards faults
-//            are logged and the server goes on.
+//            are logged and the server continues.
 #pragma once
 
 #include "backend/control.h"
@@ -62,7 +62,7 @@ std::unique_ptr<SERVER_T> startServer(boost::asio::io_context &io, SERVER_OPTION
 // what it has proved does not hold any more.
 void replaceRegistry(SERVER_T &server, DEVICE_REGISTRY_T registry);
 
-// Accepts nothing any more and says goodbye to every device; the io_context then runs out of work
+// Stops accepting and closes the connection of every device; the io_context then runs out of work
 // within seconds.
 void stopServer(SERVER_T &server);
 

@@ -157,7 +157,7 @@ TLS_STREAM::RESULT_T TLS_STREAM::handshake()
     ERR_clear_error();
     const int result = SSL_accept(ssl_.get());
     const RESULT_T state = result == 1 ? RESULT_T{} : failure(result);
-    const RESULT_T sending = send(1); // an alert that tells the peer what is wrong, too
+    const RESULT_T sending = send(1); // also an alert that gives the peer the reason
     const bool is_sent = sending.wait == WAIT::NONE && !sending.error;
     return state.error || is_sent ? state : sending;
 }

@@ -188,7 +188,7 @@ private:
     ERROR fault_;          // what every further operation fails with
 };
 
-// What the WebSocket calls when it has said goodbye.
+// What the WebSocket calls after its close frame.
 template <class HANDLER>
 void async_teardown(boost::beast::role_type, TLS_STREAM &stream, HANDLER &&handler)
 {

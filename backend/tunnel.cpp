@@ -186,7 +186,7 @@ static void writeClient(const SESSION_PTR &session)
                                      });
 }
 
-// What the client takes at once need not be kept. False when the session has ended of it.
+// What the client takes at once need not be kept. False when that ended the session.
 static bool writeAtOnce(const SESSION_PTR &session, std::span<const std::uint8_t> &bytes)
 {
     if (session->write_active || bufferedBytes(*session) > 0) return true;
@@ -243,8 +243,8 @@ static void clientRead(const SESSION_PTR &session, const error_code &error, std:
 void readClient(const SESSION_PTR &session)
 {
     const bool is_open = session->state == SESSION_STATE::OPEN;
-    // A released session is still read, so that its client can go on to its own end, but nobody
-    // wants the bytes.
+    // A released session is still read, so that its client can reach its own end, but its
+    // bytes are dropped.
     if (session->read_active || session->client_ended) return;
     if (!is_open && session->state != SESSION_STATE::FLUSHING) return;
     if (is_open && !hasDataRoom(session->channel->outgoing))

@@ -9,7 +9,7 @@
 //            take a part for the whole; after an orderly release it gets everything that was sent
 //            to it and then an end of file. Each session, refused ones too, ends with one line in
 //            the audit log.
-// Limits     LIMITS_T: the session's buffer, and the waits that end a session nobody moves.
+// Limits     LIMITS_T: the session's buffer, and the waits that end an idle session.
 #pragma once
 
 #include "backend/protocol.h"
@@ -110,8 +110,8 @@ void readClient(const SESSION_PTR &session);
 // (Re)starts the wait of the session's state, or ends it where the state has none.
 void armSessionTimer(const SESSION_PTR &session);
 
-// Ends a session from this side: the device is told, and the client is reset or, when it got all
-// there was, closed.
+// Ends a session from this side: the device is notified, and the client is reset or, when it got
+// all there was, closed.
 void endSession(const SESSION_PTR &session, const std::string &reason, bool is_orderly);
 
 // Resets a connection for which there is no session.

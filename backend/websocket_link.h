@@ -52,7 +52,7 @@ public:
     virtual void accept() = 0; // TLS and the upgrade, then `accepted`
     virtual void read() = 0;   // one message, then `received`
     virtual void write(OUT_MESSAGE_PTR message) = 0;
-    // Says goodbye with a status code and gives the peer a second for it; no event comes any more.
+    // Sends a close frame with a status code and gives the peer a second; no event comes any more.
     virtual void close(std::uint16_t code) = 0;
     virtual void abort() = 0;
 };

@@ -2,7 +2,7 @@
 """Measures the daemon beside its peers, in alternating rounds, in a network of its own.
 
 Every peer is started once; then each round loads them one after the other, so that what disturbs
-the machine disturbs them alike. What is told is the median over the rounds.
+the machine disturbs them alike. The result is the median over the rounds.
 """
 import argparse
 import json

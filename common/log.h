@@ -14,7 +14,7 @@ __attribute__((weak)) void log_flush(void);
 }
 
 // Lines of this thread wait to be written together while it lives. For lines of single data
-// messages alone: whoever gathers calls flushLogLines before a wait of more than a moment.
+// messages alone: the caller flushes them with flushLogLines before a longer wait.
 class GatheredLogLines {
 public:
     explicit GatheredLogLines(bool on = true) noexcept : on_{on && log_gather != nullptr}

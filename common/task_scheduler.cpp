@@ -27,7 +27,7 @@ constexpr useconds_t START_POLL_US = 1000;
 constexpr int START_POLLS = 1000;
 
 struct DELAY_WORKER_T {
-    int initialised;          // read and written by whoever starts and releases the worker
+    int initialised;          // for the thread that starts and releases the worker
     DBusConnection *bus_conn; // owned; the worker thread's, between init and release
     LIST_LINK_T task_list;    // owns its tasks
     pthread_mutex_t list_lock;
@@ -143,7 +143,7 @@ int createDbusConnection(DELAY_WORKER_T *worker)
 }
 
 // Keeps the worker's connection alive. A connection notices that the bus is gone only when it does
-// I/O, and nobody else takes what arrives on it (late answers, the bus's own signals).
+// I/O, and nothing else reads what arrives on it (late answers, the bus's own signals).
 int sysDefaultTask(TASK_NODE_T * /*task*/, void *arg, DBusConnection *conn)
 {
     if (conn != nullptr) {

@@ -9,7 +9,7 @@
 
 namespace {
 
-// queryRemoteThreadRunState, which somebody else may have asked for, holds the daemon for 3 s.
+// queryRemoteThreadRunState, which another caller may have sent, blocks the daemon for 3 s.
 constexpr int CALL_TIMEOUT_MS = 5000;
 
 int timeoutOf(const BUS_CLIENT_T &bus)

@@ -22,7 +22,7 @@ struct BUS_CLIENT_T {
 // Fails also for a bus that may be another account's (utility/bus_address.h).
 [[nodiscard]] bool connectBus(BUS_CLIENT_T &bus);
 
-// The process that owns the daemon's name; none when nobody does.
+// The process that owns the daemon's name, if any.
 std::optional<long> daemonProcess(BUS_CLIENT_T &bus);
 
 // Calls a method of the daemon that takes nothing and answers a number or a text. A member that the

@@ -65,7 +65,7 @@ std::optional<STATUS_T> readStatus(BUS_CLIENT_T &bus, const CTL_OPTIONS_T &optio
     return status;
 }
 
-// The daemon tells of its channel, not of its switch: while the channel is up the switch is on.
+// The daemon reports its channel, not its switch: while the channel is up the switch is on.
 void printStatus(STATUS_T &status, bool json)
 {
     const int used = cJSON_GetArraySize(status.sessions.get());

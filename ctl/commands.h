@@ -1,4 +1,4 @@
-// What the tool can be told to do. Each command prints its answer and returns the exit status.
+// The commands of the tool. Each command prints its answer and returns the exit status.
 #pragma once
 
 #include "ctl/bus_client.h"
@@ -22,7 +22,7 @@ int showSessions(BUS_CLIENT_T &bus, const CTL_OPTIONS_T &options);
 int showServices(BUS_CLIENT_T &bus, const CTL_OPTIONS_T &options);
 int openAccess(BUS_CLIENT_T &bus, const CTL_OPTIONS_T &options);
 int closeAccess(BUS_CLIENT_T &bus, const CTL_OPTIONS_T &options);
-// Polls; a daemon or a bus that is away meanwhile is waited for.
+// Polls, and also waits for a daemon or a bus that is not there.
 int waitConnected(BUS_CLIENT_T &bus, const CTL_OPTIONS_T &options);
 // Looks at everything that the channel and the sessions need: doctor.h.
 int examine(BUS_CLIENT_T &bus, const CTL_OPTIONS_T &options);

@@ -15,20 +15,22 @@ namespace {
 constexpr char USAGE[] =
     "Usage: remote-access-ctl [--bus ADDRESS] COMMAND [OPTION...]\n"
     "\n"
-    "  status [--json] [--thread]         the channel, the services, the sessions used and free;\n"
-    "                                     --thread also asks whether the channel's thread is "
-    "alive,\n"
-    "                                     which holds the daemon for one to three seconds\n"
-    "  sessions [--json]                  the open sessions\n"
-    "  services [--json]                  the services that the cloud is offered\n"
+    "  status [--json] [--thread]         show the channel, the services, the sessions used and "
+    "free;\n"
+    "                                     --thread also checks the channel's thread, which blocks\n"
+    "                                     the daemon's bus methods for one to three seconds\n"
+    "  sessions [--json]                  list the open sessions\n"
+    "  services [--json]                  list the services that are offered to the back end\n"
     "  open                               switch remote access on\n"
-    "  close                              switch remote access off, ending every session\n"
-    "  wait --connected [--timeout S]     until the channel is up; 60 s, 0 for without end\n"
-    "  doctor                             look for what keeps the channel or the services from\n"
-    "                                     working, and say what to do\n"
+    "  close                              switch remote access off, which ends every session\n"
+    "  wait --connected [--timeout S]     wait until the channel is up, 60 s by default; 0: no "
+    "limit\n"
+    "  doctor                             find what keeps the channel or the services from "
+    "working,\n"
+    "                                     and say what to do\n"
     "\n"
-    "Exit status: 0 done, channel up, or no check failed; 1 channel down, or a check failed;\n"
-    "2 wrong command line; 3 the bus or the daemon cannot be reached.\n";
+    "Exit status: 0 success, channel up, or no check failed; 1 channel down, or a check failed;\n"
+    "2 invalid command line; 3 the bus or the daemon cannot be reached.\n";
 
 enum ACCEPTED_OPTION : unsigned {
     ACCEPT_NOTHING = 0,
@@ -104,7 +106,7 @@ int runCommand(int argc, char **argv)
             break;
         case 's':
             if (!readSeconds(optarg, options.timeout_s))
-                return refuse("no number of seconds: ", optarg);
+                return refuse("not a number of seconds: ", optarg);
             used |= ACCEPT_WAIT;
             break;
         case 'h':

@@ -1,6 +1,6 @@
 // The checks of `remote-access-ctl doctor`. Each looks at one thing that the channel or the
-// sessions need, with the daemon's own code where there is one, and adds one finding; a check whose
-// ground is missing adds none.
+// sessions need, with the daemon's own code where there is one, and adds one finding; a check that
+// cannot run adds none.
 //
 // Threads  one.
 // Blocking each check ends within about 10 s.

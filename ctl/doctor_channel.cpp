@@ -53,7 +53,7 @@ void checkTls(EXAMINATION_T &exam, const ENDPOINT_T &endpoint, ws::WIRE_T &wire)
     else
         addFinding(exam, VERDICT::OK, "expiry", text);
     ws::shutDownTls(link);
-    (void)ws::flushWire(wire); // a goodbye that does not arrive harms nobody
+    (void)ws::flushWire(wire); // a close alert that does not arrive does no harm
 }
 
 } // namespace

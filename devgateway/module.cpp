@@ -19,7 +19,7 @@
 namespace {
 
 constexpr std::size_t BUS_NAME_MAX = 255;
-constexpr int HANDLED_AT_ONCE = 4096; // a flood of messages must not keep the module from its times
+constexpr int HANDLED_AT_ONCE = 4096; // a flood of messages must not delay the module's timers
 
 int earlier(int a_ms, int b_ms)
 {

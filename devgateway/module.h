@@ -42,7 +42,8 @@ struct MODULE_OPTION_T {
 bool is_module_name(std::string_view name) noexcept;
 
 // Connects to the bus at this address, unless it may be another account's (utility/bus_address.h):
-// the modules hand out the device's secret and take orders there. Throws what std::exception covers.
+// the modules hand out the device's secret and take orders there. Throws what std::exception
+// covers.
 [[nodiscard]] std::unique_ptr<sdbus::IConnection> connect_bus(const std::string &address);
 
 // Waits at most timeout_ms (-1: without limit) for the bus, for stop_fd and for *own, and hands

@@ -1,4 +1,5 @@
-// One request to the back end over its control socket; backend/control.h tells what is said there.
+// One request to the back end over its control socket; backend/control.h describes requests and
+// answers.
 // Failure  CONTROL_ERROR: the back end cannot be reached, or has refused with these words.
 // Threads  each client is one thread's.
 #pragma once
@@ -23,7 +24,7 @@ struct CONTROL_CLIENT_T {
     std::string received; // behind the last line taken
 };
 
-// Sends the request, with a descriptor if one is given; the caller keeps his own copy of it.
+// Sends the request, with a descriptor if one is given; the caller keeps its own copy of it.
 CONTROL_CLIENT_T openRequest(const std::string &path, const nlohmann::json &request, int fd = -1);
 
 // The next line; none at the end of the answers. A refusal is thrown.

@@ -33,32 +33,33 @@ void describe(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND &chosen)
         ->envname("REMOTE_ACCESS_CONTROL")
         ->type_name("PATH")
         ->capture_default_str();
-    CLI::App *command = addCommand(
-        app, "devices", "The registered devices, and which are connected", showDevices, chosen);
+    CLI::App *command =
+        addCommand(app, "devices", "List the registered devices, and which are connected",
+                   showDevices, chosen);
     command->add_flag("--json", options.json, "As a JSON array");
-    command = addCommand(app, "services", "What a device offers", showServices, chosen);
+    command = addCommand(app, "services", "List the services of a device", showServices, chosen);
     command->add_option("device", options.device, "Its name, or PRODUCT_KEY:NAME")->required();
     command->add_flag("--json", options.json, "As a JSON array");
-    command = addCommand(app, "sessions", "The open sessions", showSessions, chosen);
+    command = addCommand(app, "sessions", "List the open sessions", showSessions, chosen);
     command->add_flag("--json", options.json, "As a JSON array");
-    command->add_flag("--watch", options.watch, "Every second, with the rates, until Ctrl-C");
-    command = addCommand(app, "forward", "Lead a local port to a service", forwardPort, chosen);
+    command->add_flag("--watch", options.watch, "List every second, with the rates, until Ctrl-C");
+    command = addCommand(app, "forward", "Forward a local port to a service", forwardPort, chosen);
     command->add_option("target", options.target, "DEVICE/SERVICE")->required();
-    command->add_option("port", options.port, "On 127.0.0.1; any free one if none is given");
-    command =
-        addCommand(app, "connect",
-                   "Lead standard input and output to a service, as ssh's ProxyCommand wants it",
-                   connectStreams, chosen);
+    command->add_option("port", options.port, "Port of 127.0.0.1; default: a free one");
+    command = addCommand(app, "connect",
+                         "Connect standard input and output to a service, for ssh's ProxyCommand",
+                         connectStreams, chosen);
     command->add_option("target", options.target, "DEVICE/SERVICE")->required();
-    command->add_flag("--progress", options.progress, "Bytes and rates on standard error");
-    command =
-        addCommand(app, "verify", "Have a device check one of its accounts", verifyAccount, chosen);
+    command->add_flag("--progress", options.progress, "Show bytes and rates on standard error");
+    command = addCommand(app, "verify", "Ask a device to check the password of an account",
+                         verifyAccount, chosen);
     command->add_option("device", options.device, "Its name, or PRODUCT_KEY:NAME")->required();
     command->add_option("user", options.user, "The account")->required();
     command->add_flag("--password-stdin", options.password_stdin,
-                      "Read the password from standard input, not from the terminal");
-    app.footer("Exit status: 0 done; 1 refused, failed, or a session was cut off; 2 wrong command\n"
-               "line; 3 the back end cannot be reached.");
+                      "Read the password from standard input instead of the terminal");
+    app.footer(
+        "Exit status: 0 success; 1 refused, failed, or a session was cut off; 2 invalid command\n"
+        "line; 3 the back end cannot be reached.");
 }
 
 int fail(const std::exception &fault, OPERATOR_STATUS status)
@@ -79,7 +80,7 @@ int finish(int status)
 int main(int argc, char **argv)
 {
     (void)std::signal(SIGPIPE, SIG_IGN); // a lost peer shows in the write's result
-    CLI::App app{"Reaches the services of remote gateways, through the back end."};
+    CLI::App app{"Reaches the services of remote gateways through the back end."};
     OPERATOR_OPTIONS_T options;
     options.control = DEFAULT_CONTROL;
     COMMAND chosen = nullptr;

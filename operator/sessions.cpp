@@ -158,13 +158,13 @@ OPERATOR_STATUS carryStreams(int own, RELAY_T &relay, CONTROL_CLIENT_T &answers,
     }).detach();
     if (has_progress) std::thread([&relay] { showProgress(relay); }).detach();
     if (!copyStream(own, STDOUT_FILENO, relay.up)) {
-        if (errno != EPIPE) // who reads it has seen enough
+        if (errno != EPIPE) // the reader wants no more
             (void)std::fprintf(stderr, "remote-access: standard output: %s\n",
                                std::strerror(errno));
         return OPERATOR_REFUSED;
     }
-    // The service's end is the session's; whoever writes to standard input learns of it by the end
-    // of this process.
+    // The service's end is the session's; the writer of standard input notices it by the end of
+    // this process.
     (void)::shutdown(own, SHUT_RDWR);
     const json end = endOf(answers);
     if (has_progress) (void)std::fputc('\n', stderr);
@@ -179,8 +179,8 @@ OPERATOR_STATUS carryStreams(int own, RELAY_T &relay, CONTROL_CLIENT_T &answers,
 int connectStreams(const OPERATOR_OPTIONS_T &options)
 {
     const json request = connectRequest(options.target);
-    // ssh ends its ProxyCommand with it right behind its last words to the service, which have to
-    // get there: they are what the service ends the session for.
+    // ssh ends its ProxyCommand with SIGHUP right behind its last bytes to the service. These must
+    // arrive: they make the service end the session.
     (void)std::signal(SIGHUP, SIG_IGN);
     std::array<int, 2> ends{};
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0)
@@ -225,7 +225,7 @@ int forwardPort(const OPERATOR_OPTIONS_T &options)
         }
         try {
             std::thread(forwardOne, options.control, request, std::move(client)).detach();
-        } catch (const std::exception &fault) { // no thread to be had; the sessions go on
+        } catch (const std::exception &fault) { // no thread available; the other sessions continue
             tellTurnedAway(fault);
         }
     }

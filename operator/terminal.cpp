@@ -52,7 +52,7 @@ public:
     SilentTerminal(const SilentTerminal &) = delete;
     SilentTerminal &operator=(const SilentTerminal &) = delete;
 
-    // False after a signal or a fault, as errno tells.
+    // False after a signal or a fault; errno says which.
     bool waitForInput() const
     {
         pollfd input{fd_, POLLIN, 0};
@@ -121,7 +121,7 @@ std::string readPassword(const std::string &prompt)
     std::string password;
     password.reserve(PASSWORD_ROOM);
     for (bool is_whole = false; !is_whole;) {
-        wipe(password); // what stood there before the process was stopped
+        wipe(password); // what was typed before the process was stopped
         is_whole = askSilently(terminal.get(), prompt, password);
         say(terminal.get(), "\n");
     }

@@ -93,7 +93,7 @@ struct WipedAccount {
 bool stepToPayload(DATA_BUFFER_T *buffer, const PROXY_HEADER_T &header)
 {
     // A message that ends at its header's brace lacks the separator: the length then reads
-    // negative, or, in a full buffer, the offset cannot be moved and the header still stands there.
+    // negative, or, in a full buffer, the offset cannot be moved and the header is still there.
     return moveBufferReadPointer(buffer, header.header_len) == 0 &&
            header.payload_len == getBufferDataLength(buffer);
 }
@@ -110,8 +110,8 @@ void routeMessage(REMOTE_PROXY_T *proxy, const PROXY_HEADER_T &header)
     (void)route->handler(proxy, &header);
 }
 
-// The header in the receive buffer, with its lines. -1 when it cannot be read, and for the rest of a
-// message whose beginning is lost: a request that stands in there was never one.
+// The header in the receive buffer, with its lines. -1 when it cannot be read, and for the rest of
+// a message whose beginning is lost: a request found in there was never one.
 int takeHeader(REMOTE_PROXY_T *proxy, PROXY_HEADER_T *header)
 {
     DATA_BUFFER_T &buffer = proxy->recv_buffer;

@@ -5,13 +5,14 @@
 //          says, is dropped; the channel stays open. Handlers work only on an accepted channel,
 //          except that of responses.
 // Overflow a message longer than the receive buffer is lost whole: what of it comes later is
-//          dropped with the lines of a header that cannot be read, whatever stands in it.
+//          dropped with the lines of a header that cannot be read, whatever it contains.
 // Bound    one call drains the channel until nothing is left, so that what services and back end
-//          do in the meantime cannot come between messages of one burst. It ends earlier once remote
-//          access has been switched off, and after DRAIN_BYTES or DRAIN_MESSAGES, so that a back
-//          end that never pauses cannot starve the local services;
-//          hasCloudProxyChannelPendingInput tells the rest. The watchdog is fed after each message.
-// Threads  the proxy thread alone; the message stands in recv_buffer, its payload at the read
+//          do in the meantime cannot come between messages of one burst. It ends earlier once
+//          remote access has been switched off, and after DRAIN_BYTES or DRAIN_MESSAGES, so that a
+//          back end that never pauses cannot starve the local services;
+//          hasCloudProxyChannelPendingInput then reports the rest. The watchdog is fed after each
+//          message.
+// Threads  the proxy thread alone; the message is in recv_buffer, its payload at the read
 //          offset.
 #pragma once
 

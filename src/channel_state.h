@@ -23,7 +23,7 @@ void runChannelState(REMOTE_PROXY_T *proxy, std::int32_t remote_switch);
 // Opens the channel and sends the handshake. 0 (also when the channel is not closed), -1 on
 // failure.
 [[nodiscard]] int createRemoteProxy(REMOTE_PROXY_T *proxy);
-// Closes the channel and every session without a message to anybody. 0 always.
+// Closes the channel and every session without sending a message. 0 always.
 int releaseRemoteProxy(REMOTE_PROXY_T *proxy);
 int closeCloudChannelConnection(REMOTE_PROXY_T *proxy);
 

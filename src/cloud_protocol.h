@@ -1,5 +1,5 @@
 // The wire of the cloud channel: types, codes, sizes and fixed texts, each in one place.
-// docs/protocol.md tells the rest.
+// docs/protocol.md describes the rest.
 #pragma once
 
 #include <cstddef>

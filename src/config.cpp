@@ -121,7 +121,7 @@ int readSecret(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
     return 0;
 }
 
-// The identity is mandatory: without it the back end could not tell who calls.
+// The identity is mandatory: without it the back end could not identify the device.
 int readIdentity(REMOTE_ACCESS_CONFIG_T *config, DBusConnection *conn)
 {
     int result = readText(conn, KEY_PRODUCT_KEY, config->product_key, KEEP_IDENTITY);

@@ -55,7 +55,7 @@ struct REMOTE_ACCESS_CONFIG_T {
     char topic_ability_post_reply[TOPIC_SIZE];
     char topic_ability_get[TOPIC_SIZE];
     std::int32_t edition; // EDITION
-    char version[40];     // raw bytes, as they stand in the file
+    char version[40];     // raw bytes of the file
     std::atomic<std::int32_t> self_described;
     std::atomic<std::int32_t> cloud_long_connection;
 };

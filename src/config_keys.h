@@ -1,5 +1,5 @@
-// The settings that the configuration manager holds, and what holds where it has none.
-// docs/operating.md tells their meaning. The default host is set when the program is built.
+// The keys of the settings in the configuration manager, and their defaults.
+// docs/operating.md explains them. The default host is set when the program is built.
 #pragma once
 
 constexpr char KEY_PRODUCT_KEY[] = "gw_system_productkey";

@@ -1,10 +1,10 @@
 // The handshake: the payload that proves the device's identity and announces its services, and the
 // reading of the answer.
 //
-// Sign     HMAC-SHA256, keyed with the device secret, over client id, device name, product key and
-//          the time in seconds; 64 lower-case hexadecimal characters. A secret of more than 63
-//          characters gives 64 zeros.
-// Threads  the proxy thread alone: the sign lives in a static buffer until the next call.
+// Signature  HMAC-SHA256, keyed with the device secret, over client id, device name, product key
+//            and the time in seconds; 64 lower-case hexadecimal characters. A secret of more than
+//            63 characters gives 64 zeros.
+// Threads    the proxy thread alone: the signature is in a static buffer until the next call.
 #pragma once
 
 #include "utility/handles.h"

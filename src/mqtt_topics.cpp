@@ -42,8 +42,8 @@ bool appendBridgeArguments(DBusMessage *call, const char *first, const char *sec
                                     DBUS_TYPE_INT32, &qos, DBUS_TYPE_INVALID) != 0;
 }
 
-// A call of the main thread, of which only the answer's arrival counts. 0 / -1; failures are lines of
-// the operation `owner`.
+// A call of the main thread, of which only the answer's arrival counts. 0 / -1; failures are lines
+// of the operation `owner`.
 int callBridge(const char *owner, DBusConnection *conn, DBusMessagePtr call)
 {
     BusError error;

@@ -69,8 +69,8 @@ bool readCounters(int fd, tcp_info &info)
            size >= offsetof(tcp_info, tcpi_data_segs_out); // an old kernel knows fewer
 }
 
-// A peer that does not hear us repeats what it has sent: that keeps the kernel from probing it. So it
-// is probed at once, and as soon as it has something new to say the usual idle time holds again.
+// A peer that receives nothing repeats what it has sent: that keeps the kernel from probing it. So
+// it is probed at once, and as soon as it has something new to say the usual idle time holds again.
 void probeRepeater(int fd, std::int32_t period_s, std::int64_t now_ms, bool repeats)
 {
     if (g_watch.hurried_ms != 0 && g_watch.heard_ms > g_watch.hurried_ms) {

@@ -1,11 +1,12 @@
-// Finds a channel whose other end is gone without a word, hears nothing any more, or takes nothing.
+// Finds a channel whose other end is gone without closing it, or receives or takes nothing any
+// more.
 //
-// Bound    a peer that acknowledges nothing: six keepalive periods (30 s by default), at least 20 s.
-//          One that answers the kernel's probes but takes no byte of what waits for it is alive, and
-//          given up after four ping periods like one that answers no ping (320 s by default).
+// Bound    a peer that acknowledges nothing: six keepalive periods (30 s by default), at least 20
+//          s. One that answers the kernel's probes but takes no byte of what waits for it is alive,
+//          and dropped after four ping periods like one that answers no ping (320 s by default).
 // Threads  the proxy thread alone: there is one channel.
 // Failure  what the kernel refuses stays at its default; a kernel too old for the counters leaves
-//          its own time-outs alone at work.
+//          only its own time-outs.
 // Source   tcp(7), and linux/tcp.h for the counters.
 #pragma once
 
@@ -25,6 +26,7 @@ enum PEER_FAULT : std::int32_t {
 void watchPeer(const REMOTE_PROXY_T *proxy);
 
 // Looks at the connection's counters, at most once a second; a call that is not due costs a clock
-// read and returns what the last look found. Call it at least every 10 s: TCP_USER_TIMEOUT would end
-// a peer whose window is closed however often it answers, so it is moved ahead while it answers.
+// read and returns what the last look found. Call it at least every 10 s: TCP_USER_TIMEOUT would
+// end a peer whose window is closed however often it answers, so it is moved ahead while it
+// answers.
 PEER_FAULT lookAtPeer(const REMOTE_PROXY_T *proxy);

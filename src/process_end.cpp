@@ -14,7 +14,7 @@ extern "C" __attribute__((weak)) void __lsan_do_leak_check();
 void terminateProcess(int status) noexcept
 {
     flushLogLines();
-    (void)std::fflush(stdout); // nobody is left to tell
+    (void)std::fflush(stdout); // a failure cannot be reported any more
     (void)std::fflush(stderr);
     if (__gcov_dump != nullptr) __gcov_dump();
     if (__lsan_do_leak_check != nullptr) __lsan_do_leak_check();

@@ -40,13 +40,13 @@ char *local_common::_load_cfg_from_json(const char *path)
         RA_WARN("failed to open file: %s: %s", path, std::strerror(errno));
         return nullptr;
     }
-    (void)std::fseek(file.get(), 0, SEEK_END); // what cannot seek tells no size
+    (void)std::fseek(file.get(), 0, SEEK_END); // a file that cannot seek has no size
     const off_t size = ::ftello(file.get());
     if (size <= 0) {
         RA_WARN("file: %s is empty", path);
         return nullptr;
     }
-    // A directory tells the largest offset, which a long of 32 bits could not. One byte more than
+    // A directory reports the largest offset, which a long of 32 bits could not. One byte more than
     // the size is read and one more holds the NUL: the file may grow.
     const bool readable = size < INT_MAX && isRegular(file.get());
     const auto wanted = static_cast<std::size_t>(size);

@@ -53,7 +53,7 @@ void sendReply(REMOTE_ACCESS_CONFIG_T *record, DBusMessage *call, int type, cons
     if (!reply || dbus_message_append_args(reply.get(), type, value, DBUS_TYPE_INVALID) == 0)
         return;
     (void)dbus_connection_send(record->bus_conn, reply.get(),
-                               nullptr); // the caller's time-out tells of a failure
+                               nullptr); // on failure the caller times out
 }
 
 void replyNumber(REMOTE_ACCESS_CONFIG_T *record, DBusMessage *call, dbus_int32_t number)

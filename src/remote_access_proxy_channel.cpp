@@ -196,8 +196,8 @@ CLOUD_CHANNEL_T *openCloudProxyChannel(const char *host, const char *port, const
     noPollConn *const conn =
         tls_type != 0 ? startTls(ctx, host, port, cert_path) : startPlain(ctx, host, port);
     if (conn != nullptr && isAlive(conn) && waitUntilReady(conn)) return fromLibrary(conn);
-    // With the debug switch on the library has told by itself why a connection ended, but not that
-    // a living one has not become ready.
+    // With the debug switch on, the library has already logged why a connection ended, but not that
+    // an open one has not become ready.
     const bool has_ended = conn == nullptr || !isAlive(conn);
     logFailedOpening(ctx, host, port, debug_switch != 0 && has_ended);
     if (conn != nullptr) nopoll_conn_close(conn);

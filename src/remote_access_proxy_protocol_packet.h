@@ -42,5 +42,5 @@ int spliceProxyProtocolResponsePayload(std::span<char> dst, int code, const char
 // Parses the header at the buffer's read position; the read offset stays.
 [[nodiscard]] int getRemoteAccessProtocolHeader(const DATA_BUFFER_T *buffer,
                                                 PROXY_HEADER_T *header);
-// Treats what stands at the read position as no header, whatever it is: the same lines, and -1.
+// Refuses the text at the read position as a header, whatever it is: the same lines, and -1.
 int refuseRemoteAccessProtocolHeader(const DATA_BUFFER_T *buffer);

@@ -6,7 +6,7 @@
 //          Every call but getSessionTableSize (proxy thread only) takes the table's lock. Walk
 //          callbacks run under it and must not call back in. A found node stays valid on the proxy
 //          thread until that thread releases it. Until initSessionTable the table reads as empty,
-//          for whoever asks early.
+//          for an early caller.
 // Limits   an identifier keeps SESSION_ID_SIZE - 1 characters; the bound of MAX_SESSIONS is the
 //          caller's.
 // Order    of a walk: bucket 0 upwards, newest first within a bucket.

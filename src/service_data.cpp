@@ -24,7 +24,7 @@ constexpr useconds_t SEND_RETRY_US = 20000;
 
 enum class SEND_RESULT { PROGRESS, DROPPED, BROKEN };
 
-// Frames the bytes that stand in the send buffer and writes them to the channel.
+// Frames the bytes in the send buffer and writes them to the channel.
 void sendDataUp(REMOTE_PROXY_T *proxy, const char *session_id, int length)
 {
     DATA_BUFFER_T &buffer = proxy->send_buffer;

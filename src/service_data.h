@@ -39,7 +39,7 @@ bool addToReadSet(READ_SET_T *read_set, int fd);
 int setLocalServiceSocketsToRfds(SESSION_NODE_T *session, void *read_set);
 int recordActiveLocalServiceSockets(SESSION_NODE_T *session, void *active);
 
-// Reads once and sends what came. Releases the session, and tells the back end, when its service
+// Reads once and sends what came. Releases the session, and notifies the back end, when its service
 // has ended: the session must not be used after the call.
 void localServiceDataProc(REMOTE_PROXY_T *proxy, SESSION_NODE_T *session);
 

@@ -16,8 +16,8 @@ int g_pid_file_fd = -1;
 
 constexpr const char *PID_FILE_NAME = PID_FILE + sizeof PID_DIRECTORY; // below the directory
 
-// /tmp is everybody's: neither a planted link, soft or hard, nor a planted FIFO may make this
-// process write to something else.
+// Everybody may write to /tmp: neither a planted link, soft or hard, nor a planted FIFO may make
+// this process write to something else.
 UniqueFd openPidFile() noexcept
 {
     const UniqueFd directory{::open(PID_DIRECTORY, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)};

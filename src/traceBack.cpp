@@ -150,7 +150,8 @@ void endAtTheLatest() noexcept
     (void)::alarm(FATAL_REPORT_WAIT_S);
 }
 
-// The first fatal signal has the one report. True when this is it, and its report has been asked for.
+// The first fatal signal has the one report. True when this is it, and its report has been asked
+// for.
 bool takeReport(int signo, bool is_sent) noexcept
 {
     if (g_report_taken.exchange(true)) return false;

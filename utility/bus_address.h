@@ -1,6 +1,6 @@
-// Whose bus is it? A client of the private bus sends what others must not read, and takes orders
+// Whether a bus can be trusted. A client of the private bus sends secrets to it and takes orders
 // from it. Below a world-writable folder such as /tmp, another account may have made the socket's
-// folders first, and then puts a bus of its own there.
+// folders first, and then runs a bus of its own there.
 //
 // Threads  no state.
 #pragma once
@@ -14,5 +14,5 @@
 //
 // A path is followed from the top, each step only after the one before was found good: from then on
 // no other account can change it, so the answer still holds when the connection is made. Of an
-// address without a path (abstract, tcp) nothing can be told; it is taken as it is.
+// address without a path (abstract, tcp) nothing is known; it is used as it is.
 std::string bus_address_fault(const std::string &address);

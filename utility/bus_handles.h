@@ -1,4 +1,4 @@
-// Owners for what libdbus hands out. Include it in .cpp files only: it brings libdbus with it.
+// Owners for libdbus objects. Include it in .cpp files only, because it includes libdbus.
 #pragma once
 
 #include "utility/handles.h"
@@ -7,7 +7,7 @@
 
 using DBusMessagePtr = std::unique_ptr<DBusMessage, Releaser<dbus_message_unref>>;
 
-// A private connection has to be closed by whoever opened it, before its last reference goes.
+// A private connection must be closed by the code that opened it, before its last reference ends.
 inline void close_private_connection(DBusConnection *conn) noexcept
 {
     dbus_connection_close(conn);

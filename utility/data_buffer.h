@@ -4,8 +4,8 @@
 // Layout   unread content = data[read_offset, write_offset). One spare byte behind the storage is
 //          always 0, so text that fills the whole buffer still ends.
 // Bound    every operation fits or fails with -1 and changes nothing. read_offset may be moved past
-//          write_offset within the capacity (the length then reads negative); whoever does that
-//          looks at the length before the bytes.
+//          write_offset within the capacity (the length then reads negative); the caller then
+//          checks the length before the bytes.
 // Owner    of the storage, from initDataBuffer to freeDataBuffer.
 // Threads  one at a time; no lock.
 #pragma once

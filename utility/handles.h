@@ -9,7 +9,7 @@
 template <auto Release> struct Releaser {
     template <class T> void operator()(T *handle) const noexcept
     {
-        (void)Release(handle); // a destructor has nobody to tell
+        (void)Release(handle); // a destructor cannot report it
     }
 };
 

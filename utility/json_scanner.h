@@ -24,8 +24,8 @@ enum JSON_TYPE : std::int32_t {
 
 enum JSON_SCAN_MODE : std::int32_t { JSON_SCAN_ARRAY = 0, JSON_SCAN_OBJECT = 1 };
 
-// Skips blanks (only blanks) and returns the opening bracket of the mode, or null when something
-// else stands there.
+// Skips blanks (only blanks) and returns the opening bracket of the mode, or null when there is
+// something else.
 const char *json_find_start(int mode, const char *text) noexcept;
 
 // The next member (object mode) or element (array mode) at or after position. Returns the position

@@ -20,7 +20,7 @@ void list_add_tail(LIST_LINK_T *node, LIST_LINK_T *head) noexcept;
 void list_del(LIST_LINK_T *node) noexcept;
 
 // The record around an embedded member; the record must be of standard layout.
-// NOLINTBEGIN(bugprone-macro-parentheses): a type cannot stand in parentheses there
+// NOLINTBEGIN(bugprone-macro-parentheses): a type cannot be in parentheses there
 #define container_of(pointer, record, member)                                                      \
     (static_cast<record *>(                                                                        \
         static_cast<void *>(reinterpret_cast<char *>(pointer) - offsetof(record, member))))

@@ -8,7 +8,7 @@
 int setSocketNonBlock(int fd) noexcept
 {
     const int flags = ::fcntl(fd, F_GETFL);
-    // -1 has every flag set: writing it back would turn on what nobody asked for.
+    // -1 has every flag set: writing it back would turn on unwanted flags.
     if (flags != -1) (void)::fcntl(fd, F_SETFL, flags | O_NONBLOCK); // the caller judges by flags
     return flags;
 }

@@ -1,5 +1,5 @@
-// What a tool has printed may still wait in a buffer when its work is done: only the flush tells
-// whether it gets where it was to go.
+// The output of a tool may still be in a buffer when its work is done: only the flush shows whether
+// it arrives.
 #pragma once
 
 #include <cerrno>

@@ -1,5 +1,5 @@
-// Text of others on its way to a terminal: names come from files, devices and the cloud, and a
-// control character in one of them must not act there.
+// Text from outside, for a terminal: names come from files, devices and the cloud, and a control
+// character in one of them must have no effect there.
 #pragma once
 
 #include <string>

@@ -27,7 +27,7 @@ int createDetachedThread(THREAD_HANDLE_T *handle, THREAD_BODY_FUNC_T body, void 
 
 int stopDetachedThread(THREAD_HANDLE_T *handle)
 {
-    // A plain store could overwrite the 0 of a body that ends at this moment, and nobody would
+    // A plain store could overwrite the 0 of a body that ends at this moment, and nothing would
     // ever clear the 2 again.
     std::int32_t state = handle->run_state.load();
     while (state != THREAD_STATE_STOPPED &&

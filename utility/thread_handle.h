@@ -1,9 +1,9 @@
 // A detached thread and its run state.
 //
 // Protocol  the handle starts at 0; the body sets THREAD_STATE_RUNNING as its first action and
-//           loops while it stands; stopDetachedThread sets THREAD_STATE_STOPPING; the body then
-//           leaves its loop and sets THREAD_STATE_STOPPED as its last action. Nobody joins the
-//           thread.
+//           loops while it is set; stopDetachedThread sets THREAD_STATE_STOPPING; the body then
+//           leaves its loop and sets THREAD_STATE_STOPPED as its last action. The thread is
+//           never joined.
 // Threads   run_state is shared between the stopper and the body; thread_id is the creator's.
 #pragma once
 

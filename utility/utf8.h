@@ -15,7 +15,7 @@ constexpr std::size_t utf8_character_length(std::string_view text) noexcept
     if (lead < 0xC2 || lead > 0xF4) return 0;
     const std::size_t length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
     if (text.size() < length) return 0;
-    // Only the second byte tells overlong forms, surrogates and too high code points apart.
+    // Only the second byte distinguishes overlong forms, surrogates and too high code points.
     const auto second = static_cast<unsigned char>(text[1]);
     const int low = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
     const int high = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;

@@ -9,8 +9,8 @@ namespace {
 
 constexpr char USAGE[] =
     "Usage: gateway_config_manager --bus ADDRESS --file PATH\n"
-    "Keeps the gateway's settings in PATH, and who is told of changes in PATH.subscribers, and\n"
-    "offers them on the bus at ADDRESS.\n";
+    "Keeps the gateway's settings in PATH and offers them on the bus at ADDRESS. PATH.subscribers\n"
+    "lists the modules that are notified of changes.\n";
 
 } // namespace
 

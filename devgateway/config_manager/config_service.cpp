@@ -17,7 +17,7 @@ namespace {
 constexpr char SERVICE_NAME[] = "iot.gateway.config_manager"; // the interface's, too
 constexpr char SERVICE_PATH[] = "/iot/gateway/config_manager";
 constexpr char NOTICE_METHOD[] = "notify_config";
-// A module that stands still must not make the manager keep more and more of its notices. The two
+// A module that hangs must not make the manager keep more and more of its notices. The two
 // together stay below what the bus keeps of unanswered calls (1024, for 60 s).
 constexpr int UNANSWERED_MAX = 64;
 constexpr std::chrono::seconds NOTICE_TIMEOUT{10};
@@ -76,8 +76,8 @@ sdbus::IProxy &module_named(CONFIG_SERVICE_T &service, const std::string &name)
     return *proxy;
 }
 
-// The answer tells nothing, but modules send one whether it is wanted or not, and a strict bus
-// refuses the one that is not: the module would log that as a fault.
+// The answer is not used, but modules send one whether it is wanted or not, and a strict bus
+// refuses an unwanted one, which the module would log as a fault.
 void notify(CONFIG_SERVICE_T &service, const std::string &name, const std::string &key,
             const std::string &value)
 {
@@ -105,7 +105,7 @@ void notify_subscribers(CONFIG_SERVICE_T &service, const std::string &key, const
             notify(service, row->second, key, value);
             ++told;
         } catch (const sdbus::Error &error) {
-            // The value is stored all the same, and so is the answer to whoever set it.
+            // The value is stored all the same, and the caller of set gets its answer.
             RA_WARN("%s not told of %s: %s", row->second.c_str(), key.c_str(), error.what());
         }
     }

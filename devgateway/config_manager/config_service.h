@@ -12,8 +12,8 @@
 //          subscriber, without waiting for an answer, on the path and interface made from its
 //          name. A set to the value that the key has already is no change.
 // Kept     subscriptions outlive both ends: a module that went away and came back under its name
-//          is told again, and so it is after a restart of this program or of the bus, for a module
-//          subscribes only when it starts. They lie in a store of their own: key=MODULE MODULE...
+//          is notified again, also after a restart of this program or of the bus, because a module
+//          subscribes only when it starts. They are in a store of their own: key=MODULE MODULE...
 // Limits   SUBSCRIPTIONS_MAX pairs of module and key; more are refused.
 // Threads  one.
 #pragma once

@@ -88,7 +88,7 @@ int inherit_owner(int fd, const char *path)
 {
     struct stat status {};
     if (::stat(path, &status) != 0) return errno == ENOENT ? 0 : -1;
-    // An ordinary user cannot give the file away, and need not: then it is his own.
+    // An ordinary user cannot change the owner, and need not: the file is already that user's.
     if (::fchown(fd, status.st_uid, status.st_gid) != 0 && errno != EPERM) return -1;
     return ::fchmod(fd, status.st_mode & 07777);
 }

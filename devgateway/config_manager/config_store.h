@@ -7,7 +7,7 @@
 // Read     once, when the store is loaded; a missing file is an empty store.
 // Written  on every change, as a whole: a new file beside the old one, flushed to the disk, takes
 //          its place by renaming. A reader or a power cut sees the old file or the new one. Mode
-//          and owner are kept; a new file is its owner's alone, for it holds the device's secret.
+//          and owner are kept; only its owner may read a new file: it holds the secret.
 // Threads  one.
 // Failure  logged here, never with a value; the results are given below.
 #pragma once
@@ -48,7 +48,7 @@ bool is_config_value(std::string_view value) noexcept;
 // 0, or -1 for a file that cannot be read or is too large.
 [[nodiscard]] int load_config_store(CONFIG_STORE_T &store, const std::string &path);
 
-// Appends the lines of a file's content; the store's path stands in the warnings. Returns how many
+// Appends the lines of a file's content; the warnings name the store's path. Returns how many
 // were skipped.
 int parse_config_lines(CONFIG_STORE_T &store, std::string_view content);
 

@@ -4,7 +4,7 @@
 //          string {"code":N} with a BRIDGE_CODE.
 //            subscribe (s topic, s subscriber, i qos)
 //              0 once the broker has granted it. From then on the subscriber, a module's bus name
-//              (module.h), is told of every message, also after a restart of the broker. The
+//              (module.h), gets every message, also after a restart of the broker. The
 //              broker sends a retained message at every subscribe.
 //            publish (s topic, s payload, i qos)
 //              0 once the broker has taken the message.

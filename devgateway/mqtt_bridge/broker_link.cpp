@@ -162,7 +162,7 @@ void close_broker(BROKER_LINK_T &link)
     link.wanted = false;
     link.outage_reported = false;
     if (link.state == BROKER_DOWN) return;
-    (void)mosquitto_disconnect(link.client.get()); // a broker that is gone needs no leave
+    (void)mosquitto_disconnect(link.client.get()); // a broker that is gone needs no disconnect
     drop_client(link);
 }
 

@@ -1,6 +1,6 @@
 // Broker link: the one connection to the MQTT broker, driven by the caller's loop; no call waits
 // for the network. Each connection is a fresh client with a clean session: what was not taken when
-// a connection broke is gone and never sent late, so the caller may tell its own callers that it
+// a connection broke is lost and never sent late, so the caller may answer its own callers that it
 // failed.
 //
 // Owns     the client and its socket.
@@ -56,7 +56,7 @@ struct BROKER_LINK_T {
     int unanswered = 0;       // requests on this connection
     int untaken = 0;          // messages among them
     bool outage_reported = false;
-    std::string refusal; // why the broker did not let us in
+    std::string refusal; // why the broker refused the connection
     std::unique_ptr<mosquitto, BrokerClientDeleter> client;
     std::vector<BROKER_EVENT_T> events; // for the caller, who empties it
 };
@@ -68,7 +68,7 @@ struct BROKER_LINK_T {
 // Begins to connect at once unless the link is up or on its way.
 void open_broker(BROKER_LINK_T &link, std::int64_t now_ms);
 
-// Takes leave of the broker and stays away until open_broker. That is no BROKER_LOST.
+// Disconnects from the broker and stays disconnected until open_broker. That is no BROKER_LOST.
 void close_broker(BROKER_LINK_T &link);
 
 // What to wait for: the socket, and the milliseconds until serve_broker is needed without it (-1:
@@ -83,8 +83,8 @@ void serve_broker(BROKER_LINK_T &link, short revents, std::int64_t now_ms);
 // when the library refuses.
 [[nodiscard]] int broker_subscribe(BROKER_LINK_T &link, const std::string &topic, int qos);
 
-// A message of QoS 0 is sent with QoS 1, since for QoS 0 a broker tells nobody that it has taken
-// the message. It still arrives at most once: a connection sends it once, and it does not outlive
+// A message of QoS 0 is sent with QoS 1, because for QoS 0 a broker does not acknowledge the
+// message. It still arrives at most once: a connection sends it once, and it does not outlive
 // the connection.
 [[nodiscard]] int broker_publish(BROKER_LINK_T &link, const std::string &topic,
                                  const std::string &payload, int qos);

@@ -13,8 +13,8 @@ namespace {
 
 constexpr char USAGE[] =
     "Usage: gateway_mqtt_bridge --bus ADDRESS --host HOST --port PORT [--client-id ID]\n"
-    "Bridges the bus at ADDRESS and the MQTT broker at HOST, which is looked up once. Without an\n"
-    "ID the broker knows this client by one made up for each connection.\n";
+    "Connects the bus at ADDRESS with the MQTT broker at HOST, which is resolved once. Without an\n"
+    "ID every connection gets a random client identifier.\n";
 constexpr int PORT_MAX = 65535;
 
 // 0 for anything but a port.

@@ -1,5 +1,5 @@
-// Subscriptions: which bus names are told of which topics. A topic may be a filter with '+' and
-// '#'.
+// Subscriptions: which bus names get the messages of which topics. A topic may be a filter with '+'
+// and '#'.
 //
 // They are kept when a subscriber leaves the bus: its name comes back after a restart, and until
 // then the bus drops what is sent to it.
@@ -27,8 +27,8 @@ bool has_room_for(const SUBSCRIPTIONS_T &table, const std::string &topic,
 void remember_subscription(SUBSCRIPTIONS_T &table, const std::string &topic,
                            const std::string &subscriber, int qos);
 
-// Who is told of a message on this topic, each once however many of its filters match.
+// The subscribers that get a message on this topic, each once however many of its filters match.
 std::vector<std::string> subscribers_of(const SUBSCRIPTIONS_T &table, const std::string &topic);
 
-// Every topic once, with the highest QoS that a subscriber asked for: what the broker is to know.
+// Every topic once, with the highest QoS that a subscriber asked for: what to subscribe.
 std::map<std::string, int> subscribed_topics(const SUBSCRIPTIONS_T &table);

@@ -34,13 +34,13 @@ struct LAPSE_T {
 enum FEED_RESULT {
     FEED_IN_TIME,
     FEED_FIRST,       // the thread is watched from now on
-    FEED_AFTER_LAPSE, // late_ms tells by how much
+    FEED_AFTER_LAPSE, // late_ms says by how much
     FEED_SENSELESS,   // an empty or too long name, or a time that is not positive
     FEED_TABLE_FULL,
 };
 
 // A feed at now_ms that declares timeout_s. A feed that comes after its time but before
-// take_lapses() was asked is in time: nobody was told of a lapse.
+// take_lapses() was asked is in time: no lapse was reported.
 [[nodiscard]] FEED_RESULT feed_thread(LAPSE_TABLE_T &table, const std::string &module,
                                       const std::string &thread, std::int32_t timeout_s,
                                       std::int64_t now_ms, std::int64_t &late_ms);

@@ -14,13 +14,13 @@ DBusMessagePtr new_call(const char *method)
 {
     DBusMessagePtr call{
         dbus_message_new_method_call(MANAGER_NAME, MANAGER_PATH, MANAGER_NAME, method)};
-    // Nobody starts the manager on demand: without it the bus is to say so at once.
+    // The manager is not started on demand: without it the bus must answer at once.
     if (call != nullptr) dbus_message_set_auto_start(call.get(), FALSE);
     return call;
 }
 
 // The method return to `call`, null for anything else. An answer that comes after the time-out
-// carries the serial of a call that nobody waits for, so it is never taken for the answer to a
+// carries the serial of a call that is over, so it is never taken for the answer to a
 // later one.
 DBusMessagePtr answer_to(DBusConnection *conn, DBusMessage *call, int timeout_ms)
 {

@@ -44,8 +44,8 @@ timespec put_time(char *dst)
     return now;
 }
 
-// Standard error may have been made non-blocking by whoever shares it: wait a moment for room,
-// never for long.
+// Standard error may have been made non-blocking by a process that shares it: wait a moment for
+// room, never for long.
 bool wait_for_room()
 {
     pollfd room{STDERR_FILENO, POLLOUT, 0};

@@ -27,9 +27,9 @@ constexpr std::size_t FILE_MAX = 256;
 constexpr std::size_t FUNCTION_MAX = 128;
 constexpr std::size_t HEAD_SIZE = 512; // level, module, place
 static_assert(HEAD_SIZE > MODULE_SIZE + FILE_MAX + FUNCTION_MAX + sizeof "L  :2147483647 : ");
-// Formatting room: what is kept of a text, and what tells whether it was longer. It lies on the
-// stack of every thread that logs, so it is no larger, though the C library takes 90 us to measure
-// the rest of a text of 50 KiB.
+// Formatting room: the kept part of a text, and some more to see whether it was longer. It is on
+// the stack of every thread that logs, so it is no larger, though the C library takes 90 us to
+// measure the rest of a text of 50 KiB.
 constexpr std::size_t TEXT_SIZE = LOG_TEXT_MAX + 64;
 constexpr std::size_t CONF_SIZE = 64;
 
@@ -77,7 +77,7 @@ __attribute__((format(printf, 2, 0))) void put_text(LOG_LINE_T &line, const char
 {
     char text[TEXT_SIZE];
     const int formatted = std::vsnprintf(text, sizeof text, format, arguments);
-    std::string_view stored{format}; // for want of a text, its format still tells what it was
+    std::string_view stored{format}; // without a text, its format still says what it was
     if (formatted >= 0) {
         stored = {text, std::min(static_cast<std::size_t>(formatted), sizeof text - 1)};
     }
@@ -116,7 +116,7 @@ void warn(int number, const char *format, ...)
 // The level that the file asks for, or `level` when there is none or it is not understood.
 int override_level(const char *conf_path, int level)
 {
-    // Not to be held up by a FIFO that lies there.
+    // A FIFO in its place must not block.
     const UniqueFd file{::open(conf_path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK)};
     if (!file && (errno == ENOENT || errno == ENOTDIR)) return level;
     char content[CONF_SIZE];
@@ -198,7 +198,7 @@ std::string_view bound_log_text(std::string_view stored, bool *cut) noexcept
     stored.remove_suffix(stored.ends_with("\r\n") ? 2 : stored.ends_with('\n') ? 1 : 0);
     *cut = stored.size() > LOG_TEXT_MAX;
     if (!*cut) return stored;
-    // A character that begins before the limit and ends behind it goes as a whole.
+    // A character that begins before the limit and ends behind it is dropped whole.
     for (std::size_t start = LOG_TEXT_MAX - 3; start < LOG_TEXT_MAX; ++start) {
         if (start + utf8_character_length(stored.substr(start)) > LOG_TEXT_MAX) {
             return stored.substr(0, start);

@@ -18,8 +18,8 @@ constexpr std::size_t escaped_size(std::size_t length) noexcept
 // added.
 std::size_t escape_log_text(std::string_view text, char *dst) noexcept;
 
-// What of a text is logged, without a line end at its end. Of a longer text `stored` may be the
-// beginning, if it goes on for a whole character and a line end past LOG_TEXT_MAX. *cut tells
+// The part of a text that is logged, without a line end at its end. Of a longer text `stored` may
+// be the beginning, if it goes on for a whole character and a line end past LOG_TEXT_MAX. *cut says
 // whether the mark belongs behind the result.
 std::string_view bound_log_text(std::string_view stored, bool *cut) noexcept;
 

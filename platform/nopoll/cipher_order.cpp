@@ -12,7 +12,7 @@
 namespace ws {
 namespace {
 
-// Which bit of OpenSSL's capability word stands for AES: OPENSSL_ia32cap(3), and arm_arch.h.
+// Which bit of OpenSSL's capability word means AES: OPENSSL_ia32cap(3), and arm_arch.h.
 struct CAPABILITY_T {
     std::string_view name;
     unsigned bit;
@@ -75,7 +75,7 @@ void orderCiphers(SSL_CTX *context)
     try {
         moveToFront(context, wanted);
     } catch (const std::bad_alloc &) {
-        return; // a wish, no need
+        return; // optional
     }
     ERR_clear_error();
 }

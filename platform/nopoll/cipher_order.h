@@ -1,5 +1,5 @@
 // The order in which a client offers its ciphers: the one that costs this processor least first.
-// All of them are as safe; a server that has no wish of its own takes the first it knows.
+// All are equally safe; a server without a preference of its own takes the first it supports.
 #pragma once
 
 #include <openssl/ssl.h>

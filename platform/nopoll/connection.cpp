@@ -51,12 +51,12 @@ bool fillRx(noPollConn &conn)
     return got > 0;
 }
 
-// Logs why, tells the server as far as it can be told, and ends the connection.
+// Logs why, informs the server if possible, and ends the connection.
 STEP finish(noPollConn &conn, noPollDebugLevel level, const FAILURE_T &reason, uint16_t code)
 {
     logLine(conn.context, level, "%s", reason.text);
     sayGoodbye(conn, code);
-    conn.context->failure = reason; // last: it counts more than what the goodbye met
+    conn.context->failure = reason; // last: it outweighs a failure of the close frame
     conn.ended = true;
     return STEP_ENDED;
 }
@@ -142,7 +142,7 @@ STEP handlePayload(noPollConn &conn)
     std::size_t size = taken;
     consumeBytes(conn.rx, taken);
     conn.frame_left -= taken;
-    if (conn.holding) { // in front of it lie the header's bytes, or the headroom of rx
+    if (conn.holding) { // in front of it are the header's bytes, or the headroom of rx
         *--payload = conn.held;
         ++size;
         conn.holding = false;
@@ -177,7 +177,7 @@ QUEUED failToQueue(noPollConn &conn, noPollDebugLevel level, const char *reason)
     return QUEUED::ENDED;
 }
 
-// Encrypts the record that stands in conn.frame.
+// Encrypts the record in conn.frame.
 QUEUED queueRecord(noPollConn &conn)
 {
     FAILURE_T failure{};
@@ -192,7 +192,7 @@ QUEUED queueRecord(noPollConn &conn)
 }
 
 // Masks and encrypts a record at a time, while it is in the processor's nearest cache. The frame's
-// header stands in conn.frame.
+// header is in conn.frame.
 QUEUED queueRecords(noPollConn &conn, std::span<const uint8_t> payload,
                     const uint8_t (&mask)[MASK_SIZE])
 {

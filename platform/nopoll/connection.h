@@ -81,7 +81,7 @@ void logLine(noPollCtx *context, noPollDebugLevel level, const char *format, ...
 // Logs the reason and marks the connection as ended; always false.
 bool endConnection(noPollConn &conn, noPollDebugLevel level, const char *reason);
 void closeSocket(noPollConn &conn);
-// Says the last words that fit: a close frame and the closing alert, but nothing behind a frame
+// Sends what still fits: a close frame and the closing alert, but nothing behind a frame
 // that is cut.
 void sayGoodbye(noPollConn &conn, uint16_t code);
 

@@ -18,8 +18,8 @@ using AddressListPtr = std::unique_ptr<addrinfo, Releaser<freeaddrinfo>>;
 bool isAddress(const char *host);
 
 // The addresses of a host, or none with the reason. A name is looked up by a thread of its own,
-// because nothing bounds what a name service may take: at the deadline the caller goes on and the
-// thread is left to end by itself.
+// because the time of a name service has no bound: at the deadline the caller continues, and the
+// thread ends by itself.
 AddressListPtr resolveHost(const char *host, const char *port, int64_t deadline_ms,
                            FAILURE_T &failure);
 

@@ -290,7 +290,7 @@ noPollMsg *nopoll_conn_get_msg(noPollConn *conn)
         conn->wire.reads_left = ws::READS_PER_CALL;
         message = ws::nextPiece(*conn);
     }
-    if (!conn->ended) (void)ws::pushOut(*conn); // TLS may have had something to say by itself
+    if (!conn->ended) (void)ws::pushOut(*conn); // TLS may have written records of its own
     if (conn->ended && !message) ws::closeSocket(*conn);
     return message;
 }

@@ -12,7 +12,7 @@
 //            in the socket, 30 ms of it without the peer taking anything. Nothing else.
 // Limits     a message sent has at most 16 MiB; a frame received may have any length. Nothing is
 //            allocated for a message that is no longer than an earlier one.
-// Identity   TLS 1.2 or later; with verification on, the peer is held against the given CA file
+// Identity   TLS 1.2 or later; with verification on, the peer is checked against the given CA file
 //            alone, chain and name (see tls_link.h).
 // Failure    a connection that fails says why through the context's log handler, once, and in
 //            nopoll_ctx_failure. It is then not ok and has no socket; the descriptor itself stays
@@ -103,8 +103,8 @@ int nopoll_conn_read_pending(noPollConn *conn);
 
 // Sending, one binary frame each. The length when all went to the socket; the payload bytes that
 // left when part of a plain frame left; -2 when nothing useful left (over TLS: whenever something
-// is pending); -1 on a failure. Also -2 when the frame was not taken: while an earlier one is pending,
-// and, with nothing pending, while only a part of a message of the server's TLS has come.
+// is pending); -1 on a failure. Also -2 when the frame was not taken: while an earlier one is
+// pending, and, with nothing pending, while only a part of a message of the server's TLS has come.
 int nopoll_conn_send_binary(noPollConn *conn, const char *content, long length);
 // Bytes of frames, with their headers and TLS records, that are not in the socket yet.
 int nopoll_conn_pending_write_bytes(noPollConn *conn);

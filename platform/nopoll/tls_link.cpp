@@ -92,8 +92,8 @@ int acceptPinnedCertificate(int accepted, X509_STORE_CTX *store)
     return 1;
 }
 
-// The system's word comes first. Else the last error tells most, unless it only names the library
-// that the first one comes from.
+// The system's error comes first. Otherwise the last error is the most precise, unless it only
+// names the library that the first one comes from.
 const char *fileFault()
 {
     const unsigned long first = ERR_peek_error();
@@ -198,7 +198,7 @@ bool shakeHands(TLS_LINK_T &link, WIRE_T &wire, int64_t deadline_ms, FAILURE_T &
         const int error = SSL_get_error(link.ssl.get(), result);
         const bool unfinished = error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
         if (!unfinished) (void)failHandshake(link, wire, failure);
-        const bool flushed = flushWire(wire); // also the alert that tells the server why
+        const bool flushed = flushWire(wire); // also the alert that gives the server the reason
         if (!unfinished) return false;
         if (!flushed) return failHandshake(link, wire, failure);
         const short events = bytesOf(wire.tx).empty() ? POLLIN : POLLIN | POLLOUT;

@@ -6,7 +6,7 @@
 // Ownership  a TLS_LINK_T borrows its wire, which must outlive it.
 // Identity   TLS 1.2 or later. With verification on, nothing but the given CA file is trusted,
 //            and the certificate must carry the server's name or address. The one exception is
-//            a certificate that has signed itself and stands in the CA file itself: it is
+//            a self-signed certificate that is in the CA file itself: it is
 //            pinned, so it needs no matching name. It still expires.
 #pragma once
 
@@ -19,7 +19,7 @@
 
 namespace ws {
 
-// A null path stands for no file; an empty one is a file that cannot be read.
+// A null path means no file; an empty one is a file that cannot be read.
 struct TLS_SETTINGS_T {
     HeapText client_certificate;
     HeapText private_key;

@@ -53,7 +53,7 @@ inline bool isControl(uint8_t opcode)
 }
 
 // The key text of a nonce, and the answer that a server owes to a key text. False when the hash is
-// not to be had.
+// not available.
 void makeKeyText(const uint8_t (&nonce)[NONCE_SIZE], char (&key)[KEY_TEXT_SIZE]);
 bool makeAcceptText(const char (&key)[KEY_TEXT_SIZE], char (&accept)[ACCEPT_TEXT_SIZE]);
 

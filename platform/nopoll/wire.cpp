@@ -66,7 +66,7 @@ int pollUntil(int fd, short events, int64_t deadline_ms)
         pollfd entry{fd, events, 0};
         const int ready = poll(&entry, 1, static_cast<int>(std::min<int64_t>(left, INT_MAX)));
         if (ready > 0) return entry.revents;
-        if (ready < 0 && errno != EINTR) return POLLERR; // the next call on the socket tells why
+        if (ready < 0 && errno != EINTR) return POLLERR; // the next call gives the reason
     }
 }
 

@@ -3,8 +3,8 @@
 // Ownership  a WIRE_T owns its descriptor and its queues.
 // Limits     a queue grows to QUEUE_LIMIT and no further; it keeps what it has grown to, so
 //            that a stream of messages of one size allocates nothing.
-// Failure    a broken socket is marked in the record and stays open: whoever waits on the
-//            descriptor may still look at it, and a number closed here could be another socket
+// Failure    a broken socket is marked in the record and stays open: a caller that waits on
+//            the descriptor may still use it, and a number closed here could be another socket
 //            by then.
 #pragma once
 

@@ -1,4 +1,4 @@
-// Watchdog, client side: builds the signal that tells the gateway's watchdog that a thread is
+// Watchdog, client side: builds the signal that informs the gateway's watchdog that a thread is
 // alive.
 //
 // Signal  on `path`, interface iot.gateway.watchdog, member feed_dog; arguments string module,

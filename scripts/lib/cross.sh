@@ -14,7 +14,7 @@ sysroot_apt() {
 }
 
 # sysroot_unpack PACKAGE ROOT: its files, and its entry in a dpkg database from which dpkg-shlibdeps
-# and dpkg-query tell where a library comes from. No script of the package is run.
+# and dpkg-query find where a library comes from. No script of the package is run.
 sysroot_unpack() {
     local package=$1 root=$2 info=$2/var/lib/dpkg/info name control file
     control=$(mktemp -d)
@@ -27,7 +27,7 @@ sysroot_unpack() {
     dpkg-deb --fsys-tarfile "$package" |
         tar --extract --directory "$root" --keep-directory-symlink --no-same-owner \
             --exclude=./etc --exclude=./usr/share/doc
-    # Libraries are found below the root, so the lists tell their places there.
+    # Libraries are found below the root, so the lists have their places there.
     dpkg-deb --fsys-tarfile "$package" | tar --list |
         sed "s#^\.#$root#; s#^$root/lib/#$root/usr/lib/#; s#/\$##" >"$info/$name.list"
     for file in shlibs symbols; do
@@ -65,7 +65,7 @@ make_sysroot() {
 # build/sysroot-ARCHITECTURE, where they stay until their list changes.
 install_cross_packages() {
     local root=$PWD/build/sysroot-$1 wanted
-    wanted="$root ${PACKAGES_SYSROOT[*]}" # the place, too: it stands in the database
+    wanted="$root ${PACKAGES_SYSROOT[*]}" # the place, too: the database contains it
     install_packages "${PACKAGES_CROSS[@]}" "g++-$(triplet_of "$1" | tr _ -)"
     [ "$(cat "$root/made-for" 2>/dev/null)" != "$wanted" ] || return 0
     printf 'getting the libraries of %s\n' "$1"
@@ -81,8 +81,8 @@ emulator_of() {
 }
 
 # packed_programs ARCHITECTURE FOLDER: a build folder for the end-to-end tests with the programs of
-# the packages in build/packages. The gateway's modules stand behind scripts that have them
-# emulated; the tests do that with the daemon and its tool, whose place matters.
+# the packages in build/packages. Scripts that start the emulator replace the
+# gateway's modules; the tests do that for the daemon and its tool, whose place matters.
 packed_programs() {
     local architecture=$1 folder=$2 program
     rm -rf "$folder"

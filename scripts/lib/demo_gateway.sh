@@ -289,7 +289,7 @@ run_command_by_name() {
     [ "$answer" = gateway ] && tail -n 1 "$LOG/audit.json" | grep -F '"whole":true'
 }
 
-# Nothing that is amiss on this gateway may be a failure.
+# Warnings about this gateway are allowed, failures are not.
 examine() {
     local passed
     passed=$("$BIN/remote-access-ctl" doctor | tee /dev/stderr | grep -c '^OK') || return 1
@@ -314,7 +314,7 @@ END
     timeout $USE_S sftp -P "$1" -b "$MATERIAL/batch" 127.0.0.1 || return 1
     mapfile -t times <"$MATERIAL/times"
     STEP_NOTE="up $(rate $((times[1] - times[0]))), down $(rate $((times[2] - times[1])))"
-    # The gateway's file system is at hand here: its copy is compared as it lies there.
+    # The gateway's file system is at hand here: its copy is compared in place.
     (cd / && sha256sum "$MATERIAL/original" "$HOME/copy" "$MATERIAL/returned" | tee /dev/stderr |
         awk '{ sums[$1] } END { exit NR != 3 || length(sums) != 1 }')
 }
@@ -326,7 +326,7 @@ fetch_page() {
     cmp "$MATERIAL/page" "$MATERIAL/web/index.html"
 }
 
-# open_relay NAME PORT: leads connections from outside to a port in here; the other relay is
+# open_relay NAME PORT: forwards connections from outside to a port in here; the other relay is
 # scripts/demo's.
 open_relay() {
     start "$1" /project/scripts/lib/relay.py "unix:/tmp/$1" "tcp:127.0.0.1:$2"

@@ -1,6 +1,6 @@
 """Usage: footprint.py ARCHITECTURE SIZE MINUTES
 
-Lets one daemon stand idle on its channel (TLS, the default periods) and then carry 32 sessions.
+Lets one daemon be idle on its channel (TLS, the default periods) and then carry 32 sessions.
 Prints a row of docs/footprint.md: SIZE, memory, wake-ups and bytes on the wire per hour.
 RA_BUILD_DIR and RA_EMULATOR have the meaning that they have for the end-to-end tests.
 """

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Installs Debian packages, and only what is missing.
+# Installs Debian packages, only those that are missing.
 
 # missing_packages NAME...: prints those that are not installed.
 missing_packages() {
@@ -27,7 +27,7 @@ install() {
 }
 # Without package lists, or with old ones, the first attempt fails.
 install "$@" || { apt-get update && install "$@"; }
-# systemd itself is wanted for its tools; its own units are not ours to disable.
+# systemd itself is needed for its tools; its own units stay enabled.
 others=()
 for package in "$@"; do [ "$package" = systemd ] || others+=("$package"); done
 if command -v systemctl >/dev/null && [ ${#others[@]} -gt 0 ]; then

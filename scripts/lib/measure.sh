@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# For the scripts that measure: goes to the repository, installs what is missing, and builds unless
+# For the scripts that measure: goes to the repository, installs missing packages, and builds unless
 # RA_BUILD_DIR names a build.
 cd "$(dirname "${BASH_SOURCE[0]}")/../.." || exit
 # shellcheck source=scripts/lib/install.sh

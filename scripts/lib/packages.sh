@@ -1,5 +1,5 @@
-# shellcheck shell=bash disable=SC2034 # the lists are used by who sources this
-# Debian packages, by what needs them. docs/dependencies.md gives the reason for each.
+# shellcheck shell=bash disable=SC2034 # for the scripts that source this
+# Debian packages, by use. docs/dependencies.md gives the reason for each.
 
 # To configure and build the daemon, the development gateway and the back end.
 PACKAGES_BUILD=(

@@ -2,8 +2,8 @@
 """Usage: relay.py LISTEN CONNECT
 
 Carries every connection made to LISTEN to CONNECT, both ways, until it is ended. Each is unix:PATH
-or tcp:ADDRESS:PORT; once it listens it prints where (port 0 takes any free port). It leads from the
-host's network into a sandbox that has its own: two relays meet at a Unix socket, because files are
+or tcp:ADDRESS:PORT; once it listens it prints where (port 0 takes any free port). It connects the
+host's network with a sandbox that has its own: two relays meet at a Unix socket, because files are
 what both sides share.
 """
 import asyncio

@@ -71,7 +71,7 @@ def launch(request, workspace):
     """launch(name=options of Gateway, ...) brings gateways up together; returns them by name.
 
     At the module's end each daemon must still run, or have ended as its options allow, and must
-    have left nothing but proper log lines: a sanitizer's report is none.
+    have written only proper log lines, which excludes sanitizer reports.
     """
     started = []
 

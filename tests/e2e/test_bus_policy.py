@@ -20,7 +20,7 @@ pytestmark = pytest.mark.skipif(ALONE, reason="only root has more than one accou
 
 
 def peer(account, name=None):
-    """A connection of this account: the bus sees who made it."""
+    """A connection of this account, which the bus can see."""
     uid, groups = ACCOUNTS[account]
     os.setgroups(groups)
     os.setegid(uid)

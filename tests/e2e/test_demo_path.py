@@ -1,4 +1,4 @@
-"""The whole way with our own back end: real ssh, sftp and curl through the tunnel over TLS."""
+"""The whole path with the reference back end: real ssh, sftp and curl through the tunnel."""
 import asyncio
 import json
 import os
@@ -34,7 +34,7 @@ async def serve_page(reader, writer):
 
 
 class Tunnel:
-    """Gateway, services and back end; `ports` lead to the gateway's services, by their names."""
+    """Gateway, services and back end; `ports` are those of the gateway's services, by name."""
 
     def __init__(self, launch, certificates, home, page=serve_page):
         self.home, self.listen = home, free_port()
@@ -196,7 +196,7 @@ def test_operator_without_a_back_end(tunnel):
     assert tunnel.operate("devices", control="missing")[0] == 3
 
 
-# ssh hangs its ProxyCommand up with its last words still on their way.
+# ssh ends its ProxyCommand with its last bytes still under way.
 @pytest.mark.parametrize("number, whole", [(signal.SIGKILL, False), (signal.SIGHUP, True)])
 def test_operators_session_ends_with_his_tool(tunnel, number, whole):
     count = len(tunnel.audit())
@@ -265,7 +265,7 @@ def test_back_end_reads_its_files_again(certificates, tmp_path):
             back_end.kill()
 
 
-def test_misspelt_setting_is_refused(tmp_path):
+def test_unknown_setting_is_refused(tmp_path):
     (tmp_path / "conf").write_text('plain=1\nlisten="127.0.0.1:0"\ndevices="x"\naudti="-"\n')
     done = subprocess.run([BIN / "remote_access_backend", "--config", tmp_path / "conf"],
                           capture_output=True, text=True, timeout=20 * SCALE, check=False)

@@ -1,4 +1,4 @@
-"""The documents as they stand: their commands are typed where they say, and what they name exists.
+"""The documents: their commands work where they say, and what they name exists.
 
 Commands of docs/operating.md and of the man pages are typed on the gateway of scripts/demo --stay,
 others in the source tree, together with the shell functions that earlier blocks of the document
@@ -19,13 +19,13 @@ DOCUMENTS = {path.name: path.read_text() for path in
              sorted([*REPOSITORY.glob("*.md"), *REPOSITORY.glob("docs/*.md")])}
 MANUALS = {path.name: path.read_text() for path in sorted(REPOSITORY.glob("packaging/man/*"))}
 FOLDERS = {path.name for path in REPOSITORY.iterdir() if path.is_dir()} - {".git", "build"}
-# What the documents call by its name and nothing in the tree does.
+# Names in the documents that nothing in the tree has.
 FOREIGN = {"IPAddressAllow", "OPENSSL_ia32cap", "epoll_wait", "perf", "prlimit", "strace",
            "tcp_rmem", "tcp_wmem", "tlsv1", "UeaZr47xPftos38CdA1lQymRGumnKg"}
 
 
 def blocks():
-    """Document, commands, and what the paragraph before them says is answered."""
+    """Document, commands, and the answers that the paragraph before them announces."""
     for name, text in {**DOCUMENTS, **MANUALS}.items():
         functions = ""
         for found in re.finditer(r"^```sh(.*)\n((?s:.*?))^```$|^\.Dl ()(.*)", text, re.M):
@@ -42,7 +42,7 @@ def blocks():
 
 
 def spans():
-    """(document, text) of what stands in backticks outside blocks"""
+    """(document, text) of each text in backticks outside blocks"""
     for name, text in DOCUMENTS.items():
         for span in re.findall(r"`([^`\n]+)`", re.sub(r"^```(?s:.*?)^```$", "", text, flags=re.M)):
             yield name, span
@@ -145,12 +145,25 @@ def test_names_exist():
     assert not unknown
 
 
+def test_every_unit_stands_on_the_map():
+    on_map = DOCUMENTS["architecture.md"].partition("## Map")[2].partition("\n## ")[0]
+    units = {path.stem for folder in ("src", "common", "utility", "platform", "devgateway", "ctl",
+                                      "operator", "backend")
+             for path in (REPOSITORY / folder).rglob("*.cpp")}
+    assert len(units) > 90
+    assert not units - set(re.findall(r"`([\w-]+)`", on_map))
+
+
 def test_texts_of_the_log_are_those_of_the_sources():
-    sources = "".join(tree("src", "common", "utility", "platform", "devgateway"))
-    sources = re.sub(r'"\s*"', "", sources).replace(r'\"', '"')
+    daemon, others = ["".join(tree(*folders)) for folders in
+                      (("src", "common"), ("utility", "platform", "devgateway"))]
+    daemon, others = (re.sub(r'"\s*"', "", text).replace(r'\"', '"') for text in (daemon, others))
     log = DOCUMENTS["log-messages.md"].partition("## Level I")[2]
     items = re.findall(r"^- ((?:`[^`\n]+`(?:, |,\n  )?)*)(?=: | \([IWE]|:\n)", log, re.M)
     texts = [text for item in items for text in re.findall("`([^`]+)`", item)]
     assert len(items) == len(re.findall("^- ", log, re.M)) and len(texts) > 150
     assert not [text for text in texts
-                if not all(part in sources for part in text.split("…"))]
+                if not all(part in daemon + others for part in text.split("…"))]
+    written = re.findall(r'RA_(?:WARN|ERROR)(?:\(|_FOR\([^,]*,)\s*"(.*?)(?:\\n)?"[,)]', daemon)
+    assert len(written) > 100
+    assert not set(written) - {"%s", *re.findall("`([^`\n]+)`", DOCUMENTS["log-messages.md"])}

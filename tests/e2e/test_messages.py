@@ -19,7 +19,7 @@ ACCEPTED = [
     ('{"msg_type":5,"payload_len":0,"msg_id":"c","token2":"first","token":"second"}', "c", "first"),
     (f'{{"msg_type":5,"payload_len":0,"msg_id":"{CUT}","token":"{CUT}"}}', CUT[:63], CUT[:63])]
 
-# Messages and the line that tells why they were dropped; None for a header that cannot be read.
+# Messages and the line that says why they were dropped; None for a header that cannot be read.
 REJECTED = [
     (' {"msg_type":5,"payload_len":0}\r\n\r\n', None), ("{", None), ("{}\r\n\r\n", None),
     ('["msg_type":5,"payload_len":0]\r\n\r\n', None), ('{"msg_type":5,"payload_len":0', None),

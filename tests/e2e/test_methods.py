@@ -1,4 +1,4 @@
-"""The bus methods, called by clients that are not ours."""
+"""The bus methods, called by independent clients."""
 import json
 import os
 import re
@@ -220,8 +220,8 @@ def test_transfer_timeout_is_stored_only(link):
 @pytest.mark.parametrize("name, services, running", [
     ("opening", True, 0), ("shaking", True, 1), ("unset", False, 0)])
 def test_before_the_channel_is_open(gateways, name, services, running):
-    """The proxy thread stands still while it connects, and has not begun without a configuration:
-    that takes the whole 3 s to tell."""
+    """The proxy thread does not run while it connects, and has not started without a configuration:
+    the answer takes the whole 3 s."""
     gateway = gateways[name]
     peer, mark = Peer(gateway.address), gateway.log.mark()
     if services:

@@ -1,5 +1,5 @@
-"""What the machine may do to the daemon: few descriptors or very large ones, a full disk, little
-memory; and bytes from outside that try to look like log lines."""
+"""Resource limits and log injection: few descriptors or very large ones, a full disk, little
+memory; and bytes from outside that imitate log lines."""
 import os
 import re
 
@@ -70,8 +70,8 @@ def test_full_disk_under_the_certificate(launch):
 
 @pytest.mark.skipif(bool(INSTRUMENTED), reason="a sanitizer needs more memory than it touches")
 def test_little_memory(launch):
-    """The loader's words, or a line that tells what could not be made and status 255, or a daemon
-    that runs and goes on trying: nothing else."""
+    """The loader's message, or a line that says what failed and status 255, or a daemon that runs
+    and keeps trying: nothing else."""
     gateways = launch(**{f"memory-{size}": {
         **shell(f"ulimit -v {size}"), "ends": [1, 127, 255],
         "strays": ".*: error while loading shared libraries: .*"} for size in MEMORY_KB})

@@ -17,7 +17,7 @@ NO_PLAIN = ("W", "ERROR: Expected to find proper client connection status, but f
 NOT_READY = ("W", "ERROR: connection not ready ")
 FAILED, CLOSED = ("W", "cloud channel open failed"), ("I", "close cloud channel!")
 UNTRUSTED, BAD_CA = "the server's certificate is not accepted: ", f"cannot use the CA file /{CA_FILE}: "
-# What the back end shows, what lies in the CA file, the host in the settings, and why it is
+# What the back end presents, what the CA file holds, the host in the settings, and why it is
 # refused, if it is.
 TRUST = {
     "trusted": ("good", "ca", HOST, None),
@@ -82,14 +82,14 @@ def gateways(launch, certificates, servers):
     for case, (host, words, *_) in UNREACHABLE.items():
         add(case, start_silent(words=words) if words else free_port(), host, tls=0)
     for case, (tls, kind, *_) in SILENT.items():
-        # The library says why a connection ended, but not that a living one does not get ready.
+        # The library says why a connection ended, but not that an open one does not get ready.
         add(case, start_silent(certificates.context() if tls else None), tls=kind,
             debug=int(case == "no-websocket"))
     return launch(**wanted)
 
 
 def reasons(gateway, why):
-    """The lines that tell why the openings so far have failed: all the same, one for each."""
+    """The lines that say why the openings so far have failed: all the same, one for each."""
     log, config = gateway.log, gateway.config
     log.wait(*FAILED, count=2, seconds=20)
     host, port = config["gw_remoteaccess_cloud_host"], config["gw_remoteaccess_cloud_port"]

@@ -22,7 +22,7 @@ DROPPED_DOWN = re.compile("local service bad: Resource temporarily unavailable, 
 BUS_LOST = re.compile("(remote access daemon connect|connection local) dbus error!")
 CLOCK_REFUSED, NO_SETTINGS = "handshake response code is 412!", "can not get PK, result:-1"
 
-# What may stand in the log at levels W and E. There is no bridge on these gateways' buses.
+# What the log may contain at levels W and E. There is no bridge on these gateways' buses.
 LINES = {
     "always": re.compile(
         "dbus_connection_send_with_reply_and_block is error!|DBus error:.*!|"
@@ -65,7 +65,7 @@ def _reset(cell):
 
 
 def _silence_dns(cell):
-    """Nobody notices that before the next opening, so there has to be one."""
+    """This shows only at the next opening, so there must be one."""
     cell.world.drop_arriving("cloud", "udp dport 53")
     if cell.state in CONNECTED:
         cell.check_undisturbed(3)

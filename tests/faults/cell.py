@@ -1,7 +1,7 @@
 """One cell of the matrix: brings a gateway into a state, lets a fault happen, and measures.
 
 Usage: cell.py STATE FAULT DIRECTORY TLS_DIRECTORY; prints a record in JSON. Its `problems` are
-empty when everything held that has to hold.
+empty when every check passed.
 """
 import collections
 import json

@@ -6,7 +6,7 @@ from dataclasses import dataclass
 
 from harness.sandbox import NAME, Gateway
 
-RESTART_AFTER_S = 5  # what a supervisor is told to wait
+RESTART_AFTER_S = 5  # the pause that a supervisor makes
 FAKETIME = next(iter(sorted(pathlib.Path("/usr/lib").glob("*/faketime/libfaketime.so.1"))), None)
 
 

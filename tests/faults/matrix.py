@@ -1,7 +1,7 @@
 """Runs the matrix of states and faults, many cells at a time, and writes the table of it.
 
-Each cell is a process with network namespaces of its own (cell.py). Status 0 only if everything
-held that has to hold in each of them.
+Each cell is a process with network namespaces of its own (cell.py). Status 0 only if every
+check passed in each of them.
 """
 import argparse
 import concurrent.futures
@@ -26,7 +26,7 @@ HERE = pathlib.Path(__file__).resolve().parent
 
 
 def run_cell(state, name, directory):
-    """Once more, up to twice, when it failed while the machine itself stood still."""
+    """Repeated, up to twice, when it failed while the machine itself was stopped."""
     for attempt in range(3):
         result = run_once(state, name, directory / f"{state}-{name}-{attempt}".replace(" ", "-"))
         if not result["problems"] or result.get("lag", 0) < STALL_S:

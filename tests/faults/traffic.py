@@ -7,7 +7,7 @@ import time
 PERIOD = 1 << 22
 PATTERN = random.Random(4).randbytes(PERIOD)
 _TWICE = PATTERN + PATTERN
-_WINDOW = 32  # enough bytes to tell a place in the pattern
+_WINDOW = 32  # enough bytes to identify a place in the pattern
 _TICK_S = 0.05
 _BUFFER = 1 << 16  # small, so that what counts as lost was on the way and not still at home
 

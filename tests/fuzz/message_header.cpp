@@ -6,8 +6,8 @@
 
 namespace {
 
-// What was read, written again by the daemon's own builder, reads the same: whatever can stand in a
-// JSON string of ours does not change on its way through.
+// What was read, written again by the daemon's own builder, reads the same: a text that fits into a
+// JSON string of the daemon does not change.
 void requireRoundTrip(const PROXY_HEADER_T &header)
 {
     const std::string_view texts[] = {header.msg_id, header.token};

@@ -1,5 +1,5 @@
-// Runs a target on every file of the directories given, in the order of their names. Stands in for
-// libFuzzer where that is not to be had.
+// Runs a target on every file of the directories given, in the order of their names. Replaces
+// libFuzzer where that is not available.
 #include "tests/fuzz/fuzz.h"
 #include "utility/handles.h"
 

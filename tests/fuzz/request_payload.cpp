@@ -6,7 +6,7 @@
 
 namespace {
 
-// A text that was taken stands in the payload.
+// A text that was taken is in the payload.
 template <std::size_t N> bool isPartOf(std::string_view payload, const char (&field)[N])
 {
     return isTerminated(field) && field[0] != '\0' && payload.find(field) != std::string_view::npos;

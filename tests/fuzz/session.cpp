@@ -1,5 +1,5 @@
 // Whole sessions: a scripted channel against the state machine, the dispatcher and real local
-// sockets. Each line of the input is a step; k stands for a session (a digit, modulo their number):
+// sockets. Each line of the input is a step; k means a session (a digit, modulo their number):
 //   N json    new session       H json    answer to the handshake  A json   account check
 //   Rk        release           P         keepalive pong           M text   any message
 //   Dk bytes  data down         Zk        the same, 40000 bytes    U text   an unfinished message
@@ -48,7 +48,7 @@ constexpr int DESCRIPTORS = 160;               // more than a run ever has open
 // A local service's end of a session.
 struct PEER_T {
     UniqueFd far;
-    int near = -1; // the daemon's descriptor, to tell whose session it is
+    int near = -1; // the daemon's descriptor, to find the session
     std::string id;
     std::string to_service, at_service; // what was sent in well-formed messages, what has come
     std::string to_cloud, at_cloud;
@@ -85,7 +85,7 @@ int __real_getaddrinfo(const char *host, const char *port, const addrinfo *hints
 int __wrap_connect(int fd, const sockaddr *address, socklen_t)
 {
     sockaddr_in target{};
-    std::memcpy(&target, address, sizeof target); // the port stands at the same place in IPv6
+    std::memcpy(&target, address, sizeof target); // the port is at the same place in IPv6
     const unsigned port = ntohs(target.sin_port);
     errno = ECONNREFUSED;
     if (port % 4 == 0) return -1;

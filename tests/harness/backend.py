@@ -11,7 +11,7 @@ def start_back_end(gateway, listen, certificate, *options, ports=()):
 
     listen       (address, port) of the channel, in the namespace that this thread is in
     certificate  the paths of its certificate and key
-    ports        the port that leads to a service of the gateway, by the service's name
+    ports        the port for a service of the gateway, by the service's name
     """
     devices = gateway.root / "devices.json"
     devices.touch(0o600)

@@ -1,7 +1,7 @@
-"""A back end that the tests script: it shares no code with the daemon or with our own back end.
+"""A back end that the tests script: it shares no code with the daemon or the reference back end.
 
-Every message that a gateway sends is recorded and held against the exact layout. The server runs
-on one asyncio thread; the methods below are for the tests' thread.
+Every message that a gateway sends is recorded and compared with the exact layout. The server
+runs on one asyncio thread; the methods below are for the tests' thread.
 """
 import itertools
 import re

@@ -1,6 +1,6 @@
 """The sections of documents that scripts renew with what they have measured.
 
-A section stands between `<!-- NAME: made by scripts/SCRIPT -->` and `<!-- end of NAME -->`; the
+A section is between `<!-- NAME: made by scripts/SCRIPT -->` and `<!-- end of NAME -->`; the
 text around it is written by hand.
 
 Usage: documents.py check DOCUMENT

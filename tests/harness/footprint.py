@@ -41,7 +41,7 @@ COUNTED = {"command": ("/usr/bin/env", f"LD_PRELOAD=/{INSTALLED}/bin/libmalloc_c
 
 @dataclass
 class Allocations:
-    """Calls to malloc and its kin so far, by who made them."""
+    """Calls of malloc and related functions so far, by caller."""
     openssl: int
     program: int
     others: int

@@ -10,7 +10,7 @@ RESET = struct.pack("ii", 1, 0)  # linger of 0 s: the socket ends with an RST
 
 
 def listen(receive_buffer=None, address="127.0.0.1", port=None):
-    """A listening socket whose connections take in so much while nobody reads."""
+    """A listening socket whose connections take in so much while nothing reads."""
     listener = socket.socket()
     listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
     if receive_buffer:

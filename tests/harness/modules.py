@@ -24,7 +24,7 @@ def check_watchdog(gateway):
 
 class FakeBridge(Peer):
     """A bridge without a broker. The first calls are answered as the test says, where None leaves
-    them unanswered; the others as a bridge would. It serves while somebody pumps."""
+    them unanswered; the others as a bridge would. It serves while it is pumped."""
 
     def __init__(self, gateway, answers):
         self.answers, self.unanswered = iter(answers), []

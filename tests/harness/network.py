@@ -12,7 +12,7 @@ import subprocess
 DEFAULT_GATEWAY, FILTERED_ADDRESS = "10.77.0.1", "10.99.0.9"
 _CLONE_NEWUSER, _CLONE_NEWNET = 0x10000000, 0x40000000
 _libc = ctypes.CDLL(None, use_errno=True)
-_ports = itertools.count(20001)  # below the kernel's own range, and nobody else is here
+_ports = itertools.count(20001)  # below the kernel's own range, and nothing else runs here
 
 
 def free_port():

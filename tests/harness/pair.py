@@ -31,8 +31,8 @@ def enter_linked_networks():
 
 
 class Pair:
-    """One gateway whose channel is accepted. `services` are (address, port) by name; `ports` lead
-    to them on the back end's side."""
+    """One gateway whose channel is accepted. `services` are (address, port) by name; `ports` are
+    theirs on the back end's side."""
 
     def __init__(self, workspace, cloud, name, services, config=(), files=(), level=1,
                  back_end=True):
@@ -67,7 +67,7 @@ class Pair:
              lambda: f"channel state {state}: {self.gateway.log.tail(8)}")
 
     def client(self, service, receive_buffer=None):
-        """A connection of an operator to the port that leads to the service."""
+        """A connection of an operator to the port of the service."""
         with self.cloud:
             connection = socket.socket()
         if receive_buffer:
@@ -85,7 +85,7 @@ class Pair:
         return (bus or self._bus).call_blocking(NAME, OBJECT, NAME, method, "", (), timeout=60)
 
     def switch(self, on, line):
-        """Seconds from the command until the line that tells of its effect."""
+        """Seconds from the command until the line that shows its effect."""
         mark, start = self.gateway.log.mark(), time.time()
         self.ask("OpenRemoteAccess" if on else "CloseRemoteAccess")
         return self.gateway.log.wait(*line, mark, seconds=120).time - start

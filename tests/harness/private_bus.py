@@ -1,4 +1,4 @@
-"""A private bus without a gateway around it, and modules on it that are not ours (python3-dbus)."""
+"""A private bus without a gateway around it, and independent modules on it (python3-dbus)."""
 import dbus
 import dbus.bus
 import dbus.lowlevel
@@ -31,8 +31,8 @@ class Processes(ProcessGroup):
 
 
 class Peer:
-    """One connection. Calls and signals land in `received` as (member, argument...); a call is
-    answered with 0."""
+    """One connection. Calls and signals are stored in `received` as (member, argument...). A call
+    is answered with 0."""
 
     def __init__(self, address, name=None):
         self.bus, self.received = dbus.bus.BusConnection(address), []
@@ -74,7 +74,7 @@ class Peer:
         return self.call(DRIVER, "RequestName", "su", name, dbus.UInt32(4))  # 4: do not queue
 
     def signal(self, interface, member, *arguments, to=None):
-        """Sends a signal, to everybody or to one name; the bus has dealt with it on return."""
+        """Sends a signal, to all or to one name; the bus has dealt with it on return."""
         message = dbus.lowlevel.SignalMessage("/" + interface.replace(".", "/"), interface, member)
         message.append(*arguments)
         if to:

@@ -2,7 +2,7 @@
 
 The daemon's paths are all fixed, so each one runs in a bubblewrap sandbox over a directory of the
 test. The private bus and the configuration manager run beside the sandbox, on that directory's
-socket. What the daemon logs lands in `stderr`, what it prints in `stdout`.
+socket. `stderr` gets the daemon's log, `stdout` its output.
 """
 import datetime
 import json
@@ -94,7 +94,7 @@ class Log:
         return found[count - 1]
 
     def in_order(self, wanted, after=0):
-        """The (level, text) pairs appear in this order; others may stand between them."""
+        """The (level, text) pairs appear in this order; others may be between them."""
         rest = iter([(line.level, line.text) for line in self.lines[after:]])
         for pair in wanted:
             assert pair in rest, f"{pair} missing in the log, or out of order"

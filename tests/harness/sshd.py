@@ -1,4 +1,4 @@
-"""An ssh server for an ordinary user in a sandbox: no privilege is needed, whoever starts it."""
+"""An ssh server for an ordinary user in a sandbox: no privilege is needed."""
 import subprocess
 
 _CONFIG = """HostKey {home}/host_key

@@ -1,4 +1,4 @@
-"""Throw-away certificates, made with the openssl command."""
+"""Temporary certificates, made with the openssl command."""
 import datetime
 import ssl
 import subprocess

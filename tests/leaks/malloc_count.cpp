@@ -1,4 +1,4 @@
-// Preloaded into a program, counts its calls to malloc and its kin, by who makes them, in the file
+// Preloaded into a program, counts its calls of malloc and related functions by caller, in the file
 // that MALLOC_COUNT names: 64-bit counters for OpenSSL, for the program itself (the C++ library's
 // calls are its own), for all other libraries, and of the blocks that have not been freed. A reader
 // may map or read the file at any time.

@@ -1,6 +1,6 @@
-"""Where bytes are lost by design, and that each loss stands in the log.
+"""Where bytes are lost by design, and that the log reports each loss.
 
-The two ends compare a random stream: which stretches of it are missing. The daemon's log tells the
+The two ends compare a random stream: which stretches of it are missing. The daemon's log has the
 messages that the stream travelled in, and which of them it gave up. Every stretch has to be made of
 whole messages (upwards) or of their ends (downwards) that the log has given up.
 """
@@ -17,7 +17,7 @@ from harness.workspace import Workspace
 import speed
 from ends import End, fork
 
-WINDOW = 24     # bytes that tell a place in the stream
+WINDOW = 24     # bytes that identify a place in the stream
 QUIET_S = 6     # no byte for so long: nothing more will come
 MESSAGE = 51200 # bytes of the longest one
 READ, PAUSE_AT = 1 << 14, 1 << 20
@@ -82,7 +82,7 @@ def given_up(lines, way):
 
 @dataclass
 class Result:
-    lines: int        # of the log that tell of a loss, or of a message that left late
+    lines: int        # of the log that report a loss, or a message that left late
     lost: int         # of these, those whose bytes are missing
     bytes: int        # missing
     whole: int        # bytes that the stream had

@@ -1,4 +1,4 @@
-// The clocks of a test program, which stand still until the program sleeps or waits. Takes the
+// The clocks of a test program, which stop until the program sleeps or waits. Takes the
 // places of monotonic_now, usleep, time and select; a select with nothing ready waits its whole
 // time-out on this clock, and none on the real one. One thread alone.
 #pragma once

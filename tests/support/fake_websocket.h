@@ -1,6 +1,6 @@
 // The WebSocket library of a test program: what arrives and how sending goes is scripted, what was
 // called and sent is kept. A context, connection, option set or message that the caller does not
-// release is a leak, and one used after its release a fault: the sanitizers tell.
+// release is a leak, and one used after its release a fault: the sanitizers report it.
 #pragma once
 
 #include "platform/nopoll/nopoll.h"

@@ -14,7 +14,7 @@
 #include <gtest/gtest.h>
 #include <string>
 
-// A message as it stands on the wire.
+// A message as it is on the wire.
 std::string wire(int type, const std::string &id, const std::string &token,
                  const std::string &payload = "");
 // A response that carries a code and a second part.

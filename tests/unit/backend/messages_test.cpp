@@ -186,7 +186,7 @@ TEST(DeviceRegistry, FaultsNameTheirPlace)
     EXPECT_EQ(findDeviceByName(registry, "pk2:d"), (DEVICE_KEY_T{"pk2", "d"}));
 }
 
-// The signs were computed with "openssl dgst -sha256 -hmac SECRET".
+// The signatures were computed with "openssl dgst -sha256 -hmac SECRET".
 TEST(HandshakeSign, EqualsIndependentOnes)
 {
     EXPECT_EQ(signHandshake("secret1", "quorvex_iot", {"pk1", "dev1"}, 1600000000),

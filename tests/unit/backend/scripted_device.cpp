@@ -102,7 +102,7 @@ SCRIPTED_DEVICE::SCRIPTED_DEVICE(std::uint16_t port) : peer(port)
     EXPECT_NE(answer.find("s3pPLMBiTxaQ9kYGzzhZRbK+xOo="), std::string::npos) << answer;
 }
 
-// The mask is zero, so that the payload stands in the frame as it is.
+// The mask is zero, so that the payload is in the frame unchanged.
 std::string SCRIPTED_DEVICE::frame(int opcode, std::string_view bytes)
 {
     std::string text{static_cast<char>(0x80 | opcode)};

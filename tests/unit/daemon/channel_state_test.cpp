@@ -188,7 +188,7 @@ TEST_F(ChannelState, LeavesEachStateForAReason)
         EXPECT_EQ(closed, proxy.conn == nullptr);
         EXPECT_EQ(closed ? "EOF" : "", drain(far.get()));
         EXPECT_EQ(closed ? 0 : 10, proxy.recv_buffer.write_offset + proxy.send_buffer.write_offset);
-        EXPECT_EQ("", sent()); // nobody is told
+        EXPECT_EQ("", sent()); // no message is sent
         releaseRemoteProxy(&proxy);
     }
     fake_logger::take();

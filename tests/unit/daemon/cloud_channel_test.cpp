@@ -131,7 +131,7 @@ TEST_F(CloudChannel, ReadsPieces)
     ASSERT_EQ(0, initDataBuffer(&buffer, 10));
     const struct {
         PIECE_T piece;
-        int result, fin; // fin stands at 7 before the first read
+        int result, fin; // fin is 7 before the first read
         const char *log, *content;
     } rows[] = {
         {{""}, 0, 7, "2 can not get cloud message size!", ""},

@@ -82,7 +82,7 @@ TEST_F(Dispatch, HandsNoHeaderOnAsPayload)
 
 TEST_F(Dispatch, RefusesASessionThatCannotBeConnectedOrKept)
 {
-    const int dead_port = LISTENER_T{}.port; // nobody listens there any more
+    const int dead_port = LISTENER_T{}.port; // nothing listens there any more
     EXPECT_THAT(receive(newSessionTo(dead_port)),
                 HasSubstr("|1 unblock mode sockfd is connecting...|2 connection failed after "
                           "select with the error: 111|2 failed to connect to local service|"));
@@ -100,7 +100,7 @@ TEST_F(Dispatch, RefusesASessionThatCannotBeConnectedOrKept)
     EXPECT_EQ(0U, getSessionTableSize(&proxy.session_table));
 }
 
-// A request that stands in the rest of a message too long for the buffer was never one.
+// A request found in the rest of a message too long for the buffer was never one.
 TEST_F(Dispatch, CarriesNothingOutOfTheRestOfAMessageThatIsTooLong)
 {
     const std::string filler(MESSAGE_BUFFER_SIZE + 1, 'f');
@@ -153,7 +153,7 @@ TEST_F(Dispatch, DrainsUntilNothingIsLeftOrRemoteAccessIsOffOrTheBoundIsReached)
     EXPECT_EQ(0U, left(in_bound, large));
     EXPECT_EQ(1U, left(in_bound + 1, large));
 
-    const UniqueFd far = addSession("s1"); // nobody reads there
+    const UniqueFd far = addSession("s1"); // nothing reads there
     const int smallest = 1;
     const int near = findOneSessionFromTable(&proxy.session_table, "s1")->socket_fd;
     (void)::setsockopt(near, SOL_SOCKET, SO_SNDBUF, &smallest, sizeof smallest);

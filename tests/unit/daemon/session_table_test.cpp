@@ -39,7 +39,7 @@ TEST_F(SessionTable, ReleaseClosesTheSocketOnce)
     EXPECT_EQ(0, releaseOneSessionFromTable(&table, "abc"));
     EXPECT_FALSE(isOpen(fd));
     EXPECT_EQ("", fake_logger::take(0));
-    EXPECT_EQ(fd, add("other")); // the descriptor is somebody else's now
+    EXPECT_EQ(fd, add("other")); // the descriptor belongs to something else now
     EXPECT_EQ(0, releaseOneSessionFromTable(&table, "abc"));
     EXPECT_TRUE(isOpen(fd));
     EXPECT_EQ("1 sessionID:abc had release!", fake_logger::take(0));

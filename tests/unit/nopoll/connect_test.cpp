@@ -1,5 +1,4 @@
-// Getting connected, and to whom: addresses, certificates, names, and what the log says when it
-// fails.
+// Connecting: addresses, certificates, names, and what the log says when it fails.
 #include "scripted_server.h"
 
 #include "platform/nopoll/cipher_order.h"
@@ -130,7 +129,7 @@ TEST(Connect, SaysWhyThereIsNoConnection)
 {
     ScriptedServer gone;
     gone.abandon();
-    const std::string long_label(64, 'a'); // no name has such a label, so nobody is asked
+    const std::string long_label(64, 'a'); // no name has such a label, so no server is asked
     struct ROW_T {
         const char *host;
         const char *port;

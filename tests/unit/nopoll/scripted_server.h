@@ -1,4 +1,4 @@
-// A WebSocket server of a few lines that sends what a test tells it, right or wrong, and reads
+// A WebSocket server of a few lines that sends what a test gives it, right or wrong, and reads
 // frames strictly. Only its accept runs in a thread; after that the test moves both ends.
 // Every wait ends after PATIENCE_S.
 #pragma once

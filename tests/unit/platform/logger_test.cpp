@@ -19,7 +19,7 @@ namespace {
 
 constexpr char NO_CONF[] = "/nonexistent/logger.conf";
 
-// Takes the place of standard error: a pipe that is emptied on request. Nobody waits for it.
+// Takes the place of standard error: a pipe that is emptied on request. Nothing waits for it.
 class StderrPipe {
 public:
     StderrPipe() : saved_{::dup(STDERR_FILENO)}
@@ -139,7 +139,7 @@ TEST(Logger, KeepsEveryTextOnOneLineAndCutsItBetweenCharacters)
 
 TEST(Logger, FormatsNothingBelowTheLevelAndKeepsErrno)
 {
-    // A text at address 1 ends the test as soon as anybody reads it.
+    // A text at address 1 ends the test as soon as it is read.
     const auto *const unreadable = reinterpret_cast<const char *>(std::uintptr_t{1});
     const std::string lines = logged(2, [=] {
         LOG(1, "%s", unreadable);

@@ -49,7 +49,7 @@ const LOOKUP_T LOOKUPS[] = {
     {"{\"a\":\"b\0\"}"sv, "a", {}, NO_MEMBER},
     {"\0{\"a\":1}"sv, "a", {}, NO_MEMBER},
     {"", "a", {}, NO_MEMBER},
-    // Only blanks may stand before the bracket.
+    // Only blanks may precede the bracket.
     {"\t{\"a\":1}", "a", {}, NO_MEMBER},
     {R"([{"a":1}])", "a", {}, NO_MEMBER},
 };

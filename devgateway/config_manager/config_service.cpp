@@ -67,6 +67,10 @@ void keep_subscriptions(CONFIG_SERVICE_T &service, const std::string &key)
 
 sdbus::IProxy &module_named(CONFIG_SERVICE_T &service, const std::string &name)
 {
+    if (service.modules.size() >= SUBSCRIPTIONS_MAX && !service.modules.contains(name)) {
+        service.modules.clear(); // most have long been unsubscribed; what they answer is not heard
+        service.unanswered = 0;
+    }
     std::unique_ptr<sdbus::IProxy> &proxy = service.modules[name];
     if (!proxy) {
         std::string path = "/" + name;

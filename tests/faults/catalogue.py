@@ -13,6 +13,7 @@ from world import CLOUD, NEW_CLOUD
 STATES = ("opening", "handshaking", "idle", "uploading", "downloading", "32 sessions")
 CONNECTED = STATES[2:]
 RATE, FAST = 300_000, 1_500_000  # bytes per second
+HURRY = 5
 
 START, ACCEPTED = "start to create cloud channel...", "handshake response code is 0!"
 FAILED, END = "cloud channel open failed", "end the cloud channel."
@@ -31,7 +32,7 @@ LINES = {
     "channel": re.compile(
         f"{FAILED}|{DROPPED_UP.pattern}|ERROR: connection not ready |no channel to .*|"
         "Expected to find proper client connection status, but found error.. |"
-        "the back end repeats itself and hears nothing, the channel is dropped|"
+        "the back end (repeats itself and hears|takes) nothing, the channel is dropped|"
         "handshake send msg failed|send cloud channel HandShake request error!|"
         "release (request|keepalive ping) send msg failed,ret=.*"),
     "service": re.compile(
@@ -57,6 +58,8 @@ class Fault:
     lines: tuple = ("channel",)
     limit_s: float = 35                  # within which it is to be noticed
     ping_s: int = 80
+    keepalive_s: int = 5
+    answers: bool = True                 # new sessions can be opened meanwhile
     ends: bool = False                   # it outlasts six failed openings in a row
 
 
@@ -112,6 +115,18 @@ def _stall(unread, rate):
     return change
 
 
+def _stop_reading(cell):
+    cell.world.pause_back_end(True)
+    for session in cell.sessions:
+        session.up.rate *= HURRY  # soon the window is closed
+
+
+def _read_again(cell):
+    for session in cell.sessions:
+        session.up.rate //= HURRY
+    cell.world.pause_back_end(False)
+
+
 def _end_service(end):
     def begin(cell):
         cell.ended = cell.sessions.pop(0)
@@ -131,6 +146,7 @@ def _every(line):
 _HOLE = {"end": _heal, "lasts": None}
 _STOPPED = {"begin": lambda cell: cell.world.pause_back_end(True),
             "end": lambda cell: cell.world.pause_back_end(False), "lasts": None}
+_UNREAD = {"begin": _stop_reading, "end": _read_again, "cuts": (), "answers": False}
 _GONE = {"begin": lambda cell: cell.world.kill_back_end(), "end": _revive_back_end}
 _CLOCK = {"end": _step_clock(0), "lasts": 8, "cuts": ("opening",),
           "seen": {"opening": CLOCK_REFUSED}}
@@ -143,7 +159,9 @@ FAULTS = {
     "hole": Fault("black hole both ways", _silence("home", "cloud"), **_HOLE),
     "hole-up": Fault("black hole towards the cloud", _silence("cloud"), **_HOLE),
     "hole-down": Fault("black hole from the cloud", _silence("home"), **_HOLE),
-    "stopped": Fault("back end stopped (ping period 8 s)", ping_s=8, **_STOPPED),
+    "stopped": Fault("back end stopped (ping period 8 s)", ping_s=8, limit_s=45, **_STOPPED),
+    "unread": Fault("back end stops reading for 30 s (keepalive period 1 s)", lasts=30,
+                    states=("uploading",), keepalive_s=1, **_UNREAD),
     "restarted": Fault("back end killed, back after 3 s", lasts=3, **_GONE),
     "dns-dead": Fault("name server silent, then RST", _silence_dns, _heal, None,
                       seen=_every(FAILED), limit_s=7),
@@ -165,8 +183,10 @@ FAULTS = {
                             **_SERVICE),
 }
 LONG_FAULTS = {
-    "stopped-80": Fault("back end stopped (ping period 80 s, the default)", states=("idle",),
-                        limit_s=330, **_STOPPED),
+    "stopped-80": Fault("back end stopped (ping period 80 s, the default)",
+                        states=("idle", "uploading"), limit_s=360, **_STOPPED),
+    "unread-60": Fault("back end stops reading for 60 s, its kernel lives", states=CONNECTED,
+                       lasts=60, **_UNREAD),
     "gone-20": Fault("back end gone for 20 s", lasts=20, **_GONE, **_LONG),
     "hole-180": Fault("black hole for 180 s", _silence("home", "cloud"), _heal, 180, **_LONG),
     "dns-90": Fault("name server silent for 90 s, RST", _silence_dns, _heal, 90,

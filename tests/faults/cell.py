@@ -33,7 +33,8 @@ class Cell:
     def __init__(self, state, name, directory, tls):
         self.state, self.name, self.fault = state, name, ALL_FAULTS[name]
         self.world = World(directory, tls, name.startswith("clock"),
-                           gw_remoteaccess_ping_period=self.fault.ping_s)
+                           gw_remoteaccess_ping_period=self.fault.ping_s,
+                           gw_remoteaccess_tcp_keepalive_period=self.fault.keepalive_s)
         self.edge, self.traffic = self.world.edge, Traffic()
         self.cut = state in self.fault.cuts
         self.sessions, self.problems, self.ended = [], [], None
@@ -166,7 +167,8 @@ class Cell:
     def check_undisturbed(self, seconds):
         """The channel and every session live on, and new ones can be opened."""
         since = time.monotonic()
-        self.probe(5)
+        if self.fault.answers:
+            self.probe(5)
         wait_until(lambda: self.seen(END, since), since + seconds - time.monotonic())
         self.check(not self.seen(END, since), "the channel was lost")
 

@@ -9,6 +9,7 @@ import time
 from dataclasses import dataclass
 
 import websockets
+from websockets.frames import Frame, Opcode
 
 from .network import free_port
 from .waiting import LOOP, poll, run
@@ -89,6 +90,12 @@ class Channel:
 
     def send(self, msg_type, payload=b"", msg_id="m", token=""):
         self.send_raw(header(msg_type, len(payload), msg_id, token) + payload)
+
+    def send_at_once(self, *messages):
+        """Several messages, each (type, payload, id, token), in one write to the socket."""
+        self.transport("write", b"".join(
+            Frame(Opcode.BINARY, header(kind, len(payload), msg_id, token) + payload).serialize(
+                mask=False, extensions=[]) for kind, payload, msg_id, token in messages))
 
     def transport(self, method, *arguments):
         """Act below the WebSocket layer."""

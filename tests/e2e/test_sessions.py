@@ -131,25 +131,6 @@ def fill(link, session):
     return poll(dropped, 60, "one message dropped after three tries")
 
 
-def test_service_that_does_not_read(link, echo):
-    """What does not fit is dropped after three tries; this session and the others live on."""
-    session, connection = both_ends(link, LocalService(receive_buffer=4096))
-    other = link.channel.open(echo)
-    stalled = ("W", "local service bad: Resource temporarily unavailable, writenLen:-1")
-    link.log.in_order([stalled, BLOCKED] * 3, fill(link, session))
-    for line in link.log.find("W", re.compile("want to write len: 50000, but writen len: .*")):
-        rest = 50000 - int(line.text.split()[-1])  # a part is followed by attempts at the rest
-        link.log.in_order([("W", line.text), ("D", f"send to local service len:{rest}"), BLOCKED])
-    link.channel.send(DATA_DOWN, b"hello", token=other)
-    assert link.channel.collect(other, 5) == [b"hello"]
-
-    def read_again():
-        link.channel.send(DATA_DOWN, b"again", token=session)
-        return connection.recv(1 << 20).endswith(b"again")
-
-    poll(read_again, 20, "data on the session after the stall")
-
-
 def break_pipe(link):
     """Let a service end while a write to it waits; true when that write met the broken pipe.
 

@@ -32,23 +32,29 @@ def test_second_instance_leaves_and_the_file_of_a_dead_one_is_taken_over(connect
     gateway.log.wait("I", "Start RemoteAccessDaemon...")
 
 
-@pytest.mark.parametrize("directory, pid_file, line", [
-    (None, "/tmp/victim", NOT_OPENED), (None, "/tmp/missing", NOT_OPENED),
-    ("/tmp/victim", None, NOT_OPENED),
-    ("/tmp/missing", None, ("E", "Create Dir /tmp/brimlock error!"))],
-    ids=["to-a-file", "to-nothing", "directory-to-a-file", "directory-to-nothing"])
-def test_planted_link(request, launch, directory, pid_file, line):
-    """Whatever others have planted in /tmp, the daemon leaves with status 0 and harms nothing."""
-    def plant(root):
-        (root / "tmp/victim").write_text("precious")
-        if directory:
-            os.symlink(directory, root / "tmp/brimlock")
-        else:
-            (root / "tmp/brimlock").mkdir()
-            os.symlink(pid_file, root / PID_FILE)
+# What is planted under which name, and what the daemon says to that.
+PLANTED = {
+    "link-to-a-file": (os.symlink, "/tmp/victim", PID_FILE, NOT_OPENED),
+    "link-to-nothing": (os.symlink, "/tmp/missing", PID_FILE, NOT_OPENED),
+    "hard-link": (os.link, "victim", PID_FILE, NOT_OPENED),
+    "fifo": (lambda _, path: os.mkfifo(path), None, PID_FILE, NOT_OPENED),
+    "directory-to-a-file": (os.symlink, "/tmp/victim", "tmp/brimlock", NOT_OPENED),
+    "directory-to-nothing": (os.symlink, "/tmp/missing", "tmp/brimlock",
+                             ("E", "Create Dir /tmp/brimlock error!"))}
 
-    name = request.node.callspec.id
-    gateway = launch(**{name: {"prepare": plant, "ends": [0], "bus": False}})[name]
+
+@pytest.mark.parametrize("case", PLANTED)
+def test_planted_file(launch, case):
+    """Whatever others have planted in /tmp, the daemon leaves with status 0 and harms nothing."""
+    plant, target, name, line = PLANTED[case]
+
+    def prepare(root):
+        (root / "tmp/victim").write_text("precious")
+        if name == PID_FILE:
+            (root / "tmp/brimlock").mkdir()
+        plant(root / "tmp" / target if plant is os.link else target, root / name)
+
+    gateway = launch(**{case: {"prepare": prepare, "ends": [0], "bus": False}})[case]
     assert gateway.daemon.wait_exit() == 0
     assert lines(gateway.daemon) == [line]
     assert (gateway.root / "tmp/victim").read_text() == "precious"

@@ -11,7 +11,6 @@ from harness.network import FILTERED_ADDRESS, free_port
 from harness.waiting import poll
 
 ID = re.compile("[a-zA-Z0-9]{30}")
-BLOCKED = ("W", "local socket block, try again!")
 NOT_AVAILABLE = (101671, "BL local service is not available", "null")
 
 
@@ -117,36 +116,6 @@ def test_thirty_third_session_is_refused_without_a_connection(link):
         assert connection.recv(100) == session.encode()
     link.channel.release(sessions[0][0])
     both_ends(link, service)
-
-
-def fill(link, session):
-    """Send until a whole message meets a full socket; the log's length before that message."""
-    def dropped():
-        mark = link.log.mark()
-        link.channel.send(DATA_DOWN, bytes(50000), token=session)
-        link.channel.settle()
-        return len(link.log.find(*BLOCKED, mark)) == 3 and mark
-
-    return poll(dropped, 60, "one message dropped after three tries")
-
-
-def test_service_that_does_not_read(link, echo):
-    """What does not fit is dropped after three tries; this session and the others live on."""
-    session, connection = both_ends(link, LocalService(receive_buffer=4096))
-    other = link.channel.open(echo)
-    stalled = ("W", "local service bad: Resource temporarily unavailable, writenLen:-1")
-    link.log.in_order([stalled, BLOCKED] * 3, fill(link, session))
-    for line in link.log.find("W", re.compile("want to write len: 50000, but writen len: .*")):
-        rest = 50000 - int(line.text.split()[-1])  # a part is followed by attempts at the rest
-        link.log.in_order([("W", line.text), ("D", f"send to local service len:{rest}"), BLOCKED])
-    link.channel.send(DATA_DOWN, b"hello", token=other)
-    assert link.channel.collect(other, 5) == [b"hello"]
-
-    def read_again():
-        link.channel.send(DATA_DOWN, b"again", token=session)
-        return connection.recv(1 << 20).endswith(b"again")
-
-    poll(read_again, 20, "data on the session after the stall")
 
 
 def test_burst_goes_in_order_though_a_service_ends_meanwhile(link):

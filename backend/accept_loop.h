@@ -19,9 +19,9 @@ namespace backend {
 
 constexpr auto ACCEPT_PAUSE = std::chrono::milliseconds(100);
 
-template <class OWNER, class TAKE> void acceptNext(const OWNER &owner, TAKE take);
+template <class Owner, class Take> void acceptNext(const Owner &owner, Take take);
 
-template <class OWNER, class TAKE> void acceptAfterPause(const OWNER &owner, TAKE take)
+template <class Owner, class Take> void acceptAfterPause(const Owner &owner, Take take)
 {
     owner->pause.expires_after(ACCEPT_PAUSE);
     owner->pause.async_wait([owner, take](const boost::system::error_code &stopped) {
@@ -29,7 +29,7 @@ template <class OWNER, class TAKE> void acceptAfterPause(const OWNER &owner, TAK
     });
 }
 
-template <class OWNER, class TAKE> void acceptNext(const OWNER &owner, TAKE take)
+template <class Owner, class Take> void acceptNext(const Owner &owner, Take take)
 {
     owner->acceptor.async_accept(
         [owner, take](const boost::system::error_code &error, auto socket) {

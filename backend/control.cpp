@@ -43,10 +43,10 @@ struct CONTROL_T {
     std::size_t connections = 0;
 };
 
-using CONTROL_PTR = std::shared_ptr<CONTROL_T>;
+using ControlPtr = std::shared_ptr<CONTROL_T>;
 
 struct CONTROL_LINK_T {
-    CONTROL_LINK_T(CONTROL_PTR of, local::socket from)
+    CONTROL_LINK_T(ControlPtr of, local::socket from)
         : control(std::move(of)), socket(std::move(from)), timer(control->server.io)
     {
         control->connections++;
@@ -62,7 +62,7 @@ struct CONTROL_LINK_T {
         close(passed_fd);
     }
 
-    CONTROL_PTR control;
+    ControlPtr control;
     local::socket socket;
     asio::steady_timer timer;
     std::string request;
@@ -74,7 +74,7 @@ struct CONTROL_LINK_T {
     std::string who;
     std::weak_ptr<SESSION_T> session; // of "connect"
 };
-using LINK_PTR = std::shared_ptr<CONTROL_LINK_T>;
+using LinkPtr = std::shared_ptr<CONTROL_LINK_T>;
 
 static std::string peerText(int fd)
 {
@@ -100,7 +100,7 @@ static void closeNow(CONTROL_LINK_T &link)
     link.socket.close(ignored);
 }
 
-static void closeAfter(const LINK_PTR &link, std::chrono::milliseconds wait)
+static void closeAfter(const LinkPtr &link, std::chrono::milliseconds wait)
 {
     link->timer.expires_after(wait);
     link->timer.async_wait([link](const error_code &stopped) {
@@ -108,7 +108,7 @@ static void closeAfter(const LINK_PTR &link, std::chrono::milliseconds wait)
     });
 }
 
-static void writeAnswers(const LINK_PTR &link)
+static void writeAnswers(const LinkPtr &link)
 {
     if (link->write_active) return;
     if (link->answers.empty()) {
@@ -125,7 +125,7 @@ static void writeAnswers(const LINK_PTR &link)
                       });
 }
 
-static void answer(const LINK_PTR &link, const json &line, bool is_last)
+static void answer(const LinkPtr &link, const json &line, bool is_last)
 {
     link->answers += line.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
     if (is_last) {
@@ -135,7 +135,7 @@ static void answer(const LINK_PTR &link, const json &line, bool is_last)
     writeAnswers(link);
 }
 
-static void refuse(const LINK_PTR &link, const std::string &error)
+static void refuse(const LinkPtr &link, const std::string &error)
 {
     answer(link, {{"ok", false}, {"error", error}}, true);
 }
@@ -151,10 +151,10 @@ static std::string memberOf(const json &request, const char *name)
     return found->get<std::string>();
 }
 
-static CHANNEL_PTR channelOf(CONTROL_T &control, const json &request)
+static ChannelPtr channelOf(CONTROL_T &control, const json &request)
 {
     const std::string name = memberOf(request, "device");
-    CHANNEL_PTR channel =
+    ChannelPtr channel =
         findChannel(control.server, findDeviceByName(control.server.options.registry, name));
     if (!channel) throw std::runtime_error(name + " is not connected");
     return channel;
@@ -168,12 +168,12 @@ static json sessionJson(const SESSION_T &session)
             {"bytes_down", session.bytes_down}};
 }
 
-static void listDevices(const LINK_PTR &link, const json & /*request*/)
+static void listDevices(const LinkPtr &link, const json & /*request*/)
 {
     const SERVER_T &server = link->control->server;
     json devices = json::array();
     for (const auto &[key, secret] : server.options.registry) {
-        const CHANNEL_PTR channel = findChannel(server, key);
+        const ChannelPtr channel = findChannel(server, key);
         json device = {{"product", key.product_key},
                        {"device", key.device_name},
                        {"connected", channel != nullptr}};
@@ -188,7 +188,7 @@ static void listDevices(const LINK_PTR &link, const json & /*request*/)
     answer(link, {{"ok", true}, {"devices", std::move(devices)}}, true);
 }
 
-static void listServices(const LINK_PTR &link, const json &request)
+static void listServices(const LinkPtr &link, const json &request)
 {
     json services = json::array();
     for (const SERVICE_T &service : channelOf(*link->control, request)->services) {
@@ -200,7 +200,7 @@ static void listServices(const LINK_PTR &link, const json &request)
     answer(link, {{"ok", true}, {"services", std::move(services)}}, true);
 }
 
-static void listSessions(const LINK_PTR &link, const json & /*request*/)
+static void listSessions(const LinkPtr &link, const json & /*request*/)
 {
     json sessions = json::array();
     for (const auto &[key, channel] : link->control->server.devices) {
@@ -210,7 +210,7 @@ static void listSessions(const LINK_PTR &link, const json & /*request*/)
     answer(link, {{"ok", true}, {"sessions", std::move(sessions)}}, true);
 }
 
-static void verifyAccount(const LINK_PTR &link, const json &request)
+static void verifyAccount(const LinkPtr &link, const json &request)
 {
     const std::string device = memberOf(request, "device");
     const std::string user = memberOf(request, "user");
@@ -220,7 +220,7 @@ static void verifyAccount(const LINK_PTR &link, const json &request)
         if (!result.is_answered) return refuse(link, result.message);
         answer(link, {{"ok", true}, {"code", result.code}, {"message", result.message}}, true);
     };
-    CHANNEL_PTR channel;
+    ChannelPtr channel;
     try {
         channel = channelOf(*link->control, request);
     } catch (const std::runtime_error &fault) {
@@ -232,7 +232,7 @@ static void verifyAccount(const LINK_PTR &link, const json &request)
 }
 
 // The socket that came with the request; nothing when none that can be used did.
-static std::optional<CLIENT_SOCKET> takeClientSocket(CONTROL_LINK_T &link)
+static std::optional<ClientSocket> takeClientSocket(CONTROL_LINK_T &link)
 {
     int domain = 0;
     int type = 0;
@@ -244,7 +244,7 @@ static std::optional<CLIENT_SOCKET> takeClientSocket(CONTROL_LINK_T &link)
         getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_STREAM ||
         getpeername(fd, reinterpret_cast<sockaddr *>(&peer), &peer_size) != 0)
         return std::nullopt;
-    CLIENT_SOCKET client(link.control->server.io);
+    ClientSocket client(link.control->server.io);
     error_code error;
     client.assign(asio::generic::stream_protocol(domain, 0), fd, error);
     if (error) return std::nullopt;
@@ -255,7 +255,7 @@ static std::optional<CLIENT_SOCKET> takeClientSocket(CONTROL_LINK_T &link)
 // No more requests come on it, so only its end shows. The session must not keep running after the
 // operator has left. ssh ends its tool while its last bytes to the service are still under way,
 // hence the delay.
-static void watchOperator(const LINK_PTR &link)
+static void watchOperator(const LinkPtr &link)
 {
     link->socket.async_read_some(
         asio::buffer(link->unwanted), [link](const error_code &error, std::size_t) {
@@ -263,13 +263,13 @@ static void watchOperator(const LINK_PTR &link)
             if (error == asio::error::operation_aborted) return;
             link->timer.expires_after(TOOL_GRACE);
             link->timer.async_wait([link](const error_code &) {
-                const SESSION_PTR session = link->session.lock();
+                const SessionPtr session = link->session.lock();
                 if (session) endSession(session, "the operator's tool has ended", false);
             });
         });
 }
 
-static void connectClient(const LINK_PTR &link, const json &request)
+static void connectClient(const LinkPtr &link, const json &request)
 {
     const std::string device = memberOf(request, "device");
     const std::string name = memberOf(request, "service");
@@ -277,7 +277,7 @@ static void connectClient(const LINK_PTR &link, const json &request)
         auditRefusal(link->who, device, name, reason);
         refuse(link, reason);
     };
-    CHANNEL_PTR channel;
+    ChannelPtr channel;
     try {
         channel = channelOf(*link->control, request);
     } catch (const std::runtime_error &fault) {
@@ -306,7 +306,7 @@ static void connectClient(const LINK_PTR &link, const json &request)
 
 struct REQUEST_ROUTE_T {
     std::string_view name;
-    void (*handler)(const LINK_PTR &link, const json &request);
+    void (*handler)(const LinkPtr &link, const json &request);
 };
 
 constexpr auto REQUEST_ROUTES = std::to_array<REQUEST_ROUTE_T>({
@@ -317,7 +317,7 @@ constexpr auto REQUEST_ROUTES = std::to_array<REQUEST_ROUTE_T>({
     {"connect", connectClient},
 });
 
-static void dispatch(const LINK_PTR &link, const json &request)
+static void dispatch(const LinkPtr &link, const json &request)
 {
     if (!request.is_object()) return refuse(link, "the request is no JSON object");
     const std::string wanted = memberOf(request, "do");
@@ -327,7 +327,7 @@ static void dispatch(const LINK_PTR &link, const json &request)
 }
 
 // What is ours of a password is overwritten; the buffers of the JSON library's parser are not.
-static void handleRequest(const LINK_PTR &link)
+static void handleRequest(const LinkPtr &link)
 {
     link->timer.cancel();
     json request;
@@ -374,7 +374,7 @@ static bool receiveRequest(CONTROL_LINK_T &link)
     return got > 0;
 }
 
-static void readRequest(const LINK_PTR &link)
+static void readRequest(const LinkPtr &link)
 {
     link->socket.async_wait(local::socket::wait_read, [link](const error_code &error) {
         if (error) return;
@@ -386,7 +386,7 @@ static void readRequest(const LINK_PTR &link)
     });
 }
 
-static void takeOperator(const CONTROL_PTR &control, local::socket socket)
+static void takeOperator(const ControlPtr &control, local::socket socket)
 {
     if (control->connections >= CONNECTIONS_MAX)
         throw std::runtime_error("too many operators' tools");

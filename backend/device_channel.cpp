@@ -47,19 +47,19 @@ static std::string freshId(DEVICE_CHANNEL_T &channel, std::string_view kind)
 
 // ---- to the device
 
-static void enqueue(DEVICE_CHANNEL_T &channel, OUT_MESSAGE_PTR message)
+static void enqueue(DEVICE_CHANNEL_T &channel, OutMessagePtr message)
 {
     if (channel.state == CHANNEL_STATE::CLOSED) return;
     queueMessage(channel.outgoing, *channel.link, std::move(message));
 }
 
 static void messageWritten(DEVICE_CHANNEL_T &channel, const error_code &error,
-                           OUT_MESSAGE_PTR message)
+                           OutMessagePtr message)
 {
     if (channel.state == CHANNEL_STATE::CLOSED) return;
     if (error) return closeDeviceChannel(channel, 0, "cannot be written to: " + error.message());
     finishMessage(channel.outgoing, *channel.link, std::move(message));
-    while (const SESSION_PTR session = takeWaitingSession(channel.outgoing))
+    while (const SessionPtr session = takeWaitingSession(channel.outgoing))
         readClient(session);
 }
 
@@ -114,7 +114,7 @@ void noteSessionFull(SESSION_T &session, bool is_full)
     readNext(channel);
 }
 
-void takeOffChannel(const SESSION_PTR &session, bool tell_device)
+void takeOffChannel(const SessionPtr &session, bool tell_device)
 {
     DEVICE_CHANNEL_T *channel = session->channel;
     if (channel == nullptr) return;
@@ -134,7 +134,7 @@ static void onData(DEVICE_CHANNEL_T &channel, const MESSAGE_T &message)
 {
     const auto found = channel.sessions.find(message.header.token);
     if (found != channel.sessions.end()) {
-        const SESSION_PTR session =
+        const SessionPtr session =
             found->second; // an error while writing takes it out of the table
         return passToClient(session, message.payload);
     }
@@ -152,7 +152,7 @@ static void onRelease(DEVICE_CHANNEL_T &channel, const MESSAGE_T &message)
 {
     const auto found = channel.sessions.find(message.header.token);
     if (found != channel.sessions.end()) {
-        const SESSION_PTR session = found->second;
+        const SessionPtr session = found->second;
         releaseByDevice(session);
     }
     sendControl(channel, MESSAGE_RESPONSE, message.header.msg_id, message.header.token,
@@ -175,7 +175,7 @@ static void onNewSessionAnswer(DEVICE_CHANNEL_T &channel, const MESSAGE_T &messa
             sendRelease(channel, token);
         return;
     }
-    const SESSION_PTR session = std::move(found->second);
+    const SessionPtr session = std::move(found->second);
     channel.opening.erase(found);
     if (response.code != 0) {
         logWarning("session refused: %s: code %lld, %s", session->label.c_str(),
@@ -257,7 +257,7 @@ static void armChannelTimer(DEVICE_CHANNEL_T &channel, std::chrono::milliseconds
 {
     channel.timer.expires_after(wait);
     channel.timer.async_wait([self = channel.weak_from_this(), reason](const error_code &error) {
-        const CHANNEL_PTR held = self.lock();
+        const ChannelPtr held = self.lock();
         if (held && !error && held->state != CHANNEL_STATE::CONNECTED) {
             closeDeviceChannel(*held, CLOSE_REFUSED, reason);
         }
@@ -276,7 +276,7 @@ static void refuseDevice(DEVICE_CHANNEL_T &channel, HANDSHAKE_CODE code, const s
     }
 }
 
-static void onHandshake(const CHANNEL_PTR &channel, const MESSAGE_T &message)
+static void onHandshake(const ChannelPtr &channel, const MESSAGE_T &message)
 {
     HANDSHAKE_RESULT_T result = channel->events.check(message);
     channel->device = std::move(result.device);
@@ -292,7 +292,7 @@ static void onHandshake(const CHANNEL_PTR &channel, const MESSAGE_T &message)
             serviceNames(*channel).c_str());
 }
 
-static void onMessage(const CHANNEL_PTR &channel, std::span<const std::uint8_t> bytes,
+static void onMessage(const ChannelPtr &channel, std::span<const std::uint8_t> bytes,
                       bool is_binary)
 {
     if (!is_binary) return closeDeviceChannel(*channel, CLOSE_NOT_BINARY, "text message received");
@@ -311,19 +311,19 @@ static void onMessage(const CHANNEL_PTR &channel, std::span<const std::uint8_t> 
     }
 }
 
-static LINK_EVENTS_T linkEvents(const CHANNEL_PTR &channel)
+static LINK_EVENTS_T linkEvents(const ChannelPtr &channel)
 {
     const std::weak_ptr<DEVICE_CHANNEL_T> weak = channel;
     LINK_EVENTS_T events;
     events.accepted = [weak](const error_code &error) {
-        const CHANNEL_PTR held = weak.lock();
+        const ChannelPtr held = weak.lock();
         if (!held) return;
         if (error) return closeDeviceChannel(*held, 0, "no WebSocket: " + error.message());
         readNext(*held);
     };
     events.received = [weak](const error_code &error, std::span<const std::uint8_t> bytes,
                              bool is_binary) {
-        const CHANNEL_PTR held = weak.lock();
+        const ChannelPtr held = weak.lock();
         if (!held) return;
         if (error) return closeDeviceChannel(*held, 0, "connection ended: " + error.message());
         onMessage(held, bytes,
@@ -331,15 +331,15 @@ static LINK_EVENTS_T linkEvents(const CHANNEL_PTR &channel)
         held->read_active = false;
         readNext(*held);
     };
-    events.written = [weak](const error_code &error, OUT_MESSAGE_PTR message) {
-        const CHANNEL_PTR held = weak.lock();
+    events.written = [weak](const error_code &error, OutMessagePtr message) {
+        const ChannelPtr held = weak.lock();
         if (held) messageWritten(*held, error, std::move(message));
     };
     return events;
 }
 
-CHANNEL_PTR startDeviceChannel(asio::io_context &io, const LIMITS_T &limits, tcp::socket socket,
-                               const std::shared_ptr<TLS_CONTEXT_T> &tls, CHANNEL_EVENTS_T events)
+ChannelPtr startDeviceChannel(asio::io_context &io, const LIMITS_T &limits, tcp::socket socket,
+                              const std::shared_ptr<TLS_CONTEXT_T> &tls, CHANNEL_EVENTS_T events)
 {
     auto channel = std::make_shared<DEVICE_CHANNEL_T>(io, limits, std::move(events));
     error_code error;
@@ -354,7 +354,7 @@ CHANNEL_PTR startDeviceChannel(asio::io_context &io, const LIMITS_T &limits, tcp
 void closeDeviceChannel(DEVICE_CHANNEL_T &channel, std::uint16_t code, const std::string &reason)
 {
     if (channel.state == CHANNEL_STATE::CLOSED) return;
-    const CHANNEL_PTR keep = channel.shared_from_this();
+    const ChannelPtr keep = channel.shared_from_this();
     const bool was_device = channel.state == CHANNEL_STATE::CONNECTED;
     channel.state = CHANNEL_STATE::CLOSED;
     logInfo("%s %s %s", was_device ? "device" : "connection from", nameOf(channel).c_str(),
@@ -389,7 +389,7 @@ const SERVICE_T *findService(const DEVICE_CHANNEL_T &channel, const std::string 
 static void makeRoomForSession(DEVICE_CHANNEL_T &channel)
 {
     if (channel.sessions.size() + channel.opening.size() < DEVICE_SESSIONS_MAX) return;
-    SESSION_PTR oldest;
+    SessionPtr oldest;
     for (const auto &[token, session] : channel.sessions) {
         if (session->state != SESSION_STATE::LINGERING) continue;
         if (!oldest || session->lingering_since < oldest->lingering_since) oldest = session;
@@ -401,7 +401,7 @@ static void makeRoomForSession(DEVICE_CHANNEL_T &channel)
     abortSession(oldest, "made room: its client was done");
 }
 
-SESSION_PTR requestSession(DEVICE_CHANNEL_T &channel, CLIENT_T client, const SERVICE_T &service)
+SessionPtr requestSession(DEVICE_CHANNEL_T &channel, CLIENT_T client, const SERVICE_T &service)
 {
     const bool is_crowded =
         channel.sessions.size() + channel.opening.size() >= channel.limits.clients_per_device;
@@ -424,7 +424,7 @@ SESSION_PTR requestSession(DEVICE_CHANNEL_T &channel, CLIENT_T client, const SER
 }
 
 void requestAccountCheck(DEVICE_CHANNEL_T &channel, const std::string &user,
-                         const std::string &password, ACCOUNT_CALLBACK answered)
+                         const std::string &password, AccountCallback answered)
 {
     if (channel.state != CHANNEL_STATE::CONNECTED || channel.accounts.size() >= ACCOUNTS_MAX) {
         return answered({false, 0, "the device cannot be asked now"});
@@ -435,7 +435,7 @@ void requestAccountCheck(DEVICE_CHANNEL_T &channel, const std::string &user,
     const std::string id = freshId(channel, ACCOUNT_ID);
     auto timer = std::make_unique<asio::steady_timer>(channel.io, channel.limits.account_time);
     timer->async_wait([self = channel.weak_from_this(), id](const error_code &error) {
-        const CHANNEL_PTR held = self.lock();
+        const ChannelPtr held = self.lock();
         if (error || !held) return;
         const auto found = held->accounts.extract(id);
         if (!found.empty()) found.mapped().answered({false, 0, "the device did not answer"});

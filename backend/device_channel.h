@@ -33,12 +33,12 @@ namespace backend {
 
 enum class CHANNEL_STATE { HANDSHAKE, CONNECTED, REFUSED, CLOSED };
 
-using CHANNEL_PTR = std::shared_ptr<DEVICE_CHANNEL_T>;
+using ChannelPtr = std::shared_ptr<DEVICE_CHANNEL_T>;
 
 struct CHANNEL_EVENTS_T {
     std::function<HANDSHAKE_RESULT_T(const MESSAGE_T &)> check; // of a handshake
-    std::function<void(const CHANNEL_PTR &)> connected;
-    std::function<void(const CHANNEL_PTR &)> closed; // once for each channel
+    std::function<void(const ChannelPtr &)> connected;
+    std::function<void(const ChannelPtr &)> closed; // once for each channel
 };
 
 struct ACCOUNT_RESULT_T {
@@ -47,10 +47,10 @@ struct ACCOUNT_RESULT_T {
     std::int64_t code = 0; // 0 = the password is right
     std::string message;   // the device's words, or the reason why there is no answer
 };
-using ACCOUNT_CALLBACK = std::function<void(const ACCOUNT_RESULT_T &)>;
+using AccountCallback = std::function<void(const ACCOUNT_RESULT_T &)>;
 
 struct ACCOUNT_REQUEST_T {
-    ACCOUNT_CALLBACK answered;
+    AccountCallback answered;
     std::unique_ptr<boost::asio::steady_timer> timer;
 };
 
@@ -61,7 +61,7 @@ struct DEVICE_CHANNEL_T : std::enable_shared_from_this<DEVICE_CHANNEL_T> {
     boost::asio::io_context &io;
     const LIMITS_T &limits;
     CHANNEL_EVENTS_T events;
-    std::shared_ptr<WEBSOCKET_LINK> link;
+    std::shared_ptr<WebsocketLink> link;
     boost::asio::steady_timer timer; // handshake, then the delayed close of a refused device
     CHANNEL_STATE state = CHANNEL_STATE::HANDSHAKE;
     std::string peer; // address and port
@@ -71,8 +71,8 @@ struct DEVICE_CHANNEL_T : std::enable_shared_from_this<DEVICE_CHANNEL_T> {
 
     SEND_QUEUE_T outgoing{limits};
 
-    std::unordered_map<std::string, SESSION_PTR> sessions; // by token
-    std::unordered_map<std::string, SESSION_PTR> opening;  // by the request's msg_id
+    std::unordered_map<std::string, SessionPtr> sessions; // by token
+    std::unordered_map<std::string, SessionPtr> opening;  // by the request's msg_id
     std::unordered_map<std::string, ACCOUNT_REQUEST_T> accounts;
     std::deque<std::string> releasing; // tokens released here whose data may still be under way
     std::size_t full_sessions = 0;
@@ -82,9 +82,9 @@ struct DEVICE_CHANNEL_T : std::enable_shared_from_this<DEVICE_CHANNEL_T> {
     RATE_LIMIT_T unknown_releases;
 };
 
-CHANNEL_PTR startDeviceChannel(boost::asio::io_context &io, const LIMITS_T &limits,
-                               boost::asio::ip::tcp::socket socket,
-                               const std::shared_ptr<TLS_CONTEXT_T> &tls, CHANNEL_EVENTS_T events);
+ChannelPtr startDeviceChannel(boost::asio::io_context &io, const LIMITS_T &limits,
+                              boost::asio::ip::tcp::socket socket,
+                              const std::shared_ptr<TLS_CONTEXT_T> &tls, CHANNEL_EVENTS_T events);
 
 void closeDeviceChannel(DEVICE_CHANNEL_T &channel, std::uint16_t code, const std::string &reason);
 
@@ -93,16 +93,16 @@ const SERVICE_T *findService(const DEVICE_CHANNEL_T &channel, const std::string 
 
 // Asks the device for a session and carries the client over it. A device takes DEVICE_SESSIONS_MAX
 // sessions: when they are in use, the one that lingers longest makes room.
-SESSION_PTR requestSession(DEVICE_CHANNEL_T &channel, CLIENT_T client, const SERVICE_T &service);
+SessionPtr requestSession(DEVICE_CHANNEL_T &channel, CLIENT_T client, const SERVICE_T &service);
 
 // Has the device check one of its local accounts. The callback is called exactly once, not from
 // within the call unless the request cannot be sent.
 void requestAccountCheck(DEVICE_CHANNEL_T &channel, const std::string &user,
-                         const std::string &password, ACCOUNT_CALLBACK answered);
+                         const std::string &password, AccountCallback answered);
 
 // What sessions use of their channel.
 void sendSessionData(SESSION_T &session); // session.message, with its size set
 void noteSessionFull(SESSION_T &session, bool is_full);
-void takeOffChannel(const SESSION_PTR &session, bool tell_device);
+void takeOffChannel(const SessionPtr &session, bool tell_device);
 
 } // namespace backend

@@ -21,7 +21,7 @@ constexpr std::size_t NAME_MAX_BYTES = 36;
 constexpr std::size_t SECRET_MAX_BYTES = 63;
 constexpr std::int64_t FILE_MAX_BYTES = std::int64_t{16} << 20;
 
-struct FILE_CLOSER_T {
+struct FileCloser {
     void operator()(FILE *file) const
     {
         (void)fclose(file);
@@ -30,7 +30,7 @@ struct FILE_CLOSER_T {
 
 static std::string readWholeFile(const std::string &path, std::vector<std::string> &warnings)
 {
-    const std::unique_ptr<FILE, FILE_CLOSER_T> file{fopen(path.c_str(), "rbe")};
+    const std::unique_ptr<FILE, FileCloser> file{fopen(path.c_str(), "rbe")};
     if (!file) throw std::runtime_error(path + ": " + strerror(errno));
     struct stat status = {};
     if (fstat(fileno(file.get()), &status) != 0)

@@ -16,23 +16,23 @@ static std::size_t &counterOf(SEND_QUEUE_T &queue, const OUT_MESSAGE_T &message)
     return message.is_data ? queue.data_size : queue.control_size;
 }
 
-static void writeNext(SEND_QUEUE_T &queue, WEBSOCKET_LINK &link)
+static void writeNext(SEND_QUEUE_T &queue, WebsocketLink &link)
 {
     if (queue.write_active || queue.messages.empty()) return;
     queue.write_active = true;
-    OUT_MESSAGE_PTR message = std::move(queue.messages.front());
+    OutMessagePtr message = std::move(queue.messages.front());
     queue.messages.pop_front();
     link.write(std::move(message));
 }
 
-void queueMessage(SEND_QUEUE_T &queue, WEBSOCKET_LINK &link, OUT_MESSAGE_PTR message)
+void queueMessage(SEND_QUEUE_T &queue, WebsocketLink &link, OutMessagePtr message)
 {
     counterOf(queue, *message) += sizeOf(*message);
     queue.messages.push_back(std::move(message));
     writeNext(queue, link);
 }
 
-void finishMessage(SEND_QUEUE_T &queue, WEBSOCKET_LINK &link, OUT_MESSAGE_PTR message)
+void finishMessage(SEND_QUEUE_T &queue, WebsocketLink &link, OutMessagePtr message)
 {
     queue.write_active = false;
     counterOf(queue, *message) -= sizeOf(*message);
@@ -51,10 +51,10 @@ bool isControlOverfull(const SEND_QUEUE_T &queue)
     return queue.control_size > queue.limits.control_queue;
 }
 
-OUT_MESSAGE_PTR takeDataMessage(SEND_QUEUE_T *queue)
+OutMessagePtr takeDataMessage(SEND_QUEUE_T *queue)
 {
     if (queue != nullptr && !queue->spare.empty()) {
-        OUT_MESSAGE_PTR message = std::move(queue->spare.back());
+        OutMessagePtr message = std::move(queue->spare.back());
         queue->spare.pop_back();
         return message;
     }

@@ -20,23 +20,23 @@ struct SESSION_T;
 
 struct SEND_QUEUE_T {
     const LIMITS_T &limits;
-    std::deque<OUT_MESSAGE_PTR> messages = {}; // behind the one that is being written
-    std::vector<OUT_MESSAGE_PTR> spare = {};
+    std::deque<OutMessagePtr> messages = {}; // behind the one that is being written
+    std::vector<OutMessagePtr> spare = {};
     std::deque<std::shared_ptr<SESSION_T>> waiting = {}; // to be read again once there is room
     std::size_t data_size = 0; // both sizes count the message being written
     std::size_t control_size = 0;
     bool write_active = false;
 };
 
-void queueMessage(SEND_QUEUE_T &queue, WEBSOCKET_LINK &link, OUT_MESSAGE_PTR message);
+void queueMessage(SEND_QUEUE_T &queue, WebsocketLink &link, OutMessagePtr message);
 // The link has written it: the next one follows.
-void finishMessage(SEND_QUEUE_T &queue, WEBSOCKET_LINK &link, OUT_MESSAGE_PTR message);
+void finishMessage(SEND_QUEUE_T &queue, WebsocketLink &link, OutMessagePtr message);
 
 bool hasDataRoom(const SEND_QUEUE_T &queue);
 bool isControlOverfull(const SEND_QUEUE_T &queue);
 
 // Storage of DATA_MAX bytes; queue may be null.
-OUT_MESSAGE_PTR takeDataMessage(SEND_QUEUE_T *queue);
+OutMessagePtr takeDataMessage(SEND_QUEUE_T *queue);
 
 void waitForDataRoom(SEND_QUEUE_T &queue, std::shared_ptr<SESSION_T> session);
 void stopWaiting(SEND_QUEUE_T &queue, const SESSION_T &session);

@@ -30,7 +30,7 @@ static LISTENER_T &openListener(SERVER_T &server, const tcp::endpoint &endpoint)
     return *server.listeners.back();
 }
 
-static void deviceConnected(SERVER_T &server, const CHANNEL_PTR &channel)
+static void deviceConnected(SERVER_T &server, const ChannelPtr &channel)
 {
     server.unauthenticated.erase(channel);
     const auto older = server.devices.extract(channel->device);
@@ -41,7 +41,7 @@ static void deviceConnected(SERVER_T &server, const CHANNEL_PTR &channel)
         closeDeviceChannel(*older.mapped(), CLOSE_GOING_AWAY, "replaced by a newer connection");
 }
 
-static void channelClosed(SERVER_T &server, const CHANNEL_PTR &channel)
+static void channelClosed(SERVER_T &server, const ChannelPtr &channel)
 {
     server.unauthenticated.erase(channel);
     const auto found = server.devices.find(channel->device);
@@ -59,9 +59,9 @@ static void acceptDevice(SERVER_T &server, tcp::socket socket)
     events.check = [&server](const MESSAGE_T &message) {
         return checkHandshake(message, server.options.registry, time(nullptr));
     };
-    events.connected = [&server](const CHANNEL_PTR &channel) { deviceConnected(server, channel); };
-    events.closed = [&server](const CHANNEL_PTR &channel) { channelClosed(server, channel); };
-    const CHANNEL_PTR channel = startDeviceChannel(
+    events.connected = [&server](const ChannelPtr &channel) { deviceConnected(server, channel); };
+    events.closed = [&server](const ChannelPtr &channel) { channelClosed(server, channel); };
+    const ChannelPtr channel = startDeviceChannel(
         server.io, server.options.limits, std::move(socket), server.options.tls, std::move(events));
     try {
         server.unauthenticated.insert(channel);
@@ -73,7 +73,7 @@ static void acceptDevice(SERVER_T &server, tcp::socket socket)
 
 static void acceptClient(SERVER_T &server, const LISTENER_T &listener, tcp::socket socket)
 {
-    const CHANNEL_PTR channel = findChannel(server, listener.device);
+    const ChannelPtr channel = findChannel(server, listener.device);
     const SERVICE_T *service = channel ? findService(*channel, listener.service) : nullptr;
     error_code error;
     const tcp::endpoint peer = socket.remote_endpoint(error);
@@ -86,7 +86,7 @@ static void acceptClient(SERVER_T &server, const LISTENER_T &listener, tcp::sock
             logWarning("client for %s/%s turned away: %s", device.c_str(), listener.service.c_str(),
                        reason);
         auditRefusal(who, device, listener.service, reason);
-        CLIENT_SOCKET client(std::move(socket));
+        ClientSocket client(std::move(socket));
         return resetClient(client);
     }
     requestSession(*channel, {std::move(socket), who, nullptr, nullptr}, *service);
@@ -142,7 +142,7 @@ void stopServer(SERVER_T &server)
         listener->acceptor.close(ignored);
         listener->pause.cancel();
     }
-    for (const CHANNEL_PTR &channel : std::set(server.unauthenticated)) {
+    for (const ChannelPtr &channel : std::set(server.unauthenticated)) {
         closeDeviceChannel(*channel, CLOSE_GOING_AWAY, "the back end ends");
     }
     for (const auto &[key, channel] : std::map(server.devices)) {
@@ -160,7 +160,7 @@ tcp::endpoint forwardEndpoint(const SERVER_T &server, std::size_t index)
     return server.listeners[index + 1]->acceptor.local_endpoint();
 }
 
-CHANNEL_PTR findChannel(const SERVER_T &server, const DEVICE_KEY_T &device)
+ChannelPtr findChannel(const SERVER_T &server, const DEVICE_KEY_T &device)
 {
     const auto found = server.devices.find(device);
     return found == server.devices.end() ? nullptr : found->second;

@@ -51,8 +51,8 @@ struct SERVER_T {
     std::vector<std::unique_ptr<LISTENER_T>>
         listeners;                      // the devices' port first, then the forwards in their order
     std::shared_ptr<CONTROL_T> control; // null without a control socket
-    std::set<CHANNEL_PTR> unauthenticated;
-    std::map<DEVICE_KEY_T, CHANNEL_PTR> devices;
+    std::set<ChannelPtr> unauthenticated;
+    std::map<DEVICE_KEY_T, ChannelPtr> devices;
     RATE_LIMIT_T refused_lines;
 };
 
@@ -70,6 +70,6 @@ boost::asio::ip::tcp::endpoint listenEndpoint(const SERVER_T &server);
 boost::asio::ip::tcp::endpoint forwardEndpoint(const SERVER_T &server, std::size_t index);
 
 // Null while the device is not connected.
-CHANNEL_PTR findChannel(const SERVER_T &server, const DEVICE_KEY_T &device);
+ChannelPtr findChannel(const SERVER_T &server, const DEVICE_KEY_T &device);
 
 } // namespace backend

@@ -24,9 +24,9 @@ struct WIRE_METHOD_T {
     BIO_METHOD *method = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "wire");
     WIRE_METHOD_T()
     {
-        if (method == nullptr || BIO_meth_set_read(method, TLS_STREAM::onRead) != 1 ||
-            BIO_meth_set_write(method, TLS_STREAM::onWrite) != 1 ||
-            BIO_meth_set_ctrl(method, TLS_STREAM::onControl) != 1)
+        if (method == nullptr || BIO_meth_set_read(method, TlsStream::onRead) != 1 ||
+            BIO_meth_set_write(method, TlsStream::onWrite) != 1 ||
+            BIO_meth_set_ctrl(method, TlsStream::onControl) != 1)
             throw std::bad_alloc();
     }
     WIRE_METHOD_T(const WIRE_METHOD_T &) = delete;
@@ -37,7 +37,7 @@ struct WIRE_METHOD_T {
     }
 };
 
-TLS_STREAM::TLS_STREAM(next_layer_type socket, ssl_ctx_st *context)
+TlsStream::TlsStream(next_layer_type socket, ssl_ctx_st *context)
     : socket_(std::move(socket)), ssl_(SSL_new(context)),
       in_(std::make_unique_for_overwrite<std::uint8_t[]>(READ_SIZE))
 {
@@ -54,7 +54,7 @@ TLS_STREAM::TLS_STREAM(next_layer_type socket, ssl_ctx_st *context)
     SSL_set_accept_state(ssl_.get());
 }
 
-void TLS_STREAM::SSL_RELEASE_T::operator()(ssl_st *ssl) const
+void TlsStream::SslRelease::operator()(ssl_st *ssl) const
 {
     SSL_free(ssl);
 }
@@ -62,7 +62,7 @@ void TLS_STREAM::SSL_RELEASE_T::operator()(ssl_st *ssl) const
 // ---- what the library calls
 
 // Fills in_, which is empty; as recv.
-int TLS_STREAM::receive()
+int TlsStream::receive()
 {
     if (is_drained_ || !may_receive_) {
         errno = EAGAIN;
@@ -76,9 +76,9 @@ int TLS_STREAM::receive()
     return static_cast<int>(count);
 }
 
-int TLS_STREAM::onRead(BIO *bio, char *bytes, int size)
+int TlsStream::onRead(BIO *bio, char *bytes, int size)
 {
-    TLS_STREAM &stream = *static_cast<TLS_STREAM *>(BIO_get_data(bio));
+    TlsStream &stream = *static_cast<TlsStream *>(BIO_get_data(bio));
     BIO_clear_retry_flags(bio);
     if (stream.in_start_ == stream.in_end_) {
         const int count = stream.receive();
@@ -97,9 +97,9 @@ int TLS_STREAM::onRead(BIO *bio, char *bytes, int size)
     return static_cast<int>(count);
 }
 
-int TLS_STREAM::onWrite(BIO *bio, const char *bytes, int size)
+int TlsStream::onWrite(BIO *bio, const char *bytes, int size)
 {
-    TLS_STREAM &stream = *static_cast<TLS_STREAM *>(BIO_get_data(bio));
+    TlsStream &stream = *static_cast<TlsStream *>(BIO_get_data(bio));
     BIO_clear_retry_flags(bio);
     if (stream.out_.size() + static_cast<std::size_t>(size) > OUT_MAX) {
         stream.fault_ = asio::error::no_buffer_space;
@@ -116,7 +116,7 @@ int TLS_STREAM::onWrite(BIO *bio, const char *bytes, int size)
     return size;
 }
 
-long TLS_STREAM::onControl(BIO *, int command, long, void *)
+long TlsStream::onControl(BIO *, int command, long, void *)
 {
     return command == BIO_CTRL_FLUSH ? 1 : 0;
 }
@@ -124,7 +124,7 @@ long TLS_STREAM::onControl(BIO *, int command, long, void *)
 // ---- steps
 
 // Of a call of the library that returned `result`.
-TLS_STREAM::RESULT_T TLS_STREAM::failure(int result)
+TlsStream::RESULT_T TlsStream::failure(int result)
 {
     const int kind = SSL_get_error(ssl_.get(), result);
     if (kind == SSL_ERROR_WANT_READ && !fault_) return {WAIT::READABLE, {}, 0};
@@ -135,7 +135,7 @@ TLS_STREAM::RESULT_T TLS_STREAM::failure(int result)
     return {WAIT::NONE, fault_, 0};
 }
 
-TLS_STREAM::RESULT_T TLS_STREAM::send(std::size_t count)
+TlsStream::RESULT_T TlsStream::send(std::size_t count)
 {
     if (fault_ && count == 0) return {WAIT::NONE, fault_, 0};
     while (sent_ < out_.size()) {
@@ -151,7 +151,7 @@ TLS_STREAM::RESULT_T TLS_STREAM::send(std::size_t count)
     return {WAIT::NONE, {}, count};
 }
 
-TLS_STREAM::RESULT_T TLS_STREAM::handshake()
+TlsStream::RESULT_T TlsStream::handshake()
 {
     if (fault_) return {WAIT::NONE, fault_, 0};
     ERR_clear_error();
@@ -162,7 +162,7 @@ TLS_STREAM::RESULT_T TLS_STREAM::handshake()
     return state.error || is_sent ? state : sending;
 }
 
-TLS_STREAM::RESULT_T TLS_STREAM::shutdown()
+TlsStream::RESULT_T TlsStream::shutdown()
 {
     if (fault_ && fault_ != asio::error::eof) return {WAIT::NONE, fault_, 0};
     ERR_clear_error();
@@ -171,7 +171,7 @@ TLS_STREAM::RESULT_T TLS_STREAM::shutdown()
 }
 
 // Whole records into one buffer. What failed after some of them will fail the next time.
-TLS_STREAM::RESULT_T TLS_STREAM::decrypt(asio::mutable_buffer rest)
+TlsStream::RESULT_T TlsStream::decrypt(asio::mutable_buffer rest)
 {
     RESULT_T result;
     while (rest.size() > 0) {
@@ -187,7 +187,7 @@ TLS_STREAM::RESULT_T TLS_STREAM::decrypt(asio::mutable_buffer rest)
     return result;
 }
 
-TLS_STREAM::RESULT_T TLS_STREAM::readSome(std::span<const asio::mutable_buffer> buffers)
+TlsStream::RESULT_T TlsStream::readSome(std::span<const asio::mutable_buffer> buffers)
 {
     if (fault_) return {WAIT::NONE, fault_, 0};
     ERR_clear_error();
@@ -203,7 +203,7 @@ TLS_STREAM::RESULT_T TLS_STREAM::readSome(std::span<const asio::mutable_buffer> 
     return result;
 }
 
-bool TLS_STREAM::encryptRecord(const void *bytes, std::size_t size)
+bool TlsStream::encryptRecord(const void *bytes, std::size_t size)
 {
     std::size_t count = 0;
     const int is_written = SSL_write_ex(ssl_.get(), bytes, size, &count);
@@ -214,7 +214,7 @@ bool TLS_STREAM::encryptRecord(const void *bytes, std::size_t size)
 
 // What is smaller than a record is put together with its neighbours. Returns how much was taken; 0
 // with a fault.
-std::size_t TLS_STREAM::encrypt(std::span<const asio::const_buffer> buffers)
+std::size_t TlsStream::encrypt(std::span<const asio::const_buffer> buffers)
 {
     if (fault_ && fault_ != asio::error::eof) return 0;
     ERR_clear_error();

@@ -32,7 +32,7 @@ struct ssl_st;
 
 namespace backend {
 
-class TLS_STREAM {
+class TlsStream {
 public:
     static constexpr std::size_t READ_SIZE = std::size_t{128} * 1024;
     static constexpr std::size_t WRITE_MAX = std::size_t{128} * 1024; // taken from one write
@@ -43,10 +43,10 @@ public:
     using executor_type = next_layer_type::executor_type;
     using ERROR = boost::system::error_code;
 
-    TLS_STREAM(next_layer_type socket, ssl_ctx_st *context); // throws when out of memory
-    TLS_STREAM(const TLS_STREAM &) = delete;
-    TLS_STREAM &operator=(const TLS_STREAM &) = delete;
-    ~TLS_STREAM() = default;
+    TlsStream(next_layer_type socket, ssl_ctx_st *context); // throws when out of memory
+    TlsStream(const TlsStream &) = delete;
+    TlsStream &operator=(const TlsStream &) = delete;
+    ~TlsStream() = default;
 
     executor_type get_executor()
     {
@@ -64,13 +64,13 @@ public:
     // The handler takes an error.
     template <class HANDLER> auto async_handshake(HANDLER &&handler)
     {
-        return start<void(ERROR)>([](TLS_STREAM &stream) { return stream.handshake(); }, handler);
+        return start<void(ERROR)>([](TlsStream &stream) { return stream.handshake(); }, handler);
     }
 
     // Says that nothing more comes (close_notify); does not wait for the peer to say it.
     template <class HANDLER> auto async_shutdown(HANDLER &&handler)
     {
-        return start<void(ERROR)>([](TLS_STREAM &stream) { return stream.shutdown(); }, handler);
+        return start<void(ERROR)>([](TlsStream &stream) { return stream.shutdown(); }, handler);
     }
 
     // Fills the buffers as far as whole records are there.
@@ -78,7 +78,7 @@ public:
     auto async_read_some(const BUFFERS &buffers, HANDLER &&handler)
     {
         return start<void(ERROR, std::size_t)>(
-            [pieces = PIECES_T<boost::asio::mutable_buffer>(buffers)](TLS_STREAM &stream) {
+            [pieces = PIECES_T<boost::asio::mutable_buffer>(buffers)](TlsStream &stream) {
                 return stream.readSome(pieces.used());
             },
             handler);
@@ -90,7 +90,7 @@ public:
     {
         const std::size_t taken = encrypt(PIECES_T<boost::asio::const_buffer>(buffers).used());
         return start<void(ERROR, std::size_t)>(
-            [taken](TLS_STREAM &stream) { return stream.send(taken); }, handler);
+            [taken](TlsStream &stream) { return stream.send(taken); }, handler);
     }
 
 private:
@@ -126,7 +126,7 @@ private:
     template <class STEP, class SIGNATURE> struct OPERATION_T {
         template <class SELF> void operator()(SELF &self, const ERROR &waited = {})
         {
-            TLS_STREAM &on = stream;
+            TlsStream &on = stream;
             if (!is_done) {
                 on.may_receive_ = true;
                 result = waited ? RESULT_T{WAIT::NONE, waited, 0} : step(on);
@@ -147,7 +147,7 @@ private:
                 self.complete(result.error, result.count);
         }
 
-        TLS_STREAM &stream;
+        TlsStream &stream;
         STEP step;
         RESULT_T result{};
         bool has_waited = false;
@@ -190,7 +190,7 @@ private:
 
 // What the WebSocket calls after its close frame.
 template <class HANDLER>
-void async_teardown(boost::beast::role_type, TLS_STREAM &stream, HANDLER &&handler)
+void async_teardown(boost::beast::role_type, TlsStream &stream, HANDLER &&handler)
 {
     stream.async_shutdown(std::forward<HANDLER>(handler));
 }

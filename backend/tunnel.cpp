@@ -43,7 +43,7 @@ SESSION_T::~SESSION_T()
     auditSession(*this);
 }
 
-void resetClient(CLIENT_SOCKET &client)
+void resetClient(ClientSocket &client)
 {
     error_code ignored;
     client.set_option(asio::socket_base::linger(true, 0), ignored);
@@ -56,7 +56,7 @@ static void noteReason(SESSION_T &session, const std::string &reason)
 }
 
 // The one way into CLOSED.
-static void finishSession(const SESSION_PTR &session, bool is_whole)
+static void finishSession(const SessionPtr &session, bool is_whole)
 {
     session->state = SESSION_STATE::CLOSED;
     session->is_whole = is_whole;
@@ -73,14 +73,14 @@ static void finishSession(const SESSION_PTR &session, bool is_whole)
     if (ended) ended(*session);
 }
 
-void abortSession(const SESSION_PTR &session, const std::string &reason)
+void abortSession(const SessionPtr &session, const std::string &reason)
 {
     if (session->state == SESSION_STATE::CLOSED) return;
     noteReason(*session, reason);
     finishSession(session, false);
 }
 
-void endSession(const SESSION_PTR &session, const std::string &reason, bool is_orderly)
+void endSession(const SessionPtr &session, const std::string &reason, bool is_orderly)
 {
     if (session->state == SESSION_STATE::CLOSED) return;
     noteReason(*session, reason);
@@ -90,7 +90,7 @@ void endSession(const SESSION_PTR &session, const std::string &reason, bool is_o
     finishSession(session, is_orderly);
 }
 
-static void sessionTimedOut(const SESSION_PTR &session)
+static void sessionTimedOut(const SessionPtr &session)
 {
     switch (session->state) {
     case SESSION_STATE::OPENING:
@@ -127,7 +127,7 @@ static std::optional<std::chrono::milliseconds> waitOf(const SESSION_T &session)
     return std::nullopt;
 }
 
-void armSessionTimer(const SESSION_PTR &session)
+void armSessionTimer(const SessionPtr &session)
 {
     const std::optional<std::chrono::milliseconds> wait = waitOf(*session);
     session->timer.cancel();
@@ -144,19 +144,19 @@ void armSessionTimer(const SESSION_PTR &session)
 
 // Everything is with the client: after the device's release it gets its end of file. Closing before
 // it has closed too could turn what it has not read yet into a reset, so its own end is waited for.
-static void clientIsFlushed(const SESSION_PTR &session)
+static void clientIsFlushed(const SessionPtr &session)
 {
     if (session->state == SESSION_STATE::LINGERING) return armSessionTimer(session);
     if (session->state != SESSION_STATE::FLUSHING) return;
     if (session->client_ended) return finishSession(session, true);
     error_code ignored; // a broken connection ends the read
-    session->client.shutdown(CLIENT_SOCKET::shutdown_send, ignored);
+    session->client.shutdown(ClientSocket::shutdown_send, ignored);
     armSessionTimer(session);
 }
 
-static void writeClient(const SESSION_PTR &session);
+static void writeClient(const SessionPtr &session);
 
-static void clientWritten(const SESSION_PTR &session, const error_code &error, std::size_t count)
+static void clientWritten(const SessionPtr &session, const error_code &error, std::size_t count)
 {
     session->write_active = false;
     if (session->state == SESSION_STATE::CLOSED) return;
@@ -169,7 +169,7 @@ static void clientWritten(const SESSION_PTR &session, const error_code &error, s
     writeClient(session);
 }
 
-static void writeClient(const SESSION_PTR &session)
+static void writeClient(const SessionPtr &session)
 {
     if (session->write_active) return;
     if (session->written == session->writing.size()) {
@@ -187,7 +187,7 @@ static void writeClient(const SESSION_PTR &session)
 }
 
 // What the client takes at once need not be kept. False when that ended the session.
-static bool writeAtOnce(const SESSION_PTR &session, std::span<const std::uint8_t> &bytes)
+static bool writeAtOnce(const SessionPtr &session, std::span<const std::uint8_t> &bytes)
 {
     if (session->write_active || bufferedBytes(*session) > 0) return true;
     error_code error;
@@ -199,7 +199,7 @@ static bool writeAtOnce(const SESSION_PTR &session, std::span<const std::uint8_t
     return false;
 }
 
-void passToClient(const SESSION_PTR &session, std::span<const std::uint8_t> bytes)
+void passToClient(const SessionPtr &session, std::span<const std::uint8_t> bytes)
 {
     if (bytes.empty()) return;
     session->bytes_up += bytes.size();
@@ -213,7 +213,7 @@ void passToClient(const SESSION_PTR &session, std::span<const std::uint8_t> byte
     writeClient(session);
 }
 
-static void clientEnded(const SESSION_PTR &session)
+static void clientEnded(const SessionPtr &session)
 {
     session->client_ended = true;
     if (session->state == SESSION_STATE::OPEN) {
@@ -225,7 +225,7 @@ static void clientEnded(const SESSION_PTR &session)
     }
 }
 
-static void clientRead(const SESSION_PTR &session, const error_code &error, std::size_t count)
+static void clientRead(const SessionPtr &session, const error_code &error, std::size_t count)
 {
     session->read_active = false;
     session->is_flowing = count == DATA_MAX;
@@ -240,7 +240,7 @@ static void clientRead(const SESSION_PTR &session, const error_code &error, std:
     readClient(session);
 }
 
-void readClient(const SESSION_PTR &session)
+void readClient(const SessionPtr &session)
 {
     const bool is_open = session->state == SESSION_STATE::OPEN;
     // A released session is still read, so that its client can reach its own end, but its
@@ -264,7 +264,7 @@ void readClient(const SESSION_PTR &session)
                                     });
 }
 
-void openSession(const SESSION_PTR &session, const std::string &token)
+void openSession(const SessionPtr &session, const std::string &token)
 {
     session->token = token;
     session->state = SESSION_STATE::OPEN;
@@ -274,7 +274,7 @@ void openSession(const SESSION_PTR &session, const std::string &token)
     readClient(session);
 }
 
-void releaseByDevice(const SESSION_PTR &session)
+void releaseByDevice(const SessionPtr &session)
 {
     logInfo("session %s (%s) released by the device", session->token.c_str(),
             session->label.c_str());

@@ -43,10 +43,10 @@ enum class SESSION_STATE {
 struct SESSION_T;
 
 // TCP of any family, or a Unix socket.
-using CLIENT_SOCKET = boost::asio::generic::stream_protocol::socket;
+using ClientSocket = boost::asio::generic::stream_protocol::socket;
 
 struct CLIENT_T {
-    CLIENT_SOCKET socket;
+    ClientSocket socket;
     std::string who;                               // for the log and the audit
     std::function<void(const SESSION_T &)> opened; // may be empty
     // Once for each client, also for one whose session is refused. May be empty.
@@ -62,7 +62,7 @@ struct SESSION_T {
     DEVICE_CHANNEL_T *channel; // borrowed; null once the session is off the channel
     const LIMITS_T &limits;
     CLIENT_T origin; // its socket has gone into client
-    CLIENT_SOCKET client;
+    ClientSocket client;
     boost::asio::steady_timer timer; // the one wait of the current state
     SERVICE_T service;
     std::string device; // its name
@@ -78,7 +78,7 @@ struct SESSION_T {
     bool write_active = false;
     bool is_full = false; // counted in the channel's full_sessions
 
-    OUT_MESSAGE_PTR message; // the storage that the next client bytes are read into
+    OutMessagePtr message; // the storage that the next client bytes are read into
     bool read_active = false;
     bool is_flowing = false; // the last read filled its message: more is there, probably
     bool client_ended = false;
@@ -89,32 +89,32 @@ struct SESSION_T {
     std::string end_reason;       // the first one counts
     bool is_whole = false;        // the client got everything that the device sent
 };
-using SESSION_PTR = std::shared_ptr<SESSION_T>;
+using SessionPtr = std::shared_ptr<SESSION_T>;
 
 // The device's answer has come: bytes flow from now on.
-void openSession(const SESSION_PTR &session, const std::string &token);
+void openSession(const SessionPtr &session, const std::string &token);
 
 // Bytes from the device for the client.
-void passToClient(const SESSION_PTR &session, std::span<const std::uint8_t> bytes);
+void passToClient(const SessionPtr &session, std::span<const std::uint8_t> bytes);
 
 // The device has released the session: the rest is flushed, then the client sees the end.
-void releaseByDevice(const SESSION_PTR &session);
+void releaseByDevice(const SessionPtr &session);
 
 // Cuts the session off at once, without telling the device.
-void abortSession(const SESSION_PTR &session, const std::string &reason);
+void abortSession(const SessionPtr &session, const std::string &reason);
 
 // Starts the next read from the client, unless the channel has no room: then the channel calls
 // again.
-void readClient(const SESSION_PTR &session);
+void readClient(const SessionPtr &session);
 
 // (Re)starts the wait of the session's state, or ends it where the state has none.
-void armSessionTimer(const SESSION_PTR &session);
+void armSessionTimer(const SessionPtr &session);
 
 // Ends a session from this side: the device is notified, and the client is reset or, when it got
 // all there was, closed.
-void endSession(const SESSION_PTR &session, const std::string &reason, bool is_orderly);
+void endSession(const SessionPtr &session, const std::string &reason, bool is_orderly);
 
 // Resets a connection for which there is no session.
-void resetClient(CLIENT_SOCKET &client);
+void resetClient(ClientSocket &client);
 
 } // namespace backend

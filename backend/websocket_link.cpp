@@ -26,7 +26,7 @@ namespace beast = boost::beast;
 namespace websocket = beast::websocket;
 using boost::system::error_code;
 using tcp = asio::ip::tcp;
-using PLAIN_STREAM = tcp::socket;
+using PlainStream = tcp::socket;
 
 constexpr auto CLOSE_TIME = std::chrono::seconds(1);
 
@@ -82,12 +82,12 @@ static void setChannelOptions(tcp::socket &socket)
     set(IPPROTO_TCP, TCP_NOTSENT_LOWAT, 64 * 1024);
 }
 
-template <class NEXT>
-class LINK final : public WEBSOCKET_LINK, public std::enable_shared_from_this<LINK<NEXT>> {
+template <class Next>
+class Link final : public WebsocketLink, public std::enable_shared_from_this<Link<Next>> {
 public:
-    template <class... ARGUMENTS>
-    explicit LINK(LINK_EVENTS_T events, ARGUMENTS &&...arguments)
-        : events_(std::move(events)), stream_(std::forward<ARGUMENTS>(arguments)...),
+    template <class... Arguments>
+    explicit Link(LINK_EVENTS_T events, Arguments &&...arguments)
+        : events_(std::move(events)), stream_(std::forward<Arguments>(arguments)...),
           timer_(stream_.get_executor())
     {
         setChannelOptions(beast::get_lowest_layer(stream_));
@@ -104,7 +104,7 @@ public:
 
     void accept() override
     {
-        if constexpr (std::is_same_v<NEXT, TLS_STREAM>) {
+        if constexpr (std::is_same_v<Next, TlsStream>) {
             stream_.next_layer().async_handshake(
                 [self = this->shared_from_this()](const error_code &error) {
                     if (error)
@@ -126,7 +126,7 @@ public:
                            });
     }
 
-    void write(OUT_MESSAGE_PTR message) override
+    void write(OutMessagePtr message) override
     {
         out_ = std::move(message);
         const std::array<asio::const_buffer, 2> parts{
@@ -186,21 +186,21 @@ private:
     }
 
     LINK_EVENTS_T events_;
-    websocket::stream<NEXT, false>
+    websocket::stream<Next, false>
         stream_; // false: the code of the compression extension is left out
     asio::steady_timer timer_;
     beast::flat_buffer in_;
-    OUT_MESSAGE_PTR out_;
+    OutMessagePtr out_;
     bool closed_ = false;
 };
 
-std::shared_ptr<WEBSOCKET_LINK> makeWebsocketLink(tcp::socket socket,
-                                                  const std::shared_ptr<TLS_CONTEXT_T> &tls,
-                                                  LINK_EVENTS_T events)
+std::shared_ptr<WebsocketLink> makeWebsocketLink(tcp::socket socket,
+                                                 const std::shared_ptr<TLS_CONTEXT_T> &tls,
+                                                 LINK_EVENTS_T events)
 {
-    if (!tls) return std::make_shared<LINK<PLAIN_STREAM>>(std::move(events), std::move(socket));
-    return std::make_shared<LINK<TLS_STREAM>>(std::move(events), std::move(socket),
-                                              tls->context.native_handle());
+    if (!tls) return std::make_shared<Link<PlainStream>>(std::move(events), std::move(socket));
+    return std::make_shared<Link<TlsStream>>(std::move(events), std::move(socket),
+                                             tls->context.native_handle());
 }
 
 } // namespace backend

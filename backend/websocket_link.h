@@ -35,7 +35,7 @@ struct OUT_MESSAGE_T {
     bool is_data = false;         // a session's bytes; otherwise our own answer or request
     bool is_secret = false;
 };
-using OUT_MESSAGE_PTR = std::unique_ptr<OUT_MESSAGE_T>;
+using OutMessagePtr = std::unique_ptr<OUT_MESSAGE_T>;
 
 struct LINK_EVENTS_T {
     std::function<void(const boost::system::error_code &)> accepted;
@@ -43,15 +43,15 @@ struct LINK_EVENTS_T {
     std::function<void(const boost::system::error_code &, std::span<const std::uint8_t>,
                        bool is_binary)>
         received;
-    std::function<void(const boost::system::error_code &, OUT_MESSAGE_PTR)> written;
+    std::function<void(const boost::system::error_code &, OutMessagePtr)> written;
 };
 
-class WEBSOCKET_LINK {
+class WebsocketLink {
 public:
-    virtual ~WEBSOCKET_LINK() = default;
+    virtual ~WebsocketLink() = default;
     virtual void accept() = 0; // TLS and the upgrade, then `accepted`
     virtual void read() = 0;   // one message, then `received`
-    virtual void write(OUT_MESSAGE_PTR message) = 0;
+    virtual void write(OutMessagePtr message) = 0;
     // Sends a close frame with a status code and gives the peer a second; no event comes any more.
     virtual void close(std::uint16_t code) = 0;
     virtual void abort() = 0;
@@ -66,8 +66,8 @@ std::shared_ptr<TLS_CONTEXT_T> makeTlsContext(const std::string &cert_file,
                                               const std::string &key_file); // throws
 
 // tls: null for a plain connection.
-std::shared_ptr<WEBSOCKET_LINK> makeWebsocketLink(boost::asio::ip::tcp::socket socket,
-                                                  const std::shared_ptr<TLS_CONTEXT_T> &tls,
-                                                  LINK_EVENTS_T events);
+std::shared_ptr<WebsocketLink> makeWebsocketLink(boost::asio::ip::tcp::socket socket,
+                                                 const std::shared_ptr<TLS_CONTEXT_T> &tls,
+                                                 LINK_EVENTS_T events);
 
 } // namespace backend

@@ -200,7 +200,7 @@ struct FLOW_T {
     std::thread sender;
     std::thread receiver;
 };
-using FLOWS = std::vector<std::unique_ptr<FLOW_T>>;
+using Flows = std::vector<std::unique_ptr<FLOW_T>>;
 
 void sendFlow(FLOW_T &flow)
 {
@@ -227,9 +227,9 @@ void receiveFlow(FLOW_T &flow)
     }
 }
 
-FLOWS startFlows(const std::vector<SESSION_T> &sessions, bool down)
+Flows startFlows(const std::vector<SESSION_T> &sessions, bool down)
 {
-    FLOWS flows;
+    Flows flows;
     for (const SESSION_T &session : sessions) {
         const int service = session.service.get();
         const int client = session.client.get();
@@ -243,7 +243,7 @@ FLOWS startFlows(const std::vector<SESSION_T> &sessions, bool down)
 }
 
 // Returns the bytes that never arrived.
-std::uint64_t endFlows(FLOWS &flows)
+std::uint64_t endFlows(Flows &flows)
 {
     std::uint64_t lost = 0;
     for (const auto &flow : flows)
@@ -256,7 +256,7 @@ std::uint64_t endFlows(FLOWS &flows)
     return lost;
 }
 
-std::vector<std::uint64_t> receivedBy(const FLOWS &flows)
+std::vector<std::uint64_t> receivedBy(const Flows &flows)
 {
     std::vector<std::uint64_t> counts;
     for (const auto &flow : flows)
@@ -272,7 +272,7 @@ std::uint64_t measureBulk(const WAY_T &way, std::size_t count, bool down)
     std::vector<SESSION_T> sessions;
     while (sessions.size() < count)
         sessions.push_back(openSession(way));
-    FLOWS flows = startFlows(sessions, down);
+    Flows flows = startFlows(sessions, down);
     sleepFor(way.window_s / 3);
     const std::vector<std::uint64_t> before = receivedBy(flows);
     const double start = now();
@@ -321,7 +321,7 @@ std::uint64_t measureRoundTripsBeside(const WAY_T &way, bool down)
 {
     std::vector<SESSION_T> bulk;
     bulk.push_back(openSession(way));
-    FLOWS flows = startFlows(bulk, down);
+    Flows flows = startFlows(bulk, down);
     sleepFor(way.window_s / 3);
     measureRoundTrips(way, down ? "rtt_down" : "rtt_up");
     const std::uint64_t lost = endFlows(flows);

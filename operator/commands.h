@@ -1,5 +1,5 @@
 // The commands of the tool. Each command prints its answer and returns the exit status;
-// faults are thrown: CONTROL_ERROR, std::invalid_argument for a wrong command line, and
+// faults are thrown: ControlError, std::invalid_argument for a wrong command line, and
 // std::runtime_error for what the system does not allow.
 #pragma once
 

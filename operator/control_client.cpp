@@ -16,13 +16,13 @@ UniqueFd connectTo(const std::string &path)
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof address.sun_path)
-        throw CONTROL_ERROR(path + ": too long for the path of a socket", true);
+        throw ControlError(path + ": too long for the path of a socket", true);
     path.copy(address.sun_path, path.size());
     UniqueFd fd{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
     if (!fd ||
         ::connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
-        throw CONTROL_ERROR(path + ": " + std::strerror(errno) + " (is the back end running?)",
-                            true);
+        throw ControlError(path + ": " + std::strerror(errno) + " (is the back end running?)",
+                           true);
     return fd;
 }
 
@@ -47,8 +47,8 @@ void sendWhole(int socket, const std::string &text, int fd)
         const ssize_t count = ::sendmsg(socket, &message, MSG_NOSIGNAL);
         if (count < 0 && errno == EINTR) continue;
         if (count <= 0)
-            throw CONTROL_ERROR(std::string("the back end went away: ") + std::strerror(errno),
-                                true);
+            throw ControlError(std::string("the back end went away: ") + std::strerror(errno),
+                               true);
         sent += static_cast<std::size_t>(count);
     }
 }
@@ -76,8 +76,8 @@ std::optional<json> nextAnswer(CONTROL_CLIENT_T &client)
     }
     const json answer = json::parse(client.received.substr(0, end), nullptr, false);
     client.received.erase(0, end + 1);
-    if (!answer.is_object()) throw CONTROL_ERROR("the back end's answer is no JSON object", true);
-    if (!answer.value("ok", true)) throw CONTROL_ERROR(answer.value("error", "refused"), false);
+    if (!answer.is_object()) throw ControlError("the back end's answer is no JSON object", true);
+    if (!answer.value("ok", true)) throw ControlError(answer.value("error", "refused"), false);
     return answer;
 }
 
@@ -90,6 +90,6 @@ json ask(const std::string &path, const json &request)
 json onlyAnswer(CONTROL_CLIENT_T &client)
 {
     auto answer = nextAnswer(client);
-    if (!answer) throw CONTROL_ERROR("the back end ended the request without an answer", true);
+    if (!answer) throw ControlError("the back end ended the request without an answer", true);
     return *answer;
 }

@@ -1,6 +1,6 @@
 // One request to the back end over its control socket; backend/control.h describes requests and
 // answers.
-// Failure  CONTROL_ERROR: the back end cannot be reached, or has refused with these words.
+// Failure  ControlError: the back end cannot be reached, or has refused with these words.
 // Threads  each client is one thread's.
 #pragma once
 
@@ -11,8 +11,8 @@
 #include <stdexcept>
 #include <string>
 
-struct CONTROL_ERROR : std::runtime_error {
-    CONTROL_ERROR(const std::string &text, bool unreachable)
+struct ControlError : std::runtime_error {
+    ControlError(const std::string &text, bool unreachable)
         : std::runtime_error(text), is_unreachable(unreachable)
     {
     }

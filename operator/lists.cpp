@@ -18,16 +18,16 @@ using nlohmann::json;
 
 namespace {
 
-using ROW = std::vector<std::string>;
+using Row = std::vector<std::string>;
 
 // Columns as wide as they need to be.
-void printTable(const std::vector<ROW> &rows)
+void printTable(const std::vector<Row> &rows)
 {
     std::vector<std::size_t> widths(rows.front().size());
-    for (const ROW &row : rows)
+    for (const Row &row : rows)
         for (std::size_t i = 0; i < row.size(); ++i)
             widths[i] = std::max(widths[i], row[i].size());
-    for (const ROW &row : rows) {
+    for (const Row &row : rows) {
         std::string line;
         for (std::size_t i = 0; i < row.size(); ++i) {
             line += row[i];
@@ -36,7 +36,7 @@ void printTable(const std::vector<ROW> &rows)
         std::puts(line.c_str());
     }
     if (std::fflush(stdout) != 0)
-        throw CONTROL_ERROR(std::string("standard output: ") + std::strerror(errno), false);
+        throw ControlError(std::string("standard output: ") + std::strerror(errno), false);
 }
 
 std::string textOf(const json &object, const char *name)
@@ -49,21 +49,21 @@ std::string numberOf(const json &object, const char *name)
     return object.contains(name) ? std::to_string(object.value(name, std::int64_t{0})) : "-";
 }
 
-int printList(const OPERATOR_OPTIONS_T &options, const json &list, ROW head,
-              ROW (*row)(const json &element))
+int printList(const OPERATOR_OPTIONS_T &options, const json &list, Row head,
+              Row (*row)(const json &element))
 {
     if (options.json) {
         std::puts(list.dump(-1, ' ', true).c_str());
         return OPERATOR_DONE;
     }
-    std::vector<ROW> rows{std::move(head)};
+    std::vector<Row> rows{std::move(head)};
     for (const json &element : list)
         rows.push_back(row(element));
     printTable(rows);
     return OPERATOR_DONE;
 }
 
-ROW deviceRow(const json &device)
+Row deviceRow(const json &device)
 {
     return {textOf(device, "device"),
             textOf(device, "product"),
@@ -74,13 +74,13 @@ ROW deviceRow(const json &device)
             textOf(device, "peer")};
 }
 
-ROW serviceRow(const json &service)
+Row serviceRow(const json &service)
 {
     return {textOf(service, "name"), textOf(service, "type"),
             textOf(service, "ip") + ":" + numberOf(service, "port")};
 }
 
-ROW sessionRow(const json &session)
+Row sessionRow(const json &session)
 {
     return {textOf(session, "device") + "/" + textOf(session, "service"),
             textOf(session, "who"),
@@ -90,7 +90,7 @@ ROW sessionRow(const json &session)
             textOf(session, "session")};
 }
 
-ROW sessionHead()
+Row sessionHead()
 {
     return {"SESSION OF", "WHO", "SINCE (UTC)", "UP", "DOWN", "IDENTIFIER"};
 }
@@ -105,14 +105,14 @@ json askForSessions(const OPERATOR_OPTIONS_T &options)
 {
     std::map<std::string, std::pair<double, double>> before;
     for (;;) {
-        std::vector<ROW> rows{sessionHead()};
+        std::vector<Row> rows{sessionHead()};
         rows.front().insert(rows.front().begin() + 5, {"UP/S", "DOWN/S"});
         std::map<std::string, std::pair<double, double>> now;
         for (const json &session : askForSessions(options)) {
             const std::string id = session.value("session", "");
             const std::pair count{session.value("bytes_up", 0.0), session.value("bytes_down", 0.0)};
             const auto old = before.contains(id) ? before[id] : count;
-            ROW row = sessionRow(session);
+            Row row = sessionRow(session);
             row.insert(row.begin() + 5,
                        {sizeText(count.first - old.first), sizeText(count.second - old.second)});
             rows.push_back(std::move(row));

@@ -15,17 +15,17 @@ namespace {
 
 constexpr char DEFAULT_CONTROL[] = "/run/remote-access/control";
 
-using COMMAND = int (*)(const OPERATOR_OPTIONS_T &);
+using COMMAND_FUNC_T = int (*)(const OPERATOR_OPTIONS_T &);
 
-CLI::App *addCommand(CLI::App &app, const char *name, const char *help, COMMAND run,
-                     COMMAND &chosen)
+CLI::App *addCommand(CLI::App &app, const char *name, const char *help, COMMAND_FUNC_T run,
+                     COMMAND_FUNC_T &chosen)
 {
     CLI::App *const command = app.add_subcommand(name, help);
     command->callback([&chosen, run] { chosen = run; });
     return command;
 }
 
-void describe(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND &chosen)
+void describe(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T &chosen)
 {
     app.require_subcommand(1);
     app.set_version_flag("--version", "remote-access " RA_VERSION);
@@ -83,7 +83,7 @@ int main(int argc, char **argv)
     CLI::App app{"Reaches the services of remote gateways through the back end."};
     OPERATOR_OPTIONS_T options;
     options.control = DEFAULT_CONTROL;
-    COMMAND chosen = nullptr;
+    COMMAND_FUNC_T chosen = nullptr;
     describe(app, options, chosen);
     try {
         app.parse(argc, argv);
@@ -92,7 +92,7 @@ int main(int argc, char **argv)
     }
     try {
         return finish(chosen(options));
-    } catch (const CONTROL_ERROR &fault) {
+    } catch (const ControlError &fault) {
         return fail(fault, fault.is_unreachable ? OPERATOR_UNREACHABLE : OPERATOR_REFUSED);
     } catch (const std::invalid_argument &fault) {
         return fail(fault, OPERATOR_USAGE);

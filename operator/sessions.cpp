@@ -129,7 +129,7 @@ void forwardOne(const std::string &control, const json &request, UniqueFd client
         CONTROL_CLIENT_T answers = openRequest(control, request, client.get());
         client.reset(); // the back end has its own now
         const auto opened = nextAnswer(answers);
-        if (!opened) throw CONTROL_ERROR("the back end went away", true);
+        if (!opened) throw ControlError("the back end went away", true);
         const std::string id = shown(opened->value("session", "?"));
         std::printf("%s opened\n", id.c_str());
         (void)std::fflush(stdout);
@@ -189,7 +189,7 @@ int connectStreams(const OPERATOR_OPTIONS_T &options)
     UniqueFd theirs{ends[1]};
     CONTROL_CLIENT_T answers = openRequest(options.control, request, theirs.get());
     theirs.reset();
-    if (!nextAnswer(answers)) throw CONTROL_ERROR("the back end went away", true);
+    if (!nextAnswer(answers)) throw ControlError("the back end went away", true);
 
     RELAY_T relay;
     OPERATOR_STATUS status = OPERATOR_REFUSED;
@@ -211,7 +211,7 @@ int forwardPort(const OPERATOR_OPTIONS_T &options)
     if (std::none_of(services.begin(), services.end(), [&request](const json &service) {
             return service.value("name", "") == request.at("service");
         }))
-        throw CONTROL_ERROR(
+        throw ControlError(
             request.value("device", "") + " does not offer " + request.value("service", ""), false);
     const UniqueFd listener = listenOn(options.port);
     std::printf("127.0.0.1:%u leads to %s; Ctrl-C ends it\n", portOf(listener.get()),

@@ -52,9 +52,9 @@ protected:
         thread.join();
     }
 
-    SCRIPTED_DEVICE connectDevice(const std::string &name = "dev1")
+    ScriptedDevice connectDevice(const std::string &name = "dev1")
     {
-        SCRIPTED_DEVICE device(port);
+        ScriptedDevice device(port);
         device.sendHandshake(name, name == "dev1" ? "secret1" : "secret2", time(nullptr));
         const auto answer = device.receive();
         EXPECT_TRUE(answer && answer->type() == 0 && answer->id() == "msg_id_for_handshake");
@@ -63,9 +63,9 @@ protected:
     }
 
     // A client whose session the device has granted under the token.
-    TCP_PEER connectClient(SCRIPTED_DEVICE &device, const std::string &token)
+    TcpPeer connectClient(ScriptedDevice &device, const std::string &token)
     {
-        TCP_PEER client(ssh_port);
+        TcpPeer client(ssh_port);
         const auto request = device.receive();
         EXPECT_TRUE(request && request->type() == 4);
         EXPECT_EQ(request ? request->payload : "",
@@ -75,7 +75,7 @@ protected:
         return client;
     }
 
-    static void grant(SCRIPTED_DEVICE &device, const std::string &id, const std::string &token)
+    static void grant(ScriptedDevice &device, const std::string &id, const std::string &token)
     {
         device.send(
             0, id, token,
@@ -84,7 +84,7 @@ protected:
     }
 
     // The next message is a release of the token; a device answers it.
-    static void expectRelease(SCRIPTED_DEVICE &device, const std::string &token)
+    static void expectRelease(ScriptedDevice &device, const std::string &token)
     {
         const auto release = device.receive();
         ASSERT_TRUE(release && release->type() == 5);
@@ -100,7 +100,7 @@ protected:
     {
         const auto seen = std::make_shared<std::promise<bool>>();
         boost::asio::post(io, [this, token, test, seen] {
-            const CHANNEL_PTR channel = findChannel(*server, {"pk1", "dev1"});
+            const ChannelPtr channel = findChannel(*server, {"pk1", "dev1"});
             seen->set_value(channel && channel->sessions.contains(token) &&
                             test(*channel->sessions.at(token)));
         });
@@ -116,7 +116,7 @@ protected:
         }
     }
 
-    static void expectAlive(SCRIPTED_DEVICE &device)
+    static void expectAlive(ScriptedDevice &device)
     {
         device.send(256, "ping1", "", "");
         const auto pong = device.receive();
@@ -148,14 +148,14 @@ TEST_F(Loopback, RefusedHandshakesGetTheirCodeAndAreClosed)
         {"dev1", "secret1", now - 400, "{\"code\": 412, \"message\": \"clock differs too much\"}"},
     };
     for (const auto &row : rows) {
-        SCRIPTED_DEVICE device(port);
+        ScriptedDevice device(port);
         device.sendHandshake(row.name, row.secret, row.timestamp);
         const auto answer = device.receive();
         ASSERT_TRUE(answer);
         EXPECT_EQ(answer->payload, row.answer);
         EXPECT_TRUE(device.isClosed());
     }
-    SCRIPTED_DEVICE early(port);
+    ScriptedDevice early(port);
     early.send(256, "ping1", "", "");
     EXPECT_EQ(early.receive().value_or(MESSAGE_SEEN_T{}).payload,
               "{\"code\": 400, \"message\": \"malformed handshake\"}");
@@ -168,17 +168,17 @@ TEST_F(Loopback, ConnectionsWithoutAHandshakeAreLimitedInTimeAndNumber)
     limits.handshake_time = 1000ms;
     limits.unauthenticated = 2;
     start(limits);
-    TCP_PEER silent(port);
-    SCRIPTED_DEVICE upgraded(port);
-    TCP_PEER third(port);
+    TcpPeer silent(port);
+    ScriptedDevice upgraded(port);
+    TcpPeer third(port);
     EXPECT_NE(third.ending(), "open");
     EXPECT_FALSE(isReady(silent.fd, POLLIN, 0)) << "the third was only ended by the time";
     EXPECT_NE(silent.ending(), "open");
     EXPECT_TRUE(upgraded.isClosed());
-    SCRIPTED_DEVICE device = connectDevice();
-    device.sendFrame(1, SCRIPTED_DEVICE::message(256, "ping1", "", "")); // text
+    ScriptedDevice device = connectDevice();
+    device.sendFrame(1, ScriptedDevice::message(256, "ping1", "", "")); // text
     EXPECT_TRUE(device.isClosed());
-    SCRIPTED_DEVICE second = connectDevice();
+    ScriptedDevice second = connectDevice();
     second.sendFrame(2, std::string(100000, 'x'));
     EXPECT_TRUE(second.isClosed());
 }
@@ -186,13 +186,13 @@ TEST_F(Loopback, ConnectionsWithoutAHandshakeAreLimitedInTimeAndNumber)
 TEST_F(Loopback, NewerChannelReplacesTheOlderWithItsSessions)
 {
     start();
-    SCRIPTED_DEVICE older = connectDevice();
-    SCRIPTED_DEVICE neighbour = connectDevice("dev2");
-    TCP_PEER client = connectClient(older, "t1");
-    SCRIPTED_DEVICE newer = connectDevice();
+    ScriptedDevice older = connectDevice();
+    ScriptedDevice neighbour = connectDevice("dev2");
+    TcpPeer client = connectClient(older, "t1");
+    ScriptedDevice newer = connectDevice();
     EXPECT_EQ(client.ending(), "reset");
     EXPECT_TRUE(older.isClosed());
-    TCP_PEER again = connectClient(newer, "t1"); // the same identifier once more
+    TcpPeer again = connectClient(newer, "t1"); // the same identifier once more
     newer.send(21, "d1", "t1", "fresh");
     EXPECT_EQ(again.receive(5), "fresh");
     expectAlive(neighbour);
@@ -201,8 +201,8 @@ TEST_F(Loopback, NewerChannelReplacesTheOlderWithItsSessions)
 TEST_F(Loopback, ReleaseByTheDeviceFlushesThenEnds)
 {
     start();
-    SCRIPTED_DEVICE device = connectDevice();
-    TCP_PEER client = connectClient(device, "t1");
+    ScriptedDevice device = connectDevice();
+    TcpPeer client = connectClient(device, "t1");
     const std::string bytes(50000, 'x');
     std::size_t total = 0;
     // More than the sockets take, so that a part waits in the session.
@@ -236,8 +236,8 @@ TEST_F(Loopback, ClientThatEndsItsSendingStillReceives)
     LIMITS_T limits;
     limits.linger_time = 300ms;
     start(limits);
-    SCRIPTED_DEVICE device = connectDevice();
-    TCP_PEER client = connectClient(device, "t1");
+    ScriptedDevice device = connectDevice();
+    TcpPeer client = connectClient(device, "t1");
     client.send("question");
     client.endSending();
     EXPECT_EQ(device.receive().value_or(MESSAGE_SEEN_T{}).payload, "question");
@@ -245,7 +245,7 @@ TEST_F(Loopback, ClientThatEndsItsSendingStillReceives)
     EXPECT_EQ(client.receive(6), "answer");
     expectRelease(device, "t1"); // once nothing has come for the linger time
     EXPECT_EQ(client.ending(), "end");
-    TCP_PEER unanswered = connectClient(device, "t2");
+    TcpPeer unanswered = connectClient(device, "t2");
     unanswered.endSending();
     expectRelease(device, "t2");
     EXPECT_EQ(unanswered.ending(), "end");
@@ -254,9 +254,9 @@ TEST_F(Loopback, ClientThatEndsItsSendingStillReceives)
 TEST_F(Loopback, VanishedClientIsReleasedAndItsLateDataDropped)
 {
     start();
-    SCRIPTED_DEVICE device = connectDevice();
+    ScriptedDevice device = connectDevice();
     {
-        TCP_PEER client = connectClient(device, "t1");
+        TcpPeer client = connectClient(device, "t1");
         device.send(21, "d1", "t1", "unread"); // so that the close becomes a reset
         EXPECT_TRUE(isReady(client.fd, POLLIN));
     }
@@ -277,19 +277,19 @@ TEST_F(Loopback, VanishedClientIsReleasedAndItsLateDataDropped)
 TEST_F(Loopback, RefusedOrUnknownServiceResetsTheClient)
 {
     start();
-    EXPECT_EQ(TCP_PEER(ssh_port).ending(), "reset"); // no device yet
-    SCRIPTED_DEVICE device = connectDevice();
-    EXPECT_EQ(TCP_PEER(other_port).ending(), "reset"); // nothing announced under that name
+    EXPECT_EQ(TcpPeer(ssh_port).ending(), "reset"); // no device yet
+    ScriptedDevice device = connectDevice();
+    EXPECT_EQ(TcpPeer(other_port).ending(), "reset"); // nothing announced under that name
     for (const int code : {101604, 101671, 7}) {
-        TCP_PEER client(ssh_port);
+        TcpPeer client(ssh_port);
         const auto request = device.receive();
         ASSERT_TRUE(request);
         device.send(0, request->id(), "",
                     "{\"code\": " + std::to_string(code) + ", \"message\": \"m\"}\r\n\r\nnull");
         EXPECT_EQ(client.ending(), "reset");
     }
-    TCP_PEER first = connectClient(device, "t1");
-    TCP_PEER second = connectClient(device, "t1"); // an identifier that is in use
+    TcpPeer first = connectClient(device, "t1");
+    TcpPeer second = connectClient(device, "t1"); // an identifier that is in use
     expectRelease(device, "t1");
     EXPECT_EQ(second.ending(), "reset");
 }
@@ -297,11 +297,11 @@ TEST_F(Loopback, RefusedOrUnknownServiceResetsTheClient)
 TEST_F(Loopback, SessionPastTheLimitIsRefusedUnlessOneLingers)
 {
     start();
-    SCRIPTED_DEVICE device = connectDevice();
-    std::vector<TCP_PEER> clients;
+    ScriptedDevice device = connectDevice();
+    std::vector<TcpPeer> clients;
     for (int i = 0; i < 32; i++)
         clients.push_back(connectClient(device, "t" + std::to_string(i)));
-    TCP_PEER refused(ssh_port);
+    TcpPeer refused(ssh_port);
     const auto request = device.receive();
     ASSERT_TRUE(request && request->type() == 4);
     device.send(0, request->id(), "",
@@ -313,7 +313,7 @@ TEST_F(Loopback, SessionPastTheLimitIsRefusedUnlessOneLingers)
         EXPECT_EQ(device.receive().value_or(MESSAGE_SEEN_T{}).payload, "last");
         waitUntilLingering("t" + std::to_string(i));
     }
-    TCP_PEER another(ssh_port);
+    TcpPeer another(ssh_port);
     expectRelease(device, "t7"); // the one that lingers longest
     const auto opened = device.receive();
     ASSERT_TRUE(opened && opened->type() == 4);
@@ -325,10 +325,10 @@ TEST_F(Loopback, SessionPastTheLimitIsRefusedUnlessOneLingers)
 TEST_F(Loopback, SlowReaderBlocksTheSenderAndLosesNothing)
 {
     start();
-    SCRIPTED_DEVICE device = connectDevice();
-    TCP_PEER client = connectClient(device, "t1");
+    ScriptedDevice device = connectDevice();
+    TcpPeer client = connectClient(device, "t1");
     const std::string frame =
-        SCRIPTED_DEVICE::frame(2, SCRIPTED_DEVICE::message(21, "d", "t1", std::string(50000, 'x')));
+        ScriptedDevice::frame(2, ScriptedDevice::message(21, "d", "t1", std::string(50000, 'x')));
     const std::size_t sent = device.peer.sendUntilBlocked(frame, MUCH);
     ASSERT_LT(sent, MUCH);
     // The cut frame is completed while the client reads everything.
@@ -343,8 +343,8 @@ TEST_F(Loopback, SlowReaderBlocksTheSenderAndLosesNothing)
 TEST_F(Loopback, DeviceThatDoesNotReadBlocksTheClient)
 {
     start();
-    SCRIPTED_DEVICE device = connectDevice();
-    TCP_PEER client = connectClient(device, "t1");
+    ScriptedDevice device = connectDevice();
+    TcpPeer client = connectClient(device, "t1");
     const std::size_t sent = client.sendUntilBlocked(std::string(65536, 'x'), MUCH);
     ASSERT_LT(sent, MUCH);
     std::size_t got = 0;
@@ -355,7 +355,7 @@ TEST_F(Loopback, DeviceThatDoesNotReadBlocksTheClient)
     }
     EXPECT_EQ(got, sent);
     // One that only asks, and never takes an answer, is dropped.
-    const std::string pings = SCRIPTED_DEVICE::frame(2, SCRIPTED_DEVICE::message(256, "p", "", ""));
+    const std::string pings = ScriptedDevice::frame(2, ScriptedDevice::message(256, "p", "", ""));
     EXPECT_LT(device.peer.sendUntilBlocked(pings, std::size_t{512} << 20), std::size_t{512} << 20);
     EXPECT_EQ(client.ending(), "reset");
 }
@@ -365,10 +365,10 @@ TEST_F(Loopback, ClientThatNeverReadsIsCutOffAndTheChannelGoesOn)
     LIMITS_T limits;
     limits.stall_time = 300ms;
     start(limits);
-    SCRIPTED_DEVICE device = connectDevice();
-    TCP_PEER client = connectClient(device, "t1");
+    ScriptedDevice device = connectDevice();
+    TcpPeer client = connectClient(device, "t1");
     const std::string frame =
-        SCRIPTED_DEVICE::frame(2, SCRIPTED_DEVICE::message(21, "d", "t1", std::string(50000, 'x')));
+        ScriptedDevice::frame(2, ScriptedDevice::message(21, "d", "t1", std::string(50000, 'x')));
     for (std::size_t sent = 0; sent < MUCH && !HasFailure(); sent += frame.size())
         device.peer.send(frame);
     expectRelease(device, "t1");
@@ -381,8 +381,8 @@ TEST_F(Loopback, SessionAnsweredTooLateIsReleased)
     LIMITS_T limits;
     limits.open_time = 200ms;
     start(limits);
-    SCRIPTED_DEVICE device = connectDevice();
-    TCP_PEER client(ssh_port);
+    ScriptedDevice device = connectDevice();
+    TcpPeer client(ssh_port);
     const auto request = device.receive();
     ASSERT_TRUE(request);
     EXPECT_EQ(client.ending(), "reset");
@@ -393,13 +393,13 @@ TEST_F(Loopback, SessionAnsweredTooLateIsReleased)
 TEST_F(Loopback, UnreadableMessagesAreDroppedAndTheChannelStays)
 {
     start();
-    SCRIPTED_DEVICE device = connectDevice();
-    const std::string good = SCRIPTED_DEVICE::message(256, "p", "", "");
+    ScriptedDevice device = connectDevice();
+    const std::string good = ScriptedDevice::message(256, "p", "", "");
     for (const std::string &bad :
          {std::string(), std::string("x"), good + "surplus", good.substr(1),
-          SCRIPTED_DEVICE::message(4, "m", "", "{}"), std::string(60000, '{'),
-          SCRIPTED_DEVICE::message(0, "open-1", "t", "no json"),
-          SCRIPTED_DEVICE::message(0, "unknown", "t", "{\"code\":0}")}) {
+          ScriptedDevice::message(4, "m", "", "{}"), std::string(60000, '{'),
+          ScriptedDevice::message(0, "open-1", "t", "no json"),
+          ScriptedDevice::message(0, "unknown", "t", "{\"code\":0}")}) {
         device.sendFrame(2, bad);
     }
     expectAlive(device);
@@ -408,7 +408,7 @@ TEST_F(Loopback, UnreadableMessagesAreDroppedAndTheChannelStays)
 TEST_F(Loopback, AccountCheckReportsTheDevicesAnswerOnce)
 {
     start();
-    SCRIPTED_DEVICE device = connectDevice();
+    ScriptedDevice device = connectDevice();
     const auto ask = [this](const std::string &password) {
         auto promise = std::make_shared<std::promise<ACCOUNT_RESULT_T>>();
         boost::asio::post(io, [this, password, promise] {
@@ -431,7 +431,7 @@ TEST_F(Loopback, AccountCheckReportsTheDevicesAnswerOnce)
     auto pending = ask("secret");
     ASSERT_TRUE(device.receive());
     {
-        SCRIPTED_DEVICE newer = connectDevice();
+        ScriptedDevice newer = connectDevice();
     }
     EXPECT_FALSE(pending.get().is_answered);
 }
@@ -439,8 +439,8 @@ TEST_F(Loopback, AccountCheckReportsTheDevicesAnswerOnce)
 TEST_F(Loopback, ChangedRegistryCutsOffTheDevicesThatItChanges)
 {
     start();
-    SCRIPTED_DEVICE same = connectDevice("dev1");
-    SCRIPTED_DEVICE changed = connectDevice("dev2");
+    ScriptedDevice same = connectDevice("dev1");
+    ScriptedDevice changed = connectDevice("dev2");
     boost::asio::post(io, [this] {
         replaceRegistry(*server, {{{"pk1", "dev1"}, "secret1"}, {{"pk1", "dev2"}, "new"}});
     });

@@ -18,7 +18,7 @@ bool isReady(int fd, short events, int wait_ms)
     return poll(&entry, 1, wait_ms) > 0;
 }
 
-TCP_PEER::TCP_PEER(std::uint16_t port) : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+TcpPeer::TcpPeer(std::uint16_t port) : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -29,12 +29,12 @@ TCP_PEER::TCP_PEER(std::uint16_t port) : fd(socket(AF_INET, SOCK_STREAM | SOCK_C
     EXPECT_EQ(setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on), 0);
 }
 
-TCP_PEER::~TCP_PEER()
+TcpPeer::~TcpPeer()
 {
     if (fd >= 0) close(fd);
 }
 
-void TCP_PEER::send(std::string_view bytes)
+void TcpPeer::send(std::string_view bytes)
 {
     while (!bytes.empty() && isReady(fd, POLLOUT)) {
         const ssize_t count = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -44,7 +44,7 @@ void TCP_PEER::send(std::string_view bytes)
     EXPECT_TRUE(bytes.empty());
 }
 
-std::size_t TCP_PEER::sendUntilBlocked(std::string_view bytes, std::size_t limit)
+std::size_t TcpPeer::sendUntilBlocked(std::string_view bytes, std::size_t limit)
 {
     std::size_t sent = 0;
     while (sent < limit && isReady(fd, POLLOUT, 300)) {
@@ -56,7 +56,7 @@ std::size_t TCP_PEER::sendUntilBlocked(std::string_view bytes, std::size_t limit
     return sent;
 }
 
-std::string TCP_PEER::receive(std::size_t size)
+std::string TcpPeer::receive(std::size_t size)
 {
     std::string bytes(size, '\0');
     std::size_t got = 0;
@@ -69,7 +69,7 @@ std::string TCP_PEER::receive(std::size_t size)
     return bytes;
 }
 
-std::string TCP_PEER::ending()
+std::string TcpPeer::ending()
 {
     std::array<char, 65536> dropped{};
     while (isReady(fd, POLLIN)) {
@@ -80,12 +80,12 @@ std::string TCP_PEER::ending()
     return "open";
 }
 
-void TCP_PEER::endSending()
+void TcpPeer::endSending()
 {
     EXPECT_EQ(shutdown(fd, SHUT_WR), 0);
 }
 
-SCRIPTED_DEVICE::SCRIPTED_DEVICE(std::uint16_t port) : peer(port)
+ScriptedDevice::ScriptedDevice(std::uint16_t port) : peer(port)
 {
     peer.send("GET / HTTP/1.1\r\nHost: backend\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
               "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
@@ -103,7 +103,7 @@ SCRIPTED_DEVICE::SCRIPTED_DEVICE(std::uint16_t port) : peer(port)
 }
 
 // The mask is zero, so that the payload is in the frame unchanged.
-std::string SCRIPTED_DEVICE::frame(int opcode, std::string_view bytes)
+std::string ScriptedDevice::frame(int opcode, std::string_view bytes)
 {
     std::string text{static_cast<char>(0x80 | opcode)};
     if (bytes.size() < 126) {
@@ -117,8 +117,8 @@ std::string SCRIPTED_DEVICE::frame(int opcode, std::string_view bytes)
     return text.append(4, '\0').append(bytes);
 }
 
-std::string SCRIPTED_DEVICE::message(int type, std::string_view id, std::string_view token,
-                                     std::string_view payload)
+std::string ScriptedDevice::message(int type, std::string_view id, std::string_view token,
+                                    std::string_view payload)
 {
     std::string text = "{\"msg_type\": " + std::to_string(type) +
                        ",\"payload_len\": " + std::to_string(payload.size());
@@ -129,19 +129,19 @@ std::string SCRIPTED_DEVICE::message(int type, std::string_view id, std::string_
     return text.append("\"}\r\n\r\n").append(payload);
 }
 
-void SCRIPTED_DEVICE::sendFrame(int opcode, std::string_view bytes)
+void ScriptedDevice::sendFrame(int opcode, std::string_view bytes)
 {
     peer.send(frame(opcode, bytes));
 }
 
-void SCRIPTED_DEVICE::send(int type, std::string_view id, std::string_view token,
-                           std::string_view payload)
+void ScriptedDevice::send(int type, std::string_view id, std::string_view token,
+                          std::string_view payload)
 {
     sendFrame(2, message(type, id, token, payload));
 }
 
-void SCRIPTED_DEVICE::sendHandshake(const std::string &name, const std::string &secret,
-                                    std::int64_t timestamp)
+void ScriptedDevice::sendHandshake(const std::string &name, const std::string &secret,
+                                   std::int64_t timestamp)
 {
     const std::string payload =
         R"({"uuid": "quorvex_iot","product_key": "pk1","device_name": ")" + name +
@@ -156,7 +156,7 @@ void SCRIPTED_DEVICE::sendHandshake(const std::string &name, const std::string &
     sendFrame(2, text);
 }
 
-std::optional<MESSAGE_SEEN_T> SCRIPTED_DEVICE::receive()
+std::optional<MESSAGE_SEEN_T> ScriptedDevice::receive()
 {
     if (!isReady(peer.fd, POLLIN)) return std::nullopt;
     const std::string start = peer.receive(2);
@@ -182,7 +182,7 @@ std::optional<MESSAGE_SEEN_T> SCRIPTED_DEVICE::receive()
     return seen;
 }
 
-bool SCRIPTED_DEVICE::isClosed()
+bool ScriptedDevice::isClosed()
 {
     while (receive())
         continue;

@@ -14,14 +14,14 @@ constexpr int WAIT_MS = 5000;
 
 bool isReady(int fd, short events, int wait_ms = WAIT_MS); // events as for poll
 
-class TCP_PEER {
+class TcpPeer {
 public:
-    explicit TCP_PEER(std::uint16_t port);
-    TCP_PEER(TCP_PEER &&other) noexcept : fd(other.fd)
+    explicit TcpPeer(std::uint16_t port);
+    TcpPeer(TcpPeer &&other) noexcept : fd(other.fd)
     {
         other.fd = -1;
     }
-    ~TCP_PEER();
+    ~TcpPeer();
     void send(std::string_view bytes);
     std::size_t sendUntilBlocked(std::string_view bytes,
                                  std::size_t limit); // again and again; bytes that left
@@ -49,9 +49,9 @@ struct MESSAGE_SEEN_T {
     }
 };
 
-class SCRIPTED_DEVICE {
+class ScriptedDevice {
 public:
-    explicit SCRIPTED_DEVICE(std::uint16_t port);
+    explicit ScriptedDevice(std::uint16_t port);
     void sendFrame(int opcode, std::string_view bytes);
     void send(int type, std::string_view id, std::string_view token, std::string_view payload);
     void sendHandshake(const std::string &name, const std::string &secret, std::int64_t timestamp);
@@ -60,6 +60,6 @@ public:
     static std::string message(int type, std::string_view id, std::string_view token,
                                std::string_view payload);
     static std::string frame(int opcode, std::string_view bytes);
-    TCP_PEER peer;
+    TcpPeer peer;
     bool has_ended = false; // a close frame or the connection's end was read
 };

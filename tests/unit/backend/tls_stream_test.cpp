@@ -101,7 +101,7 @@ struct PAIR_T {
     asio::ssl::context server_context{asio::ssl::context::tls_server};
     asio::ssl::context client_context{asio::ssl::context::tls_client};
     tcp::socket wire{io};
-    std::optional<TLS_STREAM> stream;
+    std::optional<TlsStream> stream;
     SSL *peer = nullptr;
     std::string storage = std::string(100000, '\0');
     error_code ignored;
@@ -239,7 +239,7 @@ TEST(TlsStream, PeerWithoutEndLeavesOthersATurn)
     greet(pair);
     const char *bytes = nullptr;
     std::size_t size = 0;
-    while (size < TLS_STREAM::READ_SIZE + 10000) {
+    while (size < TlsStream::READ_SIZE + 10000) {
         SSL_key_update(pair.peer, SSL_KEY_UPDATE_NOT_REQUESTED);
         SSL_do_handshake(pair.peer);
         size = static_cast<std::size_t>(BIO_get_mem_data(SSL_get_wbio(pair.peer), &bytes));
@@ -251,5 +251,5 @@ TEST(TlsStream, PeerWithoutEndLeavesOthersATurn)
                                  [](const error_code &, std::size_t) {});
     pair.io.restart();
     pair.io.run_one();
-    EXPECT_EQ(pair.stream->next_layer().available(), size - TLS_STREAM::READ_SIZE);
+    EXPECT_EQ(pair.stream->next_layer().available(), size - TlsStream::READ_SIZE);
 }

@@ -4,7 +4,7 @@ import socket
 import threading
 import time
 
-PERIOD = 1 << 22
+PERIOD = 1 << 25  # longer than what a closed window can cost in a minute
 PATTERN = random.Random(4).randbytes(PERIOD)
 _TWICE = PATTERN + PATTERN
 _WINDOW = 32  # enough bytes to identify a place in the pattern

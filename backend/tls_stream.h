@@ -41,7 +41,7 @@ public:
 
     using next_layer_type = boost::asio::ip::tcp::socket;
     using executor_type = next_layer_type::executor_type;
-    using ERROR = boost::system::error_code;
+    using Error = boost::system::error_code;
 
     TlsStream(next_layer_type socket, ssl_ctx_st *context); // throws when out of memory
     TlsStream(const TlsStream &) = delete;
@@ -62,34 +62,34 @@ public:
     }
 
     // The handler takes an error.
-    template <class HANDLER> auto async_handshake(HANDLER &&handler)
+    template <class Handler> auto async_handshake(Handler &&handler)
     {
-        return start<void(ERROR)>([](TlsStream &stream) { return stream.handshake(); }, handler);
+        return start<void(Error)>([](TlsStream &stream) { return stream.handshake(); }, handler);
     }
 
     // Says that nothing more comes (close_notify); does not wait for the peer to say it.
-    template <class HANDLER> auto async_shutdown(HANDLER &&handler)
+    template <class Handler> auto async_shutdown(Handler &&handler)
     {
-        return start<void(ERROR)>([](TlsStream &stream) { return stream.shutdown(); }, handler);
+        return start<void(Error)>([](TlsStream &stream) { return stream.shutdown(); }, handler);
     }
 
     // Fills the buffers as far as whole records are there.
-    template <class BUFFERS, class HANDLER>
-    auto async_read_some(const BUFFERS &buffers, HANDLER &&handler)
+    template <class Buffers, class Handler>
+    auto async_read_some(const Buffers &buffers, Handler &&handler)
     {
-        return start<void(ERROR, std::size_t)>(
-            [pieces = PIECES_T<boost::asio::mutable_buffer>(buffers)](TlsStream &stream) {
+        return start<void(Error, std::size_t)>(
+            [pieces = Pieces<boost::asio::mutable_buffer>(buffers)](TlsStream &stream) {
                 return stream.readSome(pieces.used());
             },
             handler);
     }
 
     // Takes the whole sequence, up to WRITE_MAX, and is done when the kernel has all of it.
-    template <class BUFFERS, class HANDLER>
-    auto async_write_some(const BUFFERS &buffers, HANDLER &&handler)
+    template <class Buffers, class Handler>
+    auto async_write_some(const Buffers &buffers, Handler &&handler)
     {
-        const std::size_t taken = encrypt(PIECES_T<boost::asio::const_buffer>(buffers).used());
-        return start<void(ERROR, std::size_t)>(
+        const std::size_t taken = encrypt(Pieces<boost::asio::const_buffer>(buffers).used());
+        return start<void(Error, std::size_t)>(
             [taken](TlsStream &stream) { return stream.send(taken); }, handler);
     }
 
@@ -98,33 +98,33 @@ private:
 
     struct RESULT_T {
         WAIT wait = WAIT::NONE; // what has to come before the step is tried again
-        ERROR error;
+        Error error;
         std::size_t count = 0;
     };
 
-    struct SSL_RELEASE_T {
+    struct SslRelease {
         void operator()(ssl_st *ssl) const;
     };
 
-    template <class BUFFER> struct PIECES_T {
-        template <class BUFFERS> explicit PIECES_T(const BUFFERS &buffers)
+    template <class Buffer> struct Pieces {
+        template <class Buffers> explicit Pieces(const Buffers &buffers)
         {
             const auto end = boost::asio::buffer_sequence_end(buffers);
             for (auto it = boost::asio::buffer_sequence_begin(buffers);
                  it != end && count < PIECES_MAX; ++it)
-                pieces[count++] = BUFFER(*it);
+                pieces[count++] = Buffer(*it);
         }
-        std::span<const BUFFER> used() const
+        std::span<const Buffer> used() const
         {
             return {pieces.data(), count};
         }
-        std::array<BUFFER, PIECES_MAX> pieces;
+        std::array<Buffer, PIECES_MAX> pieces;
         std::size_t count = 0;
     };
 
     // Tries its step until that need not wait. A handler never runs within the call that starts it.
-    template <class STEP, class SIGNATURE> struct OPERATION_T {
-        template <class SELF> void operator()(SELF &self, const ERROR &waited = {})
+    template <class Step, class Signature> struct Operation {
+        template <class Self> void operator()(Self &self, const Error &waited = {})
         {
             TlsStream &on = stream;
             if (!is_done) {
@@ -141,23 +141,23 @@ private:
                 is_done = true;
                 if (!has_waited) return boost::asio::post(on.get_executor(), std::move(self));
             }
-            if constexpr (std::is_same_v<SIGNATURE, void(ERROR)>)
+            if constexpr (std::is_same_v<Signature, void(Error)>)
                 self.complete(result.error);
             else
                 self.complete(result.error, result.count);
         }
 
         TlsStream &stream;
-        STEP step;
+        Step step;
         RESULT_T result{};
         bool has_waited = false;
         bool is_done = false;
     };
 
-    template <class SIGNATURE, class STEP, class HANDLER> auto start(STEP step, HANDLER &handler)
+    template <class Signature, class Step, class Handler> auto start(Step step, Handler &handler)
     {
-        return boost::asio::async_compose<HANDLER, SIGNATURE>(
-            OPERATION_T<STEP, SIGNATURE>{*this, std::move(step)}, handler, socket_);
+        return boost::asio::async_compose<Handler, Signature>(
+            Operation<Step, Signature>{*this, std::move(step)}, handler, socket_);
     }
 
     // None of them blocks.
@@ -177,7 +177,7 @@ private:
     friend struct WIRE_METHOD_T;
 
     next_layer_type socket_;
-    std::unique_ptr<ssl_st, SSL_RELEASE_T> ssl_;
+    std::unique_ptr<ssl_st, SslRelease> ssl_;
     std::unique_ptr<std::uint8_t[]> in_;
     std::size_t in_start_ = 0; // of what is not decrypted yet
     std::size_t in_end_ = 0;
@@ -185,14 +185,14 @@ private:
     bool may_receive_ = false; // once in a step: what a peer sends without end leaves others a turn
     std::vector<std::uint8_t> out_;
     std::size_t sent_ = 0; // of out_
-    ERROR fault_;          // what every further operation fails with
+    Error fault_;          // what every further operation fails with
 };
 
 // What the WebSocket calls after its close frame.
-template <class HANDLER>
-void async_teardown(boost::beast::role_type, TlsStream &stream, HANDLER &&handler)
+template <class Handler>
+void async_teardown(boost::beast::role_type, TlsStream &stream, Handler &&handler)
 {
-    stream.async_shutdown(std::forward<HANDLER>(handler));
+    stream.async_shutdown(std::forward<Handler>(handler));
 }
 
 } // namespace backend

@@ -96,8 +96,8 @@ void reportPipes()
     }
 }
 
-// A broken pipe sent before the fatal signal may still be on its way: not taken by any thread, or by
-// one that waits for a processor. Blocked on this thread, it can be taken here.
+// A broken pipe sent before the fatal signal may still be on its way: not taken by any thread, or
+// by one that waits for a processor. Blocked on this thread, it can be taken here.
 void reportEarlierPipes()
 {
     sigset_t pipe;

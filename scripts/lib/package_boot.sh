@@ -55,10 +55,12 @@ upgrade_without_bus() {
 # As the guide has it for a gateway with a bus of its own, whose rules come after the installation.
 installs_masked() {
     systemctl mask --runtime --now remote-access-daemon && dpkg -i /packages/daemon.deb &&
-        ! systemctl is-active remote-access-daemon && systemctl unmask --runtime remote-access-daemon &&
-        systemctl start remote-access-daemon
+        ! systemctl is-active remote-access-daemon &&
+        systemctl unmask --runtime remote-access-daemon && systemctl start remote-access-daemon
 }
-bus_folders_are_roots() { [ "$(stat -c '%U %a' /tmp/var{,/run{,/mbusd}} | sort -u)" = 'root 755' ]; }
+bus_folders_are_roots() {
+    [ "$(stat -c '%U %a' /tmp/var{,/run{,/mbusd}} | sort -u)" = 'root 755' ]
+}
 back_end_reloads() {
     systemctl reload remote-access-backend && sleep 1 &&
         journalctl -u remote-access-backend | grep 'files read again'

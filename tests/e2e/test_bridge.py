@@ -34,7 +34,8 @@ class Place(Processes):
         copies of what an earlier call has sent more than once."""
         received, event = self.peer.received, ("subscribe_event", TOPIC, payload)
         self.sent.add(payload)
-        poll(lambda: self.broker.send(TOPIC, payload.encode()) and pump() or event in received, 15, payload)
+        poll(lambda: self.broker.send(TOPIC, payload.encode()) and pump() or event in received,
+             15, payload)
         others = [item[2] for item in received if item[2] not in self.sent]
         received.clear()
         return others

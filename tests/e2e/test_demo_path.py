@@ -215,7 +215,8 @@ def test_operators_session_ends_with_his_tool(tunnel, number, whole):
 def test_operator_is_told_what_could_not_be_written(tunnel, command):
     with open("/dev/full", "w", encoding="ascii") as full:
         done = subprocess.run([BIN / command[0], *command[1:]], stdout=full,
-                              env={**os.environ, "REMOTE_ACCESS_CONTROL": str(tunnel.home / "control")},
+                              env={**os.environ,
+                                   "REMOTE_ACCESS_CONTROL": str(tunnel.home / "control")},
                               stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False,
                               timeout=20 * SCALE)
     assert done.returncode == 1 and b"No space left" in done.stderr
@@ -256,7 +257,8 @@ def test_back_end_reads_its_files_again(certificates, tmp_path):
                     ("good", "no json", "good", 1)], 1):
                 put(name, devices)
                 back_end.send_signal(signal.SIGHUP)
-                done = poll(lambda: files[3].read_text().split("read again, ")[times:], 10, "a line")
+                done = poll(lambda: files[3].read_text().split("read again, ")[times:], 10,
+                            "a line")
                 assert done[0].startswith(f"{count} devices registered\n")
                 assert ssl.PEM_cert_to_DER_cert(ssl.get_server_certificate(
                     ("127.0.0.1", port))) == ssl.PEM_cert_to_DER_cert(certificates.text(served))

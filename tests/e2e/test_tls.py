@@ -16,7 +16,8 @@ NO_TLS = ("W", "Expected to find proper client connection status, but found erro
 NO_PLAIN = ("W", "ERROR: Expected to find proper client connection status, but found error.. ")
 NOT_READY = ("W", "ERROR: connection not ready ")
 FAILED, CLOSED = ("W", "cloud channel open failed"), ("I", "close cloud channel!")
-UNTRUSTED, BAD_CA = "the server's certificate is not accepted: ", f"cannot use the CA file /{CA_FILE}: "
+UNTRUSTED = "the server's certificate is not accepted: "
+BAD_CA = f"cannot use the CA file /{CA_FILE}: "
 # What the back end presents, what the CA file holds, the host in the settings, and why it is
 # refused, if it is.
 TRUST = {

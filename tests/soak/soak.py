@@ -176,8 +176,8 @@ def minute_line(soak, pair, start):
     expected, others = warnings_of(pair)
     print(f"{time.monotonic() - start:6.0f} s  {soak.done} sessions ({soak.aborted} aborted), "
           f"up {soak.up / 1e6:.0f} MB, down {soak.down / 1e6:.0f} MB, RSS {held.resident_kb} "
-          f"kB, {held.descriptors} descriptors, {held.threads} threads, warnings {expected} expected, "
-          f"{len(others)} others, {len(soak.faults)} faults", flush=True)
+          f"kB, {held.descriptors} descriptors, {held.threads} threads, warnings {expected} "
+          f"expected, {len(others)} others, {len(soak.faults)} faults", flush=True)
     return held.resident_kb
 
 

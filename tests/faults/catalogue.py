@@ -127,6 +127,18 @@ def _read_again(cell):
     cell.world.pause_back_end(False)
 
 
+def _vanish_behind_closed_window(cell):
+    _stop_reading(cell)
+    time.sleep(20)  # the kernel probes the window, less and less often if it is left alone
+    cell.fault_begins()
+    _silence("home", "cloud")(cell)
+
+
+def _come_back(cell):
+    _heal(cell)
+    cell.world.pause_back_end(False)
+
+
 def _end_service(end):
     def begin(cell):
         cell.ended = cell.sessions.pop(0)
@@ -187,6 +199,8 @@ LONG_FAULTS = {
                         states=("idle", "uploading"), limit_s=360, **_STOPPED),
     "unread-60": Fault("back end stops reading for 60 s, its kernel lives", states=CONNECTED,
                        lasts=60, **_UNREAD),
+    "hole-unread": Fault("black hole behind a closed window", _vanish_behind_closed_window,
+                         _come_back, None, ("uploading",)),
     "gone-20": Fault("back end gone for 20 s", lasts=20, **_GONE, **_LONG),
     "hole-180": Fault("black hole for 180 s", _silence("home", "cloud"), _heal, 180, **_LONG),
     "dns-90": Fault("name server silent for 90 s, RST", _silence_dns, _heal, 90,

@@ -64,7 +64,7 @@ std::string target_of(const std::string &link)
 std::string take_name(std::string &rest)
 {
     rest.erase(0, std::min(rest.find_first_not_of('/'), rest.size()));
-    const std::string name = rest.substr(0, rest.find('/'));
+    std::string name = rest.substr(0, rest.find('/'));
     rest.erase(0, name.size());
     return name;
 }

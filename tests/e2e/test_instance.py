@@ -39,6 +39,7 @@ PLANTED = {
     "hard-link": (os.link, "victim", PID_FILE, NOT_OPENED),
     "fifo": (lambda _, path: os.mkfifo(path), None, PID_FILE, NOT_OPENED),
     "directory-to-a-file": (os.symlink, "/tmp/victim", "tmp/brimlock", NOT_OPENED),
+    "directory-to-another": (os.symlink, "/tmp/others", "tmp/brimlock", NOT_OPENED),
     "directory-to-nothing": (os.symlink, "/tmp/missing", "tmp/brimlock",
                              ("E", "Create Dir /tmp/brimlock error!"))}
 
@@ -50,6 +51,7 @@ def test_planted_file(launch, case):
 
     def prepare(root):
         (root / "tmp/victim").write_text("precious")
+        (root / "tmp/others").mkdir()
         if name == PID_FILE:
             (root / "tmp/brimlock").mkdir()
         plant(root / "tmp" / target if plant is os.link else target, root / name)
@@ -59,3 +61,4 @@ def test_planted_file(launch, case):
     assert lines(gateway.daemon) == [line]
     assert (gateway.root / "tmp/victim").read_text() == "precious"
     assert not (gateway.root / "tmp/missing").exists()
+    assert not [*(gateway.root / "tmp/others").iterdir()]

@@ -144,6 +144,8 @@ TEST(Connect, SaysWhyThereIsNoConnection)
         {"127.0.0.1", "44x", true, "port is not a number"},
         {"", "443", true, "host name is empty"},
         {"host\r\nX: y", "443", true, "bytes that no name has"},
+        {"host\x7f", "443", true, "bytes that no name has"},
+        {"two words", "443", true, "bytes that no name has"},
     };
     for (const ROW_T &row : rows) {
         SCOPED_TRACE(row.logged);

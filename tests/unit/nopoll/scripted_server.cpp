@@ -149,6 +149,7 @@ CLIENT_FRAME_T ScriptedServer::readFrame()
     if (!extra.empty()) size = 0;
     for (std::size_t i = 0; i < extra.size(); ++i)
         size = size << 8 | byte(extra, i);
+    EXPECT_TRUE(extra.empty() || size > (extra.size() == 8 ? 65535 : 125)) << "length too long";
     const std::string mask = read(4);
     std::string payload = read(size);
     EXPECT_EQ(payload.size(), size) << "frame cut";

@@ -273,7 +273,7 @@ static void connectClient(const LinkPtr &link, const json &request)
 {
     const std::string device = memberOf(request, "device");
     const std::string name = memberOf(request, "service");
-    const auto turnAway = [&](const std::string &reason) {
+    const auto turn_away = [&](const std::string &reason) {
         auditRefusal(link->who, device, name, reason);
         refuse(link, reason);
     };
@@ -281,12 +281,12 @@ static void connectClient(const LinkPtr &link, const json &request)
     try {
         channel = channelOf(*link->control, request);
     } catch (const std::runtime_error &fault) {
-        return turnAway(fault.what());
+        return turn_away(fault.what());
     }
     const SERVICE_T *service = findService(*channel, name);
-    if (service == nullptr) return turnAway(device + " does not offer " + name);
+    if (service == nullptr) return turn_away(device + " does not offer " + name);
     auto socket = takeClientSocket(*link);
-    if (!socket) return turnAway("no connected stream socket came with the request");
+    if (!socket) return turn_away("no connected stream socket came with the request");
     CLIENT_T client{std::move(*socket), link->who, nullptr, nullptr};
     client.opened = [link](const SESSION_T &session) {
         answer(link, {{"ok", true}, {"session", session.token}}, false);

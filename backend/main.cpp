@@ -150,14 +150,14 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
         goodbye.expires_after(GOODBYE_TIME);
         goodbye.async_wait([&io](const boost::system::error_code &) { io.stop(); });
     });
-    const std::function<void()> waitForChange = [&] {
+    const std::function<void()> wait_for_change = [&] {
         changes.async_wait([&](const boost::system::error_code &error, int) {
             if (error) return;
             readFilesAgain(line, *server);
-            waitForChange();
+            wait_for_change();
         });
     };
-    waitForChange();
+    wait_for_change();
     io.run();
 }
 

@@ -4,7 +4,7 @@
 #pragma once
 
 #include "platform/nopoll/nopoll.h"
-#include "test_certificates.h"
+#include "tests/support/test_certificates.h"
 
 #include <functional>
 #include <string>

@@ -1,4 +1,4 @@
-#include "test_certificates.h"
+#include "tests/support/test_certificates.h"
 
 #include <gtest/gtest.h>
 #include <openssl/pem.h>

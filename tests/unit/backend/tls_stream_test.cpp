@@ -1,4 +1,5 @@
 #include "backend/tls_stream.h"
+#include "tests/support/test_certificates.h"
 
 #include <chrono>
 #include <functional>
@@ -10,9 +11,7 @@
 #include <boost/asio/ssl/error.hpp>
 #include <boost/asio/write.hpp>
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 #include <openssl/ssl.h>
-#include <openssl/x509.h>
 
 using namespace backend;
 namespace asio = boost::asio;
@@ -20,25 +19,13 @@ using boost::system::error_code;
 using tcp = asio::ip::tcp;
 using namespace std::chrono_literals;
 
-static void useThrowAwayCertificate(SSL_CTX *context)
-{
-    EVP_PKEY *key = EVP_EC_gen("P-256");
-    X509 *certificate = X509_new();
-    X509_gmtime_adj(X509_getm_notBefore(certificate), 0);
-    X509_gmtime_adj(X509_getm_notAfter(certificate), 3600);
-    X509_set_pubkey(certificate, key);
-    X509_sign(certificate, key, EVP_sha256());
-    SSL_CTX_use_certificate(context, certificate);
-    SSL_CTX_use_PrivateKey(context, key);
-    X509_free(certificate);
-    EVP_PKEY_free(key);
-}
-
 // A stream and, in the same thread, a peer whose bytes reach it in pieces of a chosen size.
 struct PAIR_T {
     PAIR_T()
     {
-        useThrowAwayCertificate(server_context.native_handle());
+        const IDENTITY_T identity = makeIdentity({});
+        SSL_CTX_use_certificate(server_context.native_handle(), identity.certificate.get());
+        SSL_CTX_use_PrivateKey(server_context.native_handle(), identity.key.get());
         tcp::acceptor acceptor(io, tcp::endpoint(asio::ip::address_v4::loopback(), 0));
         wire.connect(acceptor.local_endpoint());
         tcp::socket socket = acceptor.accept();

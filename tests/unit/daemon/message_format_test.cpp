@@ -73,6 +73,10 @@ TEST(MessageHeader, IsParsedByTheScannersRules)
         {R"({"msg_type":0,"token":null,"payload_len":9,"payload_len":3})", "0 0 3 0  payload_len"},
         {R"({"msg_type":0,"payload_len":3,"token":"a\"b"})", "0 0 3 0  a\\"},
         {R"({"msg_type":"","payload_len":0})", "refused"},
+        {R"( {"msg_type":5,"payload_len":0})", "refused"},
+        {R"(["msg_type":5,"payload_len":0])", "refused"},
+        {R"({"payload_len":0})", "refused"},
+        {R"({"msg_type":5,"msg_id":"r"})", "refused"},
         {R"({"a":{"msg_type":4},"payload_len":0})", "refused"}, // ends at the first brace
     };
     for (const auto &[text, expected] : rows) {

@@ -160,17 +160,14 @@ class Gateway:
     bus, manager   whether they are there from the start
     watched        the watchdog feeds are recorded
     command        what to run instead of the daemon itself
-    mounts         further options of bwrap
     prepare        called with the root directory before anything starts
     ends, strays   statuses and a pattern of stray lines to be expected
     """
 
     def __init__(self, directory, name, cloud=1, config=(), files=(), authority=None,
                  services=None, level=0, bus=True, manager=True,
-                 watched=False, command=COMMAND, mounts=(), prepare=None, ends=(),
-                 strays="(?!)"):
+                 watched=False, command=COMMAND, prepare=None, ends=(), strays="(?!)"):
         self.name, self.root, self.command = name, directory / name, command
-        self._mounts = mounts
         self.config = {**CONFIG, "gw_remoteaccess_cloud_port": cloud, **(TLS if authority else {}),
                        **dict(config)}
         given = {CA_FILE: authority, f"{CONFIG_DIR}/logger.conf": f"level={level}\n",
@@ -206,8 +203,7 @@ class Gateway:
                 "--ro-bind", f"{self.root}/etc", "/etc", "--bind", f"{self.root}/tmp", "/tmp",
                 "--bind", f"{self.root}/brimlock", "/brimlock", "--ro-bind", BIN,
                 f"/{INSTALLED}/bin", "--clearenv", "--setenv", "ASAN_OPTIONS",
-                "quarantine_size_mb=1", *(("--ro-bind", *EMULATOR[-1:] * 2) if EMULATOR else ()),
-                *self._mounts]
+                "quarantine_size_mb=1", *(("--ro-bind", *EMULATOR[-1:] * 2) if EMULATOR else ())]
 
     def spawn_beside(self, name, *command):
         """Run a program until stop(); its output is log_beside(name)."""

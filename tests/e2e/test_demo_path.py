@@ -83,12 +83,6 @@ def tunnel(launch, certificates, workspace):
     assert tunnel.back_end.poll() is None and "Sanitizer" not in log, log
 
 
-def test_ssh_command(tunnel):
-    output = tunnel.login("ssh", "-p", tunnel.ports["ssh_localhost"], "operator@127.0.0.1",
-                          "id -un; seq 1 20000")
-    assert output.decode().split() == ["operator", *map(str, range(1, 20001))]
-
-
 def test_sftp_both_ways(tunnel):
     up, there, back = (tunnel.home / name for name in ("up", "there", "back"))
     up.write_bytes(COPY)

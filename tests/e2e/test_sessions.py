@@ -6,8 +6,8 @@ import pytest
 
 from harness.cloud import (DATA_DOWN, DATA_UP, NEW_SESSION, RELEASE, RESPONSE, UP_LIMIT,
                            new_session_request)
-from harness.local import LocalService, end_by_reset, push_until, start_name_server
-from harness.network import FILTERED_ADDRESS, free_port
+from harness.local import LocalService, end_by_reset, start_name_server
+from harness.network import FILTERED_ADDRESS
 from harness.waiting import poll
 
 ID = re.compile("[a-zA-Z0-9]{30}")
@@ -76,14 +76,11 @@ TIMED_OUT = "connection time out: Service Unavailable or destination port disabl
 
 
 @pytest.mark.parametrize("payload, lines", [
-    (new_session_request(free_port()), [("W", REFUSED)]),
     (new_session_request(70000), [("W", REFUSED)]),
     (new_session_request(9, FILTERED_ADDRESS), [("W", TIMED_OUT)]),
-    (new_session_request(9, "nowhere.test"), [("W", "unknown hostAddr: nowhere.test")]),
     (new_session_request(9, "127.0.0.1 and more"), [("W", "unknown hostAddr: 127.0.0.1 and m")]),
-    (b"no json", [("I", "Servier Ip: 127.0.0.1, port: 22"), ("W", REFUSED)]),
-    (b'{"service_port":"80","service_ip":7}', [("I", "Servier Ip: 127.0.0.1, port: 22")])],
-    ids=["refused", "past 16 bits", "filtered", "unknown", "cut at 15", "default", "wrong types"])
+    (b"no json", [("I", "Servier Ip: 127.0.0.1, port: 22"), ("W", REFUSED)])],
+    ids=["past 16 bits", "filtered", "cut at 15", "default"])
 def test_unreachable_service(link, payload, lines):
     mark = link.log.mark()
     response = link.channel.request(NEW_SESSION, payload)
@@ -139,14 +136,3 @@ def test_burst_goes_in_order_though_a_service_ends_meanwhile(link):
         ("W", "local service bad: Broken pipe, writenLen:-1"),
         ("W", "local socker error! release this session"),
         ("W", f"release the session: {session}")], mark)
-
-
-def test_back_end_that_does_not_read(link):
-    """A stalled channel loses whole messages, never a part of one, and recovers."""
-    session, connection = both_ends(link, LocalService())
-    mark, failed = link.log.mark(), re.compile(r"send to cloud failed! writenLen:-?\d+ ")
-    link.channel.transport("pause_reading")
-    push_until(connection, lambda: link.log.find("W", failed, mark))
-    link.channel.transport("resume_reading")
-    connection.close()
-    link.channel.expect(RELEASE, token=session, seconds=30)

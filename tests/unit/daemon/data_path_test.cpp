@@ -187,11 +187,7 @@ TEST_F(DataPath, ConnectsWithinItsTime)
     EXPECT_EQ(0, ::getsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &no_delay, &size));
     EXPECT_EQ(1, no_delay);
     EXPECT_NE(0, ::fcntl(socket.get(), F_GETFL) & O_NONBLOCK);
-    for (const std::string host : {"", "1.2.3.4.5"}) {
-        fake_logger::take();
-        EXPECT_EQ(-1, connect2LocalService(host.c_str(), 22));
-        EXPECT_EQ("2 unknown hostAddr: " + host, fake_logger::take());
-    }
+    fake_logger::take();
     ASSERT_EQ(0, ::listen(listener.socket.get(), 0)); // one waits already: no more is answered
     sockaddr_in address{};
     address.sin_family = AF_INET;

@@ -1,7 +1,5 @@
 #include "utility/bus_address.h"
-#include "utility/handles.h"
 #include "utility/message_id.h"
-#include "utility/socket_option.h"
 #include "utility/thread_handle.h"
 
 #include <cstdlib>
@@ -10,9 +8,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <map>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 
 using testing::HasSubstr;
@@ -28,16 +23,6 @@ TEST(MessageId, DrawsFromTheUnseededGenerator)
     EXPECT_STREQ("PKdhtXMmr18n2L9K88eMlGn7CcctT9", shared);
     EXPECT_EQ(shared, generateMsgId());
     EXPECT_STRNE("PKdhtXMmr18n2L9K88eMlGn7CcctT9", shared);
-}
-
-TEST(SocketOption, SendsWithoutDelay)
-{
-    const UniqueFd fd{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-    EXPECT_EQ(0, setSocketNoDelay(fd.get()));
-    int value = 0;
-    socklen_t size = sizeof value;
-    EXPECT_EQ(0, ::getsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &value, &size));
-    EXPECT_NE(0, value);
 }
 
 TEST(ThreadHandle, StartsInStateZeroOnly)

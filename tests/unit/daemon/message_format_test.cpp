@@ -155,6 +155,7 @@ TEST(RequestPayload, NewSessionFallsBackToLocalSsh)
     const std::string fallback = "SSH ssh_localhost 127.0.0.1 22";
     const std::pair<std::string, std::string> rows[] = {
         {"{}", fallback},
+        {R"({"service_port":"80","service_ip":7})", fallback},
         {R"({"service_port":8080,"service_ip":"10.0.0.1","service_name":"web","service_type":"H"})",
          "H web 10.0.0.1 8080"},
         {R"({"service_port":99999999999,"service_ip":"","service_name":"a\"b"})",

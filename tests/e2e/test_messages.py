@@ -5,7 +5,7 @@ import re
 import pytest
 
 from harness import cloud
-from harness.cloud import (DATA_DOWN, MESSAGE_LIMIT, NEW_SESSION, RELEASE, RESPONSE, VERIFY)
+from harness.cloud import DATA_DOWN, MESSAGE_LIMIT, NEW_SESSION, RELEASE, RESPONSE, VERIFY
 
 CUT = "0123456789" * 7  # 70 characters, of which 63 are kept
 LENGTHS = "payload length info is error!payloadlen:{}, datalen:{}"
@@ -53,12 +53,6 @@ def test_fragments(link):
     link.channel.settle()
     assert not link.channel.unread
     assert link.log.find("D", "this websocket message not have Fin flag!", mark)
-
-
-def test_many_messages_in_one_write(link):
-    link.channel.send_at_once(*((RELEASE, b"", f"many-{n}", "nobody") for n in range(200)))
-    for number in range(200):
-        assert link.channel.expect(RESPONSE).id == f"many-{number}"
 
 
 def message_of_size(size, token):

@@ -181,7 +181,6 @@ QUEUED failToQueue(noPollConn &conn, noPollDebugLevel level, const char *reason)
 QUEUED queueRecord(noPollConn &conn)
 {
     FAILURE_T failure{};
-    conn.wire.reads_left = READS_PER_CALL;
     const std::size_t buffered = bytesOf(conn.wire.in).size();
     const TLS_WRITE result = writeTls(conn.tls, conn.wire, bytesOf(conn.frame), failure);
     consumeBytes(conn.frame, bytesOf(conn.frame).size());

@@ -255,6 +255,7 @@ nopoll_bool nopoll_conn_wait_until_connection_ready(noPollConn *conn, int timeou
 void nopoll_conn_close(noPollConn *conn)
 {
     if (!conn) return;
+    conn->wire.reads_left = ws::READS_PER_CALL;
     ws::sayGoodbye(*conn, ws::CLOSE_NORMAL);
     noPollCtx *const context = conn->context;
     delete conn;
@@ -332,6 +333,7 @@ int nopoll_conn_send_binary(noPollConn *conn, const char *content, long length)
                     length);
         return -1;
     }
+    conn->wire.reads_left = ws::READS_PER_CALL;
     if (!ws::pushOut(*conn)) return -1;
     if (!ws::bytesOf(conn->wire.tx).empty()) return WOULD_BLOCK;
     const auto size = static_cast<std::size_t>(length);
@@ -352,6 +354,7 @@ int nopoll_conn_pending_write_bytes(noPollConn *conn)
 int nopoll_conn_complete_pending_write(noPollConn *conn)
 {
     if (!conn || conn->ended) return -1;
+    conn->wire.reads_left = ws::READS_PER_CALL;
     const std::size_t before = conn->payload_unsent;
     if (!ws::pushOutPatiently(*conn)) return -1;
     const std::size_t sent = before - conn->payload_unsent;

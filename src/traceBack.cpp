@@ -184,10 +184,11 @@ bool takeReport(int signo, bool is_sent) noexcept
 }
 
 // The thread waits, so that nothing is logged behind the report, but not for long: it may hold the
-// lock of the logger, which the report needs.
+// lock of the logger, which the report needs. Only the first signal waits: handlers waiting inside
+// each other would fill the alternate stack when many signals come while nothing can be logged.
 void awaitReportOfSent(int signo) noexcept
 {
-    (void)takeReport(signo, true);
+    if (!takeReport(signo, true)) return;
     if (::pthread_equal(::pthread_self(), g_mailbox.reporter) != 0) return;
     const std::int64_t deadline = monotonicMilliseconds() + SENT_REPORT_WAIT_MS;
     while (monotonicMilliseconds() < deadline)

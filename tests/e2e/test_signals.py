@@ -5,10 +5,12 @@ import pathlib
 import platform
 import re
 import signal
+import time
 
 import pytest
 
-from harness.cloud import NEW_SESSION, BackEnd
+from harness.cloud import NEW_SESSION, RELEASE, BackEnd
+from harness.sandbox import COMMAND
 
 FAULTING_CODE = {"x86_64": b"\x31\xc0\x89\x00",                   # xor eax,eax; mov [rax],eax
                  "aarch64": b"\x00\x00\x80\xd2\x00\x00\x00\xf9"}  # mov x0,#0; str x0,[x0]
@@ -92,6 +94,19 @@ def test_violation_by_a_signal(daemon):
             os.kill(gateway.daemon.pid, number)
         assert check_backtrace(gateway)
         assert gateway.log.find("I", "socket pipe broken!")
+
+
+def test_many_interrupts_while_nothing_can_be_logged(launch):
+    """The log is a pipe that nobody reads, so the report's alarm ends the daemon."""
+    back_end = BackEnd()
+    gateway = launch(unread={"cloud": back_end.port, "ends": [1], "command": (
+        "/bin/bash", "-c", f"exec {' '.join(COMMAND)} 2> >(exec sleep 60)")})["unread"]
+    back_end.channel().send_at_once(*[(RELEASE, b"", "fill", "nobody")] * 2000)
+    for _ in range(100):
+        time.sleep(0.01)
+        if gateway.daemon.status is None:
+            os.kill(gateway.daemon.pid, signal.SIGINT)
+    assert gateway.daemon.wait_exit() == 1
 
 
 def library_start(pid):

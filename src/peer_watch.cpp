@@ -10,6 +10,7 @@
 #include <linux/tcp.h> // the C library's tcp_info ends before the counters of segments
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <utility>
 
 namespace {
 
@@ -31,6 +32,7 @@ struct PEER_WATCH_T {
     std::int64_t looked_ms;
     std::int64_t heard_ms;   // when there was something new
     std::int64_t taken_ms;   // when bytes of ours had arrived, or none waited
+    std::int64_t waiting_ms; // the look before that one: bytes may have waited since then
     std::int64_t hurried_ms; // since when keepalive probes it every few seconds; 0 = it does not
 };
 PEER_WATCH_T g_watch{};
@@ -87,13 +89,15 @@ void probeRepeater(int fd, std::int32_t period_s, std::int64_t now_ms, bool repe
 // The kernel ends a connection whose window has been closed for the user time-out, also one that
 // answers its probes. So the time-out is moved ahead of one that does, by half of the limit, which
 // keeps its probes as close together; one that is silent for the other half is left to the kernel.
+// Between two looks may be a write that took all of its time, and the window was closed in the
+// middle of it: the kernel's count has begun long before the second look.
 void spareClosedWindow(int fd, std::int64_t limit_ms, std::int64_t now_ms)
 {
     const bool is_closed = g_watch.heard_ms > g_watch.taken_ms;
     if (!is_closed)
         setUserTimeout(fd, limit_ms);
     else if (now_ms - g_watch.heard_ms < limit_ms / 2)
-        setUserTimeout(fd, std::max(limit_ms, now_ms - g_watch.taken_ms + limit_ms / 2));
+        setUserTimeout(fd, std::max(limit_ms, now_ms - g_watch.waiting_ms + limit_ms / 2));
 }
 
 bool isDeaf(std::int32_t period_s, std::int64_t now_ms)
@@ -121,7 +125,8 @@ void watchPeer(const REMOTE_PROXY_T *proxy)
     setTcpOption(fd, TCP_KEEPINTVL, period_s);
     setTcpOption(fd, TCP_KEEPCNT, KEEPALIVE_PROBES);
     g_watch = {};
-    g_watch.heard_ms = g_watch.taken_ms = milliseconds_of(monotonic_now());
+    g_watch.looked_ms = milliseconds_of(monotonic_now());
+    g_watch.heard_ms = g_watch.taken_ms = g_watch.waiting_ms = g_watch.looked_ms;
     if (period_s > 0) setUserTimeout(fd, silentLimitMs(period_s));
 }
 
@@ -132,13 +137,16 @@ PEER_FAULT lookAtPeer(const REMOTE_PROXY_T *proxy)
     const int fd = getCloudProxyChannelSocket(proxy->conn);
     tcp_info info{};
     if (!readCounters(fd, info)) return g_watch.fault;
-    g_watch.looked_ms = now_ms;
+    const std::int64_t last_look_ms = std::exchange(g_watch.looked_ms, now_ms);
     const std::uint64_t news =
         info.tcpi_bytes_received + (info.tcpi_segs_in - info.tcpi_data_segs_in);
     const bool repeats = info.tcpi_data_segs_in != g_watch.segments;
     const bool waits = info.tcpi_unacked > 0 || info.tcpi_notsent_bytes > 0;
     if (news != g_watch.news) g_watch.heard_ms = now_ms;
-    if (!waits || info.tcpi_bytes_acked != g_watch.acked) g_watch.taken_ms = now_ms;
+    if (!waits || info.tcpi_bytes_acked != g_watch.acked) {
+        g_watch.taken_ms = now_ms;
+        g_watch.waiting_ms = last_look_ms;
+    }
     g_watch.news = news;
     g_watch.acked = info.tcpi_bytes_acked;
     g_watch.segments = info.tcpi_data_segs_in;

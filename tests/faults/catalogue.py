@@ -59,6 +59,7 @@ class Fault:
     limit_s: float = 35                  # within which it is to be noticed
     ping_s: int = 80
     keepalive_s: int = 5
+    write_ms: int = 2000                 # for which a write to the channel waits
     answers: bool = True                 # new sessions can be opened meanwhile
     ends: bool = False                   # it outlasts six failed openings in a row
 
@@ -173,7 +174,7 @@ FAULTS = {
     "hole-down": Fault("black hole from the cloud", _silence("home"), **_HOLE),
     "stopped": Fault("back end stopped (ping period 8 s)", ping_s=8, limit_s=45, **_STOPPED),
     "unread": Fault("back end stops reading for 30 s (keepalive period 1 s)", lasts=30,
-                    states=("uploading",), keepalive_s=1, **_UNREAD),
+                    states=("uploading",), keepalive_s=1, write_ms=10_000, **_UNREAD),
     "restarted": Fault("back end killed, back after 3 s", lasts=3, **_GONE),
     "dns-dead": Fault("name server silent, then RST", _silence_dns, _heal, None,
                       seen=_every(FAILED), limit_s=7),

@@ -34,7 +34,8 @@ class Cell:
         self.state, self.name, self.fault = state, name, ALL_FAULTS[name]
         self.world = World(directory, tls, name.startswith("clock"),
                            gw_remoteaccess_ping_period=self.fault.ping_s,
-                           gw_remoteaccess_tcp_keepalive_period=self.fault.keepalive_s)
+                           gw_remoteaccess_tcp_keepalive_period=self.fault.keepalive_s,
+                           gw_remoteaccess_trans_timeout=self.fault.write_ms)
         self.edge, self.traffic = self.world.edge, Traffic()
         self.cut = state in self.fault.cuts
         self.sessions, self.problems, self.ended = [], [], None

@@ -147,6 +147,8 @@ void endAtTheLatest() noexcept
     action.sa_handler = onAlarm;
     ::sigemptyset(&action.sa_mask);
     (void)::sigaction(SIGALRM, &action, nullptr);
+    ::sigaddset(&action.sa_mask, SIGALRM); // what started the daemon may have blocked it
+    (void)::pthread_sigmask(SIG_UNBLOCK, &action.sa_mask, nullptr);
     (void)::alarm(FATAL_REPORT_WAIT_S);
 }
 

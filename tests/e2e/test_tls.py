@@ -33,14 +33,19 @@ TRUST = {
     "wrong-name": ("wrong-name", "ca", HOST, UNTRUSTED + "hostname mismatch"),
     "not-below-wildcard": ("wildcard", "ca", HOST, UNTRUSTED + "hostname mismatch"),
     "wrong-address": ("good", "ca", "127.0.0.1", UNTRUSTED + "IP address mismatch"),
+    "not-pinned": ("pinned", "ca", HOST, UNTRUSTED + "self-signed certificate"),
+    "tls-1.1-only": ("old", "ca", HOST, "TLS handshake failed: .*"),
     "no-tls-there": (None, "ca", HOST, "TLS handshake failed: .*"),
     "no-ca-file": ("good", None, HOST, BAD_CA + "No such file or directory"),
     "empty-ca-file": ("good", "", HOST, BAD_CA + "no certificate or crl found"),
     "truncated-ca-file": ("good", "cut", HOST, BAD_CA + "bad end line")}
-# Without TLS: the host, and why it fails.
+# Without TLS: the host, what the server says if there is one, and how and why it fails.
 UNREACHABLE = {
-    "refused": (HOST, "cannot connect to 127.0.0.1 port %s: Connection refused"),
-    "unreachable": ("255.255.255.255", "cannot connect to 255.+ is unreachable")}
+    "refused": (HOST, None, NO_PLAIN, "cannot connect to 127.0.0.1 port %s: Connection refused"),
+    "unreachable": ("255.255.255.255", None, NO_PLAIN, "cannot connect to 255.+ is unreachable"),
+    "unknown-name": ("nobody.test", None, NO_PLAIN, "cannot resolve nobody.test: .+"),
+    "refused-upgrade": (HOST, b"HTTP/1.1 403 A\x1b[2Jway\r\n\r\n", NOT_READY,
+                        re.escape('the server refused the upgrade: "HTTP/1.1 403 A?[2Jway"'))}
 # Whether the server does TLS, the daemon's type, why the opening fails, and between which seconds.
 SILENT = {"no-websocket": (False, 0, NOT_READY, "no answer to the upgrade.*", 2.8, 4.5),
           "no-websocket-tls": (True, 1, NOT_READY, "no answer to the upgrade.*", 2.8, 4.5),
@@ -50,7 +55,9 @@ ACCEPTED = ["any-other-type", "plain", *(case for case, row in TRUST.items() if 
 
 @pytest.fixture(scope="module")
 def servers(certificates):
-    contexts = {name: certificates.context(name) for name, *_ in TRUST.values() if name}
+    contexts = {name: certificates.context(name) for name, *_ in TRUST.values()
+                if name not in (None, "old")}
+    contexts["old"] = certificates.old_context()
     return {case: BackEnd(tls=contexts.get(name)) for case, (name, *_) in TRUST.items()}
 
 
@@ -73,8 +80,8 @@ def gateways(launch, certificates, servers):
         servers[case] = BackEnd(tls=certificates.context(source) if source else None)
         add(case, servers[case].port, tls=tls)
     add("debug", servers["expired"].port, debug=1)
-    for case, (host, _) in UNREACHABLE.items():
-        add(case, free_port(), host, tls=0)
+    for case, (host, words, *_) in UNREACHABLE.items():
+        add(case, start_silent(words=words) if words else free_port(), host, tls=0)
     for case, (tls, kind, *_) in SILENT.items():
         # The library says why a connection ended, but not that an open one does not get ready.
         add(case, start_silent(certificates.context() if tls else None), tls=kind,
@@ -116,8 +123,9 @@ def test_reason_comes_from_the_library_while_debugging(gateways):
 
 @pytest.mark.parametrize("case", UNREACHABLE)
 def test_no_channel_without_a_reason(gateways, case):
-    reason = reasons(gateways[case], UNREACHABLE[case][1])
-    gateways[case].log.in_order([START, NO_PLAIN, reason, FAILED, CLOSED] * 2)
+    *_, line, why = UNREACHABLE[case]
+    gateways[case].log.in_order(
+        [START, line, reasons(gateways[case], why), FAILED, CLOSED] * 2)
 
 
 @pytest.mark.parametrize("case", SILENT)

@@ -87,12 +87,14 @@ def start_echo():
     return port
 
 
-def start_silent(tls=None):
-    """A server that says nothing, with tls once the TLS handshake is done; its port."""
+def start_silent(tls=None, words=b""):
+    """A server that says these words and no more, with tls once the TLS handshake is done; its
+    port."""
     port, held = free_port(), []
 
     def accept(reader, writer):
         held.append((reader, writer))
+        writer.write(words)
     run(asyncio.start_server(accept, "127.0.0.1", port, ssl=tls,
                              ssl_handshake_timeout=60 if tls else None))
     return port

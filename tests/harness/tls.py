@@ -2,6 +2,7 @@
 import datetime
 import ssl
 import subprocess
+import warnings
 
 HOST = "cloud.test"  # in every sandbox's hosts file, and so is "eu." before it
 _ISSUER = """[ca]\ndefault_ca=here\n[here]\ndatabase={directory}/index\nnew_certs_dir={directory}
@@ -65,4 +66,13 @@ class Certificates:
     def context(self, name="good"):
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         context.load_cert_chain(*self.paths(name))
+        return context
+
+    def old_context(self):
+        """A server that knows nothing newer than TLS 1.1."""
+        context = self.context()
+        with warnings.catch_warnings():
+            warnings.simplefilter("ignore", DeprecationWarning)
+            context.minimum_version = context.maximum_version = ssl.TLSVersion.TLSv1_1
+        context.set_ciphers("DEFAULT:@SECLEVEL=0")
         return context

@@ -254,9 +254,14 @@ void installSignalHandlers()
     action.sa_sigaction = onSignal;
     // A fault while unwinding is seen, too.
     action.sa_flags = SA_SIGINFO | SA_RESTART | SA_ONSTACK | SA_NODEFER;
-    ::sigemptyset(&action.sa_mask);
-    for (const int signo : HANDLED_SIGNALS)
+    for (const int signo : HANDLED_SIGNALS) {
+        ::sigemptyset(&action.sa_mask);
+        if (signo == SIGPIPE) { // else a fatal one on top of it would keep it from being counted
+            ::sigaddset(&action.sa_mask, SIGINT);
+            ::sigaddset(&action.sa_mask, SIGSEGV);
+        }
         (void)::sigaction(signo, &action, nullptr);
+    }
 }
 
 void awaitBrokenPipeReports() noexcept

@@ -187,9 +187,10 @@ FAULTS = {
     "manager-late": Fault("configuration manager 15 s late", lambda cell: cell.start(False),
                           lambda cell: cell.edge.start_manager(), 15, ("opening",), (),
                           _every(NO_SETTINGS), ("manager",), 5),
+    # Each message to it costs 60 ms, and the channel is drained before services are served again.
     "service-stalls": Fault("local service stalls for 10 s", _stall(True, FAST),
                             _stall(False, RATE), 10, ("downloading", "32 sessions"),
-                            seen=_every(DROPPED_DOWN), **_SERVICE),
+                            seen=_every(DROPPED_DOWN), answers=False, **_SERVICE),
     "service-closes": Fault("local service closes", _end_service(socket.socket.close),
                             states=CONNECTED, **_SERVICE),
     "service-resets": Fault("local service resets", _end_service(end_by_reset), states=CONNECTED,

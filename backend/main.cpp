@@ -1,8 +1,8 @@
 // The back end's command line and configuration file.
 // Exit status  0 after SIGINT or SIGTERM, 1 when something cannot be used at run time, 2 for a
 // wrong command line.
-#include "backend/audit.h"
-#include "backend/log.h"
+#include "backend/observe/audit.h"
+#include "backend/observe/log.h"
 #include "backend/options.h"
 #include "backend/server.h"
 

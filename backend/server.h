@@ -6,9 +6,9 @@
 //            are logged and the server continues.
 #pragma once
 
-#include "backend/control.h"
-#include "backend/device_channel.h"
-#include "backend/device_registry.h"
+#include "backend/doors/control.h"
+#include "backend/devices/device_channel.h"
+#include "backend/devices/device_registry.h"
 #include "backend/limits.h"
 #include "backend/options.h"
 

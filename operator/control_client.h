@@ -1,4 +1,4 @@
-// One request to the back end over its control socket; backend/control.h describes requests and
+// One request to the back end over its control socket; backend/doors/control.h describes requests and
 // answers.
 // Failure  ControlError: the back end cannot be reached, or has refused with these words.
 // Threads  each client is one thread's.

@@ -69,7 +69,7 @@ def test_pipe_signals_are_counted_and_survived(daemon):
 
 
 def check_backtrace(gateway):
-    """The texts of the frames, which are the last that the daemon logs."""
+    """The texts of the frames."""
     assert gateway.daemon.wait_exit() == 1
     gateway.log.in_order([("D", "Recv signal = 11. Terminating..."),
                           ("D", "now got a segmentation violation signal ")])
@@ -77,15 +77,16 @@ def check_backtrace(gateway):
     frames = [line.text for line in gateway.log.find("I", re.compile(r"  \[\d\d\] .+"))]
     assert len(frames) == int(count.text.split()[2]) <= 64
     assert [frame[:6] for frame in frames] == [f"  [{n:02}]" for n in range(len(frames))]
-    assert last_line(gateway) == ("I", frames[-1])
     return frames
 
 
 def test_violation_by_a_signal(daemon):
     gateway, _ = daemon
     os.kill(gateway.daemon.pid, signal.SIGSEGV)
-    assert check_backtrace(gateway)
-    # Sent while a broken pipe is being dealt with, it is often taken by the thread that reports.
+    assert last_line(gateway) == ("I", check_backtrace(gateway)[-1])
+    # Sent while a broken pipe is being dealt with, it is often taken by the thread that reports. One
+    # that is taken by a thread with a lock of the memory allocator may let that thread log a little
+    # more before the process ends.
     for start in range(10):
         gateway.daemon = gateway.spawn(f"-{start}")
         gateway.daemon.find_pid()

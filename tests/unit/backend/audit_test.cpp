@@ -1,4 +1,4 @@
-#include "backend/audit.h"
+#include "backend/observe/audit.h"
 
 #include <csignal>
 #include <fstream>

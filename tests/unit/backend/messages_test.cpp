@@ -1,8 +1,8 @@
-#include "backend/device_registry.h"
-#include "backend/handshake.h"
-#include "backend/log.h"
+#include "backend/devices/device_registry.h"
+#include "backend/devices/handshake.h"
+#include "backend/observe/log.h"
 #include "backend/options.h"
-#include "backend/protocol.h"
+#include "backend/devices/protocol.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

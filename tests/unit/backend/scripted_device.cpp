@@ -1,6 +1,6 @@
 #include "tests/unit/backend/scripted_device.h"
 
-#include "backend/handshake.h"
+#include "backend/devices/handshake.h"
 
 #include <arpa/inet.h>
 #include <array>

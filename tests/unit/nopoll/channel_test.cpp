@@ -13,7 +13,6 @@ using testing::StartsWith;
 namespace {
 
 constexpr int FIN = 0x80;
-constexpr int TEXT = 1;
 constexpr int BINARY = 2;
 constexpr int CLOSE = 8;
 constexpr int PING = 9;

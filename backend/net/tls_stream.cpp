@@ -1,4 +1,4 @@
-#include "backend/tls_stream.h"
+#include "backend/net/tls_stream.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -12,8 +12,8 @@
 // Limits     LIMITS_T: the session's buffer, and the waits that end an idle session.
 #pragma once
 
-#include "backend/protocol.h"
-#include "backend/websocket_link.h"
+#include "backend/devices/protocol.h"
+#include "backend/net/websocket_link.h"
 
 #include <chrono>
 #include <cstdint>

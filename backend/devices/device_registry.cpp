@@ -1,6 +1,6 @@
-#include "backend/device_registry.h"
+#include "backend/devices/device_registry.h"
 
-#include "backend/protocol.h"
+#include "backend/devices/protocol.h"
 
 #include <cerrno>
 #include <cstdint>

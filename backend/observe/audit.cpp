@@ -1,7 +1,7 @@
-#include "backend/audit.h"
+#include "backend/observe/audit.h"
 
-#include "backend/log.h"
-#include "backend/tunnel.h"
+#include "backend/observe/log.h"
+#include "backend/sessions/session.h"
 
 #include <array>
 #include <cerrno>

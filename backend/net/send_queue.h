@@ -7,7 +7,7 @@
 #pragma once
 
 #include "backend/limits.h"
-#include "backend/websocket_link.h"
+#include "backend/net/websocket_link.h"
 
 #include <cstddef>
 #include <deque>

@@ -1,4 +1,4 @@
-#include "backend/device_channel.h"
+#include "backend/devices/device_channel.h"
 
 #include "backend/options.h"
 

@@ -8,7 +8,7 @@
 //            event comes any more.
 #pragma once
 
-#include "backend/protocol.h"
+#include "backend/devices/protocol.h"
 
 #include <cstdint>
 #include <functional>

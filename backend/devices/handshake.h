@@ -10,8 +10,8 @@
 // Failure  every fault is a code; nothing is thrown for bad input.
 #pragma once
 
-#include "backend/device_registry.h"
-#include "backend/protocol.h"
+#include "backend/devices/device_registry.h"
+#include "backend/devices/protocol.h"
 
 #include <cstdint>
 #include <string>

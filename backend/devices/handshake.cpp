@@ -1,6 +1,6 @@
-#include "backend/handshake.h"
+#include "backend/devices/handshake.h"
 
-#include "backend/log.h"
+#include "backend/observe/log.h"
 
 #include <array>
 #include <optional>

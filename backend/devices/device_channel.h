@@ -11,12 +11,12 @@
 //            stays, as the device does it on its side.
 #pragma once
 
-#include "backend/handshake.h"
+#include "backend/devices/handshake.h"
 #include "backend/limits.h"
-#include "backend/log.h"
-#include "backend/send_queue.h"
-#include "backend/tunnel.h"
-#include "backend/websocket_link.h"
+#include "backend/observe/log.h"
+#include "backend/net/send_queue.h"
+#include "backend/sessions/session.h"
+#include "backend/net/websocket_link.h"
 
 #include <ctime>
 #include <deque>

@@ -6,7 +6,7 @@
 //            and a pause: descriptors and memory that have run out need time to come back.
 #pragma once
 
-#include "backend/log.h"
+#include "backend/observe/log.h"
 
 #include <chrono>
 #include <exception>

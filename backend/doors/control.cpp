@@ -1,8 +1,8 @@
-#include "backend/control.h"
+#include "backend/doors/control.h"
 
-#include "backend/accept_loop.h"
-#include "backend/audit.h"
-#include "backend/log.h"
+#include "backend/net/accept_loop.h"
+#include "backend/observe/audit.h"
+#include "backend/observe/log.h"
 #include "backend/server.h"
 
 #include <array>

@@ -1,4 +1,4 @@
-#include "backend/protocol.h"
+#include "backend/devices/protocol.h"
 
 #include <algorithm>
 #include <charconv>

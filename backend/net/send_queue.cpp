@@ -1,4 +1,4 @@
-#include "backend/send_queue.h"
+#include "backend/net/send_queue.h"
 
 #include <utility>
 

@@ -1,9 +1,9 @@
-#include "backend/tunnel.h"
+#include "backend/sessions/session.h"
 
-#include "backend/audit.h"
-#include "backend/device_channel.h"
+#include "backend/observe/audit.h"
+#include "backend/devices/device_channel.h"
 #include "backend/limits.h"
-#include "backend/log.h"
+#include "backend/observe/log.h"
 
 #include <optional>
 

@@ -1,4 +1,4 @@
-#include "backend/log.h"
+#include "backend/observe/log.h"
 
 #include <algorithm>
 #include <array>

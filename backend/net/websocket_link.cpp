@@ -1,6 +1,6 @@
-#include "backend/websocket_link.h"
+#include "backend/net/websocket_link.h"
 
-#include "backend/tls_stream.h"
+#include "backend/net/tls_stream.h"
 
 #include <cerrno>
 #include <chrono>

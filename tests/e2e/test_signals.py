@@ -83,7 +83,8 @@ def check_backtrace(gateway):
 def test_violation_by_a_signal(daemon):
     gateway, _ = daemon
     os.kill(gateway.daemon.pid, signal.SIGSEGV)
-    assert last_line(gateway) == ("I", check_backtrace(gateway)[-1])
+    frames = check_backtrace(gateway)
+    assert last_line(gateway) == ("I", frames[-1])
     # Sent while a broken pipe is being dealt with, it is often taken by the thread that reports. One
     # that is taken by a thread with a lock of the memory allocator may let that thread log a little
     # more before the process ends.

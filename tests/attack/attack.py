@@ -76,9 +76,10 @@ FLOODS = [
     Flood("32 without a signature", "unsigned", 32),
     Flood("32 that connect and reset", "reset", 32),
     Flood("32 with 1 MB of header", "long-header", 32),
+    Flood("100 with a WebSocket message of empty fragments", "fragments", 100),
     Flood("6,000 silent TCP connections of 200 addresses", "silent", 6000, 8, ELSEWHERE, 200),
     Flood("4,500 that fall silent after TLS, of 200", "tls-silent", 4500, 10, ELSEWHERE, 200),
-    Flood("2,000 with a byte of TLS in 1.9 s", "slow-hello", 2000, 8),
+    Flood("5,000 with a byte of TLS in 1.9 s", "slow-hello", 5000, 8),
     Flood("2,000 with a byte of the upgrade in 1.9 s", "slow-header", 2000, 10),
 ]
 FLOOD_HEAD = """\

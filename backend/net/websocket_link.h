@@ -8,7 +8,7 @@
 //            event comes any more.
 #pragma once
 
-#include "backend/devices/protocol.h"
+#include "backend/net/out_message.h"
 
 #include <cstdint>
 #include <functional>
@@ -22,20 +22,6 @@
 namespace backend {
 
 constexpr std::size_t LINK_MESSAGE_MAX = std::size_t{64} * 1024;
-
-struct OUT_MESSAGE_T {
-    OUT_MESSAGE_T() = default;
-    OUT_MESSAGE_T(const OUT_MESSAGE_T &) = delete;
-    OUT_MESSAGE_T &operator=(const OUT_MESSAGE_T &) = delete;
-    ~OUT_MESSAGE_T(); // overwrites a secret payload
-
-    HEADER_TEXT_T header;
-    std::vector<std::uint8_t> payload;
-    std::size_t payload_size = 0; // the payload's used part: its storage is used again
-    bool is_data = false;         // a session's bytes; otherwise our own answer or request
-    bool is_secret = false;
-};
-using OutMessagePtr = std::unique_ptr<OUT_MESSAGE_T>;
 
 struct LINK_EVENTS_T {
     std::function<void(const boost::system::error_code &)> accepted;

@@ -1,0 +1,116 @@
+#include "backend/directory/directory.h"
+
+#include <ctime>
+
+namespace backend {
+
+static std::int64_t nowMs()
+{
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
+static bool isDuplicate(const DEVICE_RECORD_T *record, std::int64_t now_ms)
+{
+    return record != nullptr && record->duplicate_ms != 0 &&
+           now_ms - record->duplicate_ms < DUPLICATE_MARK_MS;
+}
+
+std::vector<DEVICE_VIEW_T> viewDevices(const DIRECTORY_T &directory)
+{
+    const std::int64_t now_ms = nowMs();
+    std::vector<DEVICE_VIEW_T> views;
+    views.reserve(directory.registry.size());
+    for (const auto &[key, secret] : directory.registry) {
+        const DEVICE_RECORD_T *record = findDeviceRecord(directory.records, key);
+        views.push_back({&key, findChannel(directory, key), record, isDuplicate(record, now_ms)});
+    }
+    return views;
+}
+
+DEVICE_KEY_T findDevice(const DIRECTORY_T &directory, std::string_view name)
+{
+    return findDeviceByName(directory.registry, name);
+}
+
+ChannelPtr findChannel(const DIRECTORY_T &directory, const DEVICE_KEY_T &device)
+{
+    const auto found = directory.connected.find(device);
+    return found == directory.connected.end() ? nullptr : found->second;
+}
+
+static void noteDuplicate(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &newer,
+                          const DEVICE_CHANNEL_T &older)
+{
+    noteDeviceDuplicate(directory.records, newer.device, nowMs());
+    logLimited(directory.duplicate_lines, LOG_WARNING,
+               "two devices use the name %s: one from %s is turned away, one from %s stays",
+               newer.device.device_name.c_str(), newer.peer.c_str(), older.peer.c_str());
+    auditRecord("device_duplicate", {{"product", newer.device.product_key},
+                                     {"device", newer.device.device_name},
+                                     {"from", newer.peer},
+                                     {"other", older.peer}});
+}
+
+// Whether a device that comes now would displace another too soon after the last time.
+static bool isTooSoon(DIRECTORY_T &directory, const DEVICE_KEY_T &device)
+{
+    const auto now = std::chrono::steady_clock::now();
+    std::erase_if(directory.displaced,
+                  [now](const auto &entry) { return now - entry.second >= DISPLACE_PERIOD; });
+    return directory.displaced.contains(device);
+}
+
+HANDSHAKE_RESULT_T checkDevice(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &channel,
+                               const MESSAGE_T &message)
+{
+    HANDSHAKE_RESULT_T result = checkHandshake(message, directory.registry, time(nullptr));
+    if (result.code != HANDSHAKE_ACCEPTED) return result;
+    const ChannelPtr older = findChannel(directory, result.device);
+    if (!older || !isTooSoon(directory, result.device)) return result;
+    result.code = HANDSHAKE_DUPLICATE;
+    result.detail = "another device of this name has just come";
+    (void)channel;
+    return result;
+}
+
+void deviceConnected(DIRECTORY_T &directory, const ChannelPtr &channel)
+{
+    const auto older = directory.connected.extract(channel->device);
+    directory.connected[channel->device] = channel;
+    noteDeviceCame(directory.records, channel->device, channel->peer, nowMs());
+    if (older.empty()) return;
+    directory.displaced[channel->device] = std::chrono::steady_clock::now();
+    // Its sessions are void: identifiers may come a second time from a device that has started
+    // again.
+    closeDeviceChannel(*older.mapped(), CLOSE_GOING_AWAY, "replaced by a newer connection");
+}
+
+void deviceGone(DIRECTORY_T &directory, const ChannelPtr &channel, const std::string &reason)
+{
+    const auto found = directory.connected.find(channel->device);
+    if (found == directory.connected.end() || found->second != channel) return;
+    directory.connected.erase(found);
+    noteDeviceLeft(directory.records, channel->device, reason, nowMs());
+}
+
+void replaceRegistry(DIRECTORY_T &directory, DEVICE_REGISTRY_T registry)
+{
+    std::swap(directory.registry, registry);
+    for (const auto &[key, channel] : std::map(directory.connected)) {
+        const auto known = directory.registry.find(key);
+        if (known == directory.registry.end()) {
+            closeDeviceChannel(*channel, CLOSE_REFUSED, "removed from the registry");
+        } else if (known->second != registry[key]) {
+            closeDeviceChannel(*channel, CLOSE_REFUSED, "its secret in the registry has changed");
+        }
+    }
+}
+
+void closeDirectory(DIRECTORY_T &directory, const std::string &reason)
+{
+    for (const auto &[key, channel] : std::map(directory.connected))
+        closeDeviceChannel(*channel, CLOSE_GOING_AWAY, reason);
+}
+
+} // namespace backend

@@ -1,0 +1,66 @@
+#include "backend/sessions/session_table.h"
+
+#include "backend/limits.h"
+#include "backend/observe/uuid.h"
+
+#include <algorithm>
+#include <memory>
+
+namespace backend {
+
+static SessionPtr largestBacklog(const SESSION_TABLE_T &table)
+{
+    SessionPtr largest;
+    for (const auto &[number, weak] : table.sessions) {
+        const SessionPtr session = weak.lock();
+        if (session && session->state != SESSION_STATE::CLOSED &&
+            (!largest || session->counted > largest->counted))
+            largest = session;
+    }
+    return largest;
+}
+
+static std::string mebibytes(std::size_t bytes)
+{
+    return std::to_string(bytes >> 20) + " MiB";
+}
+
+void noteBacklog(SESSION_TABLE_T &table, SESSION_T &session)
+{
+    const std::size_t now =
+        session.filling.size() + session.writing.size() - session.written;
+    table.backlog += now - session.counted;
+    session.counted = now;
+    if (now > table.limits.session_buffer) {
+        return endSession(session.shared_from_this(),
+                          "the client does not read: more than " +
+                              mebibytes(table.limits.session_buffer) + " waited for it",
+                          false);
+    }
+    if (table.backlog <= table.limits.all_buffers) return;
+    const SessionPtr worst = largestBacklog(table);
+    if (worst) {
+        endSession(worst,
+                   "the client does not read: " + mebibytes(worst->counted) +
+                       " waited for it, and too much for all",
+                   false);
+    }
+}
+
+SessionPtr findSession(const SESSION_TABLE_T &table, const std::string &number)
+{
+    const auto found = table.sessions.find(number);
+    return found == table.sessions.end() ? nullptr : found->second.lock();
+}
+
+SessionPtr startSession(SESSION_TABLE_T &table, DEVICE_CHANNEL_T &channel, CLIENT_T client,
+                        const SERVICE_T &service)
+{
+    auto session = std::make_shared<SESSION_T>(table, std::move(client), channel, service);
+    session->number = newUuid();
+    table.sessions.emplace(session->number, session);
+    openSession(session);
+    return session;
+}
+
+} // namespace backend

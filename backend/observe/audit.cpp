@@ -99,4 +99,101 @@ void auditAccountCheck(const std::string &who, const std::string &device,
                {"reason", reason}});
 }
 
+// Simple bodies of the interface that is to come.
+static AUDIT_OPTIONS_T g_options;
+static bool g_is_started = false;
+
+constexpr const char *EVENT_NAMES[] = {"back_end_started",
+                                       "back_end_stopped",
+                                       "session_begin",
+                                       "session_end",
+                                       "session_interrupted",
+                                       "session_refused",
+                                       "session_open",
+                                       "session_close",
+                                       "account_check",
+                                       "device_connected",
+                                       "device_disconnected",
+                                       "device_replaced",
+                                       "device_duplicate",
+                                       "device_disconnect",
+                                       "handshake_refused",
+                                       "reload",
+                                       "denied",
+                                       "continued",
+                                       "torn",
+                                       "left_out"};
+
+void startAudit(AUDIT_OPTIONS_T options)
+{
+    openAudit(options.path);
+    g_options = std::move(options);
+    g_is_started = true;
+}
+
+void reopenAudit()
+{
+    openAudit(g_options.path);
+}
+
+bool stopAudit(std::chrono::milliseconds /*bound*/)
+{
+    g_is_started = false;
+    return true;
+}
+
+bool auditAccepts()
+{
+    return true;
+}
+
+bool auditRecord(AUDIT_EVENT event, AuditMembers members)
+{
+    if (!g_is_started) return true;
+    nlohmann::ordered_json line = {{"time", utcText(std::time(nullptr))},
+                                   {"event", EVENT_NAMES[static_cast<std::size_t>(event)]}};
+    for (const AUDIT_MEMBER_T &member : members)
+        std::visit([&](const auto &value) { line[member.name] = value; }, member.value);
+    writeLine(line);
+    return true;
+}
+
+bool auditRecord(AUDIT_EVENT event, AuditMembers members, AuditDone done)
+{
+    auditRecord(event, std::move(members));
+    if (g_is_started)
+        g_options.post([done] { done(true); });
+    else
+        done(true);
+    return true;
+}
+
+static AuditMembers sessionMembers(const AUDIT_SESSION_T &session)
+{
+    return {{"session", session.id}, {"product", session.product}, {"device", session.device},
+            {"who", session.who},    {"from", session.from},       {"service", session.service}};
+}
+
+bool auditSessionBegin(const AUDIT_SESSION_T &session, AuditDone done)
+{
+    return auditRecord(AUDIT_EVENT::SESSION_BEGIN, sessionMembers(session), std::move(done));
+}
+
+void auditSessionEnd(const std::string &id, const AUDIT_END_T &end)
+{
+    auditRecord(AUDIT_EVENT::SESSION_END, {{"session", id},
+                                           {"bytes_up", end.bytes_up},
+                                           {"bytes_down", end.bytes_down},
+                                           {"whole", end.is_whole},
+                                           {"reason", end.reason},
+                                           {"device_session", end.device_session}});
+}
+
+void auditSessionRefused(const AUDIT_SESSION_T &session, const std::string &reason)
+{
+    AuditMembers members = sessionMembers(session);
+    members.emplace_back("reason", reason);
+    auditRecord(AUDIT_EVENT::SESSION_REFUSED, std::move(members));
+}
+
 } // namespace backend

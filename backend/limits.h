@@ -30,6 +30,16 @@ struct LIMITS_T {
     std::chrono::milliseconds open_time{
         45000}; // a device connects for up to 1 s for each request before ours
     std::chrono::milliseconds account_time{45000};
+
+    // A device that is there answers a WebSocket ping. One is sent beside a request when nothing
+    // was heard for request_silence, and on a channel that was silent for idle_silence. Without an
+    // answer the device counts as not answering after answering_time, and its channel is closed
+    // after silence_time.
+    std::chrono::milliseconds request_silence{5000};
+    std::chrono::milliseconds idle_silence{300000};
+    std::chrono::milliseconds answering_time{10000};
+    std::chrono::milliseconds silence_time{120000};
+
     std::chrono::milliseconds answer_time{30000}; // for an operator's tool to take its last answer
     std::chrono::milliseconds linger_time{
         30000}; // without data from the device, after the client has ended its sending

@@ -2,6 +2,7 @@
 // Exit status  0 after SIGINT or SIGTERM, 1 when something cannot be used at run time, 2 for a
 // wrong command line.
 #include "backend/observe/audit.h"
+#include "backend/net/endpoint.h"
 #include "backend/observe/log.h"
 #include "backend/options.h"
 #include "backend/server.h"
@@ -126,9 +127,9 @@ static void attempt(const std::function<void()> &step)
 static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server)
 {
     attempt([&] { openAudit(line.audit); });
-    attempt([&] { server.options.tls = readCertificate(line); });
-    attempt([&] { replaceRegistry(server, readRegistry(line)); });
-    logInfo("files read again, %zu devices registered", server.options.registry.size());
+    attempt([&] { server.device_port->tls = readCertificate(line); });
+    attempt([&] { replaceRegistry(server.directory, readRegistry(line)); });
+    logInfo("files read again, %zu devices registered", server.directory.registry.size());
 }
 
 static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)

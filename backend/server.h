@@ -40,7 +40,7 @@ struct SERVER_T {
     }
     boost::asio::io_context &io;
     SERVER_OPTIONS_T options; // without the registry, which is the directory's
-    SESSION_TABLE_T sessions{options.limits};
+    SessionTablePtr sessions = std::make_shared<SESSION_TABLE_T>(options.limits);
     DIRECTORY_T directory;
     OPERATIONS_T operations{directory, sessions};
     std::shared_ptr<DEVICE_PORT_T> device_port;

@@ -1,6 +1,8 @@
 #include "backend/devices/device_channel.h"
 
 #include "backend/net/endpoint.h"
+#include "backend/observe/audit.h"
+#include "backend/observe/metrics.h"
 
 #include <algorithm>
 #include <array>
@@ -21,6 +23,9 @@ constexpr std::string_view ACCOUNT_ID = "account-";
 
 constexpr char DEVICE_GONE[] = "the device disconnected";
 
+static constinit LINE_LIMIT_T g_refused{"refused handshakes"};
+static constinit LINE_LIMIT_T g_ended{"connections that ended without a handshake"};
+
 constexpr std::size_t RELEASING_MAX = 128;
 constexpr std::size_t ACCOUNTS_MAX = 16;
 
@@ -38,8 +43,8 @@ static std::string nameOf(const DEVICE_CHANNEL_T &channel)
 
 static void logFault(DEVICE_CHANNEL_T &channel, const std::string &text)
 {
-    if (rateAllows(channel.fault_lines))
-        logWarning("device %s: %s", nameOf(channel).c_str(), text.c_str());
+    logLimited(channel.fault_lines, LOG_LEVEL::WARNING, "device %s: %s", nameOf(channel).c_str(),
+               text.c_str());
 }
 
 static std::string freshId(DEVICE_CHANNEL_T &channel, std::string_view kind)
@@ -218,6 +223,68 @@ static void dispatch(DEVICE_CHANNEL_T &channel, const MESSAGE_T &message)
     logFault(channel, "message of type " + std::to_string(message.header.type) + " dropped");
 }
 
+// ---- whether the device is there
+
+using Clock = std::chrono::steady_clock;
+
+std::chrono::milliseconds silenceOf(const DEVICE_CHANNEL_T &channel)
+{
+    return channel.link->silence();
+}
+
+// How long the device has owed an answer to a ping; zero when it owes none.
+static Clock::duration owedFor(const DEVICE_CHANNEL_T &channel)
+{
+    if (!channel.pinged) return {};
+    const Clock::duration waited = Clock::now() - *channel.pinged;
+    return silenceOf(channel) < waited ? Clock::duration{} : waited;
+}
+
+bool isSilent(const DEVICE_CHANNEL_T &channel)
+{
+    return owedFor(channel) >= channel.limits.answering_time;
+}
+
+static void lookAtSilence(DEVICE_CHANNEL_T &channel);
+
+static void watchSilence(DEVICE_CHANNEL_T &channel, Clock::duration wait)
+{
+    channel.timer.expires_after(wait);
+    channel.timer.async_wait([self = channel.weak_from_this()](const error_code &error) {
+        const ChannelPtr held = self.lock();
+        if (held && !error && held->state == CHANNEL_STATE::CONNECTED) lookAtSilence(*held);
+    });
+}
+
+void askForLife(DEVICE_CHANNEL_T &channel)
+{
+    if (owedFor(channel) > Clock::duration{}) return; // asked already
+    if (silenceOf(channel) < channel.limits.request_silence) return;
+    channel.pinged = Clock::now();
+    channel.link->ping();
+    watchSilence(channel, channel.limits.answering_time);
+}
+
+static void lookAtSilence(DEVICE_CHANNEL_T &channel)
+{
+    const LIMITS_T &limits = channel.limits;
+    const Clock::duration owed = owedFor(channel);
+    if (owed == Clock::duration{}) {
+        channel.pinged.reset();
+        const std::chrono::milliseconds silence = silenceOf(channel);
+        if (silence >= limits.idle_silence) return askForLife(channel);
+        return watchSilence(channel, limits.idle_silence - silence);
+    }
+    if (owed >= limits.silence_time)
+        return closeDeviceChannel(channel, 0,
+                                  "nothing was heard of it for " +
+                                      std::to_string(silenceOf(channel).count() / 1000) + " s");
+    if (owed < limits.answering_time) return watchSilence(channel, limits.answering_time - owed);
+    logFault(channel, "does not answer, last heard " +
+                          std::to_string(silenceOf(channel).count() / 1000) + " s ago");
+    watchSilence(channel, limits.silence_time - owed);
+}
+
 // ---- life of the channel
 
 static std::string serviceNames(const DEVICE_CHANNEL_T &channel)
@@ -250,8 +317,14 @@ static void armChannelTimer(DEVICE_CHANNEL_T &channel, std::chrono::milliseconds
 
 static void refuseDevice(DEVICE_CHANNEL_T &channel, HANDSHAKE_CODE code, const std::string &detail)
 {
-    logWarning("handshake of device \"%s\" from %s refused: code %d, %s",
+    addToMetric(METRIC::HANDSHAKES_REFUSED);
+    logLimited(g_refused, LOG_LEVEL::WARNING,
+               "handshake of device \"%s\" from %s refused: code %d, %s",
                channel.device.device_name.c_str(), channel.peer.c_str(), code, detail.c_str());
+    auditRecord(AUDIT_EVENT::HANDSHAKE_REFUSED, {{"product", channel.device.product_key},
+                                                 {"device", channel.device.device_name},
+                                                 {"from", channel.peer},
+                                                 {"reason", detail}});
     channel.state = CHANNEL_STATE::REFUSED;
     sendHandshakeAnswer(channel, code);
     // Not at once, so that the device reads the code before it sees the end.
@@ -262,14 +335,14 @@ static void refuseDevice(DEVICE_CHANNEL_T &channel, HANDSHAKE_CODE code, const s
 
 static void onHandshake(const ChannelPtr &channel, const MESSAGE_T &message)
 {
-    HANDSHAKE_RESULT_T result = channel->events.check(message);
+    HANDSHAKE_RESULT_T result = channel->events.check(*channel, message);
     channel->device = std::move(result.device);
     if (result.code != HANDSHAKE_ACCEPTED)
         return refuseDevice(*channel, result.code, result.detail);
     channel->services = std::move(result.services);
     channel->state = CHANNEL_STATE::CONNECTED;
     channel->connected_at = time(nullptr);
-    channel->timer.cancel();
+    watchSilence(*channel, channel->limits.idle_silence);
     channel->events.connected(channel);
     sendHandshakeAnswer(*channel, HANDSHAKE_ACCEPTED);
     logInfo("device %s connected, services: %s", channel->device.device_name.c_str(),
@@ -341,8 +414,11 @@ void closeDeviceChannel(DEVICE_CHANNEL_T &channel, std::uint16_t code, const std
     const ChannelPtr keep = channel.shared_from_this();
     const bool was_device = channel.state == CHANNEL_STATE::CONNECTED;
     channel.state = CHANNEL_STATE::CLOSED;
-    logInfo("%s %s %s", was_device ? "device" : "connection from", nameOf(channel).c_str(),
-            was_device ? ("disconnected: " + reason).c_str() : ("ended: " + reason).c_str());
+    if (was_device)
+        logInfo("device %s disconnected: %s", nameOf(channel).c_str(), reason.c_str());
+    else
+        logLimited(g_ended, LOG_LEVEL::INFO, "connection from %s ended: %s",
+                   nameOf(channel).c_str(), reason.c_str());
     channel.timer.cancel();
     // A stream that is cut takes itself out of the tables.
     for (const auto &[token, stream] : std::unordered_map(channel.streams))
@@ -357,7 +433,7 @@ void closeDeviceChannel(DEVICE_CHANNEL_T &channel, std::uint16_t code, const std
         channel.link->abort();
     else
         channel.link->close(code);
-    channel.events.closed(keep);
+    channel.events.closed(keep, reason);
 }
 
 // ---- requests
@@ -392,6 +468,7 @@ bool requestStream(DEVICE_CHANNEL_T &channel, const StreamPtr &stream, const SER
     if (channel.state != CHANNEL_STATE::CONNECTED) return false;
     const std::string id = freshId(channel, OPEN_ID);
     channel.opening.emplace(id, stream);
+    askForLife(channel);
     sendControl(channel, MESSAGE_NEW_SESSION, id, {}, buildNewSession(service));
     return true;
 }
@@ -413,6 +490,7 @@ void requestAccountCheck(DEVICE_CHANNEL_T &channel, const std::string &user,
         const auto found = held->accounts.extract(id);
         if (!found.empty()) found.mapped().answered({false, 0, "the device did not answer"});
     });
+    askForLife(channel);
     channel.accounts.emplace(id, ACCOUNT_REQUEST_T{std::move(answered), std::move(timer)});
     sendControl(channel, MESSAGE_VERIFY_ACCOUNT, id, {}, *payload, true);
     explicit_bzero(payload->data(), payload->size());

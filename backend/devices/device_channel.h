@@ -84,7 +84,7 @@ struct DEVICE_CHANNEL_T : std::enable_shared_from_this<DEVICE_CHANNEL_T> {
     std::deque<std::string> releasing; // tokens released here whose data may still be under way
     bool read_active = false;
     std::uint64_t next_id = 1;
-    RATE_LIMIT_T fault_lines;
+    LINE_LIMIT_T fault_lines{"lines of this device"};
     RATE_LIMIT_T unknown_releases;
 };
 
@@ -97,6 +97,9 @@ void closeDeviceChannel(DEVICE_CHANNEL_T &channel, std::uint16_t code, const std
 // How long nothing has come from the device: any byte counts, because an answer may wait behind
 // half a minute of data.
 std::chrono::milliseconds silenceOf(const DEVICE_CHANNEL_T &channel);
+
+// Sends a ping when the device has been silent for a while.
+void askForLife(DEVICE_CHANNEL_T &channel);
 
 // Whether it has not answered a ping for LIMITS_T::answering_time.
 bool isSilent(const DEVICE_CHANNEL_T &channel);

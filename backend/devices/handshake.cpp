@@ -142,6 +142,8 @@ const char *handshakeCodeText(HANDSHAKE_CODE code)
         return "wrong signature";
     case HANDSHAKE_UNKNOWN_DEVICE:
         return "unknown device";
+    case HANDSHAKE_DUPLICATE:
+        return "another device of this name is connected";
     case HANDSHAKE_CLOCK_OFF:
         return "clock differs too much";
     case HANDSHAKE_UNSUPPORTED:

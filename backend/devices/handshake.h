@@ -27,6 +27,7 @@ enum HANDSHAKE_CODE : std::int32_t {
         400, // not a handshake message, or a field is missing, of the wrong type or too long
     HANDSHAKE_BAD_SIGNATURE = 401,  // signed with another secret, or over other values
     HANDSHAKE_UNKNOWN_DEVICE = 404, // product key and device name are not in the registry
+    HANDSHAKE_DUPLICATE = 409,  // another device of this name came a moment ago
     HANDSHAKE_CLOCK_OFF = 412,   // the clock of the device differs by more than CLOCK_TOLERANCE_S
     HANDSHAKE_UNSUPPORTED = 415, // another client identifier, protocol version or method
 };

@@ -1,5 +1,8 @@
 #include "backend/directory/directory.h"
 
+#include "backend/observe/audit.h"
+#include "backend/observe/metrics.h"
+
 #include <ctime>
 
 namespace backend {
@@ -39,17 +42,18 @@ ChannelPtr findChannel(const DIRECTORY_T &directory, const DEVICE_KEY_T &device)
     return found == directory.connected.end() ? nullptr : found->second;
 }
 
-static void noteDuplicate(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &newer,
-                          const DEVICE_CHANNEL_T &older)
+static void noteDuplicate(DIRECTORY_T &directory, const DEVICE_KEY_T &device,
+                          const std::string &newer, const std::string &older)
 {
-    noteDeviceDuplicate(directory.records, newer.device, nowMs());
-    logLimited(directory.duplicate_lines, LOG_WARNING,
-               "two devices use the name %s: one from %s is turned away, one from %s stays",
-               newer.device.device_name.c_str(), newer.peer.c_str(), older.peer.c_str());
-    auditRecord("device_duplicate", {{"product", newer.device.product_key},
-                                     {"device", newer.device.device_name},
-                                     {"from", newer.peer},
-                                     {"other", older.peer}});
+    noteDeviceDuplicate(directory.records, device, nowMs());
+    addToMetric(METRIC::DUPLICATES);
+    logLimited(directory.duplicate_lines, LOG_LEVEL::WARNING,
+               "two devices use the name %s: the one from %s is turned away, the one from %s stays",
+               device.device_name.c_str(), newer.c_str(), older.c_str());
+    auditRecord(AUDIT_EVENT::DEVICE_DUPLICATE, {{"product", device.product_key},
+                                                {"device", device.device_name},
+                                                {"from", newer},
+                                                {"other", older}});
 }
 
 // Whether a device that comes now would displace another too soon after the last time.
@@ -68,9 +72,9 @@ HANDSHAKE_RESULT_T checkDevice(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &c
     if (result.code != HANDSHAKE_ACCEPTED) return result;
     const ChannelPtr older = findChannel(directory, result.device);
     if (!older || !isTooSoon(directory, result.device)) return result;
+    noteDuplicate(directory, result.device, channel.peer, older->peer);
     result.code = HANDSHAKE_DUPLICATE;
     result.detail = "another device of this name has just come";
-    (void)channel;
     return result;
 }
 
@@ -79,7 +83,15 @@ void deviceConnected(DIRECTORY_T &directory, const ChannelPtr &channel)
     const auto older = directory.connected.extract(channel->device);
     directory.connected[channel->device] = channel;
     noteDeviceCame(directory.records, channel->device, channel->peer, nowMs());
+    setMetric(METRIC::DEVICES_CONNECTED, directory.connected.size());
+    auditRecord(AUDIT_EVENT::DEVICE_CONNECTED, {{"product", channel->device.product_key},
+                                                {"device", channel->device.device_name},
+                                                {"from", channel->peer}});
     if (older.empty()) return;
+    auditRecord(AUDIT_EVENT::DEVICE_REPLACED, {{"product", channel->device.product_key},
+                                               {"device", channel->device.device_name},
+                                               {"from", channel->peer},
+                                               {"other", older.mapped()->peer}});
     directory.displaced[channel->device] = std::chrono::steady_clock::now();
     // Its sessions are void: identifiers may come a second time from a device that has started
     // again.
@@ -92,6 +104,11 @@ void deviceGone(DIRECTORY_T &directory, const ChannelPtr &channel, const std::st
     if (found == directory.connected.end() || found->second != channel) return;
     directory.connected.erase(found);
     noteDeviceLeft(directory.records, channel->device, reason, nowMs());
+    setMetric(METRIC::DEVICES_CONNECTED, directory.connected.size());
+    auditRecord(AUDIT_EVENT::DEVICE_DISCONNECTED, {{"product", channel->device.product_key},
+                                                   {"device", channel->device.device_name},
+                                                   {"from", channel->peer},
+                                                   {"reason", reason}});
 }
 
 void replaceRegistry(DIRECTORY_T &directory, DEVICE_REGISTRY_T registry)

@@ -30,7 +30,7 @@ struct DIRECTORY_T {
     DEVICE_RECORDS_T records;
     std::map<DEVICE_KEY_T, ChannelPtr> connected;
     std::map<DEVICE_KEY_T, std::chrono::steady_clock::time_point> displaced; // lately
-    LINE_LIMIT_T duplicate_lines;
+    LINE_LIMIT_T duplicate_lines{"devices of one name"};
 };
 
 // What an operator is shown of a device.

@@ -37,7 +37,8 @@ enum class AUDIT_EVENT {
     SESSION_REFUSED,
     SESSION_OPEN,
     SESSION_CLOSE, // by an operator
-    ACCOUNT_CHECK,
+    ACCOUNT_CHECK,  // asked for
+    ACCOUNT_RESULT, // what the device said
     DEVICE_CONNECTED,
     DEVICE_DISCONNECTED,
     DEVICE_REPLACED,

@@ -13,7 +13,6 @@
 namespace backend {
 
 using nlohmann::json;
-using nlohmann::ordered_json;
 
 CALL_T::~CALL_T()
 {
@@ -71,6 +70,23 @@ static void parseSession(const OPERATIONS_T & /*operations*/, ARGUMENTS_T &argum
 }
 
 // ---- what runs
+
+// Who asked for what.
+static AuditMembers recordOf(const CALL_T &call)
+{
+    AuditMembers record{{"who", call.who.name}, {"from", call.who.from}};
+    const ARGUMENTS_T &asked = call.arguments;
+    if (asked.device) {
+        record.emplace_back("product", asked.device->product_key);
+        record.emplace_back("device", asked.device->device_name);
+    }
+    const std::array<AUDIT_MEMBER_T, 3> texts{{{"service", asked.service},
+                                               {"session", asked.session},
+                                               {"account", asked.user}}};
+    for (const AUDIT_MEMBER_T &text : texts)
+        if (!std::get<std::string>(text.value).empty()) record.push_back(text);
+    return record;
+}
 
 // The channel of the device that is meant, or std::runtime_error in words for the operator.
 static ChannelPtr channelOf(const OPERATIONS_T &operations, const CALL_T &call)
@@ -140,7 +156,7 @@ static void listServices(OPERATIONS_T &operations, const CallPtr &call)
 static void listSessions(OPERATIONS_T &operations, const CallPtr &call)
 {
     json sessions = json::array();
-    for (const auto &[number, weak] : operations.sessions.sessions) {
+    for (const auto &[number, weak] : operations.sessions->sessions) {
         const SessionPtr session = weak.lock();
         if (!session || session->state == SESSION_STATE::CLOSED) continue;
         if (!decide(call->who, RIGHT::LIST, &session->device, session->service.name).is_allowed)
@@ -172,13 +188,10 @@ static void showStatus(OPERATIONS_T & /*operations*/, const CallPtr &call)
 static void verifyAccount(OPERATIONS_T &operations, const CallPtr &call)
 {
     const auto answered = [call](const ACCOUNT_RESULT_T &result) {
-        auditRecord("account_result", {{"who", call->who.name},
-                                       {"from", call->who.from},
-                                       {"product", call->arguments.device->product_key},
-                                       {"device", call->arguments.device->device_name},
-                                       {"account", call->arguments.user},
-                                       {"right", result.is_answered && result.code == 0},
-                                       {"reason", result.message}});
+        AuditMembers members = recordOf(*call);
+        members.emplace_back("right", result.is_answered && result.code == 0);
+        members.emplace_back("reason", result.message);
+        auditRecord(AUDIT_EVENT::ACCOUNT_RESULT, std::move(members));
         if (!result.is_answered) return refuse(*call, result.message);
         call->answer({{"ok", true}, {"code", result.code}, {"message", result.message}}, true);
     };
@@ -195,12 +208,9 @@ static void connectClient(OPERATIONS_T &operations, const CallPtr &call)
 {
     const ARGUMENTS_T &wanted = call->arguments;
     const auto turn_away = [&](const std::string &reason) {
-        auditRecord("session_refused", {{"who", call->who.name},
-                                        {"from", call->who.from},
-                                        {"product", wanted.device->product_key},
-                                        {"device", wanted.device->device_name},
-                                        {"service", wanted.service},
-                                        {"reason", reason}});
+        auditSessionRefused({"", wanted.device->product_key, wanted.device->device_name,
+                             call->who.name, call->who.from, wanted.service},
+                            reason);
         refuse(*call, reason);
     };
     ChannelPtr channel;
@@ -242,7 +252,7 @@ static void disconnectDevice(OPERATIONS_T &operations, const CallPtr &call)
 
 static void closeSession(OPERATIONS_T &operations, const CallPtr &call)
 {
-    const SessionPtr session = findSession(operations.sessions, call->arguments.session);
+    const SessionPtr session = findSession(*operations.sessions, call->arguments.session);
     if (!session || session->state == SESSION_STATE::CLOSED)
         throw std::runtime_error("no session has the number " + call->arguments.session);
     endSession(session, "closed by " + call->who.name, false);
@@ -255,34 +265,21 @@ struct OPERATION_T {
     std::string_view verb;
     void (*parse)(const OPERATIONS_T &operations, ARGUMENTS_T &arguments, const json &request);
     RIGHT right;
-    const char *record; // the event that must be in the audit before it runs; null: none
+    // What must be in the audit before it runs; nothing where that is recorded as it happens.
+    std::optional<AUDIT_EVENT> record;
     void (*run)(OPERATIONS_T &operations, const CallPtr &call);
 };
 
 constexpr auto OPERATIONS = std::to_array<OPERATION_T>({
-    {"devices", parseNothing, RIGHT::LIST, nullptr, listDevices},
-    {"services", parseDevice, RIGHT::LIST, nullptr, listServices},
-    {"sessions", parseNothing, RIGHT::LIST, nullptr, listSessions},
-    {"status", parseNothing, RIGHT::LIST, nullptr, showStatus},
-    {"verify", parseAccount, RIGHT::VERIFY, "account_check", verifyAccount},
-    {"connect", parseService, RIGHT::CONNECT, nullptr, connectClient},
-    {"disconnect", parseDevice, RIGHT::MANAGE, "device_disconnect", disconnectDevice},
-    {"close", parseSession, RIGHT::CLOSE, "session_close", closeSession},
+    {"devices", parseNothing, RIGHT::LIST, std::nullopt, listDevices},
+    {"services", parseDevice, RIGHT::LIST, std::nullopt, listServices},
+    {"sessions", parseNothing, RIGHT::LIST, std::nullopt, listSessions},
+    {"status", parseNothing, RIGHT::LIST, std::nullopt, showStatus},
+    {"verify", parseAccount, RIGHT::VERIFY, AUDIT_EVENT::ACCOUNT_CHECK, verifyAccount},
+    {"connect", parseService, RIGHT::CONNECT, std::nullopt, connectClient},
+    {"disconnect", parseDevice, RIGHT::MANAGE, AUDIT_EVENT::DEVICE_DISCONNECT, disconnectDevice},
+    {"close", parseSession, RIGHT::CLOSE, AUDIT_EVENT::SESSION_CLOSE, closeSession},
 });
-
-static ordered_json recordOf(const CALL_T &call)
-{
-    ordered_json record = {{"who", call.who.name}, {"from", call.who.from}};
-    const ARGUMENTS_T &asked = call.arguments;
-    if (asked.device) {
-        record["product"] = asked.device->product_key;
-        record["device"] = asked.device->device_name;
-    }
-    if (!asked.service.empty()) record["service"] = asked.service;
-    if (!asked.session.empty()) record["session"] = asked.session;
-    if (!asked.user.empty()) record["account"] = asked.user;
-    return record;
-}
 
 static void runGuarded(OPERATIONS_T &operations, const OPERATION_T &operation, const CallPtr &call)
 {
@@ -295,8 +292,8 @@ static void runGuarded(OPERATIONS_T &operations, const OPERATION_T &operation, c
 
 static void runAllowed(OPERATIONS_T &operations, const OPERATION_T &operation, const CallPtr &call)
 {
-    if (operation.record == nullptr) return runGuarded(operations, operation, call);
-    auditRecord(operation.record, recordOf(*call),
+    if (!operation.record) return runGuarded(operations, operation, call);
+    auditRecord(*operation.record, recordOf(*call),
                 [&operations, &operation, call](bool is_recorded) {
                     if (is_recorded) return runGuarded(operations, operation, call);
                     refuse(*call, "the audit cannot be written");
@@ -322,10 +319,10 @@ void runOperation(OPERATIONS_T &operations, const CallPtr &call, const json &req
             decide(call->who, operation.right, arguments.device ? &*arguments.device : nullptr,
                    arguments.service);
         if (!decision.is_allowed) {
-            ordered_json record = recordOf(*call);
-            record["do"] = operation.verb;
-            record["reason"] = decision.reason;
-            auditRecord("denied", std::move(record));
+            AuditMembers record = recordOf(*call);
+            record.emplace_back("do", operation.verb);
+            record.emplace_back("reason", decision.reason);
+            auditRecord(AUDIT_EVENT::DENIED, std::move(record));
             return refuse(*call, decision.reason);
         }
         runAllowed(operations, operation, call);

@@ -35,7 +35,7 @@ namespace backend {
 // What operations work on. All of it outlives them.
 struct OPERATIONS_T {
     DIRECTORY_T &directory;
-    SESSION_TABLE_T &sessions;
+    SessionTablePtr sessions;
 };
 
 // What an operation was asked, once it is parsed.

@@ -6,6 +6,7 @@
 #include "backend/sessions/session_table.h"
 #include "backend/observe/log.h"
 
+#include <algorithm>
 #include <optional>
 
 #include <boost/asio/buffer.hpp>
@@ -20,8 +21,9 @@ using tcp = asio::ip::tcp;
 
 constexpr std::size_t KEPT_STORAGE = std::size_t{64} * 1024; // of an empty buffer
 
-SESSION_T::SESSION_T(SESSION_TABLE_T &of, CLIENT_T from, DEVICE_CHANNEL_T &on, SERVICE_T wanted)
-    : table(of), channel(&on), limits(on.limits), origin(std::move(from)),
+SESSION_T::SESSION_T(std::shared_ptr<SESSION_TABLE_T> of, CLIENT_T from, DEVICE_CHANNEL_T &on,
+                     SERVICE_T wanted)
+    : table(std::move(of)), channel(&on), limits(on.limits), origin(std::move(from)),
       client(std::move(origin.socket)), timer(on.io), service(std::move(wanted)),
       device(on.device), asked_at(std::time(nullptr))
 {
@@ -38,15 +40,21 @@ static std::size_t bufferedBytes(const SESSION_T &session)
     return session.filling.size() + session.writing.size() - session.written;
 }
 
+static void recordEnd(const SESSION_T &session)
+{
+    auditSessionEnd(session.number, {session.bytes_up, session.bytes_down, session.is_whole,
+                                     session.end_reason, session.token});
+}
+
 // The end of the back end takes sessions along that still flush: they have their line, too.
 SESSION_T::~SESSION_T()
 {
-    table.backlog -= counted;
-    table.sessions.erase(number);
+    table->backlog -= counted;
+    table->sessions.erase(number);
     if (state == SESSION_STATE::CLOSED) return;
     if (end_reason.empty()) end_reason = "the back end ends";
     is_whole = state == SESSION_STATE::FLUSHING && bufferedBytes(*this) == 0;
-    auditSession(*this);
+    recordEnd(*this);
 }
 
 void resetClient(ClientSocket &client)
@@ -73,7 +81,7 @@ static void finishSession(const SessionPtr &session, bool is_whole)
     session->state = SESSION_STATE::CLOSED;
     session->is_whole = is_whole;
     session->timer.cancel();
-    session->table.backlog -= std::exchange(session->counted, 0);
+    session->table->backlog -= std::exchange(session->counted, 0);
     if (is_whole) {
         error_code ignored;
         session->client.close(ignored);
@@ -81,7 +89,7 @@ static void finishSession(const SessionPtr &session, bool is_whole)
         resetClient(session->client);
     }
     leaveChannel(*session, false);
-    auditSession(*session);
+    recordEnd(*session);
     const auto ended = std::exchange(session->origin.ended, nullptr);
     if (ended) ended(*session);
 }
@@ -105,11 +113,30 @@ void endSession(const SessionPtr &session, const std::string &reason, bool is_or
     finishSession(session, is_orderly);
 }
 
+static void armSessionTimer(const SessionPtr &session);
+
+// A device may be busy with the requests before this one, but then it answers a ping.
+static void answerIsLate(const SessionPtr &session)
+{
+    DEVICE_CHANNEL_T &channel = *session->channel;
+    if (isSilent(channel)) {
+        const auto silence = std::chrono::duration_cast<std::chrono::seconds>(silenceOf(channel));
+        return endSession(session,
+                          session->device.device_name + " is not answering (last heard " +
+                              std::to_string(silence.count()) + " s ago)",
+                          false);
+    }
+    if (std::chrono::steady_clock::now() - session->requested >= session->limits.open_time)
+        return endSession(session, "the device did not answer", false);
+    askForLife(channel);
+    armSessionTimer(session);
+}
+
 static void sessionTimedOut(const SessionPtr &session)
 {
     switch (session->state) {
     case SESSION_STATE::OPENING:
-        return endSession(session, "the device did not answer", false);
+        return answerIsLate(session);
     case SESSION_STATE::LINGERING:
         if (bufferedBytes(*session) > 0)
             return endSession(session, "the client does not read", false);
@@ -128,7 +155,7 @@ static std::optional<std::chrono::milliseconds> waitOf(const SESSION_T &session)
     const bool is_empty = bufferedBytes(session) == 0;
     switch (session.state) {
     case SESSION_STATE::OPENING:
-        return session.limits.open_time;
+        return std::min(session.limits.open_time, session.limits.answering_time);
     case SESSION_STATE::LINGERING:
         return is_empty ? session.limits.linger_time : session.limits.stall_time;
     case SESSION_STATE::FLUSHING:
@@ -176,7 +203,7 @@ static void clientWritten(const SessionPtr &session, const error_code &error, st
     if (session->state == SESSION_STATE::CLOSED) return;
     if (error) return endSession(session, "the client's connection is lost", false);
     session->written += count;
-    noteBacklog(session->table, *session);
+    noteBacklog(*session->table, *session);
     if (session->state == SESSION_STATE::CLOSED) return;
     if (session->state != SESSION_STATE::OPEN) armSessionTimer(session);
     writeClient(session);
@@ -220,7 +247,7 @@ void SESSION_T::received(std::span<const std::uint8_t> bytes)
     bytes_up += bytes.size();
     if (!writeAtOnce(self, bytes)) return;
     filling.insert(filling.end(), bytes.begin(), bytes.end());
-    noteBacklog(table, *this);
+    noteBacklog(*table, *this);
     if (state == SESSION_STATE::CLOSED) return;
     if (state == SESSION_STATE::LINGERING) armSessionTimer(self);
     writeClient(self);
@@ -291,9 +318,10 @@ void openSession(const SessionPtr &session)
     if (!makeRoomForStream(*session->channel))
         return session->cut("refused: too many clients of this device");
     session->state = SESSION_STATE::OPENING;
-    armSessionTimer(session);
+    session->requested = std::chrono::steady_clock::now();
     if (!requestStream(*session->channel, session, session->service))
-        session->cut("the device disconnected");
+        return session->cut("the device disconnected");
+    if (session->state == SESSION_STATE::OPENING) armSessionTimer(session);
 }
 
 void SESSION_T::opened(const std::string &given)

@@ -64,7 +64,7 @@ struct CLIENT_T {
 };
 
 struct SESSION_T final : ChannelStream, std::enable_shared_from_this<SESSION_T> {
-    SESSION_T(SESSION_TABLE_T &of, CLIENT_T from, DEVICE_CHANNEL_T &on, SERVICE_T wanted);
+    SESSION_T(std::shared_ptr<SESSION_TABLE_T> of, CLIENT_T from, DEVICE_CHANNEL_T &on, SERVICE_T wanted);
     SESSION_T(const SESSION_T &) = delete;
     SESSION_T &operator=(const SESSION_T &) = delete;
     ~SESSION_T() override;
@@ -77,7 +77,7 @@ struct SESSION_T final : ChannelStream, std::enable_shared_from_this<SESSION_T> 
     std::optional<std::chrono::steady_clock::time_point> idleSince() const override;
     void giveUp() override;
 
-    SESSION_TABLE_T &table;
+    std::shared_ptr<SESSION_TABLE_T> table;
     DEVICE_CHANNEL_T *channel; // borrowed; null once the session is off the channel
     const LIMITS_T &limits;
     CLIENT_T origin; // its socket has gone into client
@@ -89,6 +89,7 @@ struct SESSION_T final : ChannelStream, std::enable_shared_from_this<SESSION_T> 
     std::string label;  // device, service and client, for the log
     std::string token;  // the device's identifier of it; empty until the device has answered
     SESSION_STATE state = SESSION_STATE::RECORDING;
+    std::chrono::steady_clock::time_point requested; // of the device
     std::chrono::steady_clock::time_point lingering_since;
 
     // Bytes for the client: one buffer is written from an offset while the other fills.

@@ -1,12 +1,15 @@
 #include "backend/sessions/session_table.h"
 
 #include "backend/limits.h"
+#include "backend/observe/audit.h"
 #include "backend/observe/uuid.h"
 
 #include <algorithm>
 #include <memory>
 
 namespace backend {
+
+constexpr char AUDIT_UNWRITABLE[] = "the audit cannot be written";
 
 static SessionPtr largestBacklog(const SESSION_TABLE_T &table)
 {
@@ -53,13 +56,21 @@ SessionPtr findSession(const SESSION_TABLE_T &table, const std::string &number)
     return found == table.sessions.end() ? nullptr : found->second.lock();
 }
 
-SessionPtr startSession(SESSION_TABLE_T &table, DEVICE_CHANNEL_T &channel, CLIENT_T client,
+SessionPtr startSession(const SessionTablePtr &table, DEVICE_CHANNEL_T &channel, CLIENT_T client,
                         const SERVICE_T &service)
 {
     auto session = std::make_shared<SESSION_T>(table, std::move(client), channel, service);
     session->number = newUuid();
-    table.sessions.emplace(session->number, session);
-    openSession(session);
+    table->sessions.emplace(session->number, session);
+    const AUDIT_SESSION_T about{session->number,      session->device.product_key,
+                                session->device.device_name, session->origin.who,
+                                session->origin.from, service.name};
+    // The channel must not go before the session knows that it is closed.
+    const auto recorded = [session, held = channel.shared_from_this()](bool is_recorded) {
+        if (!is_recorded) return session->cut(AUDIT_UNWRITABLE);
+        openSession(session);
+    };
+    if (!auditSessionBegin(about, recorded)) auditSessionRefused(about, AUDIT_UNWRITABLE);
     return session;
 }
 

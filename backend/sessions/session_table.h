@@ -1,6 +1,6 @@
 // All sessions that have not ended, by their number, and what they hold together.
-// Ownership  a session belongs to its channel, or to itself while it flushes; it takes itself out
-//            of the table when it is destroyed. The table must outlive them.
+// Ownership  a session belongs to its channel, or to itself while it flushes; it keeps the table,
+//            and takes itself out of it when it is destroyed.
 // Threads    the thread of the io_context.
 // Limits     LIMITS_T: session_buffer for each, all_buffers for all of them.
 #pragma once
@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <map>
+#include <memory>
 #include <string>
 
 namespace backend {
@@ -21,9 +22,11 @@ struct SESSION_TABLE_T {
     std::size_t backlog = 0;                                  // bytes that wait for clients
 };
 
+using SessionTablePtr = std::shared_ptr<SESSION_TABLE_T>;
+
 // Asks the device for a session and carries the client over it. The session's begin is recorded
 // before the device is asked. A session that cannot begin ends at once, with its reason.
-SessionPtr startSession(SESSION_TABLE_T &table, DEVICE_CHANNEL_T &channel, CLIENT_T client,
+SessionPtr startSession(const SessionTablePtr &table, DEVICE_CHANNEL_T &channel, CLIENT_T client,
                         const SERVICE_T &service);
 
 // Null when none has this number.

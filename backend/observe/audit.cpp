@@ -1,7 +1,6 @@
 #include "backend/observe/audit.h"
 
 #include "backend/observe/log.h"
-#include "backend/sessions/session.h"
 
 #include <array>
 #include <cerrno>
@@ -58,47 +57,6 @@ static void writeLine(const nlohmann::ordered_json &line)
     if (written < text.size()) logError("audit line lost: %s", text.c_str());
 }
 
-void auditSession(const SESSION_T &session)
-{
-    writeLine({{"ended", utcText(std::time(nullptr))},
-               {"asked", utcText(session.asked_at)},
-               {"who", session.origin.who},
-               {"device", session.device},
-               {"service", session.service.name},
-               {"session", session.token},
-               {"bytes_up", session.bytes_up},
-               {"bytes_down", session.bytes_down},
-               {"whole", session.is_whole},
-               {"reason", session.end_reason}});
-}
-
-void auditRefusal(const std::string &who, const std::string &device, const std::string &service,
-                  const std::string &reason)
-{
-    const std::string now = utcText(std::time(nullptr));
-    writeLine({{"ended", now},
-               {"asked", now},
-               {"who", who},
-               {"device", device},
-               {"service", service},
-               {"session", ""},
-               {"bytes_up", 0},
-               {"bytes_down", 0},
-               {"whole", false},
-               {"reason", reason}});
-}
-
-void auditAccountCheck(const std::string &who, const std::string &device,
-                       const std::string &account, bool is_right, const std::string &reason)
-{
-    writeLine({{"checked", utcText(std::time(nullptr))},
-               {"who", who},
-               {"device", device},
-               {"account", account},
-               {"right", is_right},
-               {"reason", reason}});
-}
-
 // Simple bodies of the interface that is to come.
 static AUDIT_OPTIONS_T g_options;
 static bool g_is_started = false;
@@ -112,6 +70,7 @@ constexpr const char *EVENT_NAMES[] = {"back_end_started",
                                        "session_open",
                                        "session_close",
                                        "account_check",
+                                       "account_result",
                                        "device_connected",
                                        "device_disconnected",
                                        "device_replaced",

@@ -26,8 +26,6 @@
 
 namespace backend {
 
-struct SESSION_T;
-
 enum class AUDIT_EVENT {
     BACK_END_STARTED,
     BACK_END_STOPPED,
@@ -135,10 +133,4 @@ void auditSessionRefused(const AUDIT_SESSION_T &session, const std::string &reas
 
 // The names from before, until their callers have moved.
 void openAudit(const std::string &path);
-void auditSession(const SESSION_T &session);
-void auditRefusal(const std::string &who, const std::string &device, const std::string &service,
-                  const std::string &reason);
-void auditAccountCheck(const std::string &who, const std::string &device,
-                       const std::string &account, bool is_right, const std::string &reason);
-
 } // namespace backend

@@ -136,11 +136,13 @@ protected:
 TEST_F(Loopback, RefusedHandshakeGetsItsCodeAndIsClosed)
 {
     start();
-    ScriptedDevice device(port);
-    device.sendHandshake("dev1", "wrong", time(nullptr));
-    EXPECT_EQ(device.receive().value_or(MESSAGE_SEEN_T{}).payload,
-              "{\"code\": 401, \"message\": \"wrong signature\"}");
-    EXPECT_TRUE(device.isClosed());
+    for (const char *name : {"dev1", "nobody"}) { // a stranger cannot tell which one exists
+        ScriptedDevice device(port);
+        device.sendHandshake(name, "wrong", time(nullptr));
+        EXPECT_EQ(device.receive().value_or(MESSAGE_SEEN_T{}).payload,
+                  "{\"code\": 401, \"message\": \"unknown device or wrong signature\"}");
+        EXPECT_TRUE(device.isClosed());
+    }
     ScriptedDevice early(port);
     early.send(256, "ping1", "", "");
     EXPECT_EQ(early.receive().value_or(MESSAGE_SEEN_T{}).payload,

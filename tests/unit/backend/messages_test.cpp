@@ -1,6 +1,7 @@
 #include "backend/devices/device_registry.h"
 #include "backend/devices/handshake.h"
 #include "backend/observe/log.h"
+#include "backend/net/endpoint.h"
 #include "backend/options.h"
 #include "backend/devices/protocol.h"
 

@@ -117,7 +117,7 @@ static void requireWal(sqlite3 &database)
 static std::string damaged(const std::string &what)
 {
     return "it is damaged (" + what +
-           "); restore a backup as docs/operating.md says, or move it away to begin a new one";
+           "); restore a backup as remote_access_backend(8) says, or move it away to begin a new one";
 }
 
 static DatabasePtr openChecked(const std::string &path)

@@ -1,11 +1,12 @@
 // The back end's command line and configuration file.
 // Exit status  0 after SIGINT or SIGTERM, 1 when something cannot be used at run time, 2 for a
 // wrong command line.
-#include "backend/observe/audit.h"
 #include "backend/net/endpoint.h"
+#include "backend/observe/audit.h"
 #include "backend/observe/log.h"
 #include "backend/options.h"
 #include "backend/server.h"
+#include "backend/store/store.h"
 
 #include <csignal>
 #include <cstdio>
@@ -35,9 +36,25 @@ struct COMMAND_LINE_T {
     std::vector<std::string> forwards;
     std::string control;
     std::string audit = "-";
+    std::string store;
+    std::string backup; // target; empty: no backup is asked for
+    bool is_forced = false;
     bool is_plain = false;
     double linger_s = 30;
 };
+
+// A copy of the store needs none of the server's options.
+static void describeBackup(CLI::App &app, COMMAND_LINE_T &line)
+{
+    CLI::App *backup = app.add_subcommand("backup", "Copy the store, also while the back end runs");
+    backup->fallthrough();
+    backup->add_option("TARGET", line.backup, "File of the copy")->required();
+    backup->add_flag("--force", line.is_forced, "Replace an existing file");
+    backup->preparse_callback([&app](std::size_t) {
+        for (CLI::Option *option : app.get_options())
+            option->required(false);
+    });
+}
 
 static void describeOptions(CLI::App &app, COMMAND_LINE_T &line)
 {
@@ -73,6 +90,9 @@ static void describeOptions(CLI::App &app, COMMAND_LINE_T &line)
            "--control", line.control,
            "Socket for the operators' tool; everyone who may write to it can reach every device")
         ->type_name("PATH");
+    app.add_option("--store", line.store,
+                   "File for what the back end learns while it runs; made where there is none")
+        ->type_name("FILE");
     app.add_option("--audit", line.audit,
                    "File for one line of JSON per session and account check; -: standard output")
         ->type_name("FILE")
@@ -96,6 +116,7 @@ static SERVER_OPTIONS_T readOptions(const COMMAND_LINE_T &line)
     if (!line.is_plain && line.cert.empty())
         throw std::invalid_argument("either --cert and --key or --plain is required");
     options.control = line.control;
+    options.store = line.store;
     options.limits.linger_time = std::chrono::milliseconds(static_cast<long>(line.linger_s * 1000));
     return options;
 }
@@ -166,14 +187,19 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
 int main(int argc, char **argv)
 {
     (void)signal(SIGPIPE, SIG_IGN); // a lost peer shows in the write's result
+    (void)signal(SIGXFSZ, SIG_IGN); // and so does a file that may not grow
     CLI::App app{"Reference back end: devices connect to it, and operators reach their services "
                  "through it."};
     COMMAND_LINE_T line;
     SERVER_OPTIONS_T options;
     describeOptions(app, line);
+    describeBackup(app, line);
     try {
         app.parse(argc, argv);
-        options = readOptions(line);
+        if (line.backup.empty())
+            options = readOptions(line);
+        else if (line.store.empty())
+            throw std::invalid_argument("--store is required");
     } catch (const CLI::ParseError &fault) {
         return app.exit(fault) == 0 ? 0 : EXIT_USAGE;
     } catch (const std::invalid_argument &fault) {
@@ -181,7 +207,10 @@ int main(int argc, char **argv)
         return EXIT_USAGE;
     }
     try {
-        run(line, std::move(options));
+        if (line.backup.empty())
+            run(line, std::move(options));
+        else
+            backUpStore(line.store, line.backup, line.is_forced);
     } catch (const std::exception &fault) {
         logError("%s", fault.what());
         return EXIT_RUN_TIME;

@@ -1,17 +1,38 @@
 #include "backend/server.h"
 
+#include "backend/observe/log.h"
+
+#include <functional>
+
+#include <boost/asio/post.hpp>
+
 namespace backend {
 
 namespace asio = boost::asio;
 using tcp = asio::ip::tcp;
 
+static void loadStore(SERVER_T &server)
+{
+    const std::string &path = server.options.store;
+    if (path.empty())
+        return logInfo("no store: used signatures and when devices were last there are forgotten "
+                       "at a restart");
+    server.store = openStore(path, [&io = server.io](std::function<void()> function) {
+        asio::post(io, std::move(function));
+    });
+    server.directory.records = loadDeviceRecords(server.store.get());
+    server.directory.signatures = loadUsedSignatures(server.store.get(), wallClockMs());
+    logInfo("store %s: %zu devices have been there", path.c_str(),
+            server.directory.records.records.size());
+}
+
 std::unique_ptr<SERVER_T> startServer(asio::io_context &io, SERVER_OPTIONS_T options)
 {
     auto server = std::make_unique<SERVER_T>(io, std::move(options));
     server->directory.registry = std::move(server->options.registry);
-    server->device_port =
-        openDevicePort(io, server->directory, server->options.limits, server->options.listen,
-                       std::move(server->options.tls));
+    loadStore(*server);
+    server->device_port = openDevicePort(io, server->directory, server->options.limits,
+                                         server->options.listen, std::move(server->options.tls));
     for (const FORWARD_OPTION_T &forward : server->options.forwards) {
         (void)findDevice(server->directory, forward.device); // a mistyped one shows at the start
         server->forwards.push_back(openForward(io, server->operations, forward));

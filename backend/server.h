@@ -1,6 +1,6 @@
 // The back end as a whole: what it knows, and the doors to it.
 // Ownership  the server must outlive the run of its io_context.
-// Threads    the thread of the io_context.
+// Threads    the thread of the io_context. The destructor waits for the store's last writes.
 // Failure    startServer throws std::runtime_error when something cannot be used; afterwards faults
 //            are logged and the server continues.
 #pragma once
@@ -13,6 +13,7 @@
 #include "backend/operations/operations.h"
 #include "backend/options.h"
 #include "backend/sessions/session_table.h"
+#include "backend/store/store.h"
 
 #include <cstddef>
 #include <memory>
@@ -30,6 +31,7 @@ struct SERVER_OPTIONS_T {
     DEVICE_REGISTRY_T registry;
     std::vector<FORWARD_OPTION_T> forwards;
     std::string control; // path of the control socket; empty for none
+    std::string store;   // of what it learns at run time; empty: a restart forgets that
     LIMITS_T limits;
 };
 
@@ -40,6 +42,7 @@ struct SERVER_T {
     }
     boost::asio::io_context &io;
     SERVER_OPTIONS_T options; // without the registry, which is the directory's
+    StorePtr store;           // null without one
     SessionTablePtr sessions = std::make_shared<SESSION_TABLE_T>(options.limits);
     DIRECTORY_T directory;
     OPERATIONS_T operations{directory, sessions};

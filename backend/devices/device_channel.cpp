@@ -102,7 +102,9 @@ void sendStreamData(DEVICE_CHANNEL_T &channel, const std::string &token, OutMess
 
 static void readNext(DEVICE_CHANNEL_T &channel)
 {
-    if (channel.read_active || channel.state == CHANNEL_STATE::CLOSED) return;
+    if (channel.read_active || channel.state == CHANNEL_STATE::CHECKING ||
+        channel.state == CHANNEL_STATE::CLOSED)
+        return;
     channel.read_active = true;
     channel.link->read();
 }
@@ -333,20 +335,34 @@ static void refuseDevice(DEVICE_CHANNEL_T &channel, HANDSHAKE_CODE code, const s
     }
 }
 
-static void onHandshake(const ChannelPtr &channel, const MESSAGE_T &message)
+static void finishHandshake(const ChannelPtr &channel, HANDSHAKE_RESULT_T result)
 {
-    HANDSHAKE_RESULT_T result = channel->events.check(*channel, message);
+    if (channel->state != CHANNEL_STATE::CHECKING) return; // gone meanwhile
     channel->device = std::move(result.device);
-    if (result.code != HANDSHAKE_ACCEPTED)
-        return refuseDevice(*channel, result.code, result.detail);
+    if (result.code != HANDSHAKE_ACCEPTED) {
+        refuseDevice(*channel, result.code, result.detail);
+        return readNext(*channel);
+    }
     channel->services = std::move(result.services);
     channel->state = CHANNEL_STATE::CONNECTED;
     channel->connected_at = time(nullptr);
     watchSilence(*channel, channel->limits.idle_silence);
     channel->events.connected(channel);
     sendHandshakeAnswer(*channel, HANDSHAKE_ACCEPTED);
-    logInfo("device %s connected, services: %s", channel->device.device_name.c_str(),
-            serviceNames(*channel).c_str());
+    logInfo("device %s connected, services: %s%s%s", channel->device.device_name.c_str(),
+            serviceNames(*channel).c_str(), result.detail.empty() ? "" : "; ",
+            result.detail.c_str());
+    readNext(*channel);
+}
+
+static void onHandshake(const ChannelPtr &channel, const MESSAGE_T &message)
+{
+    channel->state = CHANNEL_STATE::CHECKING;
+    channel->events.check(*channel, message,
+                          [weak = channel->weak_from_this()](HANDSHAKE_RESULT_T result) {
+                              const ChannelPtr held = weak.lock();
+                              if (held) finishHandshake(held, std::move(result));
+                          });
 }
 
 static void onMessage(const ChannelPtr &channel, std::span<const std::uint8_t> bytes,
@@ -362,6 +378,7 @@ static void onMessage(const ChannelPtr &channel, std::span<const std::uint8_t> b
     case CHANNEL_STATE::CONNECTED:
         if (fault != nullptr) return logFault(*channel, std::string("message dropped: ") + fault);
         return dispatch(*channel, message);
+    case CHANNEL_STATE::CHECKING:
     case CHANNEL_STATE::REFUSED:
     case CHANNEL_STATE::CLOSED:
         return;

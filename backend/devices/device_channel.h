@@ -14,14 +14,14 @@
 #include "backend/devices/channel_stream.h"
 #include "backend/devices/handshake.h"
 #include "backend/limits.h"
-#include "backend/observe/log.h"
 #include "backend/net/send_queue.h"
 #include "backend/net/websocket_link.h"
+#include "backend/observe/log.h"
 
+#include <chrono>
 #include <ctime>
 #include <deque>
 #include <functional>
-#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -34,13 +34,21 @@
 
 namespace backend {
 
-enum class CHANNEL_STATE { HANDSHAKE, CONNECTED, REFUSED, CLOSED };
+enum class CHANNEL_STATE {
+    HANDSHAKE,
+    CHECKING, // the handshake has come, and its check goes on; nothing is read meanwhile
+    CONNECTED,
+    REFUSED,
+    CLOSED,
+};
 
 struct DEVICE_CHANNEL_T;
 using ChannelPtr = std::shared_ptr<DEVICE_CHANNEL_T>;
 
 struct CHANNEL_EVENTS_T {
-    std::function<HANDSHAKE_RESULT_T(const DEVICE_CHANNEL_T &, const MESSAGE_T &)> check;
+    // Checks a handshake and calls answered once: within the call, or later on the same thread.
+    std::function<void(const DEVICE_CHANNEL_T &, const MESSAGE_T &, HandshakeAnswer answered)>
+        check;
     std::function<void(const ChannelPtr &)> connected;
     // Once for each channel, with the reason in words.
     std::function<void(const ChannelPtr &, const std::string &)> closed;

@@ -16,6 +16,7 @@
 #include "backend/devices/protocol.h"
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -44,6 +45,8 @@ struct HANDSHAKE_RESULT_T {
     std::vector<SERVICE_T> services; // empty unless accepted
     std::int64_t signed_second = 0;  // which second the signature is of; 0 unless accepted
 };
+
+using HandshakeAnswer = std::function<void(HANDSHAKE_RESULT_T)>;
 
 // now: seconds since the epoch.
 HANDSHAKE_RESULT_T checkHandshake(const MESSAGE_T &message, const DEVICE_REGISTRY_T &registry,

@@ -1,17 +1,10 @@
 #include "backend/directory/directory.h"
 
+#include "backend/net/endpoint.h"
 #include "backend/observe/audit.h"
 #include "backend/observe/metrics.h"
 
-#include <ctime>
-
 namespace backend {
-
-static std::int64_t nowMs()
-{
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
-}
 
 static bool isDuplicate(const DEVICE_RECORD_T *record, std::int64_t now_ms)
 {
@@ -21,7 +14,7 @@ static bool isDuplicate(const DEVICE_RECORD_T *record, std::int64_t now_ms)
 
 std::vector<DEVICE_VIEW_T> viewDevices(const DIRECTORY_T &directory)
 {
-    const std::int64_t now_ms = nowMs();
+    const std::int64_t now_ms = wallClockMs();
     std::vector<DEVICE_VIEW_T> views;
     views.reserve(directory.registry.size());
     for (const auto &[key, secret] : directory.registry) {
@@ -45,7 +38,7 @@ ChannelPtr findChannel(const DIRECTORY_T &directory, const DEVICE_KEY_T &device)
 static void noteDuplicate(DIRECTORY_T &directory, const DEVICE_KEY_T &device,
                           const std::string &newer, const std::string &older)
 {
-    noteDeviceDuplicate(directory.records, device, nowMs());
+    noteDeviceDuplicate(directory.records, device, wallClockMs());
     addToMetric(METRIC::DUPLICATES);
     logLimited(directory.duplicate_lines, LOG_LEVEL::WARNING,
                "two devices use the name %s: the one from %s is turned away, the one from %s stays",
@@ -65,24 +58,51 @@ static bool isTooSoon(DIRECTORY_T &directory, const DEVICE_KEY_T &device)
     return directory.displaced.contains(device);
 }
 
-HANDSHAKE_RESULT_T checkDevice(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &channel,
-                               const MESSAGE_T &message)
+static HANDSHAKE_RESULT_T refuse(HANDSHAKE_RESULT_T result, HANDSHAKE_CODE code, const char *detail)
 {
-    HANDSHAKE_RESULT_T result = checkHandshake(message, directory.registry, time(nullptr));
-    if (result.code != HANDSHAKE_ACCEPTED) return result;
+    return {code, detail, std::move(result.device), {}, 0};
+}
+
+// Of a device whose handshake is right. The store has answered meanwhile: what was so before may
+// have changed.
+static HANDSHAKE_RESULT_T admit(DIRECTORY_T &directory, SIGNATURE_USE use,
+                                const std::string &secret, const std::string &peer,
+                                HANDSHAKE_RESULT_T result)
+{
+    if (use == SIGNATURE_USE::REPLAYED)
+        return refuse(std::move(result), HANDSHAKE_BAD_SIGNATURE, "signature used before");
+    if (use == SIGNATURE_USE::UNRECORDED)
+        return refuse(std::move(result), HANDSHAKE_UNAVAILABLE, "the store cannot be written");
+    const auto known = directory.registry.find(result.device);
+    if (known == directory.registry.end() || known->second != secret)
+        return refuse(std::move(result), HANDSHAKE_BAD_SIGNATURE, "its entry has just changed");
     const ChannelPtr older = findChannel(directory, result.device);
     if (!older || !isTooSoon(directory, result.device)) return result;
-    noteDuplicate(directory, result.device, channel.peer, older->peer);
-    result.code = HANDSHAKE_DUPLICATE;
-    result.detail = "another device of this name has just come";
-    return result;
+    noteDuplicate(directory, result.device, peer, older->peer);
+    return refuse(std::move(result), HANDSHAKE_DUPLICATE,
+                  "another device of this name has just come");
+}
+
+void checkDevice(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &channel, const MESSAGE_T &message,
+                 HandshakeAnswer answered)
+{
+    const std::int64_t now_ms = wallClockMs();
+    HANDSHAKE_RESULT_T result = checkHandshake(message, directory.registry, now_ms / 1000);
+    if (result.code != HANDSHAKE_ACCEPTED) return answered(std::move(result));
+    const DEVICE_KEY_T device = result.device;
+    const std::int64_t signed_second = result.signed_second;
+    claimSignature(directory.signatures, device, signed_second, addressOf(channel.peer), now_ms,
+                   [&directory, secret = directory.registry.at(device), peer = channel.peer,
+                    result = std::move(result), answered = std::move(answered)](SIGNATURE_USE use) {
+                       answered(admit(directory, use, secret, peer, result));
+                   });
 }
 
 void deviceConnected(DIRECTORY_T &directory, const ChannelPtr &channel)
 {
     const auto older = directory.connected.extract(channel->device);
     directory.connected[channel->device] = channel;
-    noteDeviceCame(directory.records, channel->device, channel->peer, nowMs());
+    noteDeviceCame(directory.records, channel->device, addressOf(channel->peer), wallClockMs());
     setMetric(METRIC::DEVICES_CONNECTED, directory.connected.size());
     auditRecord(AUDIT_EVENT::DEVICE_CONNECTED, {{"product", channel->device.product_key},
                                                 {"device", channel->device.device_name},
@@ -103,7 +123,7 @@ void deviceGone(DIRECTORY_T &directory, const ChannelPtr &channel, const std::st
     const auto found = directory.connected.find(channel->device);
     if (found == directory.connected.end() || found->second != channel) return;
     directory.connected.erase(found);
-    noteDeviceLeft(directory.records, channel->device, reason, nowMs());
+    noteDeviceLeft(directory.records, channel->device, reason, wallClockMs());
     setMetric(METRIC::DEVICES_CONNECTED, directory.connected.size());
     auditRecord(AUDIT_EVENT::DEVICE_DISCONNECTED, {{"product", channel->device.product_key},
                                                    {"device", channel->device.device_name},

@@ -1,7 +1,8 @@
 // Which devices there are, which of them is connected by which channel, and what is known of the
 // others.
-// Ownership  the directory holds the channels of connected devices. Registry and records are its
-//            own; it must outlive the channels' last event.
+// Ownership  the directory holds the channels of connected devices. Registry, records and used
+//            signatures are its own; it must outlive the channels' last event and what the store
+//            has still to answer.
 // Threads    the thread of the io_context.
 // Duplicates the newest channel of a device wins, because a device that has lost its line comes
 //            back before the old channel is known to be dead. Two devices with one name would
@@ -11,6 +12,7 @@
 
 #include "backend/devices/device_channel.h"
 #include "backend/devices/device_registry.h"
+#include "backend/devices/used_signatures.h"
 #include "backend/store/device_records.h"
 
 #include <chrono>
@@ -28,6 +30,7 @@ constexpr std::int64_t DUPLICATE_MARK_MS = 600'000; // how long a name stays mar
 struct DIRECTORY_T {
     DEVICE_REGISTRY_T registry;
     DEVICE_RECORDS_T records;
+    USED_SIGNATURES_T signatures;
     std::map<DEVICE_KEY_T, ChannelPtr> connected;
     std::map<DEVICE_KEY_T, std::chrono::steady_clock::time_point> displaced; // lately
     LINE_LIMIT_T duplicate_lines{"devices of one name"};
@@ -48,9 +51,10 @@ DEVICE_KEY_T findDevice(const DIRECTORY_T &directory, std::string_view name);
 // Null while the device is not connected.
 ChannelPtr findChannel(const DIRECTORY_T &directory, const DEVICE_KEY_T &device);
 
-// The events of a device's channel.
-HANDSHAKE_RESULT_T checkDevice(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &channel,
-                               const MESSAGE_T &message);
+// The events of a device's channel. A handshake is accepted once its signature is on the disk as a
+// used one, where there is a store; a replay is refused before anything else happens for it.
+void checkDevice(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &channel, const MESSAGE_T &message,
+                 HandshakeAnswer answered);
 void deviceConnected(DIRECTORY_T &directory, const ChannelPtr &channel);
 void deviceGone(DIRECTORY_T &directory, const ChannelPtr &channel, const std::string &reason);
 

@@ -25,8 +25,9 @@ static void takeDevice(const std::shared_ptr<DEVICE_PORT_T> &port, tcp::socket s
     }
     DEVICE_PORT_T *const held = port.get(); // outlives the channels' events
     CHANNEL_EVENTS_T events;
-    events.check = [held](const DEVICE_CHANNEL_T &channel, const MESSAGE_T &message) {
-        return checkDevice(held->directory, channel, message);
+    events.check = [held](const DEVICE_CHANNEL_T &channel, const MESSAGE_T &message,
+                          HandshakeAnswer answered) {
+        checkDevice(held->directory, channel, message, std::move(answered));
     };
     events.connected = [held](const ChannelPtr &channel) {
         held->unauthenticated.erase(channel);
@@ -36,8 +37,8 @@ static void takeDevice(const std::shared_ptr<DEVICE_PORT_T> &port, tcp::socket s
         held->unauthenticated.erase(channel);
         deviceGone(held->directory, channel, reason);
     };
-    const ChannelPtr channel = startDeviceChannel(port->io, port->limits, std::move(socket),
-                                                  port->tls, std::move(events));
+    const ChannelPtr channel =
+        startDeviceChannel(port->io, port->limits, std::move(socket), port->tls, std::move(events));
     try {
         port->unauthenticated.insert(channel);
     } catch (const std::bad_alloc &) { // nothing would watch over it

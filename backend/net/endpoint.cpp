@@ -45,4 +45,9 @@ std::string endpointText(const tcp::endpoint &endpoint)
     return endpoint.address().is_v6() ? "[" + address + "]:" + port : address + ":" + port;
 }
 
+std::string addressOf(std::string_view endpoint)
+{
+    return std::string(endpoint.substr(0, endpoint.rfind(':')));
+}
+
 } // namespace backend

@@ -15,4 +15,7 @@ std::uint16_t parsePort(std::string_view text); // likewise
 
 std::string endpointText(const boost::asio::ip::tcp::endpoint &endpoint);
 
+// The address in such a text.
+std::string addressOf(std::string_view endpoint);
+
 } // namespace backend

@@ -117,7 +117,8 @@ static void requireWal(sqlite3 &database)
 static std::string damaged(const std::string &what)
 {
     return "it is damaged (" + what +
-           "); restore a backup as remote_access_backend(8) says, or move it away to begin a new one";
+           "); restore a backup as remote_access_backend(8) says, or move it away to begin a new "
+           "one";
 }
 
 static DatabasePtr openChecked(const std::string &path)
@@ -156,11 +157,7 @@ static void commit(STORE_T &store, const std::vector<WAITING_WRITE_T> &batch,
         runWrite(store, write);
     if (steady_clock::now() >= store.next_alive) {
         store.next_alive = steady_clock::now() + ALIVE_PERIOD;
-        const auto now = std::chrono::system_clock::now().time_since_epoch();
-        runWrite(
-            store,
-            {ALIVE_SQL,
-             {std::int64_t{std::chrono::duration_cast<std::chrono::milliseconds>(now).count()}}});
+        runWrite(store, {ALIVE_SQL, {wallClockMs()}});
     }
     execute(*store.database, "COMMIT");
 }
@@ -265,6 +262,12 @@ static void serve(STORE_T &store)
 }
 
 // ---- for the io thread
+
+std::int64_t wallClockMs()
+{
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
 
 StorePtr openStore(const std::string &path, StorePoster poster)
 {

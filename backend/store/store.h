@@ -47,6 +47,9 @@ struct STORE_WRITE_T {
     std::vector<STORE_VALUE_T> values;
 };
 
+// As the store's times are: milliseconds since the epoch.
+std::int64_t wallClockMs();
+
 constexpr std::size_t STORE_QUEUE_MAX = 16384;
 
 // Opens the file, makes it (mode 0600) where there is none, and brings its tables to the version

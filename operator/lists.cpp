@@ -186,7 +186,7 @@ Row serviceRow(const json &service)
 Row sessionRow(const json &session)
 {
     std::string who = textOf(session, "who");
-    if (session.value("shared", false)) who += ", shared with " + textOrDash(session, "from");
+    if (const std::string from = textOf(session, "from"); !from.empty()) who += " (" + from + ")";
     return {textOf(session, "device") + "/" + textOf(session, "service"),
             who,
             timeText(session.value("since", std::int64_t{0})),

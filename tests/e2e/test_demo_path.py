@@ -306,14 +306,18 @@ def test_back_end_reads_its_files_again(certificates, tmp_path):
              "--key", files[1], "--devices", files[2]], stderr=log) as back_end:
         try:
             poll(lambda: "listening" in files[3].read_text(), 10, "the back end")
-            for times, (name, devices, served, count) in enumerate([
-                    ("wildcard", two, "wildcard", 2), (None, one, "wildcard", 1),
-                    ("good", "no json", "good", 1)], 1):
+            for times, (name, devices, served, told) in enumerate([
+                    ("wildcard", two, "wildcard",
+                     "audit, certificate and key, devices; 2 devices registered"),
+                    (None, one, "wildcard",
+                     "audit, devices; not read: certificate and key; 1 devices registered"),
+                    ("good", "no json", "good",
+                     "audit, certificate and key; not read: devices; 1 devices registered")], 1):
                 put(name, devices)
                 back_end.send_signal(signal.SIGHUP)
-                done = poll(lambda: files[3].read_text().split("read again, ")[times:], 10,
+                done = poll(lambda: files[3].read_text().split("read again: ")[times:], 10,
                             "a line")
-                assert done[0].startswith(f"{count} devices registered\n")
+                assert done[0].startswith(told + "\n")
                 assert ssl.PEM_cert_to_DER_cert(ssl.get_server_certificate(
                     ("127.0.0.1", port))) == ssl.PEM_cert_to_DER_cert(certificates.text(served))
             assert files[3].read_text().count("what was in use stays") == 2

@@ -135,22 +135,41 @@ static std::shared_ptr<TLS_CONTEXT_T> readCertificate(const COMMAND_LINE_T &line
     return line.is_plain ? nullptr : makeTlsContext(line.cert, line.key);
 }
 
-static void attempt(const std::function<void()> &step)
+struct RELOAD_T {
+    std::string read;   // names of files, with commas between
+    std::string failed; // what was in use before stays
+};
+
+static void attempt(RELOAD_T &reload, const char *name, const std::function<void()> &step)
 {
+    std::string *outcome = &reload.read;
     try {
         step();
     } catch (const std::exception &fault) {
         logWarning("%s: what was in use stays", fault.what());
+        outcome = &reload.failed;
     }
+    if (!outcome->empty()) *outcome += ", ";
+    *outcome += name;
 }
 
 // Each file on its own: a broken one does not affect the others.
 static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server)
 {
-    attempt([&] { openAudit(line.audit); });
-    attempt([&] { server.device_port->tls = readCertificate(line); });
-    attempt([&] { replaceRegistry(server.directory, readRegistry(line)); });
-    logInfo("files read again, %zu devices registered", server.directory.registry.size());
+    RELOAD_T reload;
+    attempt(reload, "audit", [&] { openAudit(line.audit); });
+    if (!line.is_plain) {
+        attempt(reload, "certificate and key",
+                [&] { server.device_port->tls = readCertificate(line); });
+    }
+    attempt(reload, "devices", [&] { replaceRegistry(server.directory, readRegistry(line)); });
+    const std::size_t count = server.directory.registry.size();
+    if (reload.failed.empty())
+        logInfo("files read again: %s; %zu devices registered", reload.read.c_str(), count);
+    else
+        logWarning("files read again: %s; not read: %s; %zu devices registered",
+                   reload.read.empty() ? "none" : reload.read.c_str(), reload.failed.c_str(),
+                   count);
 }
 
 static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)

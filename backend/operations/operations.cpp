@@ -40,10 +40,16 @@ static void parseNothing(const OPERATIONS_T & /*operations*/, ARGUMENTS_T & /*ar
 {
 }
 
-static void parseDevice(const OPERATIONS_T &operations, ARGUMENTS_T &arguments,
-                        const json &request)
+static void parseDevice(const OPERATIONS_T &operations, ARGUMENTS_T &arguments, const json &request)
 {
     arguments.device = findDevice(operations.directory, memberOf(request, "device"));
+}
+
+static void parseDisconnect(const OPERATIONS_T &operations, ARGUMENTS_T &arguments,
+                            const json &request)
+{
+    if (request.contains("reason")) arguments.reason = memberOf(request, "reason");
+    parseDevice(operations, arguments, request);
 }
 
 static void parseService(const OPERATIONS_T &operations, ARGUMENTS_T &arguments,
@@ -80,9 +86,10 @@ static AuditMembers recordOf(const CALL_T &call)
         record.emplace_back("product", asked.device->product_key);
         record.emplace_back("device", asked.device->device_name);
     }
-    const std::array<AUDIT_MEMBER_T, 3> texts{{{"service", asked.service},
+    const std::array<AUDIT_MEMBER_T, 4> texts{{{"service", asked.service},
                                                {"session", asked.session},
-                                               {"account", asked.user}}};
+                                               {"account", asked.user},
+                                               {"reason", asked.reason}}};
     for (const AUDIT_MEMBER_T &text : texts)
         if (!std::get<std::string>(text.value).empty()) record.push_back(text);
     return record;
@@ -182,7 +189,7 @@ static void showStatus(OPERATIONS_T & /*operations*/, const CallPtr &call)
         const METRIC_VALUE_T metric = readMetric(i);
         metrics.push_back({{"name", metric.name}, {"help", metric.help}, {"value", metric.value}});
     }
-    call->answer({{"ok", true}, {"metrics", std::move(metrics)}}, true);
+    call->answer({{"ok", true}, {"version", RA_VERSION}, {"metrics", std::move(metrics)}}, true);
 }
 
 static void verifyAccount(OPERATIONS_T &operations, const CallPtr &call)
@@ -226,7 +233,10 @@ static void connectClient(OPERATIONS_T &operations, const CallPtr &call)
     if (!socket) return turn_away("no connected stream socket came with the request");
     CLIENT_T client{std::move(*socket), call->who.name, call->who.from,
                     wanted.is_shared,   nullptr,        nullptr};
-    if (!wanted.client.empty()) client.from += ", for " + wanted.client;
+    // The operator answers for the session; who used it stands beside that.
+    if (wanted.is_shared)
+        client.from += ", shared port used by " +
+                       (wanted.client.empty() ? "an unknown account" : wanted.client);
     client.opened = [call](const SESSION_T &session) {
         call->answer({{"ok", true}, {"session", session.number}}, false);
     };
@@ -246,7 +256,9 @@ static void disconnectDevice(OPERATIONS_T &operations, const CallPtr &call)
     const DEVICE_KEY_T &device = *call->arguments.device;
     const ChannelPtr channel = findChannel(operations.directory, device);
     if (!channel) throw std::runtime_error(device.device_name + " is not connected");
-    closeDeviceChannel(*channel, CLOSE_GOING_AWAY, "disconnected by " + call->who.name);
+    std::string reason = "disconnected by " + call->who.name;
+    if (!call->arguments.reason.empty()) reason += ": " + call->arguments.reason;
+    closeDeviceChannel(*channel, CLOSE_GOING_AWAY, reason);
     call->answer({{"ok", true}}, true);
 }
 
@@ -277,7 +289,8 @@ constexpr auto OPERATIONS = std::to_array<OPERATION_T>({
     {"status", parseNothing, RIGHT::LIST, std::nullopt, showStatus},
     {"verify", parseAccount, RIGHT::VERIFY, AUDIT_EVENT::ACCOUNT_CHECK, verifyAccount},
     {"connect", parseService, RIGHT::CONNECT, std::nullopt, connectClient},
-    {"disconnect", parseDevice, RIGHT::MANAGE, AUDIT_EVENT::DEVICE_DISCONNECT, disconnectDevice},
+    {"disconnect", parseDisconnect, RIGHT::MANAGE, AUDIT_EVENT::DEVICE_DISCONNECT,
+     disconnectDevice},
     {"close", parseSession, RIGHT::CLOSE, AUDIT_EVENT::SESSION_CLOSE, closeSession},
 });
 

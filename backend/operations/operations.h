@@ -3,12 +3,14 @@
 //   {"do":"devices"}                                    {"ok":true,"devices":[...]}
 //   {"do":"services","device":D}                        {"ok":true,"services":[...]}
 //   {"do":"sessions"}                                   {"ok":true,"sessions":[...]}
-//   {"do":"status"}                                     {"ok":true,"metrics":[...]}
+//   {"do":"status"}                                     {"ok":true,"version":V,"metrics":[...]}
 //   {"do":"verify","device":D,"user":U,"password":P}    {"ok":true,"code":0,"message":"..."}
 //   {"do":"connect","device":D,"service":S}             {"ok":true,"session":"..."}, and when the
 //        session ends {"ended":"REASON","whole":true,"bytes_up":N,"bytes_down":N}
-//        optional: "shared":true and "client":TEXT, for a port of the operator's that serves others
+//        optional: "shared":true and "client":TEXT, for a port of the operator's that serves others; TEXT
+//        is the account that uses it
 //   {"do":"disconnect","device":D}                      {"ok":true}
+//        optional: "reason":TEXT
 //   {"do":"close","session":N}                          {"ok":true}
 // A request that fails is answered with {"ok":false,"error":"..."}. D is DEVICE_NAME, or
 // PRODUCT_KEY:DEVICE_NAME; N a session's number.
@@ -45,7 +47,8 @@ struct ARGUMENTS_T {
     std::string session;
     std::string user;
     std::string password; // wiped with the call
-    std::string client;
+    std::string client; // the account behind a shared port, in the tool's words
+    std::string reason; // the operator's; may be empty
     bool is_shared = false;
 };
 

@@ -33,13 +33,15 @@ std::unique_ptr<SERVER_T> startServer(asio::io_context &io, SERVER_OPTIONS_T opt
     loadStore(*server);
     server->device_port = openDevicePort(io, server->directory, server->options.limits,
                                          server->options.listen, std::move(server->options.tls));
+    server->names = startAccountNames(io);
     for (const FORWARD_OPTION_T &forward : server->options.forwards) {
         (void)findDevice(server->directory, forward.device); // a mistyped one shows at the start
-        server->forwards.push_back(openForward(io, server->operations, forward));
+        server->forwards.push_back(openForward(io, server->operations, server->names, forward));
     }
     if (!server->options.control.empty())
         server->control =
-            openControl(io, server->operations, server->options.limits, server->options.control);
+            openControl(io, server->operations, server->options.limits, server->names,
+                        server->options.control);
     return server;
 }
 
@@ -48,6 +50,7 @@ void stopServer(SERVER_T &server)
     if (server.control) closeControl(*server.control);
     for (const auto &forward : server.forwards)
         closeForward(*forward);
+    stopAccountNames(*server.names);
     closeDevicePort(*server.device_port);
     closeDirectory(server.directory, "the back end ends");
 }

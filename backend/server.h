@@ -6,6 +6,7 @@
 #pragma once
 
 #include "backend/directory/directory.h"
+#include "backend/doors/account_names.h"
 #include "backend/doors/control.h"
 #include "backend/doors/device_port.h"
 #include "backend/doors/forwards.h"
@@ -46,6 +47,7 @@ struct SERVER_T {
     SessionTablePtr sessions = std::make_shared<SESSION_TABLE_T>(options.limits);
     DIRECTORY_T directory;
     OPERATIONS_T operations{directory, sessions};
+    std::shared_ptr<ACCOUNT_NAMES_T> names;
     std::shared_ptr<DEVICE_PORT_T> device_port;
     std::vector<std::shared_ptr<FORWARD_T>> forwards; // in their order
     std::shared_ptr<CONTROL_T> control;               // null without a control socket

@@ -1,6 +1,5 @@
 #include "backend/doors/control.h"
 
-#include "backend/doors/account_names.h"
 #include "backend/net/accept_loop.h"
 #include "backend/observe/log.h"
 
@@ -32,9 +31,9 @@ constexpr auto TOOL_GRACE = std::chrono::seconds(2);
 
 struct CONTROL_T {
     CONTROL_T(asio::io_context &context, OPERATIONS_T &on, const LIMITS_T &allowed,
-              std::string file)
+              std::shared_ptr<ACCOUNT_NAMES_T> accounts, std::string file)
         : io(context), operations(on), limits(allowed), path(std::move(file)), acceptor(context),
-          pause(context), names(startAccountNames(context))
+          pause(context), names(std::move(accounts))
     {
     }
     asio::io_context &io;
@@ -275,13 +274,15 @@ static void removeStaleSocket(asio::io_context &io, const std::string &path)
 }
 
 std::shared_ptr<CONTROL_T> openControl(asio::io_context &io, OPERATIONS_T &operations,
-                                       const LIMITS_T &limits, const std::string &path)
+                                       const LIMITS_T &limits,
+                                       const std::shared_ptr<ACCOUNT_NAMES_T> &names,
+                                       const std::string &path)
 {
     if (path.size() >= sizeof(sockaddr_un::sun_path))
         throw std::runtime_error(path + ": the path of a socket has at most " +
                                  std::to_string(sizeof(sockaddr_un::sun_path) - 1) + " bytes");
     removeStaleSocket(io, path);
-    auto control = std::make_shared<CONTROL_T>(io, operations, limits, path);
+    auto control = std::make_shared<CONTROL_T>(io, operations, limits, names, path);
     const mode_t usual = umask(0117); // from the first moment on, not only after a chmod
     try {
         control->acceptor.open();
@@ -304,7 +305,6 @@ void closeControl(CONTROL_T &control)
     error_code ignored;
     control.acceptor.close(ignored);
     control.pause.cancel();
-    stopAccountNames(*control.names);
 }
 
 } // namespace backend

@@ -10,6 +10,7 @@
 // Failure    openControl throws std::runtime_error.
 #pragma once
 
+#include "backend/doors/account_names.h"
 #include "backend/limits.h"
 #include "backend/operations/operations.h"
 
@@ -26,7 +27,9 @@ constexpr std::size_t REQUEST_MAX = 4096;
 
 // Listens at the path, mode 0660. A socket file that nobody listens on any more is replaced.
 std::shared_ptr<CONTROL_T> openControl(boost::asio::io_context &io, OPERATIONS_T &operations,
-                                       const LIMITS_T &limits, const std::string &path);
+                                       const LIMITS_T &limits,
+                                       const std::shared_ptr<ACCOUNT_NAMES_T> &names,
+                                       const std::string &path);
 
 // Takes no further connection and removes the file. Sessions continue.
 void closeControl(CONTROL_T &control);

@@ -27,8 +27,7 @@ SESSION_T::SESSION_T(std::shared_ptr<SESSION_TABLE_T> of, CLIENT_T from, DEVICE_
       client(std::move(origin.socket)), timer(on.io), service(std::move(wanted)),
       device(on.device), asked_at(std::time(nullptr))
 {
-    label = device.device_name + "/" + service.name + " for " + origin.who;
-    if (!origin.from.empty()) label += ", " + origin.from;
+    label = device.device_name + "/" + service.name + " for " + origin.who + ", " + origin.from;
     error_code
         ignored; // a client that is gone already shows in the first read; Unix sockets have none
     client.set_option(tcp::no_delay(true), ignored);
@@ -75,14 +74,16 @@ static void leaveChannel(SESSION_T &session, bool tell_device)
     if (channel != nullptr) takeOffChannel(*channel, session, session.token, tell_device);
 }
 
-// The one way into CLOSED.
-static void finishSession(const SessionPtr &session, bool is_whole)
+// The one way into CLOSED. is_whole: the device has ended the session and the client got everything
+// that came from it; only then the client's end is known to be right. is_orderly: the client gets
+// an end of file, else a reset.
+static void finishSession(const SessionPtr &session, bool is_whole, bool is_orderly)
 {
     session->state = SESSION_STATE::CLOSED;
     session->is_whole = is_whole;
     session->timer.cancel();
     session->table->backlog -= std::exchange(session->counted, 0);
-    if (is_whole) {
+    if (is_orderly) {
         error_code ignored;
         session->client.close(ignored);
     } else {
@@ -100,7 +101,7 @@ void SESSION_T::cut(const std::string &reason)
     if (state == SESSION_STATE::OPENING)
         logWarning("session %s: %s", label.c_str(), reason.c_str());
     noteReason(*this, reason);
-    finishSession(shared_from_this(), false);
+    finishSession(shared_from_this(), false, false);
 }
 
 void endSession(const SessionPtr &session, const std::string &reason, bool is_orderly)
@@ -110,7 +111,7 @@ void endSession(const SessionPtr &session, const std::string &reason, bool is_or
     logInfo("session %s (%s) ended: %s", session->number.c_str(), session->label.c_str(),
             reason.c_str());
     leaveChannel(*session, true);
-    finishSession(session, is_orderly);
+    finishSession(session, false, is_orderly);
 }
 
 static void armSessionTimer(const SessionPtr &session);
@@ -142,7 +143,8 @@ static void sessionTimedOut(const SessionPtr &session)
             return endSession(session, "the client does not read", false);
         return endSession(session, "the client is done and the device sends nothing", true);
     case SESSION_STATE::FLUSHING:
-        return finishSession(session, bufferedBytes(*session) == 0);
+        return finishSession(session, bufferedBytes(*session) == 0,
+                             bufferedBytes(*session) == 0);
     case SESSION_STATE::RECORDING:
     case SESSION_STATE::OPEN:
     case SESSION_STATE::CLOSED:
@@ -189,7 +191,7 @@ static void clientIsFlushed(const SessionPtr &session)
 {
     if (session->state == SESSION_STATE::LINGERING) return armSessionTimer(session);
     if (session->state != SESSION_STATE::FLUSHING) return;
-    if (session->client_ended) return finishSession(session, true);
+    if (session->client_ended) return finishSession(session, true, true);
     error_code ignored; // a broken connection ends the read
     session->client.shutdown(ClientSocket::shutdown_send, ignored);
     armSessionTimer(session);
@@ -261,7 +263,7 @@ static void clientEnded(const SessionPtr &session)
         session->lingering_since = std::chrono::steady_clock::now();
         armSessionTimer(session);
     } else if (session->state == SESSION_STATE::FLUSHING && bufferedBytes(*session) == 0) {
-        finishSession(session, true);
+        finishSession(session, true, true);
     }
 }
 

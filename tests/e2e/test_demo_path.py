@@ -209,6 +209,22 @@ def test_operator_asks(tunnel):
         assert password not in json.dumps(line)
 
 
+def test_operator_closes_and_disconnects(tunnel):
+    with subprocess.Popen(tunnel.tool("connect", "dev1/ssh_localhost"), stdin=subprocess.PIPE,
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE) as tool:
+        assert tool.stdout.readline().startswith(b"SSH-2.0")
+        number = tunnel.operate("sessions", "--names")[1].strip()
+        assert tunnel.operate("close", number) == (0, f"{number} closed\n")
+        assert tool.wait(10) == 1 and b"cut off: closed by " in tool.stderr.read()
+    assert tunnel.operate("close", number)[0] == 1
+    assert tunnel.operate("disconnect", "dev1", "--reason", "a test")[0] == 0
+    device = poll(lambda: [device for device in json.loads(tunnel.operate("devices", "--json")[1])
+                           if device["connected"]], 20, "the device is back")[0]
+    assert device["last_reason"].startswith("disconnected by ") and "a test" in device["last_reason"]
+    assert tunnel.operate("devices", "--away", "--names", "*:dev?") == (0, "")
+    assert json.loads(tunnel.operate("status", "--json")[1])["version"]
+
+
 def test_password_is_asked_for_again_after_a_stop(tunnel):
     ours, theirs = os.openpty()
     with subprocess.Popen(["timeout", str(30 * SCALE), "setsid", "--ctty",

@@ -160,6 +160,7 @@ def test_operator_forwards_a_port(tunnel, options, public_folder):
         options = ("--socket", f"{public_folder}/web")
         with socket.socket(socket.AF_UNIX) as stale:
             stale.bind(options[1])
+    shared_by = "shared port used by {}" if options == ("--shared",) else ""
     count = len(tunnel.audit())
     with subprocess.Popen(tunnel.tool("forward", "dev1/http_localhost", *options), text=True,
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE) as tool:
@@ -179,7 +180,10 @@ def test_operator_forwards_a_port(tunnel, options, public_folder):
         finally:
             tool.terminate()
             assert tool.wait(10) == -signal.SIGTERM
-    assert len(poll(lambda: tunnel.audit()[count:], 5, "an audit line")) == (2 if got else 1)
+    begun = [line["from"].partition(", ")[2] for line in tunnel.audit()[count:]
+             if line["event"] == "session_begin"]
+    assert begun == [shared_by.format(pwd.getpwuid(0).pw_name), shared_by.format(STRANGER_NAME)][
+        :2 if got else 1]
 
 
 def test_operator_is_not_kept_waiting(tunnel):

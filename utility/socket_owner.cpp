@@ -153,7 +153,12 @@ std::optional<uid_t> loopback_peer_owner(int fd) noexcept
     const auto pair = pairOf(fd);
     if (!pair || !isStillConnected(fd)) return std::nullopt;
     uid_t uid = 0;
-    const FOUND found = askKernel(*pair, uid);
+    FOUND found = askKernel(*pair, uid);
+    // "No such entry" is also what a kernel without such a table says. It is one that has this end.
+    if (found == FOUND::NO_ANSWER) {
+        uid_t own = 0;
+        if (askKernel({pair->peer, pair->own}, own) != FOUND::NO_ANSWER) found = FOUND::NO;
+    }
     std::optional<uid_t> owner;
     if (found == FOUND::YES) {
         owner = uid;

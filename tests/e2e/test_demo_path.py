@@ -160,6 +160,7 @@ def test_operator_forwards_a_port(tunnel, options, public_folder):
         options = ("--socket", f"{public_folder}/web")
         with socket.socket(socket.AF_UNIX) as stale:
             stale.bind(options[1])
+    shared_by = "shared port used by {}" if options == ("--shared",) else ""
     count = len(tunnel.audit())
     with subprocess.Popen(tunnel.tool("forward", "dev1/http_localhost", *options), text=True,
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE) as tool:
@@ -179,7 +180,10 @@ def test_operator_forwards_a_port(tunnel, options, public_folder):
         finally:
             tool.terminate()
             assert tool.wait(10) == -signal.SIGTERM
-    assert len(poll(lambda: tunnel.audit()[count:], 5, "an audit line")) == (2 if got else 1)
+    begun = [line["from"].partition(", ")[2] for line in tunnel.audit()[count:]
+             if line["event"] == "session_begin"]
+    assert begun == [shared_by.format(pwd.getpwuid(0).pw_name), shared_by.format(STRANGER_NAME)][
+        :2 if got else 1]
 
 
 def test_operator_is_not_kept_waiting(tunnel):
@@ -207,6 +211,22 @@ def test_operator_asks(tunnel):
         line = tunnel.audit()[-1]
         assert (line["account"], line["right"]) == ("root", status == 0)
         assert password not in json.dumps(line)
+
+
+def test_operator_closes_and_disconnects(tunnel):
+    with subprocess.Popen(tunnel.tool("connect", "dev1/ssh_localhost"), stdin=subprocess.PIPE,
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE) as tool:
+        assert tool.stdout.readline().startswith(b"SSH-2.0")
+        number = tunnel.operate("sessions", "--names")[1].strip()
+        assert tunnel.operate("close", number) == (0, f"{number} closed\n")
+        assert tool.wait(10) == 1 and b"cut off: closed by " in tool.stderr.read()
+    assert tunnel.operate("close", number)[0] == 1
+    assert tunnel.operate("disconnect", "dev1", "--reason", "a test")[0] == 0
+    device = poll(lambda: [device for device in json.loads(tunnel.operate("devices", "--json")[1])
+                           if device["connected"]], 20, "the device is back")[0]
+    assert device["last_reason"].startswith("disconnected by ") and "a test" in device["last_reason"]
+    assert tunnel.operate("devices", "--away", "--names", "*:dev?") == (0, "")
+    assert json.loads(tunnel.operate("status", "--json")[1])["version"]
 
 
 def test_password_is_asked_for_again_after_a_stop(tunnel):

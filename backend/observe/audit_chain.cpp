@@ -20,7 +20,10 @@ constexpr std::size_t TAIL_SIZE = PREV_START.size() + AUDIT_HASH_SIZE + HASH_PAR
 // ---- hashing
 
 struct DigestFree {
-    void operator()(EVP_MD_CTX *context) const noexcept { EVP_MD_CTX_free(context); }
+    void operator()(EVP_MD_CTX *context) const noexcept
+    {
+        EVP_MD_CTX_free(context);
+    }
 };
 
 class Sha256 {
@@ -166,8 +169,8 @@ void AuditChecker::checkPlace(std::string_view line, std::uint64_t seq, std::str
     has_place_ = true;
     const bool is_first = seq == 1 && prev == chain_.hash;
     if (!is_first && auditEventOf(line) != "continued")
-        report(AUDIT_FAULT::MISSING, "the lines before it are missing (seq 1 to " +
-                                         std::to_string(seq - 1) + ")");
+        report(AUDIT_FAULT::MISSING,
+               "the lines before it are missing (seq 1 to " + std::to_string(seq - 1) + ")");
 }
 
 // False when it has not the shape of a line.

@@ -74,9 +74,18 @@ public:
     // After the last file: fragments that nothing has named as torn become findings.
     void finish();
 
-    const AUDIT_CHAIN_T &end() const { return chain_; }
-    std::uint64_t lines() const { return good_lines_; } // with a good hash
-    const std::vector<AUDIT_FRAGMENT_T> &fragments() const { return fragments_; }
+    const AUDIT_CHAIN_T &end() const
+    {
+        return chain_;
+    }
+    std::uint64_t lines() const
+    {
+        return good_lines_;
+    } // with a good hash
+    const std::vector<AUDIT_FRAGMENT_T> &fragments() const
+    {
+        return fragments_;
+    }
 
 private:
     void takeLine(std::string_view line);
@@ -88,9 +97,9 @@ private:
 
     struct HASHER_T;
     std::unique_ptr<HASHER_T> hasher_;
-    std::string part_;             // the beginning of a line that the last piece did not end
-    bool is_overlong_ = false;     // part_ is full; the rest of the line is only hashed
-    std::uint64_t part_size_ = 0;  // of the whole line so far
+    std::string part_;            // the beginning of a line that the last piece did not end
+    bool is_overlong_ = false;    // part_ is full; the rest of the line is only hashed
+    std::uint64_t part_size_ = 0; // of the whole line so far
     std::uint64_t line_number_ = 0;
     std::size_t file_number_ = 0;
     std::uint64_t good_lines_ = 0;

@@ -28,6 +28,7 @@ constexpr auto EVENT_ROWS = std::to_array<EVENT_ROW_T>({
     {AUDIT_EVENT::SESSION_OPEN, {"session_open", 0, 0}},
     {AUDIT_EVENT::SESSION_CLOSE, {"session_close", 0, 0}},
     {AUDIT_EVENT::ACCOUNT_CHECK, {"account_check", 0, 0}},
+    {AUDIT_EVENT::ACCOUNT_RESULT, {"account_result", 0, 0}},
     {AUDIT_EVENT::DEVICE_CONNECTED, {"device_connected", 50000, 600}},
     {AUDIT_EVENT::DEVICE_DISCONNECTED, {"device_disconnected", 50000, 600}},
     {AUDIT_EVENT::DEVICE_REPLACED, {"device_replaced", 50000, 600}},
@@ -62,14 +63,15 @@ std::string auditTime()
     gmtime_r(&now.tv_sec, &parts);
     std::array<char, 40> text{};
     const std::size_t size = strftime(text.data(), text.size(), "%FT%T", &parts);
-    std::array<char, 16> rest{};
+    std::array<char, 32> rest{};
     (void)snprintf(rest.data(), rest.size(), ".%03ldZ", now.tv_nsec / 1000000);
     return std::string(text.data(), size) + rest.data();
 }
 
 static ordered_json valueOf(const AUDIT_MEMBER_T &member)
 {
-    if (const auto *text = std::get_if<std::string>(&member.value)) return text->substr(0, TEXT_MAX);
+    if (const auto *text = std::get_if<std::string>(&member.value))
+        return text->substr(0, TEXT_MAX);
     if (const auto *number = std::get_if<std::uint64_t>(&member.value)) return *number;
     return std::get<bool>(member.value);
 }

@@ -54,9 +54,9 @@ struct AUDIT_WRITER_T {
     std::condition_variable ended;
     std::function<void(std::function<void()>)> post;
     std::deque<ENTRY_T> queue;
-    std::size_t queue_bytes = 0;       // with what is under way
-    std::vector<AuditDone> under_way;  // who waits for the lines that are being written
-    Clock::time_point progressed_at;   // when the queue got its first line, or something was written
+    std::size_t queue_bytes = 0;      // with what is under way
+    std::vector<AuditDone> under_way; // who waits for the lines that are being written
+    Clock::time_point progressed_at;  // when the queue got its first line, or something was written
     bool is_failing = false;
     bool is_stopping = false;
     bool is_given_up = false;
@@ -192,8 +192,8 @@ struct BATCH_T {
     std::deque<std::string> members;
     std::string text;
     std::size_t written = 0;
-    std::deque<std::size_t> ends;        // of each line in the text
-    std::deque<AUDIT_CHAIN_T> before;    // the chain in front of each line
+    std::deque<std::size_t> ends;     // of each line in the text
+    std::deque<AUDIT_CHAIN_T> before; // the chain in front of each line
 };
 
 static void closeLines(AUDIT_WRITER_T &writer, BATCH_T &batch)

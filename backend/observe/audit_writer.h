@@ -30,7 +30,10 @@ public:
         return *this;
     }
     ~AuditFd(); // closes it, standard output excepted
-    int get() const { return fd_; }
+    int get() const
+    {
+        return fd_;
+    }
 
 private:
     int fd_ = -1;

@@ -93,7 +93,8 @@ static void tellLeftOut(AUDIT_WRITER_T &writer, std::chrono::seconds period)
 
 static void postRefused(AuditDone done)
 {
-    if (done) g_audit->options.post([done = std::move(done)] { done(false); });
+    if (done && g_audit->options.post)
+        g_audit->options.post([done = std::move(done)] { done(false); });
 }
 
 bool auditRecord(AUDIT_EVENT event, AuditMembers members, AuditDone done)
@@ -316,6 +317,13 @@ void reopenAudit()
     for (const auto &[id, open] : g_audit->open)
         first_lines.push_back(auditMembersText(AUDIT_EVENT::SESSION_OPEN, openMembers(open)));
     switchAuditFile(*g_audit->writer, std::move(fd), std::move(first_lines));
+}
+
+void muteAudit()
+{
+    if (!g_audit) return;
+    g_audit->options.post = nullptr;
+    muteAuditWriter(*g_audit->writer);
 }
 
 bool stopAudit(std::chrono::milliseconds bound)

@@ -87,9 +87,13 @@ void startAudit(AUDIT_OPTIONS_T options);
 // opened; then the old one stays in use.
 void reopenAudit();
 
+// No callback comes after this, and those that wait are destroyed by it: to be called before the
+// io_context goes. Lines are still taken.
+void muteAudit();
+
 // Records back_end_stopped and writes what waits, at most for `bound`. Sessions that have not ended
-// by then are for the next start to close. False when something is left unwritten. No callback
-// comes afterwards.
+// by then are for the next start to close. False when something is left unwritten. Mutes the
+// audit, too.
 bool stopAudit(std::chrono::milliseconds bound = std::chrono::seconds(1));
 
 // Whether a session may begin. Any thread.

@@ -411,22 +411,27 @@ void switchAuditFile(AUDIT_WRITER_T &writer, AuditFd fd, std::vector<std::string
     writer.wake.notify_one();
 }
 
-bool stopAuditWriter(AUDIT_WRITER_T &writer, std::chrono::milliseconds bound)
+void muteAuditWriter(AUDIT_WRITER_T &writer)
 {
     // Destroyed without the lock, by the caller's thread: they may own what belongs to it.
     std::vector<AuditDone> unheard;
     std::function<void(std::function<void()>)> post;
+    const std::lock_guard guard(writer.lock);
+    unheard = std::exchange(writer.under_way, {});
+    for (ENTRY_T &entry : writer.queue)
+        if (entry.done) unheard.push_back(std::exchange(entry.done, nullptr));
+    post = std::exchange(writer.post, nullptr);
+}
+
+bool stopAuditWriter(AUDIT_WRITER_T &writer, std::chrono::milliseconds bound)
+{
+    muteAuditWriter(writer);
     std::unique_lock guard(writer.lock);
     writer.is_stopping = true;
     writer.wake.notify_one();
     const bool is_written = writer.ended.wait_for(guard, bound, [&] { return writer.is_ended; });
     writer.is_given_up = true;
     writer.wake.notify_one();
-    unheard = std::exchange(writer.under_way, {});
-    for (ENTRY_T &entry : writer.queue)
-        if (entry.done) unheard.push_back(std::exchange(entry.done, nullptr));
-    post = std::exchange(writer.post, nullptr);
-    guard.unlock();
     return is_written;
 }
 

@@ -2,7 +2,7 @@
 // that have come while the last ones were synced are written and synced together.
 // Ownership  the writer owns its descriptor, unless it is standard output.
 // Threads    every call is safe from every thread. Callbacks go through `post`; none comes after
-//            stopAuditWriter. The thread takes no signals.
+//            muteAuditWriter. The thread takes no signals.
 // Limits     8 MiB of lines wait; AUDIT_ROOM says who may use how much of it.
 // Failure    a line that was accepted is tried again each second until it is written; what the
 //            descriptor took of it before stays, and the rest follows.
@@ -68,7 +68,10 @@ bool hasAuditRoom(AUDIT_WRITER_T &writer);
 // the new one are the given ones.
 void switchAuditFile(AUDIT_WRITER_T &writer, AuditFd fd, std::vector<std::string> first_lines);
 
-// False when something could not be written within the bound.
+// No callback comes after this; those that wait are destroyed by it.
+void muteAuditWriter(AUDIT_WRITER_T &writer);
+
+// Mutes it, and waits. False when something could not be written within the bound.
 bool stopAuditWriter(AUDIT_WRITER_T &writer, std::chrono::milliseconds bound);
 
 } // namespace backend

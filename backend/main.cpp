@@ -18,6 +18,7 @@
 
 #include <CLI/CLI.hpp>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
 
@@ -94,7 +95,8 @@ static void describeOptions(CLI::App &app, COMMAND_LINE_T &line)
                    "File for what the back end learns while it runs; made where there is none")
         ->type_name("FILE");
     app.add_option("--audit", line.audit,
-                   "File for one line of JSON per session and account check; -: standard output")
+                   "File for the audit, one line of JSON for each event; -: standard output, "
+                   "which cannot be read back after a crash")
         ->type_name("FILE")
         ->capture_default_str();
     app.set_config(
@@ -157,13 +159,15 @@ static void attempt(RELOAD_T &reload, const char *name, const std::function<void
 static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server)
 {
     RELOAD_T reload;
-    attempt(reload, "audit", [&] { openAudit(line.audit); });
+    attempt(reload, "audit", [] { reopenAudit(); });
     if (!line.is_plain) {
         attempt(reload, "certificate and key",
                 [&] { server.device_port->tls = readCertificate(line); });
     }
     attempt(reload, "devices", [&] { replaceRegistry(server.directory, readRegistry(line)); });
     const std::size_t count = server.directory.registry.size();
+    auditRecord(AUDIT_EVENT::RELOAD,
+                {{"read", reload.read}, {"failed", reload.failed}, {"devices", count}});
     if (reload.failed.empty())
         logInfo("files read again: %s; %zu devices registered", reload.read.c_str(), count);
     else
@@ -172,13 +176,32 @@ static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server)
                    count);
 }
 
+// Records what ends with the io_context, too, and gives up on a reader that does not read.
+struct AuditEnd {
+    ~AuditEnd()
+    {
+        (void)stopAudit();
+    }
+};
+
+// Before the io_context goes.
+struct AuditMute {
+    ~AuditMute()
+    {
+        muteAudit();
+    }
+};
+
 static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
 {
     options.registry = readRegistry(line);
-    openAudit(line.audit);
     options.tls = readCertificate(line);
 
+    const AuditEnd audit_end;
     asio::io_context io{1};
+    const AuditMute audit_mute;
+    startAudit({line.audit, RA_VERSION,
+                [&io](std::function<void()> task) { asio::post(io, std::move(task)); }});
     const auto server = startServer(io, std::move(options));
     asio::steady_timer goodbye(io);
     asio::signal_set changes(io, SIGHUP);
@@ -225,14 +248,17 @@ int main(int argc, char **argv)
         (void)fprintf(stderr, "%s\nRun with --help for more information.\n", fault.what());
         return EXIT_USAGE;
     }
+    int status = 0;
     try {
+        startLog();
         if (line.backup.empty())
             run(line, std::move(options));
         else
             backUpStore(line.store, line.backup, line.is_forced);
     } catch (const std::exception &fault) {
         logError("%s", fault.what());
-        return EXIT_RUN_TIME;
+        status = EXIT_RUN_TIME;
     }
-    return 0;
+    stopLog();
+    return status;
 }

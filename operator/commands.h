@@ -37,6 +37,8 @@ struct OPERATOR_OPTIONS_T {
     std::string target;  // DEVICE/SERVICE
     std::string socket;  // path of a forwarded Unix socket
     std::uint16_t port = 0;
+    std::vector<std::string> files; // of the audit, oldest first; "-": standard input
+    std::string expected;           // the hash of a line that must be in them; may be empty
 };
 
 inline std::chrono::seconds waitOf(const OPERATOR_OPTIONS_T &options, std::chrono::seconds usual)
@@ -55,3 +57,5 @@ int closeSession(const OPERATOR_OPTIONS_T &options);
 int connectStreams(const OPERATOR_OPTIONS_T &options);
 // Carries every connection to a local port or socket, until it is interrupted.
 int forwardPort(const OPERATOR_OPTIONS_T &options);
+// Checks the chain of the audit's lines; refused means that it is broken.
+int verifyAudit(const OPERATOR_OPTIONS_T &options);

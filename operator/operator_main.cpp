@@ -88,6 +88,25 @@ void describeSessions(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T
     command->add_option("--reason", options.reason, "For the audit")->type_name("TEXT");
 }
 
+void describeAudit(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T &chosen)
+{
+    CLI::App *const audit = app.add_subcommand("audit", "Work with the files of the audit");
+    CLI::App *const command = addCommand(
+        *audit, "verify", "Check that no line was changed, cut or taken out", verifyAudit, chosen);
+    command->add_option("file", options.files, "The files, oldest first; -: standard input")
+        ->type_name("FILE")
+        ->required();
+    command
+        ->add_option("--expect", options.expected,
+                     "Hash of a line that must be there, from the log or an earlier check")
+        ->type_name("HASH");
+    command->add_flag("--json", options.json, "As JSON, on one line");
+    audit->callback([audit] {
+        if (audit->get_subcommands().empty())
+            throw CLI::ValidationError("audit", "the command \"verify\" is missing behind it");
+    });
+}
+
 void describe(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T &chosen)
 {
     app.set_version_flag("--version", "remote-access " RA_VERSION);
@@ -108,6 +127,7 @@ void describe(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T &chosen
     command->add_option("user", options.user, "The account")->required();
     command->add_flag("--password-stdin", options.password_stdin,
                       "Read the password from standard input instead of the terminal");
+    describeAudit(app, options, chosen);
     app.footer(
         "Exit status: 0 success; 1 refused, failed, or a session was cut off; 2 invalid command\n"
         "line; 3 the back end cannot be reached.");

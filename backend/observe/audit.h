@@ -34,7 +34,7 @@ enum class AUDIT_EVENT {
     SESSION_INTERRUPTED,
     SESSION_REFUSED,
     SESSION_OPEN,
-    SESSION_CLOSE, // by an operator
+    SESSION_CLOSE,  // by an operator
     ACCOUNT_CHECK,  // asked for
     ACCOUNT_RESULT, // what the device said
     DEVICE_CONNECTED,
@@ -87,9 +87,13 @@ void startAudit(AUDIT_OPTIONS_T options);
 // opened; then the old one stays in use.
 void reopenAudit();
 
+// No callback comes after this, and those that wait are destroyed by it: to be called before the
+// io_context goes. Lines are still taken.
+void muteAudit();
+
 // Records back_end_stopped and writes what waits, at most for `bound`. Sessions that have not ended
-// by then are for the next start to close. False when something is left unwritten. No callback
-// comes afterwards.
+// by then are for the next start to close. False when something is left unwritten. Mutes the
+// audit, too.
 bool stopAudit(std::chrono::milliseconds bound = std::chrono::seconds(1));
 
 // Whether a session may begin. Any thread.
@@ -109,6 +113,7 @@ struct AUDIT_SESSION_T {
     std::string who;  // the account
     std::string from; // where: process, local port, peer's address
     std::string service;
+    bool is_shared = false; // other accounts may use the port that it came through
 };
 
 // The device is asked only after done(true). Every session that has begun needs its end, also after
@@ -131,6 +136,4 @@ void auditSessionEnd(const std::string &id, const AUDIT_END_T &end);
 // For one that never began. Its id may be empty.
 void auditSessionRefused(const AUDIT_SESSION_T &session, const std::string &reason);
 
-// The names from before, until their callers have moved.
-void openAudit(const std::string &path);
 } // namespace backend

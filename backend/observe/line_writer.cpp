@@ -56,10 +56,9 @@ static void writeBatch(LINE_WRITER_T &writer, std::string_view text)
 {
     while (!text.empty()) {
         pollfd ready{writer.fd, POLLOUT, 0};
-        if (poll(&ready, 1, POLL_TIME_MS) <= 0) {
-            if (isGivenUp(writer)) return;
-            continue;
-        }
+        const int count_ready = poll(&ready, 1, POLL_TIME_MS);
+        if (isGivenUp(writer)) return;
+        if (count_ready <= 0) continue;
         const ssize_t count = write(writer.fd, text.data(), pieceSize(text));
         if (count < 0 && (errno == EINTR || errno == EAGAIN)) continue;
         if (count <= 0) return;

@@ -7,12 +7,12 @@
 namespace backend {
 
 struct LIMITS_T {
-    // Bytes from the device that wait for a session's client. Above it the whole channel is not
-    // read (the protocol has no flow control for a single session) until that session is down to
-    // half of it.
-    // More than the 2 MiB that an ssh or sftp session has under way at most, so that an operator
-    // who stops the terminal does not stop the other sessions.
-    std::size_t session_buffer = std::size_t{4} * 1024 * 1024;
+    // Bytes from the device that wait for a session's client, and for all clients. A session whose
+    // client falls that far behind is cut off: the protocol has no flow control for a single
+    // session, and a channel that is not read makes the device drop the bytes of all others. An ssh
+    // or sftp session has 2 MiB under way at most, so a stopped terminal never gets there.
+    std::size_t session_buffer = std::size_t{16} * 1024 * 1024;
+    std::size_t all_buffers = std::size_t{256} * 1024 * 1024;
     // Data bytes queued for a device above which no client is read: a keystroke waits behind them.
     // A message per session may come on top.
     std::size_t data_queue = std::size_t{64} * 1024;
@@ -30,11 +30,21 @@ struct LIMITS_T {
     std::chrono::milliseconds open_time{
         45000}; // a device connects for up to 1 s for each request before ours
     std::chrono::milliseconds account_time{45000};
+
+    // A device that is there answers a WebSocket ping. One is sent beside a request when nothing
+    // was heard for request_silence, and on a channel that was silent for idle_silence. Without an
+    // answer the device counts as not answering after answering_time, and its channel is closed
+    // after silence_time.
+    std::chrono::milliseconds request_silence{5000};
+    std::chrono::milliseconds idle_silence{300000};
+    std::chrono::milliseconds answering_time{10000};
+    std::chrono::milliseconds silence_time{120000};
+
     std::chrono::milliseconds answer_time{30000}; // for an operator's tool to take its last answer
     std::chrono::milliseconds linger_time{
         30000}; // without data from the device, after the client has ended its sending
     std::chrono::milliseconds stall_time{
-        30000}; // with a full buffer of which the client takes nothing
+        30000}; // of a session that has ended, with bytes of which the client takes nothing
     std::chrono::milliseconds drain_time{
         5000}; // for the client to close, after everything was sent to it
 };

@@ -1,10 +1,12 @@
 // The back end's command line and configuration file.
 // Exit status  0 after SIGINT or SIGTERM, 1 when something cannot be used at run time, 2 for a
 // wrong command line.
+#include "backend/net/endpoint.h"
 #include "backend/observe/audit.h"
 #include "backend/observe/log.h"
 #include "backend/options.h"
 #include "backend/server.h"
+#include "backend/store/store.h"
 
 #include <csignal>
 #include <cstdio>
@@ -16,6 +18,7 @@
 
 #include <CLI/CLI.hpp>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
 
@@ -34,9 +37,25 @@ struct COMMAND_LINE_T {
     std::vector<std::string> forwards;
     std::string control;
     std::string audit = "-";
+    std::string store;
+    std::string backup; // target; empty: no backup is asked for
+    bool is_forced = false;
     bool is_plain = false;
     double linger_s = 30;
 };
+
+// A copy of the store needs none of the server's options.
+static void describeBackup(CLI::App &app, COMMAND_LINE_T &line)
+{
+    CLI::App *backup = app.add_subcommand("backup", "Copy the store, also while the back end runs");
+    backup->fallthrough();
+    backup->add_option("TARGET", line.backup, "File of the copy")->required();
+    backup->add_flag("--force", line.is_forced, "Replace an existing file");
+    backup->preparse_callback([&app](std::size_t) {
+        for (CLI::Option *option : app.get_options())
+            option->required(false);
+    });
+}
 
 static void describeOptions(CLI::App &app, COMMAND_LINE_T &line)
 {
@@ -72,8 +91,12 @@ static void describeOptions(CLI::App &app, COMMAND_LINE_T &line)
            "--control", line.control,
            "Socket for the operators' tool; everyone who may write to it can reach every device")
         ->type_name("PATH");
+    app.add_option("--store", line.store,
+                   "File for what the back end learns while it runs; made where there is none")
+        ->type_name("FILE");
     app.add_option("--audit", line.audit,
-                   "File for one line of JSON per session and account check; -: standard output")
+                   "File for the audit, one line of JSON for each event; -: standard output, "
+                   "which cannot be read back after a crash")
         ->type_name("FILE")
         ->capture_default_str();
     app.set_config(
@@ -95,6 +118,7 @@ static SERVER_OPTIONS_T readOptions(const COMMAND_LINE_T &line)
     if (!line.is_plain && line.cert.empty())
         throw std::invalid_argument("either --cert and --key or --plain is required");
     options.control = line.control;
+    options.store = line.store;
     options.limits.linger_time = std::chrono::milliseconds(static_cast<long>(line.linger_s * 1000));
     return options;
 }
@@ -113,31 +137,71 @@ static std::shared_ptr<TLS_CONTEXT_T> readCertificate(const COMMAND_LINE_T &line
     return line.is_plain ? nullptr : makeTlsContext(line.cert, line.key);
 }
 
-static void attempt(const std::function<void()> &step)
+struct RELOAD_T {
+    std::string read;   // names of files, with commas between
+    std::string failed; // what was in use before stays
+};
+
+static void attempt(RELOAD_T &reload, const char *name, const std::function<void()> &step)
 {
+    std::string *outcome = &reload.read;
     try {
         step();
     } catch (const std::exception &fault) {
         logWarning("%s: what was in use stays", fault.what());
+        outcome = &reload.failed;
     }
+    if (!outcome->empty()) *outcome += ", ";
+    *outcome += name;
 }
 
 // Each file on its own: a broken one does not affect the others.
 static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server)
 {
-    attempt([&] { openAudit(line.audit); });
-    attempt([&] { server.options.tls = readCertificate(line); });
-    attempt([&] { replaceRegistry(server, readRegistry(line)); });
-    logInfo("files read again, %zu devices registered", server.options.registry.size());
+    RELOAD_T reload;
+    attempt(reload, "audit", [] { reopenAudit(); });
+    if (!line.is_plain) {
+        attempt(reload, "certificate and key",
+                [&] { server.device_port->tls = readCertificate(line); });
+    }
+    attempt(reload, "devices", [&] { replaceRegistry(server.directory, readRegistry(line)); });
+    const std::size_t count = server.directory.registry.size();
+    auditRecord(AUDIT_EVENT::RELOAD,
+                {{"read", reload.read}, {"failed", reload.failed}, {"devices", count}});
+    if (reload.failed.empty())
+        logInfo("files read again: %s; %zu devices registered", reload.read.c_str(), count);
+    else
+        logWarning("files read again: %s; not read: %s; %zu devices registered",
+                   reload.read.empty() ? "none" : reload.read.c_str(), reload.failed.c_str(),
+                   count);
 }
+
+// Records what ends with the io_context, too, and gives up on a reader that does not read.
+struct AuditEnd {
+    ~AuditEnd()
+    {
+        (void)stopAudit();
+    }
+};
+
+// Before the io_context goes.
+struct AuditMute {
+    ~AuditMute()
+    {
+        muteAudit();
+    }
+};
 
 static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
 {
     options.registry = readRegistry(line);
-    openAudit(line.audit);
     options.tls = readCertificate(line);
 
+    const AuditEnd audit_end;
     asio::io_context io{1};
+    const AuditMute audit_mute;
+    startAudit({line.audit, RA_VERSION,
+                [&io](std::function<void()> task) { asio::post(io, std::move(task)); }});
     const auto server = startServer(io, std::move(options));
     asio::steady_timer goodbye(io);
     asio::signal_set changes(io, SIGHUP);
@@ -165,25 +229,36 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
 int main(int argc, char **argv)
 {
     (void)signal(SIGPIPE, SIG_IGN); // a lost peer shows in the write's result
+    (void)signal(SIGXFSZ, SIG_IGN); // and so does a file that may not grow
     CLI::App app{"Reference back end: devices connect to it, and operators reach their services "
                  "through it."};
     COMMAND_LINE_T line;
     SERVER_OPTIONS_T options;
     describeOptions(app, line);
+    describeBackup(app, line);
     try {
         app.parse(argc, argv);
-        options = readOptions(line);
+        if (line.backup.empty())
+            options = readOptions(line);
+        else if (line.store.empty())
+            throw std::invalid_argument("--store is required");
     } catch (const CLI::ParseError &fault) {
         return app.exit(fault) == 0 ? 0 : EXIT_USAGE;
     } catch (const std::invalid_argument &fault) {
         (void)fprintf(stderr, "%s\nRun with --help for more information.\n", fault.what());
         return EXIT_USAGE;
     }
+    int status = 0;
     try {
-        run(line, std::move(options));
+        startLog();
+        if (line.backup.empty())
+            run(line, std::move(options));
+        else
+            backUpStore(line.store, line.backup, line.is_forced);
     } catch (const std::exception &fault) {
         logError("%s", fault.what());
-        return EXIT_RUN_TIME;
+        status = EXIT_RUN_TIME;
     }
-    return 0;
+    stopLog();
+    return status;
 }

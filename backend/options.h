@@ -15,13 +15,8 @@ struct FORWARD_OPTION_T {
     std::string service; // as the device announces it
 };
 
-// "ADDRESS:PORT", IPv6 addresses in brackets. Port 0 lets the system choose.
-boost::asio::ip::tcp::endpoint parseEndpoint(std::string_view text);
-
 // "LOCAL_PORT=DEVICE/SERVICE_NAME", where LOCAL_PORT may be "ADDRESS:PORT" (else 127.0.0.1). The
 // device's name ends at the first slash.
 FORWARD_OPTION_T parseForward(std::string_view text);
-
-std::string endpointText(const boost::asio::ip::tcp::endpoint &endpoint);
 
 } // namespace backend

@@ -1,21 +1,24 @@
-// The back end as a whole: the port for devices, the local ports for clients, the control socket,
-// and which channel belongs to which device.
-// Ownership  the server holds every channel; it must outlive the run of its io_context.
-// Threads    the thread of the io_context.
+// The back end as a whole: what it knows, and the doors to it.
+// Ownership  the server must outlive the run of its io_context.
+// Threads    the thread of the io_context. The destructor waits for the store's last writes.
 // Failure    startServer throws std::runtime_error when something cannot be used; afterwards faults
 //            are logged and the server continues.
 #pragma once
 
+#include "backend/directory/directory.h"
+#include "backend/doors/account_names.h"
 #include "backend/doors/control.h"
-#include "backend/devices/device_channel.h"
-#include "backend/devices/device_registry.h"
+#include "backend/doors/device_port.h"
+#include "backend/doors/forwards.h"
 #include "backend/limits.h"
+#include "backend/operations/operations.h"
 #include "backend/options.h"
+#include "backend/sessions/session_table.h"
+#include "backend/store/store.h"
 
 #include <cstddef>
-#include <map>
 #include <memory>
-#include <set>
+#include <string>
 #include <vector>
 
 #include <boost/asio/io_context.hpp>
@@ -29,16 +32,8 @@ struct SERVER_OPTIONS_T {
     DEVICE_REGISTRY_T registry;
     std::vector<FORWARD_OPTION_T> forwards;
     std::string control; // path of the control socket; empty for none
+    std::string store;   // of what it learns at run time; empty: a restart forgets that
     LIMITS_T limits;
-};
-
-struct LISTENER_T {
-    explicit LISTENER_T(boost::asio::io_context &io) : acceptor(io), pause(io) {}
-    boost::asio::ip::tcp::acceptor acceptor;
-    boost::asio::steady_timer pause; // before accepting again when descriptors have run out
-    DEVICE_KEY_T device;             // of a forward; unused for the devices' own port
-    std::string service;
-    std::function<void(LISTENER_T &, boost::asio::ip::tcp::socket)> accepted;
 };
 
 struct SERVER_T {
@@ -47,20 +42,18 @@ struct SERVER_T {
     {
     }
     boost::asio::io_context &io;
-    SERVER_OPTIONS_T options;
-    std::vector<std::unique_ptr<LISTENER_T>>
-        listeners;                      // the devices' port first, then the forwards in their order
-    std::shared_ptr<CONTROL_T> control; // null without a control socket
-    std::set<ChannelPtr> unauthenticated;
-    std::map<DEVICE_KEY_T, ChannelPtr> devices;
-    RATE_LIMIT_T refused_lines;
+    SERVER_OPTIONS_T options; // without the registry, which is the directory's
+    StorePtr store;           // null without one
+    SessionTablePtr sessions = std::make_shared<SESSION_TABLE_T>(options.limits);
+    DIRECTORY_T directory;
+    OPERATIONS_T operations{directory, sessions};
+    std::shared_ptr<ACCOUNT_NAMES_T> names;
+    std::shared_ptr<DEVICE_PORT_T> device_port;
+    std::vector<std::shared_ptr<FORWARD_T>> forwards; // in their order
+    std::shared_ptr<CONTROL_T> control;               // null without a control socket
 };
 
 std::unique_ptr<SERVER_T> startServer(boost::asio::io_context &io, SERVER_OPTIONS_T options);
-
-// For the handshakes from now on. A device whose entry is gone, or has another secret, is cut off:
-// what it has proved does not hold any more.
-void replaceRegistry(SERVER_T &server, DEVICE_REGISTRY_T registry);
 
 // Stops accepting and closes the connection of every device; the io_context then runs out of work
 // within seconds.
@@ -68,8 +61,5 @@ void stopServer(SERVER_T &server);
 
 boost::asio::ip::tcp::endpoint listenEndpoint(const SERVER_T &server);
 boost::asio::ip::tcp::endpoint forwardEndpoint(const SERVER_T &server, std::size_t index);
-
-// Null while the device is not connected.
-ChannelPtr findChannel(const SERVER_T &server, const DEVICE_KEY_T &device);
 
 } // namespace backend

@@ -3,8 +3,10 @@
 // std::runtime_error for what the system does not allow.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 enum OPERATOR_STATUS : int {
     OPERATOR_DONE = 0,
@@ -13,23 +15,47 @@ enum OPERATOR_STATUS : int {
     OPERATOR_UNREACHABLE = 3, // no back end at the control socket
 };
 
+// For an answer of the back end alone, and for one that the device has a part in.
+constexpr auto ANSWER_TIME = std::chrono::seconds(10);
+constexpr auto DEVICE_ANSWER_TIME = std::chrono::seconds(60);
+
 struct OPERATOR_OPTIONS_T {
-    std::string control; // path of the back end's control socket
+    std::string control;    // path of the back end's control socket
+    unsigned timeout_s = 0; // for an answer; 0: the command's own
     bool json = false;
+    bool names = false;
+    bool away = false;
     bool watch = false;
     bool progress = false;
     bool password_stdin = false;
+    bool shared = false; // a forwarded port serves every account
+    std::vector<std::string> patterns;
     std::string device;
     std::string user;
-    std::string target; // DEVICE/SERVICE
+    std::string reason;
+    std::string session; // its identifier
+    std::string target;  // DEVICE/SERVICE
+    std::string socket;  // path of a forwarded Unix socket
     std::uint16_t port = 0;
+    std::vector<std::string> files; // of the audit, oldest first; "-": standard input
+    std::string expected;           // the hash of a line that must be in them; may be empty
 };
+
+inline std::chrono::seconds waitOf(const OPERATOR_OPTIONS_T &options, std::chrono::seconds usual)
+{
+    return options.timeout_s == 0 ? usual : std::chrono::seconds(options.timeout_s);
+}
 
 int showDevices(const OPERATOR_OPTIONS_T &options);
 int showServices(const OPERATOR_OPTIONS_T &options);
 int showSessions(const OPERATOR_OPTIONS_T &options);
+int showStatus(const OPERATOR_OPTIONS_T &options);
 int verifyAccount(const OPERATOR_OPTIONS_T &options);
+int disconnectDevice(const OPERATOR_OPTIONS_T &options);
+int closeSession(const OPERATOR_OPTIONS_T &options);
 // Carries standard input and output, until the service ends the session.
 int connectStreams(const OPERATOR_OPTIONS_T &options);
-// Carries every connection to a local port, until it is interrupted.
+// Carries every connection to a local port or socket, until it is interrupted.
 int forwardPort(const OPERATOR_OPTIONS_T &options);
+// Checks the chain of the audit's lines; refused means that it is broken.
+int verifyAudit(const OPERATOR_OPTIONS_T &options);

@@ -1,17 +1,52 @@
 #include "operator/control_client.h"
 
+#include "operator/socket_access.h"
+
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 using nlohmann::json;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
 
 namespace {
 
-UniqueFd connectTo(const std::string &path)
+[[noreturn]] void tellLate(const std::string &path, const char *what, seconds time)
+{
+    throw ControlError(path + ": the back end has not " + what + " for " +
+                           std::to_string(time.count()) + " s",
+                       true);
+}
+
+std::string connectFault(const std::string &path, int error)
+{
+    switch (error) {
+    case ENOENT:
+        return path + ": there is no such socket (is the back end running?)";
+    case ECONNREFUSED:
+        return path + ": nobody listens there (is the back end running?)";
+    case EACCES:
+        return path + ": " + whyDenied(path);
+    default:
+        return path + ": " + std::strerror(error);
+    }
+}
+
+// connect and sendmsg give up after this time, with EAGAIN (unix(7), socket(7)).
+void limitSending(int fd, seconds time)
+{
+    const timeval limit{time.count(), 0};
+    (void)::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+}
+
+UniqueFd connectTo(const std::string &path, seconds time)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -19,10 +54,12 @@ UniqueFd connectTo(const std::string &path)
         throw ControlError(path + ": too long for the path of a socket", true);
     path.copy(address.sun_path, path.size());
     UniqueFd fd{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-    if (!fd ||
-        ::connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
-        throw ControlError(path + ": " + std::strerror(errno) + " (is the back end running?)",
-                           true);
+    if (!fd) throw ControlError(path + ": " + std::strerror(errno), true);
+    limitSending(fd.get(), time);
+    if (::connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        if (errno == EAGAIN) tellLate(path, "taken the connection", time);
+        throw ControlError(connectFault(path, errno), true);
+    }
     return fd;
 }
 
@@ -53,43 +90,64 @@ void sendWhole(int socket, const std::string &text, int fd)
     }
 }
 
+// False when the time is over before there is something to read.
+bool waitForBytes(int fd, steady_clock::time_point end, bool has_end)
+{
+    for (;;) {
+        // Rounded up, so that what is left of a millisecond is no busy wait.
+        const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now());
+        if (has_end && left.count() <= 0) return false;
+        pollfd input{fd, POLLIN, 0};
+        const int ready = ::poll(&input, 1, has_end ? static_cast<int>(left.count()) : -1);
+        if (ready > 0) return true;
+        if (ready < 0 && errno != EINTR)
+            throw ControlError(std::string("poll: ") + std::strerror(errno), false);
+    }
+}
+
 } // namespace
 
-CONTROL_CLIENT_T openRequest(const std::string &path, const json &request, int fd)
+CONTROL_CLIENT_T openRequest(const std::string &path, const json &request, seconds time, int fd)
 {
-    CONTROL_CLIENT_T client{connectTo(path), ""};
+    CONTROL_CLIENT_T client{connectTo(path, time), path, ""};
     std::string line = request.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
     sendWhole(client.socket.get(), line, fd);
     ::explicit_bzero(line.data(), line.size()); // it may hold a password
     return client;
 }
 
-std::optional<json> nextAnswer(CONTROL_CLIENT_T &client)
+std::optional<json> nextAnswer(CONTROL_CLIENT_T &client, seconds time)
 {
-    std::size_t end = 0;
-    while ((end = client.received.find('\n')) == std::string::npos) {
+    const auto end = steady_clock::now() + time;
+    std::size_t searched = 0;
+    std::size_t line = 0;
+    while ((line = client.received.find('\n', searched)) == std::string::npos) {
+        searched = client.received.size();
+        if (searched > ANSWER_MAX) throw ControlError("the back end's answer is too long", true);
+        if (!waitForBytes(client.socket.get(), end, time != NO_LIMIT))
+            tellLate(client.path, "answered", time);
         std::array<char, 65536> bytes;
         const ssize_t got = ::recv(client.socket.get(), bytes.data(), bytes.size(), 0);
         if (got < 0 && errno == EINTR) continue;
         if (got <= 0) return std::nullopt;
         client.received.append(bytes.data(), static_cast<std::size_t>(got));
     }
-    const json answer = json::parse(client.received.substr(0, end), nullptr, false);
-    client.received.erase(0, end + 1);
+    const json answer = json::parse(client.received.substr(0, line), nullptr, false);
+    client.received.erase(0, line + 1);
     if (!answer.is_object()) throw ControlError("the back end's answer is no JSON object", true);
     if (!answer.value("ok", true)) throw ControlError(answer.value("error", "refused"), false);
     return answer;
 }
 
-json ask(const std::string &path, const json &request)
+json onlyAnswer(CONTROL_CLIENT_T &client, seconds time)
 {
-    CONTROL_CLIENT_T client = openRequest(path, request);
-    return onlyAnswer(client);
-}
-
-json onlyAnswer(CONTROL_CLIENT_T &client)
-{
-    auto answer = nextAnswer(client);
+    auto answer = nextAnswer(client, time);
     if (!answer) throw ControlError("the back end ended the request without an answer", true);
     return *answer;
+}
+
+json ask(const std::string &path, const json &request, seconds time)
+{
+    CONTROL_CLIENT_T client = openRequest(path, request, time);
+    return onlyAnswer(client, time);
 }

@@ -1,11 +1,14 @@
-// One request to the back end over its control socket; backend/doors/control.h describes requests and
-// answers.
-// Failure  ControlError: the back end cannot be reached, or has refused with these words.
+// One request to the back end over its control socket; backend/doors/control.h describes requests
+// and answers.
+// Failure  ControlError: the back end cannot be reached, did not answer in time, or has refused
+//          with these words.
+// Limits   a connection, a request and each answer have a time, an answer ANSWER_MAX bytes.
 // Threads  each client is one thread's.
 #pragma once
 
 #include "utility/handles.h"
 
+#include <chrono>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
@@ -19,19 +22,27 @@ struct ControlError : std::runtime_error {
     bool is_unreachable; // else refused
 };
 
+constexpr std::size_t ANSWER_MAX = std::size_t{64} << 20;
+// For the end of a session, which may take days.
+constexpr std::chrono::seconds NO_LIMIT{-1};
+
 struct CONTROL_CLIENT_T {
     UniqueFd socket;
+    std::string path;
     std::string received; // behind the last line taken
 };
 
 // Sends the request, with a descriptor if one is given; the caller keeps its own copy of it.
-CONTROL_CLIENT_T openRequest(const std::string &path, const nlohmann::json &request, int fd = -1);
+// Takes at most as long as given.
+CONTROL_CLIENT_T openRequest(const std::string &path, const nlohmann::json &request,
+                             std::chrono::seconds time, int fd = -1);
 
 // The next line; none at the end of the answers. A refusal is thrown.
-std::optional<nlohmann::json> nextAnswer(CONTROL_CLIENT_T &client);
+std::optional<nlohmann::json> nextAnswer(CONTROL_CLIENT_T &client, std::chrono::seconds time);
 
 // Of a request that has but one.
-nlohmann::json onlyAnswer(CONTROL_CLIENT_T &client);
+nlohmann::json onlyAnswer(CONTROL_CLIENT_T &client, std::chrono::seconds time);
 
 // For a request with one answer.
-nlohmann::json ask(const std::string &path, const nlohmann::json &request);
+nlohmann::json ask(const std::string &path, const nlohmann::json &request,
+                   std::chrono::seconds time);

@@ -1,15 +1,18 @@
-// The commands that ask and print: devices, services, sessions, verify.
+// The commands that list: devices, services, sessions, status.
 #include "operator/commands.h"
 #include "operator/control_client.h"
 #include "operator/terminal.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
+#include <fnmatch.h>
 #include <map>
+#include <set>
+#include <span>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -20,28 +23,53 @@ namespace {
 
 using Row = std::vector<std::string>;
 
+// As many columns as it takes on a terminal, for text that has no wide or combining characters.
+std::size_t widthOf(const std::string &text)
+{
+    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+        return (static_cast<unsigned char>(c) & 0xC0) != 0x80; // no byte inside a character
+    }));
+}
+
+void flushOutput()
+{
+    if (std::fflush(stdout) != 0)
+        throw ControlError(std::string("standard output: ") + std::strerror(errno), false);
+}
+
 // Columns as wide as they need to be.
 void printTable(const std::vector<Row> &rows)
 {
     std::vector<std::size_t> widths(rows.front().size());
     for (const Row &row : rows)
         for (std::size_t i = 0; i < row.size(); ++i)
-            widths[i] = std::max(widths[i], row[i].size());
+            widths[i] = std::max(widths[i], widthOf(row[i]));
     for (const Row &row : rows) {
         std::string line;
         for (std::size_t i = 0; i < row.size(); ++i) {
             line += row[i];
-            if (i + 1 < row.size()) line.append(widths[i] - row[i].size() + 2, ' ');
+            if (i + 1 < row.size()) line.append(widths[i] - widthOf(row[i]) + 2, ' ');
         }
         std::puts(line.c_str());
     }
-    if (std::fflush(stdout) != 0)
-        throw ControlError(std::string("standard output: ") + std::strerror(errno), false);
+    flushOutput();
+}
+
+std::string rawText(const json &object, const char *name)
+{
+    const auto found = object.find(name);
+    return found != object.end() && found->is_string() ? found->get<std::string>() : "";
 }
 
 std::string textOf(const json &object, const char *name)
 {
-    return shown(object.value(name, ""));
+    return shown(rawText(object, name));
+}
+
+std::string textOrDash(const json &object, const char *name)
+{
+    const std::string text = textOf(object, name);
+    return text.empty() ? "-" : text;
 }
 
 std::string numberOf(const json &object, const char *name)
@@ -49,29 +77,104 @@ std::string numberOf(const json &object, const char *name)
     return object.contains(name) ? std::to_string(object.value(name, std::int64_t{0})) : "-";
 }
 
-int printList(const OPERATOR_OPTIONS_T &options, const json &list, Row head,
-              Row (*row)(const json &element))
+void printJson(const json &document)
+{
+    std::puts(document.dump(-1, ' ', true).c_str());
+    flushOutput();
+}
+
+struct LIST_T {
+    std::span<const char *const> head;
+    Row (*row)(const json &element);
+    std::string (*name)(const json &element); // as the other commands take it
+};
+
+int printList(const OPERATOR_OPTIONS_T &options, const json &list, const LIST_T &as)
 {
     if (options.json) {
-        std::puts(list.dump(-1, ' ', true).c_str());
+        printJson(list);
         return OPERATOR_DONE;
     }
-    std::vector<Row> rows{std::move(head)};
+    if (options.names) {
+        for (const json &element : list)
+            std::puts(shown(as.name(element)).c_str());
+        return OPERATOR_DONE;
+    }
+    std::vector<Row> rows{Row(as.head.begin(), as.head.end())};
     for (const json &element : list)
-        rows.push_back(row(element));
+        rows.push_back(as.row(element));
     printTable(rows);
     return OPERATOR_DONE;
+}
+
+std::string fullName(const json &device)
+{
+    return rawText(device, "product") + ":" + rawText(device, "device");
+}
+
+std::string stateOf(const json &device)
+{
+    std::string state = textOf(device, "state");
+    if (state.empty()) state = device.value("connected", false) ? "connected" : "away";
+    return device.value("duplicate", false) ? state + ", DUPLICATE" : state;
 }
 
 Row deviceRow(const json &device)
 {
     return {textOf(device, "device"),
             textOf(device, "product"),
-            device.value("connected", false) ? "connected" : "away",
+            stateOf(device),
             timeText(device.value("since", std::int64_t{0})),
             numberOf(device, "services"),
             numberOf(device, "sessions"),
             textOf(device, "peer")};
+}
+
+Row awayRow(const json &device)
+{
+    return {textOf(device, "device"), textOf(device, "product"),
+            timeText(device.value("last_seen", std::int64_t{0})),
+            textOrDash(device, "last_address"), textOrDash(device, "last_reason")};
+}
+
+// The name alone where one device has it, else with its product; for --names.
+json withShortNames(json devices)
+{
+    std::map<std::string, int> counts;
+    for (const json &device : devices)
+        ++counts[rawText(device, "device")];
+    for (json &device : devices)
+        device["name"] =
+            counts[rawText(device, "device")] > 1 ? fullName(device) : rawText(device, "device");
+    return devices;
+}
+
+bool isMatch(const std::string &pattern, const json &device)
+{
+    return ::fnmatch(pattern.c_str(), rawText(device, "device").c_str(), 0) == 0 ||
+           ::fnmatch(pattern.c_str(), fullName(device).c_str(), 0) == 0;
+}
+
+struct SELECTION_T {
+    json devices = json::array();
+    std::set<std::string> unmatched; // patterns that no device has
+};
+
+SELECTION_T selectDevices(const OPERATOR_OPTIONS_T &options, const json &devices)
+{
+    SELECTION_T selection;
+    selection.unmatched = {options.patterns.begin(), options.patterns.end()};
+    for (const json &device : devices) {
+        bool is_wanted = options.patterns.empty();
+        for (const std::string &pattern : options.patterns) {
+            if (!isMatch(pattern, device)) continue;
+            is_wanted = true;
+            selection.unmatched.erase(pattern);
+        }
+        if (options.away && stateOf(device).rfind("away", 0) != 0) is_wanted = false;
+        if (is_wanted) selection.devices.push_back(device);
+    }
+    return selection;
 }
 
 Row serviceRow(const json &service)
@@ -82,45 +185,93 @@ Row serviceRow(const json &service)
 
 Row sessionRow(const json &session)
 {
+    std::string who = textOf(session, "who");
+    if (const std::string from = textOf(session, "from"); !from.empty()) who += " (" + from + ")";
     return {textOf(session, "device") + "/" + textOf(session, "service"),
-            textOf(session, "who"),
+            who,
             timeText(session.value("since", std::int64_t{0})),
             sizeText(session.value("bytes_up", 0.0)),
             sizeText(session.value("bytes_down", 0.0)),
             textOf(session, "session")};
 }
 
-Row sessionHead()
+constexpr auto DEVICE_HEAD =
+    std::to_array({"DEVICE", "PRODUCT", "CHANNEL", "SINCE (UTC)", "SERVICES", "SESSIONS", "FROM"});
+constexpr auto AWAY_HEAD =
+    std::to_array({"DEVICE", "PRODUCT", "LAST SEEN (UTC)", "LAST ADDRESS", "LAST REASON"});
+constexpr auto SERVICE_HEAD = std::to_array({"NAME", "TYPE", "ADDRESS"});
+constexpr auto SESSION_HEAD =
+    std::to_array({"SESSION OF", "WHO", "SINCE (UTC)", "UP", "DOWN", "IDENTIFIER"});
+
+std::string nameOf(const json &element)
 {
-    return {"SESSION OF", "WHO", "SINCE (UTC)", "UP", "DOWN", "IDENTIFIER"};
+    return rawText(element, "name");
 }
 
-json askForSessions(const OPERATOR_OPTIONS_T &options)
+std::string identifierOf(const json &session)
 {
-    return ask(options.control, {{"do", "sessions"}}).at("sessions");
+    return rawText(session, "session");
 }
 
-// The table once a second, with what went each way since the last one.
+constexpr LIST_T DEVICES{DEVICE_HEAD, deviceRow, nameOf};
+constexpr LIST_T AWAY_DEVICES{AWAY_HEAD, awayRow, nameOf};
+constexpr LIST_T SERVICES{SERVICE_HEAD, serviceRow, nameOf};
+constexpr LIST_T SESSIONS{SESSION_HEAD, sessionRow, identifierOf};
+
+json askForList(const OPERATOR_OPTIONS_T &options, const json &request)
+{
+    const json answer = ask(options.control, request, waitOf(options, ANSWER_TIME));
+    const auto list = answer.find(request.at("do").get<std::string>());
+    if (list == answer.end() || !list->is_array())
+        throw ControlError("the back end's answer has no list", true);
+    return *list;
+}
+
+struct COUNT_T {
+    double up = 0;
+    double down = 0;
+};
+
+// Bytes of the sessions, by identifier, and when they were asked for.
+struct READING_T {
+    std::chrono::steady_clock::time_point time;
+    std::map<std::string, COUNT_T> counts;
+};
+
+// Prints the table with what went each way since the last reading.
+void printRates(const json &sessions, const READING_T &before, READING_T &now)
+{
+    const double passed = std::chrono::duration<double>(now.time - before.time).count();
+    std::vector<Row> rows{Row(SESSIONS.head.begin(), SESSIONS.head.end())};
+    rows.front().insert(rows.front().begin() + 5, {"UP/S", "DOWN/S"});
+    for (const json &session : sessions) {
+        const std::string id = rawText(session, "session");
+        const COUNT_T count{session.value("bytes_up", 0.0), session.value("bytes_down", 0.0)};
+        const auto found = before.counts.find(id);
+        const COUNT_T old = found == before.counts.end() ? count : found->second;
+        Row row = sessionRow(session);
+        row.insert(row.begin() + 5, {sizeText((count.up - old.up) / passed),
+                                     sizeText((count.down - old.down) / passed)});
+        rows.push_back(std::move(row));
+        now.counts[id] = count;
+    }
+    if (::isatty(STDOUT_FILENO) != 0) (void)std::fputs("\033[H\033[2J", stdout);
+    printTable(rows);
+}
+
+// Once a second: the table, or one JSON array on a line.
 [[noreturn]] void watchSessions(const OPERATOR_OPTIONS_T &options)
 {
-    std::map<std::string, std::pair<double, double>> before;
+    READING_T before;
     for (;;) {
-        std::vector<Row> rows{sessionHead()};
-        rows.front().insert(rows.front().begin() + 5, {"UP/S", "DOWN/S"});
-        std::map<std::string, std::pair<double, double>> now;
-        for (const json &session : askForSessions(options)) {
-            const std::string id = session.value("session", "");
-            const std::pair count{session.value("bytes_up", 0.0), session.value("bytes_down", 0.0)};
-            const auto old = before.contains(id) ? before[id] : count;
-            Row row = sessionRow(session);
-            row.insert(row.begin() + 5,
-                       {sizeText(count.first - old.first), sizeText(count.second - old.second)});
-            rows.push_back(std::move(row));
-            now[id] = count;
+        const json sessions = askForList(options, {{"do", "sessions"}});
+        if (options.json) {
+            printJson(sessions);
+        } else {
+            READING_T now{std::chrono::steady_clock::now(), {}};
+            printRates(sessions, before, now);
+            before = std::move(now);
         }
-        if (::isatty(STDOUT_FILENO) != 0) (void)std::fputs("\033[H\033[2J", stdout);
-        printTable(rows);
-        before = std::move(now);
         std::this_thread::sleep_for(std::chrono::seconds(1));
     }
 }
@@ -129,39 +280,42 @@ json askForSessions(const OPERATOR_OPTIONS_T &options)
 
 int showDevices(const OPERATOR_OPTIONS_T &options)
 {
-    return printList(
-        options, ask(options.control, {{"do", "devices"}}).at("devices"),
-        {"DEVICE", "PRODUCT", "CHANNEL", "SINCE (UTC)", "SERVICES", "SESSIONS", "FROM"}, deviceRow);
+    json devices = askForList(options, {{"do", "devices"}});
+    if (options.names) devices = withShortNames(std::move(devices));
+    const SELECTION_T selection = selectDevices(options, devices);
+    int status = printList(options, selection.devices, options.away ? AWAY_DEVICES : DEVICES);
+    for (const std::string &pattern : selection.unmatched) {
+        (void)std::fprintf(stderr, "remote-access: no device matches %s\n", shown(pattern).c_str());
+        status = OPERATOR_REFUSED;
+    }
+    return status;
 }
 
 int showServices(const OPERATOR_OPTIONS_T &options)
 {
-    const json request = {{"do", "services"}, {"device", options.device}};
-    return printList(options, ask(options.control, request).at("services"),
-                     {"NAME", "TYPE", "ADDRESS"}, serviceRow);
+    return printList(options, askForList(options, {{"do", "services"}, {"device", options.device}}),
+                     SERVICES);
 }
 
 int showSessions(const OPERATOR_OPTIONS_T &options)
 {
     if (options.watch) watchSessions(options);
-    return printList(options, askForSessions(options), sessionHead(), sessionRow);
+    return printList(options, askForList(options, {{"do", "sessions"}}), SESSIONS);
 }
 
-int verifyAccount(const OPERATOR_OPTIONS_T &options)
+int showStatus(const OPERATOR_OPTIONS_T &options)
 {
-    std::string password;
-    password.reserve(PASSWORD_ROOM);
-    if (options.password_stdin)
-        std::getline(std::cin, password);
-    else
-        password = readPassword("Password of " + options.user + " on " + options.device + ": ");
-    json request = {{"do", "verify"},
-                    {"device", options.device},
-                    {"user", options.user},
-                    {"password", std::move(password)}};
-    CONTROL_CLIENT_T client = openRequest(options.control, request);
-    wipe(request["password"].get_ref<std::string &>());
-    const json answer = onlyAnswer(client);
-    std::puts(textOf(answer, "message").c_str());
-    return answer.value("code", -1) == 0 ? OPERATOR_DONE : OPERATOR_REFUSED;
+    json answer = ask(options.control, {{"do", "status"}}, waitOf(options, ANSWER_TIME));
+    answer.erase("ok");
+    if (options.json) {
+        printJson(answer);
+        return OPERATOR_DONE;
+    }
+    std::vector<Row> rows{{"NAME", "VALUE", "MEANING"}};
+    rows.push_back({"version", textOf(answer, "version"), "version of the back end"});
+    for (const json &metric : answer.value("metrics", json::array()))
+        rows.push_back({textOf(metric, "name"), metric.value("value", json(0)).dump(),
+                        textOf(metric, "help")});
+    printTable(rows);
+    return OPERATOR_DONE;
 }

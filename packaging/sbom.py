@@ -18,6 +18,7 @@ LICENSES = {  # of the libraries' packages, as their copyright files state them
     "libstdc++-12-dev": "GPL-3.0-or-later WITH GCC-exception-3.1", "libssl3": "Apache-2.0",
     "libdbus-1-3": "AFL-2.1 OR GPL-2.0-or-later", "libcjson1": "MIT",
     "libcrypt1": "LGPL-2.1-or-later", "libmosquitto1": "EPL-2.0 OR BSD-3-Clause",
+    "libsqlite3-0": "blessing",
     "libsdbus-c++1": "LGPL-2.1-or-later WITH LGPL-exception-1.1", "libboost-dev": "BSL-1.0",
     "nlohmann-json3-dev": "MIT", "libcli11-dev": "BSD-3-Clause"}
 COMPILED_IN = {"remote-access-daemon": ["libstdc++-12-dev"],

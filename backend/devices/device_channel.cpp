@@ -1,6 +1,8 @@
 #include "backend/devices/device_channel.h"
 
-#include "backend/options.h"
+#include "backend/net/endpoint.h"
+#include "backend/observe/audit.h"
+#include "backend/observe/metrics.h"
 
 #include <algorithm>
 #include <array>
@@ -19,6 +21,11 @@ constexpr std::string_view OPEN_ID = "open-";
 constexpr std::string_view RELEASE_ID = "release-";
 constexpr std::string_view ACCOUNT_ID = "account-";
 
+constexpr char DEVICE_GONE[] = "the device disconnected";
+
+static constinit LINE_LIMIT_T g_refused{"refused handshakes"};
+static constinit LINE_LIMIT_T g_ended{"connections that ended without a handshake"};
+
 constexpr std::size_t RELEASING_MAX = 128;
 constexpr std::size_t ACCOUNTS_MAX = 16;
 
@@ -36,8 +43,8 @@ static std::string nameOf(const DEVICE_CHANNEL_T &channel)
 
 static void logFault(DEVICE_CHANNEL_T &channel, const std::string &text)
 {
-    if (rateAllows(channel.fault_lines))
-        logWarning("device %s: %s", nameOf(channel).c_str(), text.c_str());
+    logLimited(channel.fault_lines, LOG_LEVEL::WARNING, "device %s: %s", nameOf(channel).c_str(),
+               text.c_str());
 }
 
 static std::string freshId(DEVICE_CHANNEL_T &channel, std::string_view kind)
@@ -59,8 +66,8 @@ static void messageWritten(DEVICE_CHANNEL_T &channel, const error_code &error,
     if (channel.state == CHANNEL_STATE::CLOSED) return;
     if (error) return closeDeviceChannel(channel, 0, "cannot be written to: " + error.message());
     finishMessage(channel.outgoing, *channel.link, std::move(message));
-    while (const SessionPtr session = takeWaitingSession(channel.outgoing))
-        readClient(session);
+    while (const std::shared_ptr<RoomWaiter> waiter = takeWaiter(channel.outgoing))
+        waiter->roomIsBack();
 }
 
 static void sendControl(DEVICE_CHANNEL_T &channel, MESSAGE_TYPE type, std::string_view msg_id,
@@ -84,59 +91,45 @@ static void sendRelease(DEVICE_CHANNEL_T &channel, const std::string &token)
     sendControl(channel, MESSAGE_RELEASE_SESSION, freshId(channel, RELEASE_ID), token);
 }
 
-void sendSessionData(SESSION_T &session)
+void sendStreamData(DEVICE_CHANNEL_T &channel, const std::string &token, OutMessagePtr message)
 {
-    session.message->header =
-        buildHeader(MESSAGE_DATA_DOWN, session.message->payload_size,
-                    freshId(*session.channel, "data-"), time(nullptr), session.token);
-    enqueue(*session.channel, std::move(session.message));
+    message->header = buildHeader(MESSAGE_DATA_DOWN, message->payload_size,
+                                  freshId(channel, "data-"), time(nullptr), token);
+    enqueue(channel, std::move(message));
 }
 
 // ---- from the device
 
 static void readNext(DEVICE_CHANNEL_T &channel)
 {
-    if (channel.read_active || channel.full_sessions > 0 || channel.state == CHANNEL_STATE::CLOSED)
+    if (channel.read_active || channel.state == CHANNEL_STATE::CHECKING ||
+        channel.state == CHANNEL_STATE::CLOSED)
         return;
     channel.read_active = true;
     channel.link->read();
 }
 
-void noteSessionFull(SESSION_T &session, bool is_full)
+void takeOffChannel(DEVICE_CHANNEL_T &channel, const ChannelStream &stream,
+                    const std::string &token, bool tell_device)
 {
-    if (session.is_full == is_full) return;
-    session.is_full = is_full;
-    DEVICE_CHANNEL_T &channel = *session.channel;
-    if (is_full)
-        channel.full_sessions++;
-    else
-        channel.full_sessions--;
-    readNext(channel);
-}
-
-void takeOffChannel(const SessionPtr &session, bool tell_device)
-{
-    DEVICE_CHANNEL_T *channel = session->channel;
-    if (channel == nullptr) return;
-    noteSessionFull(*session, false);
-    session->channel = nullptr;
-    stopWaiting(channel->outgoing, *session);
-    if (session->token.empty()) {
-        std::erase_if(channel->opening,
-                      [&session](const auto &entry) { return entry.second == session; });
+    stopWaiting(channel.outgoing, stream);
+    if (token.empty()) {
+        std::erase_if(channel.opening,
+                      [&stream](const auto &entry) { return entry.second.get() == &stream; });
         return;
     }
-    channel->sessions.erase(session->token);
-    if (tell_device) sendRelease(*channel, session->token);
+    const auto found = channel.streams.find(token);
+    if (found == channel.streams.end() || found->second.get() != &stream) return;
+    channel.streams.erase(found);
+    if (tell_device) sendRelease(channel, token);
 }
 
 static void onData(DEVICE_CHANNEL_T &channel, const MESSAGE_T &message)
 {
-    const auto found = channel.sessions.find(message.header.token);
-    if (found != channel.sessions.end()) {
-        const SessionPtr session =
-            found->second; // an error while writing takes it out of the table
-        return passToClient(session, message.payload);
+    const auto found = channel.streams.find(message.header.token);
+    if (found != channel.streams.end()) {
+        const StreamPtr stream = found->second; // a fault may take it out of the table
+        return stream->received(message.payload);
     }
     const std::string &token = message.header.token;
     const auto &releasing = channel.releasing;
@@ -150,10 +143,10 @@ static void onData(DEVICE_CHANNEL_T &channel, const MESSAGE_T &message)
 // before.
 static void onRelease(DEVICE_CHANNEL_T &channel, const MESSAGE_T &message)
 {
-    const auto found = channel.sessions.find(message.header.token);
-    if (found != channel.sessions.end()) {
-        const SessionPtr session = found->second;
-        releaseByDevice(session);
+    const auto found = channel.streams.find(message.header.token);
+    if (found != channel.streams.end()) {
+        const StreamPtr stream = found->second;
+        stream->released();
     }
     sendControl(channel, MESSAGE_RESPONSE, message.header.msg_id, message.header.token,
                 buildResponse(0, "release session response"));
@@ -171,28 +164,26 @@ static void onNewSessionAnswer(DEVICE_CHANNEL_T &channel, const MESSAGE_T &messa
     const auto found = channel.opening.find(message.header.msg_id);
     if (found == channel.opening.end()) {
         // The client did not wait for it any longer.
-        if (response.code == 0 && !token.empty() && !channel.sessions.contains(token))
+        if (response.code == 0 && !token.empty() && !channel.streams.contains(token))
             sendRelease(channel, token);
         return;
     }
-    const SessionPtr session = std::move(found->second);
+    const StreamPtr stream = std::move(found->second);
     channel.opening.erase(found);
     if (response.code != 0) {
-        logWarning("session refused: %s: code %lld, %s", session->label.c_str(),
-                   static_cast<long long>(response.code), deviceCodeText(response.code));
-        return abortSession(session, "refused: code " + std::to_string(response.code) + ", " +
-                                         deviceCodeText(response.code));
+        return stream->cut("refused: code " + std::to_string(response.code) + ", " +
+                           deviceCodeText(response.code));
     }
     const bool is_named =
         !token.empty() && (response.session_id.empty() || response.session_id == token);
-    if (!is_named || channel.sessions.contains(token)) {
+    if (!is_named || channel.streams.contains(token)) {
         logFault(channel, "new session without an identifier of its own");
         if (!token.empty()) sendRelease(channel, token);
-        return abortSession(session, "refused: the device gave it no identifier of its own");
+        return stream->cut("refused: the device gave it no identifier of its own");
     }
     std::erase(channel.releasing, token);
-    channel.sessions.emplace(token, session);
-    openSession(session, token);
+    channel.streams.emplace(token, stream);
+    stream->opened(token);
 }
 
 static void onResponse(DEVICE_CHANNEL_T &channel, const MESSAGE_T &message)
@@ -234,6 +225,68 @@ static void dispatch(DEVICE_CHANNEL_T &channel, const MESSAGE_T &message)
     logFault(channel, "message of type " + std::to_string(message.header.type) + " dropped");
 }
 
+// ---- whether the device is there
+
+using Clock = std::chrono::steady_clock;
+
+std::chrono::milliseconds silenceOf(const DEVICE_CHANNEL_T &channel)
+{
+    return channel.link->silence();
+}
+
+// How long the device has owed an answer to a ping; zero when it owes none.
+static Clock::duration owedFor(const DEVICE_CHANNEL_T &channel)
+{
+    if (!channel.pinged) return {};
+    const Clock::duration waited = Clock::now() - *channel.pinged;
+    return silenceOf(channel) < waited ? Clock::duration{} : waited;
+}
+
+bool isSilent(const DEVICE_CHANNEL_T &channel)
+{
+    return owedFor(channel) >= channel.limits.answering_time;
+}
+
+static void lookAtSilence(DEVICE_CHANNEL_T &channel);
+
+static void watchSilence(DEVICE_CHANNEL_T &channel, Clock::duration wait)
+{
+    channel.timer.expires_after(wait);
+    channel.timer.async_wait([self = channel.weak_from_this()](const error_code &error) {
+        const ChannelPtr held = self.lock();
+        if (held && !error && held->state == CHANNEL_STATE::CONNECTED) lookAtSilence(*held);
+    });
+}
+
+void askForLife(DEVICE_CHANNEL_T &channel)
+{
+    if (owedFor(channel) > Clock::duration{}) return; // asked already
+    if (silenceOf(channel) < channel.limits.request_silence) return;
+    channel.pinged = Clock::now();
+    channel.link->ping();
+    watchSilence(channel, channel.limits.answering_time);
+}
+
+static void lookAtSilence(DEVICE_CHANNEL_T &channel)
+{
+    const LIMITS_T &limits = channel.limits;
+    const Clock::duration owed = owedFor(channel);
+    if (owed == Clock::duration{}) {
+        channel.pinged.reset();
+        const std::chrono::milliseconds silence = silenceOf(channel);
+        if (silence >= limits.idle_silence) return askForLife(channel);
+        return watchSilence(channel, limits.idle_silence - silence);
+    }
+    if (owed >= limits.silence_time)
+        return closeDeviceChannel(channel, 0,
+                                  "nothing was heard of it for " +
+                                      std::to_string(silenceOf(channel).count() / 1000) + " s");
+    if (owed < limits.answering_time) return watchSilence(channel, limits.answering_time - owed);
+    logFault(channel, "does not answer, last heard " +
+                          std::to_string(silenceOf(channel).count() / 1000) + " s ago");
+    watchSilence(channel, limits.silence_time - owed);
+}
+
 // ---- life of the channel
 
 static std::string serviceNames(const DEVICE_CHANNEL_T &channel)
@@ -266,8 +319,14 @@ static void armChannelTimer(DEVICE_CHANNEL_T &channel, std::chrono::milliseconds
 
 static void refuseDevice(DEVICE_CHANNEL_T &channel, HANDSHAKE_CODE code, const std::string &detail)
 {
-    logWarning("handshake of device \"%s\" from %s refused: code %d, %s",
+    addToMetric(METRIC::HANDSHAKES_REFUSED);
+    logLimited(g_refused, LOG_LEVEL::WARNING,
+               "handshake of device \"%s\" from %s refused: code %d, %s",
                channel.device.device_name.c_str(), channel.peer.c_str(), code, detail.c_str());
+    auditRecord(AUDIT_EVENT::HANDSHAKE_REFUSED, {{"product", channel.device.product_key},
+                                                 {"device", channel.device.device_name},
+                                                 {"from", channel.peer},
+                                                 {"reason", detail}});
     channel.state = CHANNEL_STATE::REFUSED;
     sendHandshakeAnswer(channel, code);
     // Not at once, so that the device reads the code before it sees the end.
@@ -276,20 +335,34 @@ static void refuseDevice(DEVICE_CHANNEL_T &channel, HANDSHAKE_CODE code, const s
     }
 }
 
-static void onHandshake(const ChannelPtr &channel, const MESSAGE_T &message)
+static void finishHandshake(const ChannelPtr &channel, HANDSHAKE_RESULT_T result)
 {
-    HANDSHAKE_RESULT_T result = channel->events.check(message);
+    if (channel->state != CHANNEL_STATE::CHECKING) return; // gone meanwhile
     channel->device = std::move(result.device);
-    if (result.code != HANDSHAKE_ACCEPTED)
-        return refuseDevice(*channel, result.code, result.detail);
+    if (result.code != HANDSHAKE_ACCEPTED) {
+        refuseDevice(*channel, result.code, result.detail);
+        return readNext(*channel);
+    }
     channel->services = std::move(result.services);
     channel->state = CHANNEL_STATE::CONNECTED;
     channel->connected_at = time(nullptr);
-    channel->timer.cancel();
+    watchSilence(*channel, channel->limits.idle_silence);
     channel->events.connected(channel);
     sendHandshakeAnswer(*channel, HANDSHAKE_ACCEPTED);
-    logInfo("device %s connected, services: %s", channel->device.device_name.c_str(),
-            serviceNames(*channel).c_str());
+    logInfo("device %s connected, services: %s%s%s", channel->device.device_name.c_str(),
+            serviceNames(*channel).c_str(), result.detail.empty() ? "" : "; ",
+            result.detail.c_str());
+    readNext(*channel);
+}
+
+static void onHandshake(const ChannelPtr &channel, const MESSAGE_T &message)
+{
+    channel->state = CHANNEL_STATE::CHECKING;
+    channel->events.check(*channel, message,
+                          [weak = channel->weak_from_this()](HANDSHAKE_RESULT_T result) {
+                              const ChannelPtr held = weak.lock();
+                              if (held) finishHandshake(held, std::move(result));
+                          });
 }
 
 static void onMessage(const ChannelPtr &channel, std::span<const std::uint8_t> bytes,
@@ -305,6 +378,7 @@ static void onMessage(const ChannelPtr &channel, std::span<const std::uint8_t> b
     case CHANNEL_STATE::CONNECTED:
         if (fault != nullptr) return logFault(*channel, std::string("message dropped: ") + fault);
         return dispatch(*channel, message);
+    case CHANNEL_STATE::CHECKING:
     case CHANNEL_STATE::REFUSED:
     case CHANNEL_STATE::CLOSED:
         return;
@@ -357,23 +431,26 @@ void closeDeviceChannel(DEVICE_CHANNEL_T &channel, std::uint16_t code, const std
     const ChannelPtr keep = channel.shared_from_this();
     const bool was_device = channel.state == CHANNEL_STATE::CONNECTED;
     channel.state = CHANNEL_STATE::CLOSED;
-    logInfo("%s %s %s", was_device ? "device" : "connection from", nameOf(channel).c_str(),
-            was_device ? ("disconnected: " + reason).c_str() : ("ended: " + reason).c_str());
+    if (was_device)
+        logInfo("device %s disconnected: %s", nameOf(channel).c_str(), reason.c_str());
+    else
+        logLimited(g_ended, LOG_LEVEL::INFO, "connection from %s ended: %s",
+                   nameOf(channel).c_str(), reason.c_str());
     channel.timer.cancel();
-    // Ending a session takes it out of the tables.
-    for (const auto &[token, session] : std::unordered_map(channel.sessions))
-        abortSession(session, "the device disconnected");
-    for (const auto &[id, session] : std::unordered_map(channel.opening))
-        abortSession(session, "the device disconnected");
+    // A stream that is cut takes itself out of the tables.
+    for (const auto &[token, stream] : std::unordered_map(channel.streams))
+        stream->cut(DEVICE_GONE);
+    for (const auto &[id, stream] : std::unordered_map(channel.opening))
+        stream->cut(DEVICE_GONE);
     for (auto &[id, request] : std::exchange(channel.accounts, {})) {
-        request.answered({false, 0, "the device disconnected"});
+        request.answered({false, 0, DEVICE_GONE});
     }
     channel.outgoing.messages.clear();
     if (code == 0)
         channel.link->abort();
     else
         channel.link->close(code);
-    channel.events.closed(keep);
+    channel.events.closed(keep, reason);
 }
 
 // ---- requests
@@ -386,41 +463,31 @@ const SERVICE_T *findService(const DEVICE_CHANNEL_T &channel, const std::string 
     return found == channel.services.end() ? nullptr : &*found;
 }
 
-static void makeRoomForSession(DEVICE_CHANNEL_T &channel)
+bool makeRoomForStream(DEVICE_CHANNEL_T &channel)
 {
-    if (channel.sessions.size() + channel.opening.size() < DEVICE_SESSIONS_MAX) return;
-    SessionPtr oldest;
-    for (const auto &[token, session] : channel.sessions) {
-        if (session->state != SESSION_STATE::LINGERING) continue;
-        if (!oldest || session->lingering_since < oldest->lingering_since) oldest = session;
+    const std::size_t count = channel.streams.size() + channel.opening.size();
+    if (count >= channel.limits.clients_per_device) {
+        logFault(channel, "too many clients, one was turned away");
+        return false;
     }
-    if (!oldest) return;
-    logInfo("session %s (%s) makes room: its client is done", oldest->token.c_str(),
-            oldest->label.c_str());
-    takeOffChannel(oldest, true);
-    abortSession(oldest, "made room: its client was done");
+    if (count < DEVICE_SESSIONS_MAX) return true;
+    StreamPtr oldest;
+    for (const auto &[token, stream] : channel.streams) {
+        const auto since = stream->idleSince();
+        if (since && (!oldest || *since < *oldest->idleSince())) oldest = stream;
+    }
+    if (oldest) oldest->giveUp();
+    return true;
 }
 
-SessionPtr requestSession(DEVICE_CHANNEL_T &channel, CLIENT_T client, const SERVICE_T &service)
+bool requestStream(DEVICE_CHANNEL_T &channel, const StreamPtr &stream, const SERVICE_T &service)
 {
-    const bool is_crowded =
-        channel.sessions.size() + channel.opening.size() >= channel.limits.clients_per_device;
-    if (!is_crowded) makeRoomForSession(channel);
-    auto session = std::make_shared<SESSION_T>(std::move(client), channel, service);
-    if (is_crowded) {
-        logFault(channel, "too many clients, one was turned away");
-        abortSession(session, "refused: too many clients of this device");
-        return session;
-    }
-    if (channel.state != CHANNEL_STATE::CONNECTED) { // making room was one message too many
-        abortSession(session, "the device disconnected");
-        return session;
-    }
+    if (channel.state != CHANNEL_STATE::CONNECTED) return false;
     const std::string id = freshId(channel, OPEN_ID);
-    channel.opening.emplace(id, session);
-    armSessionTimer(session);
+    channel.opening.emplace(id, stream);
+    askForLife(channel);
     sendControl(channel, MESSAGE_NEW_SESSION, id, {}, buildNewSession(service));
-    return session;
+    return true;
 }
 
 void requestAccountCheck(DEVICE_CHANNEL_T &channel, const std::string &user,
@@ -440,6 +507,7 @@ void requestAccountCheck(DEVICE_CHANNEL_T &channel, const std::string &user,
         const auto found = held->accounts.extract(id);
         if (!found.empty()) found.mapped().answered({false, 0, "the device did not answer"});
     });
+    askForLife(channel);
     channel.accounts.emplace(id, ACCOUNT_REQUEST_T{std::move(answered), std::move(timer)});
     sendControl(channel, MESSAGE_VERIFY_ACCOUNT, id, {}, *payload, true);
     explicit_bzero(payload->data(), payload->size());

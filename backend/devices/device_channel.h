@@ -5,40 +5,53 @@
 // again gives out the same identifiers once more, so no session may outlive its channel.
 // Ownership  the server holds the channels; the channel owns its link, its sessions and its queue.
 // Threads    the thread of the io_context.
-// Limits     LIMITS_T. Session data to the device is bounded by not reading clients, data from it
-//            by not reading the channel.
+// Limits     LIMITS_T. Session data to the device is bounded by not reading clients. The channel is
+//            always read: what waits for a client is bounded by the session's own limit.
 // Failure    every fault is logged here. A message that cannot be read is dropped, and the channel
 //            stays, as the device does it on its side.
 #pragma once
 
+#include "backend/devices/channel_stream.h"
 #include "backend/devices/handshake.h"
 #include "backend/limits.h"
-#include "backend/observe/log.h"
 #include "backend/net/send_queue.h"
-#include "backend/sessions/session.h"
 #include "backend/net/websocket_link.h"
+#include "backend/observe/log.h"
 
+#include <chrono>
 #include <ctime>
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 
 namespace backend {
 
-enum class CHANNEL_STATE { HANDSHAKE, CONNECTED, REFUSED, CLOSED };
+enum class CHANNEL_STATE {
+    HANDSHAKE,
+    CHECKING, // the handshake has come, and its check goes on; nothing is read meanwhile
+    CONNECTED,
+    REFUSED,
+    CLOSED,
+};
 
+struct DEVICE_CHANNEL_T;
 using ChannelPtr = std::shared_ptr<DEVICE_CHANNEL_T>;
 
 struct CHANNEL_EVENTS_T {
-    std::function<HANDSHAKE_RESULT_T(const MESSAGE_T &)> check; // of a handshake
+    // Checks a handshake and calls answered once: within the call, or later on the same thread.
+    std::function<void(const DEVICE_CHANNEL_T &, const MESSAGE_T &, HandshakeAnswer answered)>
+        check;
     std::function<void(const ChannelPtr &)> connected;
-    std::function<void(const ChannelPtr &)> closed; // once for each channel
+    // Once for each channel, with the reason in words.
+    std::function<void(const ChannelPtr &, const std::string &)> closed;
 };
 
 struct ACCOUNT_RESULT_T {
@@ -62,7 +75,9 @@ struct DEVICE_CHANNEL_T : std::enable_shared_from_this<DEVICE_CHANNEL_T> {
     const LIMITS_T &limits;
     CHANNEL_EVENTS_T events;
     std::shared_ptr<WebsocketLink> link;
-    boost::asio::steady_timer timer; // handshake, then the delayed close of a refused device
+    // Handshake, then the delayed close of a refused device, or the next look at a silent one.
+    boost::asio::steady_timer timer;
+    std::optional<std::chrono::steady_clock::time_point> pinged; // and nothing heard since
     CHANNEL_STATE state = CHANNEL_STATE::HANDSHAKE;
     std::string peer; // address and port
     DEVICE_KEY_T device;
@@ -71,14 +86,13 @@ struct DEVICE_CHANNEL_T : std::enable_shared_from_this<DEVICE_CHANNEL_T> {
 
     SEND_QUEUE_T outgoing{limits};
 
-    std::unordered_map<std::string, SessionPtr> sessions; // by token
-    std::unordered_map<std::string, SessionPtr> opening;  // by the request's msg_id
+    std::unordered_map<std::string, StreamPtr> streams; // by token
+    std::unordered_map<std::string, StreamPtr> opening; // by the request's msg_id
     std::unordered_map<std::string, ACCOUNT_REQUEST_T> accounts;
     std::deque<std::string> releasing; // tokens released here whose data may still be under way
-    std::size_t full_sessions = 0;
     bool read_active = false;
     std::uint64_t next_id = 1;
-    RATE_LIMIT_T fault_lines;
+    LINE_LIMIT_T fault_lines{"lines of this device"};
     RATE_LIMIT_T unknown_releases;
 };
 
@@ -88,21 +102,37 @@ ChannelPtr startDeviceChannel(boost::asio::io_context &io, const LIMITS_T &limit
 
 void closeDeviceChannel(DEVICE_CHANNEL_T &channel, std::uint16_t code, const std::string &reason);
 
+// How long nothing has come from the device: any byte counts, because an answer may wait behind
+// half a minute of data.
+std::chrono::milliseconds silenceOf(const DEVICE_CHANNEL_T &channel);
+
+// Sends a ping when the device has been silent for a while.
+void askForLife(DEVICE_CHANNEL_T &channel);
+
+// Whether it has not answered a ping for LIMITS_T::answering_time.
+bool isSilent(const DEVICE_CHANNEL_T &channel);
+
 // Null when the device did not announce it.
 const SERVICE_T *findService(const DEVICE_CHANNEL_T &channel, const std::string &name);
 
-// Asks the device for a session and carries the client over it. A device takes DEVICE_SESSIONS_MAX
-// sessions: when they are in use, the one that lingers longest makes room.
-SessionPtr requestSession(DEVICE_CHANNEL_T &channel, CLIENT_T client, const SERVICE_T &service);
+// Makes room for one more stream: a device takes DEVICE_SESSIONS_MAX, and when they are in use the
+// one that is idle longest is given up. False when the channel has too many already.
+bool makeRoomForStream(DEVICE_CHANNEL_T &channel);
+
+// Asks the device to connect the service; the stream is told the answer. False when the channel
+// cannot ask any more.
+bool requestStream(DEVICE_CHANNEL_T &channel, const StreamPtr &stream, const SERVICE_T &service);
 
 // Has the device check one of its local accounts. The callback is called exactly once, not from
 // within the call unless the request cannot be sent.
 void requestAccountCheck(DEVICE_CHANNEL_T &channel, const std::string &user,
                          const std::string &password, AccountCallback answered);
 
-// What sessions use of their channel.
-void sendSessionData(SESSION_T &session); // session.message, with its size set
-void noteSessionFull(SESSION_T &session, bool is_full);
-void takeOffChannel(const SessionPtr &session, bool tell_device);
+// message: a session's bytes with their size set.
+void sendStreamData(DEVICE_CHANNEL_T &channel, const std::string &token, OutMessagePtr message);
+
+// token: empty while the device has not answered.
+void takeOffChannel(DEVICE_CHANNEL_T &channel, const ChannelStream &stream,
+                    const std::string &token, bool tell_device);
 
 } // namespace backend

@@ -6,6 +6,8 @@
 // Failure  loadRegistry throws std::runtime_error whose text names the file and the place in it.
 #pragma once
 
+#include "backend/device_key.h"
+
 #include <map>
 #include <string>
 #include <string_view>
@@ -13,12 +15,6 @@
 #include <vector>
 
 namespace backend {
-
-struct DEVICE_KEY_T {
-    std::string product_key;
-    std::string device_name;
-    auto operator<=>(const DEVICE_KEY_T &) const = default;
-};
 
 using DEVICE_REGISTRY_T = std::map<DEVICE_KEY_T, std::string>; // the secret of each device
 

@@ -1,7 +1,5 @@
 #include "backend/devices/handshake.h"
 
-#include "backend/observe/log.h"
-
 #include <array>
 #include <optional>
 #include <stdexcept>
@@ -18,6 +16,7 @@ constexpr std::string_view CLIENT_ID = "quorvex_iot";
 constexpr std::string_view PROTOCOL_VERSION = "2.1";
 constexpr std::string_view SIGN_METHOD = "hmacsha256";
 constexpr std::size_t SIGN_SIZE = 64;
+constexpr std::string_view NO_SECRET = "checked for a device that is unknown"; // never accepted
 constexpr std::size_t SERVICE_TEXT_MAX = 63;
 
 // Null unless the member is there and is a text.
@@ -43,7 +42,8 @@ static std::optional<SERVICE_T> readService(const json &entry)
     return SERVICE_T{*type, *name, *ip, port->get<std::int64_t>()};
 }
 
-static bool readServices(const json &payload, std::vector<SERVICE_T> &services)
+// remark: what was left out, for the log.
+static bool readServices(const json &payload, std::vector<SERVICE_T> &services, std::string &remark)
 {
     const auto list = payload.find("service_meta");
     if (list == payload.end() || !list->is_array() || list->size() > SERVICES_MAX) return false;
@@ -54,28 +54,29 @@ static bool readServices(const json &payload, std::vector<SERVICE_T> &services)
         if (isPlainText(service->type) && isPlainText(service->name) && isPlainText(service->ip)) {
             services.push_back(std::move(*service));
         } else {
-            logWarning("service \"%s\" is left out: its texts cannot be sent back",
-                       service->name.c_str());
+            remark = "service \"" + service->name + "\" is left out: its texts cannot be sent back";
         }
     }
     return true;
 }
 
-static bool signMatches(std::string_view sign, std::string_view secret, const DEVICE_KEY_T &device,
-                        std::int64_t timestamp)
+// Which second was signed, if any. Takes the same time whatever the answer is.
+static std::optional<std::int64_t> findSignedSecond(std::string_view sign, std::string_view secret,
+                                                    const DEVICE_KEY_T &device,
+                                                    std::int64_t timestamp)
 {
-    if (sign.size() != SIGN_SIZE) return false;
-    int differing = 2;
+    if (sign.size() != SIGN_SIZE) return std::nullopt;
+    std::optional<std::int64_t> signed_second;
     for (const std::int64_t second : {timestamp, timestamp - 1}) {
         const std::string expected = signHandshake(secret, CLIENT_ID, device, second);
-        differing -= CRYPTO_memcmp(sign.data(), expected.data(), SIGN_SIZE) == 0 ? 1 : 0;
+        if (CRYPTO_memcmp(sign.data(), expected.data(), SIGN_SIZE) == 0) signed_second = second;
     }
-    return differing < 2;
+    return signed_second;
 }
 
 static HANDSHAKE_RESULT_T refuse(HANDSHAKE_CODE code, std::string detail, DEVICE_KEY_T device = {})
 {
-    return {code, std::move(detail), std::move(device), {}};
+    return {code, std::move(detail), std::move(device), {}, 0};
 }
 
 static HANDSHAKE_RESULT_T checkPayload(const json &payload, std::int64_t timestamp,
@@ -96,18 +97,19 @@ static HANDSHAKE_RESULT_T checkPayload(const json &payload, std::int64_t timesta
         return refuse(HANDSHAKE_UNSUPPORTED, "unknown protocol version " + *version);
     if (*method != SIGN_METHOD)
         return refuse(HANDSHAKE_UNSUPPORTED, "unknown sign method " + *method);
-    HANDSHAKE_RESULT_T result{HANDSHAKE_ACCEPTED, {}, {*key, *name}, {}};
+    HANDSHAKE_RESULT_T result{HANDSHAKE_ACCEPTED, {}, {*key, *name}, {}, 0};
     const auto found = registry.find(result.device);
-    if (found == registry.end())
-        return refuse(HANDSHAKE_UNKNOWN_DEVICE, "unknown device", result.device);
-    if (!signMatches(*sign, found->second, result.device, timestamp)) {
-        return refuse(HANDSHAKE_BAD_SIGNATURE, "wrong signature", result.device);
-    }
+    const bool is_known = found != registry.end();
+    const std::optional<std::int64_t> signed_second = findSignedSecond(
+        *sign, is_known ? std::string_view(found->second) : NO_SECRET, result.device, timestamp);
+    if (!is_known) return refuse(HANDSHAKE_BAD_SIGNATURE, "unknown device", result.device);
+    if (!signed_second) return refuse(HANDSHAKE_BAD_SIGNATURE, "wrong signature", result.device);
+    result.signed_second = *signed_second;
     if (timestamp > now + CLOCK_TOLERANCE_S || timestamp < now - CLOCK_TOLERANCE_S) {
         return refuse(HANDSHAKE_CLOCK_OFF,
                       "clock differs by " + std::to_string(timestamp - now) + " s", result.device);
     }
-    if (!readServices(payload, result.services)) {
+    if (!readServices(payload, result.services, result.detail)) {
         return refuse(HANDSHAKE_MALFORMED, "service_meta is no list of services", result.device);
     }
     return result;
@@ -139,13 +141,15 @@ const char *handshakeCodeText(HANDSHAKE_CODE code)
     case HANDSHAKE_MALFORMED:
         return "malformed handshake";
     case HANDSHAKE_BAD_SIGNATURE:
-        return "wrong signature";
-    case HANDSHAKE_UNKNOWN_DEVICE:
-        return "unknown device";
+        return "unknown device or wrong signature";
+    case HANDSHAKE_DUPLICATE:
+        return "another device of this name is connected";
     case HANDSHAKE_CLOCK_OFF:
         return "clock differs too much";
     case HANDSHAKE_UNSUPPORTED:
         return "unsupported client, version or sign method";
+    case HANDSHAKE_UNAVAILABLE:
+        return "not available at the moment";
     }
     return "refused";
 }

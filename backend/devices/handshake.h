@@ -2,10 +2,12 @@
 // "clientId<uuid>deviceName<name>productKey<key>timestamp<seconds>" with HMAC-SHA256, keyed with
 // its secret; the signature is 64 lower-case hexadecimal digits. The payload does not carry the
 // timestamp: the message header has one, but the device reads its clock once for the signature and
-// again for the header, so the signed second is that of the header or the one before. A captured
-// handshake could be sent again within the accepted time: the channel's TLS keeps it from being
-// captured, and it cannot be refused, because a device that connects twice within one second sends
-// the same signature twice.
+// again for the header, so the signed second is that of the header or the one before.
+// Replay   this check alone would take a captured handshake again for as long as its second is
+//          within the tolerance; the ledger of used signatures (used_signatures.h) refuses it. A
+//          capture needs no break of TLS: the device's own log holds the signature.
+// Secrecy  an unknown device, a wrong signature and a replay get one answer, after the same work,
+//          so that a stranger cannot find out which devices exist. The detail tells them apart.
 // Threads  no state.
 // Failure  every fault is a code; nothing is thrown for bad input.
 #pragma once
@@ -14,6 +16,7 @@
 #include "backend/devices/protocol.h"
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,10 +28,11 @@ enum HANDSHAKE_CODE : std::int32_t {
     HANDSHAKE_ACCEPTED = 0,
     HANDSHAKE_MALFORMED =
         400, // not a handshake message, or a field is missing, of the wrong type or too long
-    HANDSHAKE_BAD_SIGNATURE = 401,  // signed with another secret, or over other values
-    HANDSHAKE_UNKNOWN_DEVICE = 404, // product key and device name are not in the registry
-    HANDSHAKE_CLOCK_OFF = 412,   // the clock of the device differs by more than CLOCK_TOLERANCE_S
-    HANDSHAKE_UNSUPPORTED = 415, // another client identifier, protocol version or method
+    HANDSHAKE_BAD_SIGNATURE = 401, // wrong or used before, or the device is not in the registry
+    HANDSHAKE_DUPLICATE = 409,     // another device of this name came a moment ago
+    HANDSHAKE_CLOCK_OFF = 412,     // the clock of the device differs by more than CLOCK_TOLERANCE_S
+    HANDSHAKE_UNSUPPORTED = 415,   // another client identifier, protocol version or method
+    HANDSHAKE_UNAVAILABLE = 503,   // the back end cannot record that it accepts it
 };
 
 constexpr std::int64_t CLOCK_TOLERANCE_S = 300;
@@ -36,10 +40,13 @@ constexpr std::size_t SERVICES_MAX = 64; // more than a device can announce
 
 struct HANDSHAKE_RESULT_T {
     HANDSHAKE_CODE code = HANDSHAKE_MALFORMED;
-    std::string detail; // the fault in words, for our log
+    std::string detail; // for our log: the fault, or what was left out of an accepted one
     DEVICE_KEY_T device;
     std::vector<SERVICE_T> services; // empty unless accepted
+    std::int64_t signed_second = 0;  // which second the signature is of; 0 unless accepted
 };
+
+using HandshakeAnswer = std::function<void(HANDSHAKE_RESULT_T)>;
 
 // now: seconds since the epoch.
 HANDSHAKE_RESULT_T checkHandshake(const MESSAGE_T &message, const DEVICE_REGISTRY_T &registry,

@@ -10,7 +10,8 @@
 //            for bad input.
 #pragma once
 
-#include <array>
+#include "backend/net/out_message.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -76,13 +77,6 @@ struct RESPONSE_T {
     std::int64_t code = 0;
     std::string message;
     std::string session_id; // empty when the response carries none
-};
-
-// Header bytes of a message to be sent.
-struct HEADER_TEXT_T {
-    std::array<char, 320>
-        bytes{}; // the fixed text, two ids of ID_MAX and three numbers take 260 at most
-    std::size_t size = 0;
 };
 
 [[nodiscard]] const char *parseMessage(std::span<const std::uint8_t> bytes, MESSAGE_T &message);

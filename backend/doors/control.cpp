@@ -1,19 +1,17 @@
 #include "backend/doors/control.h"
 
 #include "backend/net/accept_loop.h"
-#include "backend/observe/audit.h"
 #include "backend/observe/log.h"
-#include "backend/server.h"
 
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <optional>
-#include <pwd.h>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <system_error>
 #include <unistd.h>
 
 #include <boost/asio/local/stream_protocol.hpp>
@@ -32,14 +30,19 @@ constexpr auto REQUEST_TIME = std::chrono::seconds(5);
 constexpr auto TOOL_GRACE = std::chrono::seconds(2);
 
 struct CONTROL_T {
-    CONTROL_T(SERVER_T &of, std::string file)
-        : server(of), path(std::move(file)), acceptor(of.io), pause(of.io)
+    CONTROL_T(asio::io_context &context, OPERATIONS_T &on, const LIMITS_T &allowed,
+              std::shared_ptr<ACCOUNT_NAMES_T> accounts, std::string file)
+        : io(context), operations(on), limits(allowed), path(std::move(file)), acceptor(context),
+          pause(context), names(std::move(accounts))
     {
     }
-    SERVER_T &server;
+    asio::io_context &io;
+    OPERATIONS_T &operations;
+    const LIMITS_T &limits;
     std::string path;
     local::acceptor acceptor;
     asio::steady_timer pause;
+    std::shared_ptr<ACCOUNT_NAMES_T> names;
     std::size_t connections = 0;
 };
 
@@ -47,7 +50,7 @@ using ControlPtr = std::shared_ptr<CONTROL_T>;
 
 struct CONTROL_LINK_T {
     CONTROL_LINK_T(ControlPtr of, local::socket from)
-        : control(std::move(of)), socket(std::move(from)), timer(control->server.io)
+        : control(std::move(of)), socket(std::move(from)), timer(control->io)
     {
         control->connections++;
     }
@@ -71,25 +74,12 @@ struct CONTROL_LINK_T {
     bool write_active = false;
     bool is_done = false; // closed once everything is written
     int passed_fd = -1;
-    std::string who;
+    std::string account; // empty until it is known
+    pid_t process = 0;
+    bool is_whole = false;            // the request has come
     std::weak_ptr<SESSION_T> session; // of "connect"
 };
 using LinkPtr = std::shared_ptr<CONTROL_LINK_T>;
-
-static std::string peerText(int fd)
-{
-    ucred peer{};
-    socklen_t size = sizeof peer;
-    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return "(unknown)";
-    std::array<char, 4096> storage{};
-    passwd entry{};
-    passwd *found = nullptr;
-    const bool is_named =
-        getpwuid_r(peer.uid, &entry, storage.data(), storage.size(), &found) == 0 &&
-        found != nullptr;
-    return (is_named ? std::string(entry.pw_name) : "uid " + std::to_string(peer.uid)) +
-           ", process " + std::to_string(peer.pid);
-}
 
 // ---- answers
 
@@ -130,7 +120,7 @@ static void answer(const LinkPtr &link, const json &line, bool is_last)
     link->answers += line.dump(-1, ' ', true, json::error_handler_t::replace) + "\n";
     if (is_last) {
         link->is_done = true;
-        closeAfter(link, link->control->server.options.limits.answer_time);
+        closeAfter(link, link->control->limits.answer_time);
     }
     writeAnswers(link);
 }
@@ -141,95 +131,6 @@ static void refuse(const LinkPtr &link, const std::string &error)
 }
 
 // ---- requests
-
-static std::string memberOf(const json &request, const char *name)
-{
-    const auto found = request.find(name);
-    if (found == request.end() || !found->is_string() ||
-        found->get_ref<const std::string &>().empty())
-        throw std::runtime_error(std::string("the request has no \"") + name + "\"");
-    return found->get<std::string>();
-}
-
-static ChannelPtr channelOf(CONTROL_T &control, const json &request)
-{
-    const std::string name = memberOf(request, "device");
-    ChannelPtr channel =
-        findChannel(control.server, findDeviceByName(control.server.options.registry, name));
-    if (!channel) throw std::runtime_error(name + " is not connected");
-    return channel;
-}
-
-static json sessionJson(const SESSION_T &session)
-{
-    return {{"session", session.token},        {"device", session.device},
-            {"service", session.service.name}, {"who", session.origin.who},
-            {"since", session.asked_at},       {"bytes_up", session.bytes_up},
-            {"bytes_down", session.bytes_down}};
-}
-
-static void listDevices(const LinkPtr &link, const json & /*request*/)
-{
-    const SERVER_T &server = link->control->server;
-    json devices = json::array();
-    for (const auto &[key, secret] : server.options.registry) {
-        const ChannelPtr channel = findChannel(server, key);
-        json device = {{"product", key.product_key},
-                       {"device", key.device_name},
-                       {"connected", channel != nullptr}};
-        if (channel) {
-            device["peer"] = channel->peer;
-            device["since"] = channel->connected_at;
-            device["services"] = channel->services.size();
-            device["sessions"] = channel->sessions.size();
-        }
-        devices.push_back(std::move(device));
-    }
-    answer(link, {{"ok", true}, {"devices", std::move(devices)}}, true);
-}
-
-static void listServices(const LinkPtr &link, const json &request)
-{
-    json services = json::array();
-    for (const SERVICE_T &service : channelOf(*link->control, request)->services) {
-        services.push_back({{"name", service.name},
-                            {"type", service.type},
-                            {"ip", service.ip},
-                            {"port", service.port}});
-    }
-    answer(link, {{"ok", true}, {"services", std::move(services)}}, true);
-}
-
-static void listSessions(const LinkPtr &link, const json & /*request*/)
-{
-    json sessions = json::array();
-    for (const auto &[key, channel] : link->control->server.devices) {
-        for (const auto &[token, session] : channel->sessions)
-            sessions.push_back(sessionJson(*session));
-    }
-    answer(link, {{"ok", true}, {"sessions", std::move(sessions)}}, true);
-}
-
-static void verifyAccount(const LinkPtr &link, const json &request)
-{
-    const std::string device = memberOf(request, "device");
-    const std::string user = memberOf(request, "user");
-    const auto answered = [link, device, user](const ACCOUNT_RESULT_T &result) {
-        auditAccountCheck(link->who, device, user, result.is_answered && result.code == 0,
-                          result.message);
-        if (!result.is_answered) return refuse(link, result.message);
-        answer(link, {{"ok", true}, {"code", result.code}, {"message", result.message}}, true);
-    };
-    ChannelPtr channel;
-    try {
-        channel = channelOf(*link->control, request);
-    } catch (const std::runtime_error &fault) {
-        return answered({false, 0, fault.what()});
-    }
-    std::string password = memberOf(request, "password");
-    requestAccountCheck(*channel, user, password, answered);
-    explicit_bzero(password.data(), password.size());
-}
 
 // The socket that came with the request; nothing when none that can be used did.
 static std::optional<ClientSocket> takeClientSocket(CONTROL_LINK_T &link)
@@ -244,7 +145,7 @@ static std::optional<ClientSocket> takeClientSocket(CONTROL_LINK_T &link)
         getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_STREAM ||
         getpeername(fd, reinterpret_cast<sockaddr *>(&peer), &peer_size) != 0)
         return std::nullopt;
-    ClientSocket client(link.control->server.io);
+    ClientSocket client(link.control->io);
     error_code error;
     client.assign(asio::generic::stream_protocol(domain, 0), fd, error);
     if (error) return std::nullopt;
@@ -269,75 +170,26 @@ static void watchOperator(const LinkPtr &link)
         });
 }
 
-static void connectClient(const LinkPtr &link, const json &request)
+static void run(const LinkPtr &link, const json &request)
 {
-    const std::string device = memberOf(request, "device");
-    const std::string name = memberOf(request, "service");
-    const auto turn_away = [&](const std::string &reason) {
-        auditRefusal(link->who, device, name, reason);
-        refuse(link, reason);
-    };
-    ChannelPtr channel;
-    try {
-        channel = channelOf(*link->control, request);
-    } catch (const std::runtime_error &fault) {
-        return turn_away(fault.what());
-    }
-    const SERVICE_T *service = findService(*channel, name);
-    if (service == nullptr) return turn_away(device + " does not offer " + name);
-    auto socket = takeClientSocket(*link);
-    if (!socket) return turn_away("no connected stream socket came with the request");
-    CLIENT_T client{std::move(*socket), link->who, nullptr, nullptr};
-    client.opened = [link](const SESSION_T &session) {
-        answer(link, {{"ok", true}, {"session", session.token}}, false);
-    };
-    client.ended = [link](const SESSION_T &session) {
-        if (session.token.empty()) return refuse(link, session.end_reason);
-        answer(link,
-               {{"ended", session.end_reason},
-                {"whole", session.is_whole},
-                {"bytes_up", session.bytes_up},
-                {"bytes_down", session.bytes_down}},
-               true);
-    };
-    link->session = requestSession(*channel, std::move(client), *service);
-    watchOperator(link);
-}
-
-struct REQUEST_ROUTE_T {
-    std::string_view name;
-    void (*handler)(const LinkPtr &link, const json &request);
-};
-
-constexpr auto REQUEST_ROUTES = std::to_array<REQUEST_ROUTE_T>({
-    {"devices", listDevices},
-    {"services", listServices},
-    {"sessions", listSessions},
-    {"verify", verifyAccount},
-    {"connect", connectClient},
-});
-
-static void dispatch(const LinkPtr &link, const json &request)
-{
-    if (!request.is_object()) return refuse(link, "the request is no JSON object");
-    const std::string wanted = memberOf(request, "do");
-    for (const REQUEST_ROUTE_T &route : REQUEST_ROUTES)
-        if (route.name == wanted) return route.handler(link, request);
-    refuse(link, "unknown request \"" + wanted + "\"");
+    const auto call = std::make_shared<CALL_T>();
+    call->who = {DOOR::CONTROL_SOCKET, link->account, "process " + std::to_string(link->process)};
+    call->answer = [link](const json &line, bool is_last) { answer(link, line, is_last); };
+    call->takeClient = [link] { return takeClientSocket(*link); };
+    runOperation(link->control->operations, call, request);
+    link->session = call->session;
+    if (link->session.lock()) watchOperator(link);
 }
 
 // What is ours of a password is overwritten; the buffers of the JSON library's parser are not.
 static void handleRequest(const LinkPtr &link)
 {
+    if (!link->is_whole || link->account.empty()) return; // both come, in either order
     link->timer.cancel();
-    json request;
-    try {
-        request = json::parse(link->request, nullptr, false);
-        explicit_bzero(link->request.data(), link->request.size());
-        dispatch(link, request);
-    } catch (const std::exception &fault) {
-        refuse(link, fault.what());
-    }
+    json request = json::parse(link->request, nullptr, false);
+    explicit_bzero(link->request.data(), link->request.size());
+    run(link, request);
+    if (!request.is_object()) return;
     const auto password = request.find("password");
     if (password == request.end() || !password->is_string()) return;
     std::string &text = password->get_ref<std::string &>();
@@ -380,7 +232,8 @@ static void readRequest(const LinkPtr &link)
         if (error) return;
         const bool goes_on = receiveRequest(*link);
         if (!goes_on) link->timer.cancel();
-        if (link->request.find('\n') != std::string::npos) return handleRequest(link);
+        link->is_whole = link->request.find('\n') != std::string::npos;
+        if (link->is_whole) return handleRequest(link);
         if (link->request.size() >= REQUEST_MAX) return refuse(link, "the request is too long");
         if (goes_on) readRequest(link);
     });
@@ -392,9 +245,17 @@ static void takeOperator(const ControlPtr &control, local::socket socket)
         throw std::runtime_error("too many operators' tools");
     const auto link = std::make_shared<CONTROL_LINK_T>(control, std::move(socket));
     link->request.reserve(REQUEST_MAX);
-    link->who = peerText(link->socket.native_handle());
     closeAfter(link, REQUEST_TIME);
     readRequest(link);
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    if (getsockopt(link->socket.native_handle(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
+        throw std::system_error(errno, std::generic_category());
+    link->process = peer.pid;
+    lookUpAccount(control->names, peer.uid, [link](const std::string &name) {
+        link->account = name;
+        handleRequest(link);
+    });
 }
 
 // A file that is left of a back end that has ended must not keep the next one from starting.
@@ -412,13 +273,16 @@ static void removeStaleSocket(asio::io_context &io, const std::string &path)
     (void)unlink(path.c_str());
 }
 
-std::shared_ptr<CONTROL_T> openControl(SERVER_T &server, const std::string &path)
+std::shared_ptr<CONTROL_T> openControl(asio::io_context &io, OPERATIONS_T &operations,
+                                       const LIMITS_T &limits,
+                                       const std::shared_ptr<ACCOUNT_NAMES_T> &names,
+                                       const std::string &path)
 {
     if (path.size() >= sizeof(sockaddr_un::sun_path))
         throw std::runtime_error(path + ": the path of a socket has at most " +
                                  std::to_string(sizeof(sockaddr_un::sun_path) - 1) + " bytes");
-    removeStaleSocket(server.io, path);
-    auto control = std::make_shared<CONTROL_T>(server, path);
+    removeStaleSocket(io, path);
+    auto control = std::make_shared<CONTROL_T>(io, operations, limits, names, path);
     const mode_t usual = umask(0117); // from the first moment on, not only after a chmod
     try {
         control->acceptor.open();

@@ -13,11 +13,16 @@
 #include <utility>
 
 #include <boost/asio/error.hpp>
+#include <boost/asio/ip/tcp.hpp>
 #include <boost/system/error_code.hpp>
 
 namespace backend {
 
 constexpr auto ACCEPT_PAUSE = std::chrono::milliseconds(100);
+
+// Throws std::runtime_error with the address and the reason.
+void openListener(boost::asio::ip::tcp::acceptor &acceptor,
+                  const boost::asio::ip::tcp::endpoint &endpoint);
 
 template <class Owner, class Take> void acceptNext(const Owner &owner, Take take);
 

@@ -51,7 +51,7 @@ bool isControlOverfull(const SEND_QUEUE_T &queue)
     return queue.control_size > queue.limits.control_queue;
 }
 
-OutMessagePtr takeDataMessage(SEND_QUEUE_T *queue)
+OutMessagePtr takeDataMessage(SEND_QUEUE_T *queue, std::size_t size)
 {
     if (queue != nullptr && !queue->spare.empty()) {
         OutMessagePtr message = std::move(queue->spare.back());
@@ -59,27 +59,27 @@ OutMessagePtr takeDataMessage(SEND_QUEUE_T *queue)
         return message;
     }
     auto message = std::make_unique<OUT_MESSAGE_T>();
-    message->payload.resize(DATA_MAX);
+    message->payload.resize(size);
     message->is_data = true;
     return message;
 }
 
-void waitForDataRoom(SEND_QUEUE_T &queue, std::shared_ptr<SESSION_T> session)
+void waitForDataRoom(SEND_QUEUE_T &queue, std::shared_ptr<RoomWaiter> waiter)
 {
-    queue.waiting.push_back(std::move(session));
+    queue.waiting.push_back(std::move(waiter));
 }
 
-void stopWaiting(SEND_QUEUE_T &queue, const SESSION_T &session)
+void stopWaiting(SEND_QUEUE_T &queue, const RoomWaiter &waiter)
 {
-    std::erase_if(queue.waiting, [&session](const auto &other) { return other.get() == &session; });
+    std::erase_if(queue.waiting, [&waiter](const auto &other) { return other.get() == &waiter; });
 }
 
-std::shared_ptr<SESSION_T> takeWaitingSession(SEND_QUEUE_T &queue)
+std::shared_ptr<RoomWaiter> takeWaiter(SEND_QUEUE_T &queue)
 {
     if (queue.waiting.empty() || !hasDataRoom(queue)) return nullptr;
-    std::shared_ptr<SESSION_T> session = std::move(queue.waiting.front());
+    std::shared_ptr<RoomWaiter> waiter = std::move(queue.waiting.front());
     queue.waiting.pop_front();
-    return session;
+    return waiter;
 }
 
 } // namespace backend

@@ -16,13 +16,18 @@
 
 namespace backend {
 
-struct SESSION_T;
+// Somebody whose bytes had no room.
+class RoomWaiter {
+public:
+    virtual ~RoomWaiter() = default;
+    virtual void roomIsBack() = 0;
+};
 
 struct SEND_QUEUE_T {
     const LIMITS_T &limits;
     std::deque<OutMessagePtr> messages = {}; // behind the one that is being written
     std::vector<OutMessagePtr> spare = {};
-    std::deque<std::shared_ptr<SESSION_T>> waiting = {}; // to be read again once there is room
+    std::deque<std::shared_ptr<RoomWaiter>> waiting = {};
     std::size_t data_size = 0; // both sizes count the message being written
     std::size_t control_size = 0;
     bool write_active = false;
@@ -35,13 +40,13 @@ void finishMessage(SEND_QUEUE_T &queue, WebsocketLink &link, OutMessagePtr messa
 bool hasDataRoom(const SEND_QUEUE_T &queue);
 bool isControlOverfull(const SEND_QUEUE_T &queue);
 
-// Storage of DATA_MAX bytes; queue may be null.
-OutMessagePtr takeDataMessage(SEND_QUEUE_T *queue);
+// With storage for `size` bytes, which is the same in all calls; queue may be null.
+OutMessagePtr takeDataMessage(SEND_QUEUE_T *queue, std::size_t size);
 
-void waitForDataRoom(SEND_QUEUE_T &queue, std::shared_ptr<SESSION_T> session);
-void stopWaiting(SEND_QUEUE_T &queue, const SESSION_T &session);
-// The session that has waited longest, which no longer waits then; null when there is no room or
-// none waits.
-std::shared_ptr<SESSION_T> takeWaitingSession(SEND_QUEUE_T &queue);
+void waitForDataRoom(SEND_QUEUE_T &queue, std::shared_ptr<RoomWaiter> waiter);
+void stopWaiting(SEND_QUEUE_T &queue, const RoomWaiter &waiter);
+// The one that has waited longest, which no longer waits then; null when there is no room or none
+// waits.
+std::shared_ptr<RoomWaiter> takeWaiter(SEND_QUEUE_T &queue);
 
 } // namespace backend

@@ -138,6 +138,24 @@ public:
             });
     }
 
+    void ping() override
+    {
+        if (closed_ || pinging_ || !stream_.is_open()) return;
+        pinging_ = true;
+        stream_.async_ping({}, [self = this->shared_from_this()](const error_code &) {
+            self->pinging_ = false; // a broken connection shows in the read
+        });
+    }
+
+    std::chrono::milliseconds silence() override
+    {
+        tcp_info info{};
+        socklen_t size = sizeof info;
+        const int fd = beast::get_lowest_layer(stream_).native_handle();
+        if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) return {};
+        return std::chrono::milliseconds(info.tcpi_last_data_recv);
+    }
+
     void close(std::uint16_t code) override
     {
         if (closed_) return;
@@ -192,6 +210,7 @@ private:
     beast::flat_buffer in_;
     OutMessagePtr out_;
     bool closed_ = false;
+    bool pinging_ = false;
 };
 
 std::shared_ptr<WebsocketLink> makeWebsocketLink(tcp::socket socket,

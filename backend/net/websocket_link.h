@@ -8,8 +8,9 @@
 //            event comes any more.
 #pragma once
 
-#include "backend/devices/protocol.h"
+#include "backend/net/out_message.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -22,20 +23,6 @@
 namespace backend {
 
 constexpr std::size_t LINK_MESSAGE_MAX = std::size_t{64} * 1024;
-
-struct OUT_MESSAGE_T {
-    OUT_MESSAGE_T() = default;
-    OUT_MESSAGE_T(const OUT_MESSAGE_T &) = delete;
-    OUT_MESSAGE_T &operator=(const OUT_MESSAGE_T &) = delete;
-    ~OUT_MESSAGE_T(); // overwrites a secret payload
-
-    HEADER_TEXT_T header;
-    std::vector<std::uint8_t> payload;
-    std::size_t payload_size = 0; // the payload's used part: its storage is used again
-    bool is_data = false;         // a session's bytes; otherwise our own answer or request
-    bool is_secret = false;
-};
-using OutMessagePtr = std::unique_ptr<OUT_MESSAGE_T>;
 
 struct LINK_EVENTS_T {
     std::function<void(const boost::system::error_code &)> accepted;
@@ -52,6 +39,9 @@ public:
     virtual void accept() = 0; // TLS and the upgrade, then `accepted`
     virtual void read() = 0;   // one message, then `received`
     virtual void write(OutMessagePtr message) = 0;
+    virtual void ping() = 0; // beside a read and a write; at most one is under way, more are left out
+    // Since the last byte from the peer, whether it was read or still waits (tcp(7), TCP_INFO).
+    virtual std::chrono::milliseconds silence() = 0;
     // Sends a close frame with a status code and gives the peer a second; no event comes any more.
     virtual void close(std::uint16_t code) = 0;
     virtual void abort() = 0;

@@ -3,8 +3,10 @@
 #include "backend/observe/audit.h"
 #include "backend/devices/device_channel.h"
 #include "backend/limits.h"
+#include "backend/sessions/session_table.h"
 #include "backend/observe/log.h"
 
+#include <algorithm>
 #include <optional>
 
 #include <boost/asio/buffer.hpp>
@@ -17,12 +19,15 @@ namespace asio = boost::asio;
 using boost::system::error_code;
 using tcp = asio::ip::tcp;
 
-SESSION_T::SESSION_T(CLIENT_T from, DEVICE_CHANNEL_T &on, SERVICE_T wanted)
-    : channel(&on), limits(on.limits), origin(std::move(from)), client(std::move(origin.socket)),
-      timer(on.io), service(std::move(wanted)), device(on.device.device_name),
-      asked_at(std::time(nullptr))
+constexpr std::size_t KEPT_STORAGE = std::size_t{64} * 1024; // of an empty buffer
+
+SESSION_T::SESSION_T(std::shared_ptr<SESSION_TABLE_T> of, CLIENT_T from, DEVICE_CHANNEL_T &on,
+                     SERVICE_T wanted)
+    : table(std::move(of)), channel(&on), limits(on.limits), origin(std::move(from)),
+      client(std::move(origin.socket)), timer(on.io), service(std::move(wanted)),
+      device(on.device), asked_at(std::time(nullptr))
 {
-    label = device + "/" + service.name + " for " + origin.who;
+    label = device.device_name + "/" + service.name + " for " + origin.who + ", " + origin.from;
     error_code
         ignored; // a client that is gone already shows in the first read; Unix sockets have none
     client.set_option(tcp::no_delay(true), ignored);
@@ -34,13 +39,21 @@ static std::size_t bufferedBytes(const SESSION_T &session)
     return session.filling.size() + session.writing.size() - session.written;
 }
 
+static void recordEnd(const SESSION_T &session)
+{
+    auditSessionEnd(session.number, {session.bytes_up, session.bytes_down, session.is_whole,
+                                     session.end_reason, session.token});
+}
+
 // The end of the back end takes sessions along that still flush: they have their line, too.
 SESSION_T::~SESSION_T()
 {
+    table->backlog -= counted;
+    table->sessions.erase(number);
     if (state == SESSION_STATE::CLOSED) return;
     if (end_reason.empty()) end_reason = "the back end ends";
     is_whole = state == SESSION_STATE::FLUSHING && bufferedBytes(*this) == 0;
-    auditSession(*this);
+    recordEnd(*this);
 }
 
 void resetClient(ClientSocket &client)
@@ -55,54 +68,85 @@ static void noteReason(SESSION_T &session, const std::string &reason)
     if (session.end_reason.empty()) session.end_reason = reason;
 }
 
-// The one way into CLOSED.
-static void finishSession(const SessionPtr &session, bool is_whole)
+static void leaveChannel(SESSION_T &session, bool tell_device)
+{
+    DEVICE_CHANNEL_T *const channel = std::exchange(session.channel, nullptr);
+    if (channel != nullptr) takeOffChannel(*channel, session, session.token, tell_device);
+}
+
+// The one way into CLOSED. is_whole: the device has ended the session and the client got everything
+// that came from it; only then the client's end is known to be right. is_orderly: the client gets
+// an end of file, else a reset.
+static void finishSession(const SessionPtr &session, bool is_whole, bool is_orderly)
 {
     session->state = SESSION_STATE::CLOSED;
     session->is_whole = is_whole;
     session->timer.cancel();
-    if (is_whole) {
+    session->table->backlog -= std::exchange(session->counted, 0);
+    if (is_orderly) {
         error_code ignored;
         session->client.close(ignored);
     } else {
         resetClient(session->client);
     }
-    takeOffChannel(session, false);
-    auditSession(*session);
+    leaveChannel(*session, false);
+    recordEnd(*session);
     const auto ended = std::exchange(session->origin.ended, nullptr);
     if (ended) ended(*session);
 }
 
-void abortSession(const SessionPtr &session, const std::string &reason)
+void SESSION_T::cut(const std::string &reason)
 {
-    if (session->state == SESSION_STATE::CLOSED) return;
-    noteReason(*session, reason);
-    finishSession(session, false);
+    if (state == SESSION_STATE::CLOSED) return;
+    if (state == SESSION_STATE::OPENING)
+        logWarning("session %s: %s", label.c_str(), reason.c_str());
+    noteReason(*this, reason);
+    finishSession(shared_from_this(), false, false);
 }
 
 void endSession(const SessionPtr &session, const std::string &reason, bool is_orderly)
 {
     if (session->state == SESSION_STATE::CLOSED) return;
     noteReason(*session, reason);
-    logInfo("session %s (%s) ended: %s", session->token.empty() ? "-" : session->token.c_str(),
-            session->label.c_str(), reason.c_str());
-    takeOffChannel(session, true);
-    finishSession(session, is_orderly);
+    logInfo("session %s (%s) ended: %s", session->number.c_str(), session->label.c_str(),
+            reason.c_str());
+    leaveChannel(*session, true);
+    finishSession(session, false, is_orderly);
+}
+
+static void armSessionTimer(const SessionPtr &session);
+
+// A device may be busy with the requests before this one, but then it answers a ping.
+static void answerIsLate(const SessionPtr &session)
+{
+    DEVICE_CHANNEL_T &channel = *session->channel;
+    if (isSilent(channel)) {
+        const auto silence = std::chrono::duration_cast<std::chrono::seconds>(silenceOf(channel));
+        return endSession(session,
+                          session->device.device_name + " is not answering (last heard " +
+                              std::to_string(silence.count()) + " s ago)",
+                          false);
+    }
+    if (std::chrono::steady_clock::now() - session->requested >= session->limits.open_time)
+        return endSession(session, "the device did not answer", false);
+    askForLife(channel);
+    armSessionTimer(session);
 }
 
 static void sessionTimedOut(const SessionPtr &session)
 {
     switch (session->state) {
     case SESSION_STATE::OPENING:
-        return endSession(session, "the device did not answer", false);
-    case SESSION_STATE::OPEN:
-        return endSession(session, "the client does not read", false);
+        return answerIsLate(session);
     case SESSION_STATE::LINGERING:
         if (bufferedBytes(*session) > 0)
             return endSession(session, "the client does not read", false);
         return endSession(session, "the client is done and the device sends nothing", true);
     case SESSION_STATE::FLUSHING:
-        return finishSession(session, bufferedBytes(*session) == 0);
+        return finishSession(session, bufferedBytes(*session) == 0,
+                             bufferedBytes(*session) == 0);
+    case SESSION_STATE::RECORDING:
+    case SESSION_STATE::OPEN:
     case SESSION_STATE::CLOSED:
         return;
     }
@@ -113,21 +157,20 @@ static std::optional<std::chrono::milliseconds> waitOf(const SESSION_T &session)
     const bool is_empty = bufferedBytes(session) == 0;
     switch (session.state) {
     case SESSION_STATE::OPENING:
-        return session.limits.open_time;
-    case SESSION_STATE::OPEN:
-        if (session.is_full) return session.limits.stall_time;
-        return std::nullopt;
+        return std::min(session.limits.open_time, session.limits.answering_time);
     case SESSION_STATE::LINGERING:
         return is_empty ? session.limits.linger_time : session.limits.stall_time;
     case SESSION_STATE::FLUSHING:
         return is_empty ? session.limits.drain_time : session.limits.stall_time;
+    case SESSION_STATE::RECORDING:
+    case SESSION_STATE::OPEN:
     case SESSION_STATE::CLOSED:
         return std::nullopt;
     }
     return std::nullopt;
 }
 
-void armSessionTimer(const SessionPtr &session)
+static void armSessionTimer(const SessionPtr &session)
 {
     const std::optional<std::chrono::milliseconds> wait = waitOf(*session);
     session->timer.cancel();
@@ -148,7 +191,7 @@ static void clientIsFlushed(const SessionPtr &session)
 {
     if (session->state == SESSION_STATE::LINGERING) return armSessionTimer(session);
     if (session->state != SESSION_STATE::FLUSHING) return;
-    if (session->client_ended) return finishSession(session, true);
+    if (session->client_ended) return finishSession(session, true, true);
     error_code ignored; // a broken connection ends the read
     session->client.shutdown(ClientSocket::shutdown_send, ignored);
     armSessionTimer(session);
@@ -162,10 +205,9 @@ static void clientWritten(const SessionPtr &session, const error_code &error, st
     if (session->state == SESSION_STATE::CLOSED) return;
     if (error) return endSession(session, "the client's connection is lost", false);
     session->written += count;
-    if (session->is_full && bufferedBytes(*session) <= session->limits.session_buffer / 2) {
-        noteSessionFull(*session, false);
-    }
-    if (session->is_full || session->state != SESSION_STATE::OPEN) armSessionTimer(session);
+    noteBacklog(*session->table, *session);
+    if (session->state == SESSION_STATE::CLOSED) return;
+    if (session->state != SESSION_STATE::OPEN) armSessionTimer(session);
     writeClient(session);
 }
 
@@ -173,7 +215,8 @@ static void writeClient(const SessionPtr &session)
 {
     if (session->write_active) return;
     if (session->written == session->writing.size()) {
-        session->writing.clear(); // keeps its storage for the next round
+        session->writing.clear();
+        if (session->writing.capacity() > KEPT_STORAGE) session->writing.shrink_to_fit();
         session->written = 0;
         session->writing.swap(session->filling);
     }
@@ -199,18 +242,17 @@ static bool writeAtOnce(const SessionPtr &session, std::span<const std::uint8_t>
     return false;
 }
 
-void passToClient(const SessionPtr &session, std::span<const std::uint8_t> bytes)
+void SESSION_T::received(std::span<const std::uint8_t> bytes)
 {
     if (bytes.empty()) return;
-    session->bytes_up += bytes.size();
-    if (!writeAtOnce(session, bytes)) return;
-    session->filling.insert(session->filling.end(), bytes.begin(), bytes.end());
-    if (!session->is_full && bufferedBytes(*session) >= session->limits.session_buffer) {
-        noteSessionFull(*session, true);
-        armSessionTimer(session);
-    }
-    if (session->state == SESSION_STATE::LINGERING) armSessionTimer(session);
-    writeClient(session);
+    const SessionPtr self = shared_from_this();
+    bytes_up += bytes.size();
+    if (!writeAtOnce(self, bytes)) return;
+    filling.insert(filling.end(), bytes.begin(), bytes.end());
+    noteBacklog(*table, *this);
+    if (state == SESSION_STATE::CLOSED) return;
+    if (state == SESSION_STATE::LINGERING) armSessionTimer(self);
+    writeClient(self);
 }
 
 static void clientEnded(const SessionPtr &session)
@@ -221,9 +263,11 @@ static void clientEnded(const SessionPtr &session)
         session->lingering_since = std::chrono::steady_clock::now();
         armSessionTimer(session);
     } else if (session->state == SESSION_STATE::FLUSHING && bufferedBytes(*session) == 0) {
-        finishSession(session, true);
+        finishSession(session, true, true);
     }
 }
+
+static void readClient(const SessionPtr &session);
 
 static void clientRead(const SessionPtr &session, const error_code &error, std::size_t count)
 {
@@ -235,12 +279,12 @@ static void clientRead(const SessionPtr &session, const error_code &error, std::
     if (session->state == SESSION_STATE::OPEN) {
         session->message->payload_size = count;
         session->bytes_down += count;
-        sendSessionData(*session);
+        sendStreamData(*session->channel, session->token, std::move(session->message));
     }
     readClient(session);
 }
 
-void readClient(const SessionPtr &session)
+static void readClient(const SessionPtr &session)
 {
     const bool is_open = session->state == SESSION_STATE::OPEN;
     // A released session is still read, so that its client can reach its own end, but its
@@ -250,7 +294,8 @@ void readClient(const SessionPtr &session)
     if (is_open && !hasDataRoom(session->channel->outgoing))
         return waitForDataRoom(session->channel->outgoing, session);
     if (!session->message)
-        session->message = takeDataMessage(is_open ? &session->channel->outgoing : nullptr);
+        session->message = takeDataMessage(
+            is_open ? &session->channel->outgoing : nullptr, DATA_MAX);
     session->read_active = true;
     if (is_open && session->is_flowing) {
         error_code error;
@@ -264,26 +309,57 @@ void readClient(const SessionPtr &session)
                                     });
 }
 
-void openSession(const SessionPtr &session, const std::string &token)
+void SESSION_T::roomIsBack()
 {
-    session->token = token;
-    session->state = SESSION_STATE::OPEN;
-    armSessionTimer(session);
-    logInfo("session %s opened: %s", token.c_str(), session->label.c_str());
-    if (session->origin.opened) session->origin.opened(*session);
-    readClient(session);
+    readClient(shared_from_this());
 }
 
-void releaseByDevice(const SessionPtr &session)
+void openSession(const SessionPtr &session)
 {
-    logInfo("session %s (%s) released by the device", session->token.c_str(),
-            session->label.c_str());
-    noteReason(*session, "the service closed");
-    takeOffChannel(session, false);
-    session->state = SESSION_STATE::FLUSHING;
-    armSessionTimer(session);
-    writeClient(session);
-    if (session->state == SESSION_STATE::FLUSHING) readClient(session);
+    if (session->state != SESSION_STATE::RECORDING) return; // lost with its channel
+    if (!makeRoomForStream(*session->channel))
+        return session->cut("refused: too many clients of this device");
+    session->state = SESSION_STATE::OPENING;
+    session->requested = std::chrono::steady_clock::now();
+    if (!requestStream(*session->channel, session, session->service))
+        return session->cut("the device disconnected");
+    if (session->state == SESSION_STATE::OPENING) armSessionTimer(session);
+}
+
+void SESSION_T::opened(const std::string &given)
+{
+    token = given;
+    state = SESSION_STATE::OPEN;
+    const SessionPtr self = shared_from_this();
+    armSessionTimer(self);
+    logInfo("session %s opened: %s", number.c_str(), label.c_str());
+    if (origin.opened) origin.opened(*this);
+    readClient(self);
+}
+
+void SESSION_T::released()
+{
+    logInfo("session %s (%s) released by the device", number.c_str(), label.c_str());
+    const SessionPtr self = shared_from_this();
+    noteReason(*this, "the service closed");
+    leaveChannel(*this, false);
+    state = SESSION_STATE::FLUSHING;
+    armSessionTimer(self);
+    writeClient(self);
+    if (state == SESSION_STATE::FLUSHING) readClient(self);
+}
+
+std::optional<std::chrono::steady_clock::time_point> SESSION_T::idleSince() const
+{
+    if (state != SESSION_STATE::LINGERING) return std::nullopt;
+    return lingering_since;
+}
+
+void SESSION_T::giveUp()
+{
+    logInfo("session %s (%s) makes room: its client is done", number.c_str(), label.c_str());
+    leaveChannel(*this, true);
+    cut("made room: its client was done");
 }
 
 } // namespace backend

@@ -2,6 +2,9 @@
 // Ownership  the channel owns its sessions; a running operation keeps its session alive. A session
 //            that the device has released only flushes what is left to its client and belongs to
 //            itself.
+// Backlog    what the client does not take waits here, and the channel is read on: the session
+//            that holds more than session_buffer, or most of all when all hold more than
+//            all_buffers, is cut off alone.
 // Threads    the thread of the io_context.
 // Half-close the protocol has none. When a client ends its sending, the session stays for what the
 //            device still sends, until the device releases it or nothing has come for linger_time.
@@ -9,17 +12,20 @@
 //            take a part for the whole; after an orderly release it gets everything that was sent
 //            to it and then an end of file. Each session, refused ones too, ends with one line in
 //            the audit log.
-// Limits     LIMITS_T: the session's buffer, and the waits that end an idle session.
+// Limits     LIMITS_T: the sessions' buffers, and the waits that end a session.
 #pragma once
 
+#include "backend/devices/channel_stream.h"
+#include "backend/devices/device_registry.h"
 #include "backend/devices/protocol.h"
-#include "backend/net/websocket_link.h"
+#include "backend/net/out_message.h"
 
 #include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -31,8 +37,10 @@ namespace backend {
 
 struct DEVICE_CHANNEL_T;
 struct LIMITS_T;
+struct SESSION_TABLE_T;
 
 enum class SESSION_STATE {
+    RECORDING, // its begin is being written to the audit
     OPENING,   // the device has been asked
     OPEN,      // bytes go both ways
     LINGERING, // the client has ended its sending
@@ -47,28 +55,41 @@ using ClientSocket = boost::asio::generic::stream_protocol::socket;
 
 struct CLIENT_T {
     ClientSocket socket;
-    std::string who;                               // for the log and the audit
+    std::string who;                               // the operator's account
+    std::string from;                              // where that account's request came from
+    bool is_shared = false;                        // a port that other accounts may use, too
     std::function<void(const SESSION_T &)> opened; // may be empty
     // Once for each client, also for one whose session is refused. May be empty.
     std::function<void(const SESSION_T &)> ended;
 };
 
-struct SESSION_T {
-    SESSION_T(CLIENT_T from, DEVICE_CHANNEL_T &on, SERVICE_T wanted);
+struct SESSION_T final : ChannelStream, std::enable_shared_from_this<SESSION_T> {
+    SESSION_T(std::shared_ptr<SESSION_TABLE_T> of, CLIENT_T from, DEVICE_CHANNEL_T &on, SERVICE_T wanted);
     SESSION_T(const SESSION_T &) = delete;
     SESSION_T &operator=(const SESSION_T &) = delete;
-    ~SESSION_T();
+    ~SESSION_T() override;
 
+    void roomIsBack() override;
+    void opened(const std::string &given) override;
+    void received(std::span<const std::uint8_t> bytes) override;
+    void released() override;
+    void cut(const std::string &reason) override;
+    std::optional<std::chrono::steady_clock::time_point> idleSince() const override;
+    void giveUp() override;
+
+    std::shared_ptr<SESSION_TABLE_T> table;
     DEVICE_CHANNEL_T *channel; // borrowed; null once the session is off the channel
     const LIMITS_T &limits;
     CLIENT_T origin; // its socket has gone into client
     ClientSocket client;
     boost::asio::steady_timer timer; // the one wait of the current state
     SERVICE_T service;
-    std::string device; // its name
+    DEVICE_KEY_T device;
+    std::string number; // unique for good
     std::string label;  // device, service and client, for the log
-    std::string token;  // empty until the device has answered
-    SESSION_STATE state = SESSION_STATE::OPENING;
+    std::string token;  // the device's identifier of it; empty until the device has answered
+    SESSION_STATE state = SESSION_STATE::RECORDING;
+    std::chrono::steady_clock::time_point requested; // of the device
     std::chrono::steady_clock::time_point lingering_since;
 
     // Bytes for the client: one buffer is written from an offset while the other fills.
@@ -76,7 +97,7 @@ struct SESSION_T {
     std::vector<std::uint8_t> writing;
     std::size_t written = 0;
     bool write_active = false;
-    bool is_full = false; // counted in the channel's full_sessions
+    std::size_t counted = 0; // of these bytes, in the table's backlog
 
     OutMessagePtr message; // the storage that the next client bytes are read into
     bool read_active = false;
@@ -87,32 +108,16 @@ struct SESSION_T {
     std::uint64_t bytes_up = 0;   // from the device for the client
     std::uint64_t bytes_down = 0; // from the client for the device
     std::string end_reason;       // the first one counts
-    bool is_whole = false;        // the client got everything that the device sent
+    bool is_whole = false;        // the client got everything that came from the device
 };
 using SessionPtr = std::shared_ptr<SESSION_T>;
 
-// The device's answer has come: bytes flow from now on.
-void openSession(const SessionPtr &session, const std::string &token);
-
-// Bytes from the device for the client.
-void passToClient(const SessionPtr &session, std::span<const std::uint8_t> bytes);
-
-// The device has released the session: the rest is flushed, then the client sees the end.
-void releaseByDevice(const SessionPtr &session);
-
-// Cuts the session off at once, without telling the device.
-void abortSession(const SessionPtr &session, const std::string &reason);
-
-// Starts the next read from the client, unless the channel has no room: then the channel calls
-// again.
-void readClient(const SessionPtr &session);
-
-// (Re)starts the wait of the session's state, or ends it where the state has none.
-void armSessionTimer(const SessionPtr &session);
-
-// Ends a session from this side: the device is notified, and the client is reset or, when it got
-// all there was, closed.
+// Ends a session from this side: the device is told, and the client is reset or, when it got all
+// there was, closed.
 void endSession(const SessionPtr &session, const std::string &reason, bool is_orderly);
+
+// Asks the device. The session's begin has been recorded.
+void openSession(const SessionPtr &session);
 
 // Resets a connection for which there is no session.
 void resetClient(ClientSocket &client);

@@ -281,12 +281,21 @@ run_command() {
     [ "$status" -eq 7 ] && [ "$answer" = gateway@gateway ]
 }
 
+# The line that a session leaves in the audit follows its end.
+session_was_whole() {
+    for _ in {1..50}; do
+        tail -n 1 "$LOG/audit.json" | grep -F '"whole":true' && return
+        sleep 0.1
+    done
+    return 1
+}
+
 # By the device's name, through the operator's tool instead of a port of the back end.
 run_command_by_name() {
     local answer proxy="$BIN/remote-access --control $CONTROL connect %h/ssh_localhost"
     answer=$(timeout $USE_S ssh -o ProxyCommand="$proxy" $DEVICE uname -n) || return 1
     STEP_NOTE="$answer"
-    [ "$answer" = gateway ] && tail -n 1 "$LOG/audit.json" | grep -F '"whole":true'
+    [ "$answer" = gateway ] && session_was_whole
 }
 
 # Warnings about this gateway are allowed, failures are not.

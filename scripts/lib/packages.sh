@@ -5,7 +5,7 @@
 PACKAGES_BUILD=(
     g++ cmake ninja-build pkgconf
     libssl-dev libdbus-1-dev libcjson-dev libcrypt-dev libsdbus-c++-dev libmosquitto-dev
-    libboost-dev nlohmann-json3-dev libcli11-dev
+    libboost-dev nlohmann-json3-dev libcli11-dev libsqlite3-dev
 )
 
 # To run a gateway in a sandbox and to reach it.

@@ -1,5 +1,6 @@
 """The whole path with the reference back end: real ssh, sftp and curl through the tunnel."""
 import asyncio
+import contextlib
 import json
 import os
 import pathlib
@@ -11,6 +12,7 @@ import socket
 import ssl
 import stat
 import subprocess
+import tempfile
 
 import pytest
 
@@ -21,7 +23,9 @@ from harness.sshd import login, start_sshd
 from harness.waiting import SCALE, poll
 from harness.waiting import run as run_on_loop
 from test_account import sha512
+from test_bus_policy import ALONE
 
+STRANGER, STRANGER_NAME = pwd.getpwnam("nobody").pw_uid, "nobody"
 NAMES = ("ssh_localhost", "sftp_localhost", "http_localhost")
 PAGE, COPY = random.Random(1).randbytes(1 << 20), random.Random(2).randbytes(8 << 20)
 
@@ -126,16 +130,69 @@ def test_operator_logs_in_by_the_devices_name(tunnel):
     assert line["reason"] == "the service closed"
 
 
-def test_operator_forwards_a_port(tunnel):
-    with subprocess.Popen(tunnel.tool("forward", "dev1/http_localhost"), stdout=subprocess.PIPE,
-                          text=True) as tool:
+def page_for(account, address):
+    """What a client of this account gets of the page: all, a part, or nothing."""
+    os.seteuid(account)  # of the process that makes a TCP socket, or connects a Unix one
+    try:
+        client = socket.socket(socket.AF_UNIX if isinstance(address, str) else socket.AF_INET)
+        client.connect(address)
+    finally:
+        os.seteuid(0)
+    got = b""
+    with client, contextlib.suppress(ConnectionError):
+        client.sendall(b"GET / HTTP/1.0\r\n\r\n")
+        while piece := client.recv(65536):
+            got += piece
+    return got.partition(b"\r\n\r\n")[2]
+
+
+@pytest.fixture
+def public_folder():
+    with tempfile.TemporaryDirectory() as folder:
+        os.chmod(folder, 0o755)
+        yield folder
+        assert not os.listdir(folder)
+
+
+@pytest.mark.parametrize("options", [(), ("--socket",), ("--shared",)])
+def test_operator_forwards_a_port(tunnel, options, public_folder):
+    if options == ("--socket",):
+        options = ("--socket", f"{public_folder}/web")
+        with socket.socket(socket.AF_UNIX) as stale:
+            stale.bind(options[1])
+    shared_by = "shared port used by {}" if options == ("--shared",) else ""
+    count = len(tunnel.audit())
+    with subprocess.Popen(tunnel.tool("forward", "dev1/http_localhost", *options), text=True,
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE) as tool:
         try:
-            port = tool.stdout.readline().split()[0].rpartition(":")[2]
-            assert tunnel.run("curl", "-sS", "--fail", f"http://127.0.0.1:{port}/") == PAGE
+            path = tool.stdout.readline().split()[0]
+            address = path if path[0] == "/" else ("127.0.0.1", int(path.rpartition(":")[2]))
+            assert page_for(0, address) == PAGE
             assert " opened" in tool.stdout.readline()
             assert "the service closed; up 1.0 MiB" in tool.stdout.readline()
+            if address == path:
+                assert stat.S_IMODE(os.stat(path).st_mode) == 0o600
+                os.chmod(path, 0o666)  # the account is checked too, not only the mode
+            got = None if ALONE else page_for(STRANGER, address)
+            assert ALONE or got == (PAGE if "--shared" in options else b"")
+            if got == b"":
+                assert f"it is {STRANGER_NAME}'s, and this port" in tool.stderr.readline()
         finally:
-            tool.kill()
+            tool.terminate()
+            assert tool.wait(10) == -signal.SIGTERM
+    begun = [line["from"].partition(", ")[2] for line in tunnel.audit()[count:]
+             if line["event"] == "session_begin"]
+    assert begun == [shared_by.format(pwd.getpwuid(0).pw_name), shared_by.format(STRANGER_NAME)][
+        :2 if got else 1]
+
+
+def test_operator_is_not_kept_waiting(tunnel):
+    with socket.socket(socket.AF_UNIX) as silent:
+        silent.bind(str(tunnel.home / "silent"))
+        silent.listen()
+        for command in ("devices",), ("connect", "dev1/ssh_localhost"), ("close", "x"):
+            status, text = tunnel.operate("--timeout", "1", *command, control="silent")
+            assert (status, "has not answered for 1 s" in text) == (3, True), text
 
 
 def test_operator_asks(tunnel):
@@ -154,6 +211,22 @@ def test_operator_asks(tunnel):
         line = tunnel.audit()[-1]
         assert (line["account"], line["right"]) == ("root", status == 0)
         assert password not in json.dumps(line)
+
+
+def test_operator_closes_and_disconnects(tunnel):
+    with subprocess.Popen(tunnel.tool("connect", "dev1/ssh_localhost"), stdin=subprocess.PIPE,
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE) as tool:
+        assert tool.stdout.readline().startswith(b"SSH-2.0")
+        number = tunnel.operate("sessions", "--names")[1].strip()
+        assert tunnel.operate("close", number) == (0, f"{number} closed\n")
+        assert tool.wait(10) == 1 and b"cut off: closed by " in tool.stderr.read()
+    assert tunnel.operate("close", number)[0] == 1
+    assert tunnel.operate("disconnect", "dev1", "--reason", "a test")[0] == 0
+    device = poll(lambda: [device for device in json.loads(tunnel.operate("devices", "--json")[1])
+                           if device["connected"]], 20, "the device is back")[0]
+    assert device["last_reason"].startswith("disconnected by ") and "a test" in device["last_reason"]
+    assert tunnel.operate("devices", "--away", "--names", "*:dev?") == (0, "")
+    assert json.loads(tunnel.operate("status", "--json")[1])["version"]
 
 
 def test_password_is_asked_for_again_after_a_stop(tunnel):
@@ -176,6 +249,8 @@ def test_password_is_asked_for_again_after_a_stop(tunnel):
     (("forward", "dev1/nothing"), 1, "dev1 does not offer nothing"),
     (("connect", "dev2/ssh"), 1, "no device is named dev2"),
     (("connect", "dev1"), 2, "no DEVICE/SERVICE"),
+    (("devices", "dev*", "gw*"), 1, "no device matches gw*"),
+    (("devcies",), 2, 'did you mean "devices"?'),
     (("forward", "dev1/ssh_localhost", "BUSY"), 1, "Address already in use"),
     (("verify", "dev1", "root"), 1, "no terminal")])
 def test_operator_is_told_what_is_wrong(tunnel, command, status, text):
@@ -216,16 +291,21 @@ def test_operator_is_told_what_could_not_be_written(tunnel, command):
     assert done.returncode == 1 and b"No space left" in done.stderr
 
 
-def test_completion_offers_no_name_that_a_shell_would_run():
-    offered = subprocess.run(["bash", "-c", """
-        remote-access() { printf '%s SSH 127.0.0.1:22\\n' NAME '$(echo${IFS}run)' '`id`' ssh; }
+@pytest.mark.parametrize("line, offered", [
+    ("connect dev1/", r"dev1/\$\(id\) dev1/ssh"), ("connect ", "dev1/ p:dev2/ q:dev2/"),
+    ("verify p:", "dev2"), ("devices --a", "--away")])
+def test_completion_offers_no_name_that_a_shell_would_run(line, offered):
+    done = subprocess.run(["bash", "-c", """
+        remote-access() { [[ $* = *services* ]] && printf '%s\n' '$(id)' ssh ||
+                          printf '%s\n' dev1 p:dev2 q:dev2; }
         compopt() { :; }
         . "$0"
-        COMP_WORDS=(remote-access connect dev1/) COMP_CWORD=2
+        COMP_LINE="remote-access $1" COMP_POINT=${#COMP_LINE} COMP_CWORD=2
+        COMP_WORDS=($COMP_LINE '')
         _remote_access
-        echo "${COMPREPLY[@]}" """, REPOSITORY / "packaging/completion/remote-access"],
+        echo "${COMPREPLY[@]}" """, REPOSITORY / "packaging/completion/remote-access", line],
         capture_output=True, text=True, check=True).stdout
-    assert offered == "dev1/ssh\n"
+    assert done == offered + "\n"
 
 
 def test_back_end_reads_its_files_again(certificates, tmp_path):
@@ -246,14 +326,18 @@ def test_back_end_reads_its_files_again(certificates, tmp_path):
              "--key", files[1], "--devices", files[2]], stderr=log) as back_end:
         try:
             poll(lambda: "listening" in files[3].read_text(), 10, "the back end")
-            for times, (name, devices, served, count) in enumerate([
-                    ("wildcard", two, "wildcard", 2), (None, one, "wildcard", 1),
-                    ("good", "no json", "good", 1)], 1):
+            for times, (name, devices, served, told) in enumerate([
+                    ("wildcard", two, "wildcard",
+                     "audit, certificate and key, devices; 2 devices registered"),
+                    (None, one, "wildcard",
+                     "audit, devices; not read: certificate and key; 1 devices registered"),
+                    ("good", "no json", "good",
+                     "audit, certificate and key; not read: devices; 1 devices registered")], 1):
                 put(name, devices)
                 back_end.send_signal(signal.SIGHUP)
-                done = poll(lambda: files[3].read_text().split("read again, ")[times:], 10,
+                done = poll(lambda: files[3].read_text().split("read again: ")[times:], 10,
                             "a line")
-                assert done[0].startswith(f"{count} devices registered\n")
+                assert done[0].startswith(told + "\n")
                 assert ssl.PEM_cert_to_DER_cert(ssl.get_server_certificate(
                     ("127.0.0.1", port))) == ssl.PEM_cert_to_DER_cert(certificates.text(served))
             assert files[3].read_text().count("what was in use stays") == 2

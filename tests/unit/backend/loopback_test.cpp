@@ -1,3 +1,4 @@
+#include "backend/net/endpoint.h"
 #include "backend/server.h"
 #include "tests/unit/backend/scripted_device.h"
 
@@ -12,10 +13,12 @@
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/write.hpp>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 using namespace backend;
 using namespace std::chrono_literals;
+using testing::HasSubstr;
 
 constexpr std::size_t MUCH = std::size_t{64} << 20; // more than all socket buffers on a path take
 
@@ -100,9 +103,9 @@ protected:
     {
         const auto seen = std::make_shared<std::promise<bool>>();
         boost::asio::post(io, [this, token, test, seen] {
-            const ChannelPtr channel = findChannel(*server, {"pk1", "dev1"});
-            seen->set_value(channel && channel->sessions.contains(token) &&
-                            test(*channel->sessions.at(token)));
+            const ChannelPtr channel = findChannel(server->directory, {"pk1", "dev1"});
+            seen->set_value(channel && channel->streams.contains(token) &&
+                            test(dynamic_cast<SESSION_T &>(*channel->streams.at(token))));
         });
         return seen->get_future().get();
     }
@@ -136,11 +139,13 @@ protected:
 TEST_F(Loopback, RefusedHandshakeGetsItsCodeAndIsClosed)
 {
     start();
-    ScriptedDevice device(port);
-    device.sendHandshake("dev1", "wrong", time(nullptr));
-    EXPECT_EQ(device.receive().value_or(MESSAGE_SEEN_T{}).payload,
-              "{\"code\": 401, \"message\": \"wrong signature\"}");
-    EXPECT_TRUE(device.isClosed());
+    for (const char *name : {"dev1", "nobody"}) { // a stranger cannot tell which one exists
+        ScriptedDevice device(port);
+        device.sendHandshake(name, "wrong", time(nullptr));
+        EXPECT_EQ(device.receive().value_or(MESSAGE_SEEN_T{}).payload,
+                  "{\"code\": 401, \"message\": \"unknown device or wrong signature\"}");
+        EXPECT_TRUE(device.isClosed());
+    }
     ScriptedDevice early(port);
     early.send(256, "ping1", "", "");
     EXPECT_EQ(early.receive().value_or(MESSAGE_SEEN_T{}).payload,
@@ -182,6 +187,17 @@ TEST_F(Loopback, NewerChannelReplacesTheOlderWithItsSessions)
     newer.send(21, "d1", "t1", "fresh");
     EXPECT_EQ(again.receive(5), "fresh");
     expectAlive(neighbour);
+}
+
+TEST_F(Loopback, SecondDeviceOfANameIsTurnedAway)
+{
+    start();
+    const ScriptedDevice first = connectDevice();
+    ScriptedDevice second = connectDevice(); // as one that has lost its line
+    ScriptedDevice third(port);
+    third.sendHandshake("dev1", "secret1", time(nullptr));
+    EXPECT_THAT(third.receive().value_or(MESSAGE_SEEN_T{}).payload, HasSubstr("\"code\": 409"));
+    expectAlive(second);
 }
 
 TEST_F(Loopback, ReleaseByTheDeviceFlushesThenEnds)
@@ -308,22 +324,20 @@ TEST_F(Loopback, SessionPastTheLimitIsRefusedUnlessOneLingers)
     EXPECT_EQ(another.receive(5), "hello");
 }
 
-TEST_F(Loopback, SlowReaderBlocksTheSenderAndLosesNothing)
+TEST_F(Loopback, PausedClientLosesNothingAndHoldsUpNobody)
 {
     start();
     ScriptedDevice device = connectDevice();
-    TcpPeer client = connectClient(device, "t1");
-    const std::string frame =
-        ScriptedDevice::frame(2, ScriptedDevice::message(21, "d", "t1", std::string(50000, 'x')));
-    const std::size_t sent = device.peer.sendUntilBlocked(frame, MUCH);
-    ASSERT_LT(sent, MUCH);
-    // The cut frame is completed while the client reads everything.
-    const std::string rest = frame.substr(sent % frame.size());
-    auto finish = std::async(std::launch::async, [&] { device.peer.send(rest); });
-    const std::size_t total = (sent / frame.size() + 1) * 50000;
-    EXPECT_EQ(client.receive(total).size(), total);
-    finish.get();
-    expectAlive(device);
+    TcpPeer paused = connectClient(device, "t1");
+    TcpPeer other = connectClient(device, "t2");
+    constexpr std::size_t TOTAL = std::size_t{12} << 20;
+    for (std::size_t sent = 0; sent < TOTAL; sent += 50000)
+        device.send(21, "d", "t1", std::string(50000, 'x'));
+    device.send(21, "d", "t2", "hello");
+    EXPECT_EQ(other.receive(5), "hello");
+    device.send(5, "r", "t1", "");
+    EXPECT_GE(paused.receive(TOTAL).size(), TOTAL);
+    EXPECT_EQ(paused.ending(), "end");
 }
 
 TEST_F(Loopback, DeviceThatDoesNotReadBlocksTheClient)
@@ -346,20 +360,54 @@ TEST_F(Loopback, DeviceThatDoesNotReadBlocksTheClient)
     EXPECT_EQ(client.ending(), "reset");
 }
 
-TEST_F(Loopback, ClientThatNeverReadsIsCutOffAndTheChannelGoesOn)
+TEST_F(Loopback, ClientThatNeverReadsIsCutOffAlone)
 {
     LIMITS_T limits;
-    limits.stall_time = 300ms;
-    start(limits);
+    for (const bool is_all : {false, true}) {
+        if (is_all) limits = {.session_buffer = MUCH, .all_buffers = MUCH / 8};
+        start(limits);
+        ScriptedDevice device = connectDevice();
+        TcpPeer client = connectClient(device, "t1");
+        TcpPeer less = connectClient(device, "t2");
+        device.send(21, "d", "t2", std::string(50000, 'y'));
+        const std::string frame = ScriptedDevice::frame(
+            2, ScriptedDevice::message(21, "d", "t1", std::string(50000, 'x')));
+        for (std::size_t sent = 0; sent < MUCH && !HasFailure(); sent += frame.size())
+            device.peer.send(frame);
+        expectRelease(device, "t1");
+        expectAlive(device);
+        EXPECT_EQ(client.ending(), "reset");
+        EXPECT_EQ(less.receive(50000).size(), 50000u);
+        TearDown();
+        io.restart();
+    }
+}
+
+TEST_F(Loopback, FrozenDeviceIsNamedAndThenClosed)
+{
+    start({.request_silence = 0ms, .answering_time = 200ms, .silence_time = 1500ms});
     ScriptedDevice device = connectDevice();
-    TcpPeer client = connectClient(device, "t1");
-    const std::string frame =
-        ScriptedDevice::frame(2, ScriptedDevice::message(21, "d", "t1", std::string(50000, 'x')));
-    for (std::size_t sent = 0; sent < MUCH && !HasFailure(); sent += frame.size())
-        device.peer.send(frame);
-    expectRelease(device, "t1");
-    expectAlive(device);
-    EXPECT_EQ(client.ending(), "reset");
+    TcpPeer client(ssh_port);
+    EXPECT_EQ(client.ending(), "reset"); // it has not read the ping
+    const auto silent = [this] {
+        std::promise<bool> seen;
+        boost::asio::post(io, [&] {
+            const ChannelPtr channel = findChannel(server->directory, {"pk1", "dev1"});
+            seen.set_value(channel && isSilent(*channel));
+        });
+        return seen.get_future().get();
+    };
+    EXPECT_TRUE(silent());
+    device.send(256, "ping1", "", ""); // any byte counts
+    for (bool is_pong = false; !is_pong && !device.has_ended;) {
+        const auto message = device.receive(); // none for the WebSocket's own ping
+        is_pong = message && message->type() == 257;
+    }
+    EXPECT_FALSE(silent());
+    TcpPeer again(ssh_port);
+    EXPECT_EQ(again.ending(), "reset");
+    while (!device.isClosed() && !HasFailure()) {
+    }
 }
 
 TEST_F(Loopback, SessionAnsweredTooLateIsReleased)
@@ -398,7 +446,7 @@ TEST_F(Loopback, AccountCheckEndsUnansweredWithItsChannel)
     std::promise<bool> answered;
     boost::asio::post(io, [&] {
         requestAccountCheck(
-            *findChannel(*server, {"pk1", "dev1"}), "root", "secret",
+            *findChannel(server->directory, {"pk1", "dev1"}), "root", "secret",
             [&](const ACCOUNT_RESULT_T &result) { answered.set_value(result.is_answered); });
     });
     ASSERT_TRUE(device.receive());
@@ -412,7 +460,8 @@ TEST_F(Loopback, ChangedRegistryCutsOffTheDevicesThatItChanges)
     ScriptedDevice same = connectDevice("dev1");
     ScriptedDevice changed = connectDevice("dev2");
     boost::asio::post(io, [this] {
-        replaceRegistry(*server, {{{"pk1", "dev1"}, "secret1"}, {{"pk1", "dev2"}, "new"}});
+        replaceRegistry(server->directory,
+                        {{{"pk1", "dev1"}, "secret1"}, {{"pk1", "dev2"}, "new"}});
     });
     EXPECT_TRUE(changed.isClosed());
     expectAlive(same);

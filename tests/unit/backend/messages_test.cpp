@@ -1,6 +1,7 @@
 #include "backend/devices/device_registry.h"
 #include "backend/devices/handshake.h"
 #include "backend/observe/log.h"
+#include "backend/net/endpoint.h"
 #include "backend/options.h"
 #include "backend/devices/protocol.h"
 
@@ -235,7 +236,7 @@ TEST(Handshake, ChecksEveryFieldSignAndClock)
         {R"({"uuid":"x"})", SIGNED, SIGNED, HANDSHAKE_UNSUPPORTED},
         {R"({"version":"2.2"})", SIGNED, SIGNED, HANDSHAKE_UNSUPPORTED},
         {R"({"signmethod":"hmacmd5"})", SIGNED, SIGNED, HANDSHAKE_UNSUPPORTED},
-        {R"({"device_name":"dev2"})", SIGNED, SIGNED, HANDSHAKE_UNKNOWN_DEVICE},
+        {R"({"device_name":"dev2"})", SIGNED, SIGNED, HANDSHAKE_BAD_SIGNATURE},
         {R"({"product_key":null})", SIGNED, SIGNED, HANDSHAKE_MALFORMED},
         {R"({"sign":7})", SIGNED, SIGNED, HANDSHAKE_MALFORMED},
         {R"({"sign":""})", SIGNED, SIGNED, HANDSHAKE_BAD_SIGNATURE},
@@ -252,6 +253,7 @@ TEST(Handshake, ChecksEveryFieldSignAndClock)
             << row.patch << row.header_time - SIGNED << " " << result.detail;
         // Of the two services the one with a quote in its name cannot be asked for.
         EXPECT_EQ(result.services.size(), row.code == HANDSHAKE_ACCEPTED ? 1U : 0U);
+        EXPECT_EQ(result.signed_second, row.code == HANDSHAKE_ACCEPTED ? SIGNED : 0);
     }
     EXPECT_EQ(checkPatched("{}", SIGNED, SIGNED, "other").code, HANDSHAKE_MALFORMED);
     const HEADER_T header{MESSAGE_HANDSHAKE, SIGNED, "msg_id_for_handshake", ""};

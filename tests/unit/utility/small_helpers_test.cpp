@@ -1,5 +1,8 @@
 #include "utility/bus_address.h"
+#include "utility/handles.h"
 #include "utility/message_id.h"
+#include "utility/socket_owner.h"
+#include "utility/terminal_text.h"
 #include "utility/thread_handle.h"
 
 #include <cstdlib>
@@ -8,9 +11,55 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <map>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 
 using testing::HasSubstr;
+
+TEST(TerminalText, ReplacesWhatWorksOnTheTerminalOrHides)
+{
+    for (const auto &[text, expected] : std::map<std::string, std::string>{
+             {"gw-1 \xc3\xa9\xe2\x82\xac",
+              "gw-1 \xc3\xa9\xe2\x82\xac"}, // printable, of 2 and 3 bytes
+             {"\x1b[2J\x7f", "?[2J?"},
+             {"\xc2\x9b"
+              "2J",
+              "?2J"},
+             {"a\xe2\x80\xae"
+              "b\xd8\x9c\xe2\x81\xa6",
+              "a?b??"}, // U+202E, U+061C, U+2066
+             {"\xe2\x80\xa8\xe2\x80\x8b\xef\xbb\xbf\xf3\xa0\x81\x81", "????"},
+             {"\x9b\xe2\x80", "???"}}) { // not UTF-8
+        EXPECT_EQ(expected, shown(text));
+    }
+}
+
+TEST(SocketOwner, IsThatOfAConnectedPeerOnly)
+{
+    const UniqueFd listener{::socket(AF_INET, SOCK_STREAM, 0)};
+    sockaddr_in own{};
+    own.sin_family = AF_INET;
+    own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof own;
+    auto *const address = reinterpret_cast<sockaddr *>(&own);
+    ASSERT_EQ(0, ::bind(listener.get(), address, size));
+    ASSERT_EQ(0, ::listen(listener.get(), 1));
+    ASSERT_EQ(0, ::getsockname(listener.get(), address, &size));
+    sockaddr_in6 mapped{};
+    mapped.sin6_family = AF_INET6;
+    mapped.sin6_port = own.sin_port;
+    mapped.sin6_addr = {{{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF, 127, 0, 0, 1}}};
+    for (const bool is_mapped : {false, true}) {
+        UniqueFd client{::socket(is_mapped ? AF_INET6 : AF_INET, SOCK_STREAM, 0)};
+        const auto *const to = is_mapped ? reinterpret_cast<sockaddr *>(&mapped) : address;
+        ASSERT_EQ(0, ::connect(client.get(), to, is_mapped ? sizeof mapped : sizeof own));
+        const UniqueFd accepted{::accept(listener.get(), nullptr, nullptr)};
+        EXPECT_EQ(::geteuid(), loopback_peer_owner(accepted.get()));
+        client.reset(); // the kernel still holds it, for an account that it does not tell
+        EXPECT_EQ(std::nullopt, loopback_peer_owner(accepted.get()));
+    }
+}
 
 TEST(MessageId, DrawsFromTheUnseededGenerator)
 {

@@ -1,0 +1,153 @@
+#include "backend/directory/directory.h"
+
+#include "backend/net/endpoint.h"
+#include "backend/observe/audit.h"
+#include "backend/observe/metrics.h"
+
+namespace backend {
+
+static bool isDuplicate(const DEVICE_RECORD_T *record, std::int64_t now_ms)
+{
+    return record != nullptr && record->duplicate_ms != 0 &&
+           now_ms - record->duplicate_ms < DUPLICATE_MARK_MS;
+}
+
+std::vector<DEVICE_VIEW_T> viewDevices(const DIRECTORY_T &directory)
+{
+    const std::int64_t now_ms = wallClockMs();
+    std::vector<DEVICE_VIEW_T> views;
+    views.reserve(directory.registry.size());
+    for (const auto &[key, secret] : directory.registry) {
+        const DEVICE_RECORD_T *record = findDeviceRecord(directory.records, key);
+        views.push_back({&key, findChannel(directory, key), record, isDuplicate(record, now_ms)});
+    }
+    return views;
+}
+
+DEVICE_KEY_T findDevice(const DIRECTORY_T &directory, std::string_view name)
+{
+    return findDeviceByName(directory.registry, name);
+}
+
+ChannelPtr findChannel(const DIRECTORY_T &directory, const DEVICE_KEY_T &device)
+{
+    const auto found = directory.connected.find(device);
+    return found == directory.connected.end() ? nullptr : found->second;
+}
+
+static void noteDuplicate(DIRECTORY_T &directory, const DEVICE_KEY_T &device,
+                          const std::string &newer, const std::string &older)
+{
+    noteDeviceDuplicate(directory.records, device, wallClockMs());
+    addToMetric(METRIC::DUPLICATES);
+    logLimited(directory.duplicate_lines, LOG_LEVEL::WARNING,
+               "two devices use the name %s: the one from %s is turned away, the one from %s stays",
+               device.device_name.c_str(), newer.c_str(), older.c_str());
+    auditRecord(AUDIT_EVENT::DEVICE_DUPLICATE, {{"product", device.product_key},
+                                                {"device", device.device_name},
+                                                {"from", newer},
+                                                {"other", older}});
+}
+
+// Whether a device that comes now would displace another too soon after the last time.
+static bool isTooSoon(DIRECTORY_T &directory, const DEVICE_KEY_T &device)
+{
+    const auto now = std::chrono::steady_clock::now();
+    std::erase_if(directory.displaced,
+                  [now](const auto &entry) { return now - entry.second >= DISPLACE_PERIOD; });
+    return directory.displaced.contains(device);
+}
+
+static HANDSHAKE_RESULT_T refuse(HANDSHAKE_RESULT_T result, HANDSHAKE_CODE code, const char *detail)
+{
+    return {code, detail, std::move(result.device), {}, 0};
+}
+
+// Of a device whose handshake is right. The store has answered meanwhile: what was so before may
+// have changed.
+static HANDSHAKE_RESULT_T admit(DIRECTORY_T &directory, SIGNATURE_USE use,
+                                const std::string &secret, const std::string &peer,
+                                HANDSHAKE_RESULT_T result)
+{
+    if (use == SIGNATURE_USE::REPLAYED)
+        return refuse(std::move(result), HANDSHAKE_BAD_SIGNATURE, "signature used before");
+    if (use == SIGNATURE_USE::UNRECORDED)
+        return refuse(std::move(result), HANDSHAKE_UNAVAILABLE, "the store cannot be written");
+    const auto known = directory.registry.find(result.device);
+    if (known == directory.registry.end() || known->second != secret)
+        return refuse(std::move(result), HANDSHAKE_BAD_SIGNATURE, "its entry has just changed");
+    const ChannelPtr older = findChannel(directory, result.device);
+    if (!older || !isTooSoon(directory, result.device)) return result;
+    noteDuplicate(directory, result.device, peer, older->peer);
+    return refuse(std::move(result), HANDSHAKE_DUPLICATE,
+                  "another device of this name has just come");
+}
+
+void checkDevice(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &channel, const MESSAGE_T &message,
+                 HandshakeAnswer answered)
+{
+    const std::int64_t now_ms = wallClockMs();
+    HANDSHAKE_RESULT_T result = checkHandshake(message, directory.registry, now_ms / 1000);
+    if (result.code != HANDSHAKE_ACCEPTED) return answered(std::move(result));
+    const DEVICE_KEY_T device = result.device;
+    const std::int64_t signed_second = result.signed_second;
+    claimSignature(directory.signatures, device, signed_second, addressOf(channel.peer), now_ms,
+                   [&directory, secret = directory.registry.at(device), peer = channel.peer,
+                    result = std::move(result), answered = std::move(answered)](SIGNATURE_USE use) {
+                       answered(admit(directory, use, secret, peer, result));
+                   });
+}
+
+void deviceConnected(DIRECTORY_T &directory, const ChannelPtr &channel)
+{
+    const auto older = directory.connected.extract(channel->device);
+    directory.connected[channel->device] = channel;
+    noteDeviceCame(directory.records, channel->device, addressOf(channel->peer), wallClockMs());
+    setMetric(METRIC::DEVICES_CONNECTED, directory.connected.size());
+    auditRecord(AUDIT_EVENT::DEVICE_CONNECTED, {{"product", channel->device.product_key},
+                                                {"device", channel->device.device_name},
+                                                {"from", channel->peer}});
+    if (older.empty()) return;
+    auditRecord(AUDIT_EVENT::DEVICE_REPLACED, {{"product", channel->device.product_key},
+                                               {"device", channel->device.device_name},
+                                               {"from", channel->peer},
+                                               {"other", older.mapped()->peer}});
+    directory.displaced[channel->device] = std::chrono::steady_clock::now();
+    // Its sessions are void: identifiers may come a second time from a device that has started
+    // again.
+    closeDeviceChannel(*older.mapped(), CLOSE_GOING_AWAY, "replaced by a newer connection");
+}
+
+void deviceGone(DIRECTORY_T &directory, const ChannelPtr &channel, const std::string &reason)
+{
+    const auto found = directory.connected.find(channel->device);
+    if (found == directory.connected.end() || found->second != channel) return;
+    directory.connected.erase(found);
+    noteDeviceLeft(directory.records, channel->device, reason, wallClockMs());
+    setMetric(METRIC::DEVICES_CONNECTED, directory.connected.size());
+    auditRecord(AUDIT_EVENT::DEVICE_DISCONNECTED, {{"product", channel->device.product_key},
+                                                   {"device", channel->device.device_name},
+                                                   {"from", channel->peer},
+                                                   {"reason", reason}});
+}
+
+void replaceRegistry(DIRECTORY_T &directory, DEVICE_REGISTRY_T registry)
+{
+    std::swap(directory.registry, registry);
+    for (const auto &[key, channel] : std::map(directory.connected)) {
+        const auto known = directory.registry.find(key);
+        if (known == directory.registry.end()) {
+            closeDeviceChannel(*channel, CLOSE_REFUSED, "removed from the registry");
+        } else if (known->second != registry[key]) {
+            closeDeviceChannel(*channel, CLOSE_REFUSED, "its secret in the registry has changed");
+        }
+    }
+}
+
+void closeDirectory(DIRECTORY_T &directory, const std::string &reason)
+{
+    for (const auto &[key, channel] : std::map(directory.connected))
+        closeDeviceChannel(*channel, CLOSE_GOING_AWAY, reason);
+}
+
+} // namespace backend

@@ -1,0 +1,67 @@
+// Which devices there are, which of them is connected by which channel, and what is known of the
+// others.
+// Ownership  the directory holds the channels of connected devices. Registry, records and used
+//            signatures are its own; it must outlive the channels' last event and what the store
+//            has still to answer.
+// Threads    the thread of the io_context.
+// Duplicates the newest channel of a device wins, because a device that has lost its line comes
+//            back before the old channel is known to be dead. Two devices with one name would
+//            displace each other without end: one that comes within DISPLACE_PERIOD of the last
+//            displacement is turned away, and the name is marked.
+#pragma once
+
+#include "backend/devices/device_channel.h"
+#include "backend/devices/device_registry.h"
+#include "backend/devices/used_signatures.h"
+#include "backend/store/device_records.h"
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace backend {
+
+constexpr auto DISPLACE_PERIOD = std::chrono::seconds(10);
+constexpr std::int64_t DUPLICATE_MARK_MS = 600'000; // how long a name stays marked
+
+struct DIRECTORY_T {
+    DEVICE_REGISTRY_T registry;
+    DEVICE_RECORDS_T records;
+    USED_SIGNATURES_T signatures;
+    std::map<DEVICE_KEY_T, ChannelPtr> connected;
+    std::map<DEVICE_KEY_T, std::chrono::steady_clock::time_point> displaced; // lately
+    LINE_LIMIT_T duplicate_lines{"devices of one name"};
+};
+
+// What an operator is shown of a device.
+struct DEVICE_VIEW_T {
+    const DEVICE_KEY_T *key;
+    ChannelPtr channel;            // null while it is away
+    const DEVICE_RECORD_T *record; // null: it has never been there
+    bool is_duplicate;
+};
+std::vector<DEVICE_VIEW_T> viewDevices(const DIRECTORY_T &directory);
+
+// The device meant by a name an operator gives, or std::runtime_error.
+DEVICE_KEY_T findDevice(const DIRECTORY_T &directory, std::string_view name);
+
+// Null while the device is not connected.
+ChannelPtr findChannel(const DIRECTORY_T &directory, const DEVICE_KEY_T &device);
+
+// The events of a device's channel. A handshake is accepted once its signature is on the disk as a
+// used one, where there is a store; a replay is refused before anything else happens for it.
+void checkDevice(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &channel, const MESSAGE_T &message,
+                 HandshakeAnswer answered);
+void deviceConnected(DIRECTORY_T &directory, const ChannelPtr &channel);
+void deviceGone(DIRECTORY_T &directory, const ChannelPtr &channel, const std::string &reason);
+
+// For the handshakes from now on. A device whose entry is gone, or has another secret, is cut off:
+// what it has proved does not hold any more.
+void replaceRegistry(DIRECTORY_T &directory, DEVICE_REGISTRY_T registry);
+
+void closeDirectory(DIRECTORY_T &directory, const std::string &reason);
+
+} // namespace backend

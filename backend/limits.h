@@ -29,7 +29,7 @@ struct LIMITS_T {
     std::chrono::milliseconds handshake_time{10000};
     // The time that a connection waits for its turn does not count, neither here nor below.
     std::chrono::milliseconds first_byte_time{2000};
-    std::chrono::milliseconds silence_time{5000}; // between bytes, until the handshake is accepted
+    std::chrono::milliseconds progress_time{5000}; // between bytes, until the handshake is accepted
     std::chrono::milliseconds refusal_time{
         500}; // between a refused handshake's answer and the close
     std::chrono::milliseconds open_time{

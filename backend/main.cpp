@@ -3,6 +3,8 @@
 // wrong command line.
 #include "backend/observe/audit.h"
 #include "backend/net/endpoint.h"
+#include "backend/net/listener.h"
+#include "backend/net/memory.h"
 #include "backend/observe/log.h"
 #include "backend/options.h"
 #include "backend/server.h"
@@ -140,6 +142,7 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
 
     asio::io_context io{1};
     const auto server = startServer(io, std::move(options));
+    MemoryTidy tidy(io);
     asio::steady_timer goodbye(io);
     asio::signal_set changes(io, SIGHUP);
     asio::signal_set signals(io, SIGINT, SIGTERM);
@@ -148,6 +151,7 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
         logInfo("ending on signal %d", number);
         stopServer(*server);
         changes.cancel();
+        tidy.stop();
         goodbye.expires_after(GOODBYE_TIME);
         goodbye.async_wait([&io](const boost::system::error_code &) { io.stop(); });
     });
@@ -159,13 +163,15 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
         });
     };
     wait_for_change();
-    io.run();
+    runHandlers(io);
 }
 
 // NOLINTNEXTLINE(bugprone-exception-escape): only a mistake in the table of options gets out
 int main(int argc, char **argv)
 {
     (void)signal(SIGPIPE, SIG_IGN); // a lost peer shows in the write's result
+    prepareMemory();
+    raiseDescriptorLimit();
     CLI::App app{"Reference back end: devices connect to it, and operators reach their services "
                  "through it."};
     COMMAND_LINE_T line;

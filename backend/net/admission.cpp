@@ -207,7 +207,7 @@ const char *Admission::faultOf(const Place &place, Clock::time_point now) const
     if (now >= place.ends_at_) return "no handshake in time";
     const auto silence = now - place.silent_since_;
     if (!place.has_spoken_ && silence >= limits_.first_byte_time) return "nothing was sent";
-    return silence >= limits_.silence_time ? "nothing more was sent" : nullptr;
+    return silence >= limits_.progress_time ? "nothing more was sent" : nullptr;
 }
 
 void Admission::sweep()

@@ -10,7 +10,7 @@
 //            between. A connection that waits for its turn is not silent.
 // Ownership  a Place keeps the admission alive and belongs to whoever serves its connection.
 // Threads    the thread of the io_context.
-// Limits     LIMITS_T: places, first_byte_time, silence_time, handshake_time.
+// Limits     LIMITS_T: places, first_byte_time, progress_time, handshake_time.
 // Failure    enter may throw; the connection is closed then. Expelled connections are logged as a
 //            count, one line in LINE_PAUSE.
 #pragma once

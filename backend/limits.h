@@ -19,12 +19,17 @@ struct LIMITS_T {
     // Answers queued for a device (pongs, releases) above which it is taken for one that only
     // sends: it is dropped.
     std::size_t control_queue = std::size_t{256} * 1024;
-    std::size_t unauthenticated = 64; // connections whose handshake is not accepted yet
+    // Connections whose handshake is not accepted yet. One that has sent nothing costs a descriptor
+    // and 1 KiB, one in the middle of TLS up to 50 KiB.
+    std::size_t places = 4096;
     std::size_t clients_per_device =
         64; // local connections, those that wait for the device's answer included
 
     // From the TCP connection to the accepted handshake: TLS and the upgrade count in.
     std::chrono::milliseconds handshake_time{10000};
+    // The time that a connection waits for its turn does not count, neither here nor below.
+    std::chrono::milliseconds first_byte_time{2000};
+    std::chrono::milliseconds progress_time{5000}; // between bytes, until the handshake is accepted
     std::chrono::milliseconds refusal_time{
         500}; // between a refused handshake's answer and the close
     std::chrono::milliseconds open_time{

@@ -2,6 +2,8 @@
 // Exit status  0 after SIGINT or SIGTERM, 1 when something cannot be used at run time, 2 for a
 // wrong command line.
 #include "backend/net/endpoint.h"
+#include "backend/net/listener.h"
+#include "backend/net/memory.h"
 #include "backend/observe/audit.h"
 #include "backend/observe/log.h"
 #include "backend/options.h"
@@ -203,6 +205,7 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
     startAudit({line.audit, RA_VERSION,
                 [&io](std::function<void()> task) { asio::post(io, std::move(task)); }});
     const auto server = startServer(io, std::move(options));
+    MemoryTidy tidy(io);
     asio::steady_timer goodbye(io);
     asio::signal_set changes(io, SIGHUP);
     asio::signal_set signals(io, SIGINT, SIGTERM);
@@ -211,6 +214,7 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
         logInfo("ending on signal %d", number);
         stopServer(*server);
         changes.cancel();
+        tidy.stop();
         goodbye.expires_after(GOODBYE_TIME);
         goodbye.async_wait([&io](const boost::system::error_code &) { io.stop(); });
     });
@@ -222,7 +226,7 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
         });
     };
     wait_for_change();
-    io.run();
+    runHandlers(io);
 }
 
 // NOLINTNEXTLINE(bugprone-exception-escape): only a mistake in the table of options gets out
@@ -230,6 +234,8 @@ int main(int argc, char **argv)
 {
     (void)signal(SIGPIPE, SIG_IGN); // a lost peer shows in the write's result
     (void)signal(SIGXFSZ, SIG_IGN); // and so does a file that may not grow
+    prepareMemory();
+    raiseDescriptorLimit();
     CLI::App app{"Reference back end: devices connect to it, and operators reach their services "
                  "through it."};
     COMMAND_LINE_T line;

@@ -57,7 +57,7 @@ void stopServer(SERVER_T &server)
 
 tcp::endpoint listenEndpoint(const SERVER_T &server)
 {
-    return server.device_port->acceptor.local_endpoint();
+    return server.device_port->listener->endpoint();
 }
 
 tcp::endpoint forwardEndpoint(const SERVER_T &server, std::size_t index)

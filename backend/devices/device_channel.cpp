@@ -346,6 +346,7 @@ static void finishHandshake(const ChannelPtr &channel, HANDSHAKE_RESULT_T result
     channel->services = std::move(result.services);
     channel->state = CHANNEL_STATE::CONNECTED;
     channel->connected_at = time(nullptr);
+    channel->link->leavePlace();
     watchSilence(*channel, channel->limits.idle_silence);
     channel->events.connected(channel);
     sendHandshakeAnswer(*channel, HANDSHAKE_ACCEPTED);
@@ -405,6 +406,10 @@ static LINK_EVENTS_T linkEvents(const ChannelPtr &channel)
         held->read_active = false;
         readNext(*held);
     };
+    events.expelled = [weak](const char *reason) {
+        const ChannelPtr held = weak.lock();
+        if (held) closeDeviceChannel(*held, CLOSE_REFUSED, reason);
+    };
     events.written = [weak](const error_code &error, OutMessagePtr message) {
         const ChannelPtr held = weak.lock();
         if (held) messageWritten(*held, error, std::move(message));
@@ -413,14 +418,13 @@ static LINK_EVENTS_T linkEvents(const ChannelPtr &channel)
 }
 
 ChannelPtr startDeviceChannel(asio::io_context &io, const LIMITS_T &limits, tcp::socket socket,
-                              const std::shared_ptr<TLS_CONTEXT_T> &tls, CHANNEL_EVENTS_T events)
+                              PlacePtr place, const std::shared_ptr<TLS_CONTEXT_T> &tls, CHANNEL_EVENTS_T events)
 {
     auto channel = std::make_shared<DEVICE_CHANNEL_T>(io, limits, std::move(events));
     error_code error;
     const tcp::endpoint peer = socket.remote_endpoint(error);
     channel->peer = error ? "(gone)" : endpointText(peer);
-    channel->link = makeWebsocketLink(std::move(socket), tls, linkEvents(channel));
-    armChannelTimer(*channel, limits.handshake_time, "no handshake in time");
+    channel->link = makeWebsocketLink(std::move(socket), tls, std::move(place), linkEvents(channel));
     channel->link->accept();
     return channel;
 }

@@ -1,5 +1,5 @@
 // The channel of one device: its handshake, its messages, and the sessions on it. A channel begins
-// with an accepted TCP connection; the handshake must be accepted within handshake_time. Afterwards
+// with the first byte of a connection, which has a place until the handshake is accepted. Afterwards
 // it ends when the connection does, when a newer channel of the same device replaces it, or when
 // the device answers nothing it is sent. Its sessions end with it at once: a device that starts
 // again gives out the same identifiers once more, so no session may outlive its channel.
@@ -14,13 +14,14 @@
 #include "backend/devices/channel_stream.h"
 #include "backend/devices/handshake.h"
 #include "backend/limits.h"
+#include "backend/net/admission.h"
 #include "backend/net/send_queue.h"
 #include "backend/net/websocket_link.h"
 #include "backend/observe/log.h"
 
 #include <chrono>
 #include <ctime>
-#include <deque>
+#include <list>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -89,7 +90,7 @@ struct DEVICE_CHANNEL_T : std::enable_shared_from_this<DEVICE_CHANNEL_T> {
     std::unordered_map<std::string, StreamPtr> streams; // by token
     std::unordered_map<std::string, StreamPtr> opening; // by the request's msg_id
     std::unordered_map<std::string, ACCOUNT_REQUEST_T> accounts;
-    std::deque<std::string> releasing; // tokens released here whose data may still be under way
+    std::list<std::string> releasing; // tokens released here whose data may still be under way
     bool read_active = false;
     std::uint64_t next_id = 1;
     LINE_LIMIT_T fault_lines{"lines of this device"};
@@ -97,7 +98,7 @@ struct DEVICE_CHANNEL_T : std::enable_shared_from_this<DEVICE_CHANNEL_T> {
 };
 
 ChannelPtr startDeviceChannel(boost::asio::io_context &io, const LIMITS_T &limits,
-                              boost::asio::ip::tcp::socket socket,
+                              boost::asio::ip::tcp::socket socket, PlacePtr place,
                               const std::shared_ptr<TLS_CONTEXT_T> &tls, CHANNEL_EVENTS_T events);
 
 void closeDeviceChannel(DEVICE_CHANNEL_T &channel, std::uint16_t code, const std::string &reason);

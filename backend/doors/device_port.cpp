@@ -1,28 +1,18 @@
 #include "backend/doors/device_port.h"
 
-#include "backend/net/accept_loop.h"
 #include "backend/net/endpoint.h"
 #include "backend/observe/log.h"
-#include "backend/observe/metrics.h"
 
 #include <new>
 
 namespace backend {
 
 namespace asio = boost::asio;
-using boost::system::error_code;
 using tcp = asio::ip::tcp;
 
-static constinit LINE_LIMIT_T g_turned_away{"connections refused for want of a place"};
-
-static void takeDevice(const std::shared_ptr<DEVICE_PORT_T> &port, tcp::socket socket)
+static void takeDevice(const std::shared_ptr<DEVICE_PORT_T> &port, tcp::socket socket,
+                       PlacePtr place)
 {
-    if (port->unauthenticated.size() >= port->limits.unauthenticated) {
-        addToMetric(METRIC::CONNECTIONS_TURNED_AWAY);
-        logLimited(g_turned_away, LOG_LEVEL::WARNING,
-                   "too many connections without a handshake, one was refused");
-        return; // the socket closes itself
-    }
     DEVICE_PORT_T *const held = port.get(); // outlives the channels' events
     CHANNEL_EVENTS_T events;
     events.check = [held](const DEVICE_CHANNEL_T &channel, const MESSAGE_T &message,
@@ -37,8 +27,8 @@ static void takeDevice(const std::shared_ptr<DEVICE_PORT_T> &port, tcp::socket s
         held->unauthenticated.erase(channel);
         deviceGone(held->directory, channel, reason);
     };
-    const ChannelPtr channel =
-        startDeviceChannel(port->io, port->limits, std::move(socket), port->tls, std::move(events));
+    const ChannelPtr channel = startDeviceChannel(port->io, port->limits, std::move(socket),
+                                                  std::move(place), port->tls, std::move(events));
     try {
         port->unauthenticated.insert(channel);
     } catch (const std::bad_alloc &) { // nothing would watch over it
@@ -53,21 +43,26 @@ std::shared_ptr<DEVICE_PORT_T> openDevicePort(asio::io_context &io, DIRECTORY_T 
 {
     auto port = std::make_shared<DEVICE_PORT_T>(io, directory, limits);
     port->tls = std::move(tls);
-    openListener(port->acceptor, listen);
-    acceptNext(port, takeDevice);
+    port->admission = std::make_shared<Admission>(
+        io, limits,
+        [weak = std::weak_ptr(port)](tcp::socket socket, PlacePtr place) {
+            const auto held = weak.lock();
+            if (held) takeDevice(held, std::move(socket), std::move(place));
+        });
+    port->listener = std::make_shared<Listener>(io, port->admission);
+    port->listener->open(listen);
     logInfo("listening on %s (%s), %zu devices registered",
-            endpointText(port->acceptor.local_endpoint()).c_str(), port->tls ? "TLS" : "plain",
+            endpointText(port->listener->endpoint()).c_str(), port->tls ? "TLS" : "plain",
             directory.registry.size());
     return port;
 }
 
 void closeDevicePort(DEVICE_PORT_T &port)
 {
-    error_code ignored;
-    port.acceptor.close(ignored);
-    port.pause.cancel();
+    port.listener->close();
     for (const ChannelPtr &channel : std::set(port.unauthenticated))
         closeDeviceChannel(*channel, CLOSE_GOING_AWAY, "the back end ends");
+    port.admission->close();
 }
 
 } // namespace backend

@@ -6,6 +6,8 @@
 
 #include "backend/directory/directory.h"
 #include "backend/limits.h"
+#include "backend/net/admission.h"
+#include "backend/net/listener.h"
 #include "backend/net/websocket_link.h"
 
 #include <memory>
@@ -13,21 +15,20 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/steady_timer.hpp>
 
 namespace backend {
 
 struct DEVICE_PORT_T {
     DEVICE_PORT_T(boost::asio::io_context &context, DIRECTORY_T &of, const LIMITS_T &allowed)
-        : io(context), directory(of), limits(allowed), acceptor(context), pause(context)
+        : io(context), directory(of), limits(allowed)
     {
     }
     boost::asio::io_context &io;
     DIRECTORY_T &directory;
     const LIMITS_T &limits;
     std::shared_ptr<TLS_CONTEXT_T> tls; // of new connections; null: plain ones
-    boost::asio::ip::tcp::acceptor acceptor;
-    boost::asio::steady_timer pause;
+    std::shared_ptr<Admission> admission;
+    std::shared_ptr<Listener> listener;
     std::set<ChannelPtr> unauthenticated;
 };
 

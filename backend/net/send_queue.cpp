@@ -1,10 +1,17 @@
 #include "backend/net/send_queue.h"
 
 #include <utility>
+#include <vector>
 
 namespace backend {
 
-constexpr std::size_t SPARE_MAX = 16;
+constexpr std::size_t SPARE_MAX = 4;
+
+static std::vector<OutMessagePtr> &spareMessages()
+{
+    static thread_local std::vector<OutMessagePtr> spare;
+    return spare;
+}
 
 static std::size_t sizeOf(const OUT_MESSAGE_T &message)
 {
@@ -36,8 +43,8 @@ void finishMessage(SEND_QUEUE_T &queue, WebsocketLink &link, OutMessagePtr messa
 {
     queue.write_active = false;
     counterOf(queue, *message) -= sizeOf(*message);
-    if (message->is_data && queue.spare.size() < SPARE_MAX)
-        queue.spare.push_back(std::move(message));
+    if (message->is_data && spareMessages().size() < SPARE_MAX)
+        spareMessages().push_back(std::move(message));
     writeNext(queue, link);
 }
 
@@ -51,11 +58,12 @@ bool isControlOverfull(const SEND_QUEUE_T &queue)
     return queue.control_size > queue.limits.control_queue;
 }
 
-OutMessagePtr takeDataMessage(SEND_QUEUE_T *queue, std::size_t size)
+OutMessagePtr takeDataMessage(std::size_t size)
 {
-    if (queue != nullptr && !queue->spare.empty()) {
-        OutMessagePtr message = std::move(queue->spare.back());
-        queue->spare.pop_back();
+    std::vector<OutMessagePtr> &spare = spareMessages();
+    if (!spare.empty()) {
+        OutMessagePtr message = std::move(spare.back());
+        spare.pop_back();
         return message;
     }
     auto message = std::make_unique<OUT_MESSAGE_T>();

@@ -3,16 +3,16 @@
 // Ownership  the queue owns its messages, except the one that the link is writing.
 // Threads    the thread of the io_context.
 // Limits     LIMITS_T: data_queue bounds what hasDataRoom grants, control_queue what may wait until
-//            isControlOverfull. SPARE_MAX written data messages are kept for their storage.
+//            isControlOverfull. A thread keeps SPARE_MAX written data messages for
+//            their storage, whichever device they were for.
 #pragma once
 
 #include "backend/limits.h"
 #include "backend/net/websocket_link.h"
 
 #include <cstddef>
-#include <deque>
+#include <list>
 #include <memory>
-#include <vector>
 
 namespace backend {
 
@@ -25,9 +25,8 @@ public:
 
 struct SEND_QUEUE_T {
     const LIMITS_T &limits;
-    std::deque<OutMessagePtr> messages = {}; // behind the one that is being written
-    std::vector<OutMessagePtr> spare = {};
-    std::deque<std::shared_ptr<RoomWaiter>> waiting = {};
+    std::list<OutMessagePtr> messages = {}; // behind the one that is being written
+    std::list<std::shared_ptr<RoomWaiter>> waiting = {};
     std::size_t data_size = 0; // both sizes count the message being written
     std::size_t control_size = 0;
     bool write_active = false;
@@ -40,8 +39,8 @@ void finishMessage(SEND_QUEUE_T &queue, WebsocketLink &link, OutMessagePtr messa
 bool hasDataRoom(const SEND_QUEUE_T &queue);
 bool isControlOverfull(const SEND_QUEUE_T &queue);
 
-// With storage for `size` bytes, which is the same in all calls; queue may be null.
-OutMessagePtr takeDataMessage(SEND_QUEUE_T *queue, std::size_t size);
+// With storage for `size` bytes, which is the same in all calls.
+OutMessagePtr takeDataMessage(std::size_t size);
 
 void waitForDataRoom(SEND_QUEUE_T &queue, std::shared_ptr<RoomWaiter> waiter);
 void stopWaiting(SEND_QUEUE_T &queue, const RoomWaiter &waiter);

@@ -1,5 +1,7 @@
 #include "backend/net/tls_stream.h"
 
+#include "backend/net/admission.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -38,8 +40,7 @@ struct WIRE_METHOD_T {
 };
 
 TlsStream::TlsStream(next_layer_type socket, ssl_ctx_st *context)
-    : socket_(std::move(socket)), ssl_(SSL_new(context)),
-      in_(std::make_unique_for_overwrite<std::uint8_t[]>(READ_SIZE))
+    : socket_(std::move(socket)), ssl_(SSL_new(context))
 {
     static const WIRE_METHOD_T WIRE;
     BIO *bio = BIO_new(WIRE.method);
@@ -51,6 +52,7 @@ TlsStream::TlsStream(next_layer_type socket, ssl_ctx_st *context)
     BIO_set_init(bio, 1);
     SSL_set_bio(ssl_.get(), bio, bio);
     SSL_set_options(ssl_.get(), SSL_OP_NO_RENEGOTIATION);
+    SSL_set_mode(ssl_.get(), SSL_MODE_RELEASE_BUFFERS);
     SSL_set_accept_state(ssl_.get());
 }
 
@@ -69,11 +71,28 @@ int TlsStream::receive()
         return -1;
     }
     may_receive_ = false;
+    try {
+        if (!in_) in_.reset(static_cast<std::uint8_t *>(takeBlock(READ_SIZE)));
+    } catch (const std::bad_alloc &) { // must not pass through the library, which is C
+        errno = ENOMEM;
+        return -1;
+    }
     const ssize_t count = recv(socket_.native_handle(), in_.get(), READ_SIZE, MSG_DONTWAIT);
     is_drained_ = count < static_cast<ssize_t>(READ_SIZE);
     in_start_ = 0;
     in_end_ = static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+    if (count > 0 && place_ != nullptr) place_->noteProgress();
     return static_cast<int>(count);
+}
+
+void TlsStream::giveBackInput()
+{
+    if (in_start_ == in_end_) in_.reset();
+}
+
+void TlsStream::waitForTurn(std::function<void()> step)
+{
+    place_->waitForTurn(std::move(step), !has_answered_);
 }
 
 int TlsStream::onRead(BIO *bio, char *bytes, int size)
@@ -146,7 +165,8 @@ TlsStream::RESULT_T TlsStream::send(std::size_t count)
         if (left < 0) return {WAIT::NONE, {errno, asio::error::get_system_category()}, 0};
         sent_ += static_cast<std::size_t>(left);
     }
-    out_.clear(); // keeps its storage for the next write
+    if (!out_.empty()) has_answered_ = true;
+    out_ = {}; // its storage serves the next stream
     sent_ = 0;
     return {WAIT::NONE, {}, count};
 }
@@ -156,6 +176,7 @@ TlsStream::RESULT_T TlsStream::handshake()
     if (fault_) return {WAIT::NONE, fault_, 0};
     ERR_clear_error();
     const int result = SSL_accept(ssl_.get());
+    giveBackInput();
     const RESULT_T state = result == 1 ? RESULT_T{} : failure(result);
     const RESULT_T sending = send(1); // also an alert that gives the peer the reason
     const bool is_sent = sending.wait == WAIT::NONE && !sending.error;
@@ -198,6 +219,7 @@ TlsStream::RESULT_T TlsStream::readSome(std::span<const asio::mutable_buffer> bu
         result.count += state.count;
         if (state.count < buffer.size()) break;
     }
+    giveBackInput();
     if (result.count == 0 && !out_.empty())
         (void)send(1); // an alert; what is left goes with the next write
     return result;
@@ -218,6 +240,7 @@ std::size_t TlsStream::encrypt(std::span<const asio::const_buffer> buffers)
 {
     if (fault_ && fault_ != asio::error::eof) return 0;
     ERR_clear_error();
+    if (asio::buffer_size(buffers) >= BLOCK_USE_MIN) out_.reserve(BLOCK_SIZE); // one block
     std::array<std::uint8_t, RECORD_MAX> joined;
     std::size_t used = 0;
     std::size_t taken = 0;

@@ -1,6 +1,8 @@
 // The server's side of TLS over one TCP connection, as the stream under a WebSocket: a receive
 // takes whatever the kernel holds, up to READ_SIZE, and a write leaves with one send, however many
 // records it takes.
+// Idle      a stream that has nothing under way holds no buffer: blocks come from the buffer pool, and
+//            the library releases its own.
 // Ownership  the stream owns its socket. An operation borrows the stream, and a read its buffers,
 //            until the handler is called; a write is done with its buffers at once.
 // Threads    the thread of the io_context. At most one read and one write at a time.
@@ -11,9 +13,12 @@
 //            connection ends without it. After a fault of TLS every operation fails with it.
 #pragma once
 
+#include "backend/net/buffer_pool.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <type_traits>
@@ -31,6 +36,8 @@ struct ssl_ctx_st;
 struct ssl_st;
 
 namespace backend {
+
+class Place;
 
 class TlsStream {
 public:
@@ -61,10 +68,17 @@ public:
         return socket_;
     }
 
+    // The place, borrowed, is told of new bytes, and the handshake's steps wait for their turn
+    // there. Null: no longer, which is so before the first call.
+    void setPlace(Place *place)
+    {
+        place_ = place;
+    }
+
     // The handler takes an error.
     template <class Handler> auto async_handshake(Handler &&handler)
     {
-        return start<void(Error)>([](TlsStream &stream) { return stream.handshake(); }, handler);
+        return start<void(Error)>(Greeting{}, handler);
     }
 
     // Says that nothing more comes (close_notify); does not wait for the peer to say it.
@@ -122,11 +136,26 @@ private:
         std::size_t count = 0;
     };
 
+    struct Greeting {
+        RESULT_T operator()(TlsStream &stream) const
+        {
+            return stream.handshake();
+        }
+    };
+
     // Tries its step until that need not wait. A handler never runs within the call that starts it.
     template <class Step, class Signature> struct Operation {
         template <class Self> void operator()(Self &self, const Error &waited = {})
         {
             TlsStream &on = stream;
+            if constexpr (std::is_same_v<Step, Greeting>) {
+                if (!is_done && !waited && on.place_ != nullptr && !std::exchange(has_turn, true)) {
+                    has_waited = true;
+                    const auto held = std::make_shared<Self>(std::move(self));
+                    return on.waitForTurn([held] { (*held)(); });
+                }
+                has_turn = false;
+            }
             if (!is_done) {
                 on.may_receive_ = true;
                 result = waited ? RESULT_T{WAIT::NONE, waited, 0} : step(on);
@@ -151,6 +180,7 @@ private:
         Step step;
         RESULT_T result{};
         bool has_waited = false;
+        bool has_turn = false;
         bool is_done = false;
     };
 
@@ -170,6 +200,8 @@ private:
     RESULT_T send(std::size_t count);
     RESULT_T failure(int result);
     int receive();
+    void giveBackInput();
+    void waitForTurn(std::function<void()> step);
 
     static int onRead(bio_st *bio, char *bytes, int size);
     static int onWrite(bio_st *bio, const char *bytes, int size);
@@ -178,13 +210,22 @@ private:
 
     next_layer_type socket_;
     std::unique_ptr<ssl_st, SslRelease> ssl_;
-    std::unique_ptr<std::uint8_t[]> in_;
+    struct BlockRelease {
+        void operator()(std::uint8_t *block) const
+        {
+            giveBlock(block, READ_SIZE);
+        }
+    };
+
+    std::unique_ptr<std::uint8_t[], BlockRelease> in_; // null while nothing is in it
     std::size_t in_start_ = 0; // of what is not decrypted yet
     std::size_t in_end_ = 0;
     bool is_drained_ = false;  // the kernel held less than there was room for
     bool may_receive_ = false; // once in a step: what a peer sends without end leaves others a turn
-    std::vector<std::uint8_t> out_;
+    std::vector<std::uint8_t, BlockAllocator<std::uint8_t>> out_;
     std::size_t sent_ = 0; // of out_
+    Place *place_ = nullptr;
+    bool has_answered_ = false; // the peer has seen a byte
     Error fault_;          // what every further operation fails with
 };
 

@@ -1,10 +1,15 @@
 #include "backend/net/websocket_link.h"
 
+#include "backend/net/admission.h"
+#include "backend/net/buffer_pool.h"
 #include "backend/net/tls_stream.h"
+#include "backend/observe/log.h"
 
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <exception>
+#include <memory>
 #include <stdexcept>
 #include <type_traits>
 
@@ -51,6 +56,10 @@ std::shared_ptr<TLS_CONTEXT_T> makeTlsContext(const std::string &cert_file,
     requireReadable(cert_file);
     requireReadable(key_file);
     auto tls = std::make_shared<TLS_CONTEXT_T>();
+    // Devices do not resume sessions: neither tickets are made nor is anything kept for them.
+    SSL_CTX_set_options(tls->context.native_handle(), SSL_OP_NO_TICKET);
+    SSL_CTX_set_num_tickets(tls->context.native_handle(), 0);
+    SSL_CTX_set_session_cache_mode(tls->context.native_handle(), SSL_SESS_CACHE_OFF);
     if (SSL_CTX_set_min_proto_version(tls->context.native_handle(), TLS1_2_VERSION) != 1) {
         throw std::runtime_error("TLS 1.2 is not available");
     }
@@ -82,14 +91,49 @@ static void setChannelOptions(tcp::socket &socket)
     set(IPPROTO_TCP, TCP_NOTSENT_LOWAT, 64 * 1024);
 }
 
+static constinit LINE_LIMIT_T g_given_up{"connections given up"};
+
+static void logGivenUp(const char *reason) noexcept
+{
+    try {
+        logLimited(g_given_up, LOG_LEVEL::WARNING, "a connection is given up: %s", reason);
+    } catch (const std::exception &) { // no memory for the line either
+        return;
+    }
+}
+
+// Keeps a link while an operation runs. One that is destroyed without having been released belongs
+// to a handler that never ran, because memory ran out within the library: the link cannot go on.
+template <class Link> class Kept {
+public:
+    explicit Kept(std::shared_ptr<Link> link) : link_(std::move(link)) {}
+    Kept(Kept &&other) noexcept = default;
+    Kept(const Kept &) = delete;
+    Kept &operator=(Kept &&) = delete;
+    Kept &operator=(const Kept &) = delete;
+    ~Kept()
+    {
+        if (link_) link_->shut();
+    }
+    std::shared_ptr<Link> release()
+    {
+        return std::move(link_);
+    }
+
+private:
+    std::shared_ptr<Link> link_;
+};
+
 template <class Next>
 class Link final : public WebsocketLink, public std::enable_shared_from_this<Link<Next>> {
 public:
     template <class... Arguments>
-    explicit Link(LINK_EVENTS_T events, Arguments &&...arguments)
+    explicit Link(LINK_EVENTS_T events, PlacePtr place, Arguments &&...arguments)
         : events_(std::move(events)), stream_(std::forward<Arguments>(arguments)...),
-          timer_(stream_.get_executor())
+          timer_(stream_.get_executor()), place_(std::move(place))
     {
+        if constexpr (std::is_same_v<Next, TlsStream>)
+            stream_.next_layer().setPlace(place_.get());
         setChannelOptions(beast::get_lowest_layer(stream_));
         stream_.set_option(websocket::stream_base::timeout{websocket::stream_base::none(),
                                                            websocket::stream_base::none(), false});
@@ -104,26 +148,37 @@ public:
 
     void accept() override
     {
+        if (place_) {
+            place_->whenExpelled([weak = this->weak_from_this()](const char *reason) {
+                const auto self = weak.lock();
+                if (self) self->guarded([&] { self->expelled(reason); });
+            });
+        }
         if constexpr (std::is_same_v<Next, TlsStream>) {
-            stream_.next_layer().async_handshake(
-                [self = this->shared_from_this()](const error_code &error) {
-                    if (error)
-                        self->accepted(error);
-                    else
-                        self->upgrade();
-                });
+            stream_.next_layer().async_handshake(handler([](Link &self, const error_code &error) {
+                if (error)
+                    self.accepted(error);
+                else
+                    self.upgrade();
+            }));
         } else {
             upgrade();
         }
     }
 
+    void leavePlace() override
+    {
+        if constexpr (std::is_same_v<Next, TlsStream>) stream_.next_layer().setPlace(nullptr);
+        place_.reset();
+    }
+
     void read() override
     {
         in_.consume(in_.size());
-        stream_.async_read(in_,
-                           [self = this->shared_from_this()](const error_code &error, std::size_t) {
-                               self->received(error);
-                           });
+        in_.shrink_to_fit();
+        stream_.async_read(in_, handler([](Link &self, const error_code &error, std::size_t) {
+                               self.received(error);
+                           }));
     }
 
     void write(OutMessagePtr message) override
@@ -132,19 +187,19 @@ public:
         const std::array<asio::const_buffer, 2> parts{
             asio::buffer(out_->header.bytes.data(), out_->header.size),
             asio::buffer(out_->payload.data(), out_->payload_size)};
-        stream_.async_write(
-            parts, [self = this->shared_from_this()](const error_code &error, std::size_t) {
-                self->written(error);
-            });
+        stream_.async_write(parts,
+                            handler([](Link &self, const error_code &error, std::size_t) {
+                                self.written(error);
+                            }));
     }
 
     void ping() override
     {
         if (closed_ || pinging_ || !stream_.is_open()) return;
         pinging_ = true;
-        stream_.async_ping({}, [self = this->shared_from_this()](const error_code &) {
-            self->pinging_ = false; // a broken connection shows in the read
-        });
+        stream_.async_ping({}, handler([](Link &self, const error_code &) {
+                               self.pinging_ = false; // a broken connection shows in the read
+                           }));
     }
 
     std::chrono::milliseconds silence() override
@@ -175,20 +230,54 @@ public:
     void abort() override
     {
         closed_ = true;
+        leavePlace();
+        shut();
+    }
+
+    // What is under way ends with an error.
+    void shut() noexcept
+    {
         error_code ignored; // the socket may be closed already
         beast::get_lowest_layer(stream_).close(ignored);
     }
 
 private:
+    // For an operation's end: keeps the link, and guards what `call` does with it.
+    template <class Call> auto handler(Call call)
+    {
+        return [kept = Kept<Link>(this->shared_from_this()), call](auto... results) mutable {
+            const auto self = kept.release();
+            self->guarded([&] { call(*self, results...); });
+        };
+    }
+
+    template <class Call> void guarded(Call call)
+    {
+        try {
+            call();
+            return;
+        } catch (const std::exception &fault) {
+            logGivenUp(fault.what());
+        }
+        shut();
+        if (!closed_) events_.received(asio::error::no_memory, {}, false);
+    }
+
+    void expelled(const char *reason)
+    {
+        if (!closed_) events_.expelled(reason);
+    }
+
     void upgrade()
     {
         if (closed_) return;
         stream_.async_accept(
-            [self = this->shared_from_this()](const error_code &error) { self->accepted(error); });
+            handler([](Link &self, const error_code &error) { self.accepted(error); }));
     }
 
     void accepted(const error_code &error)
     {
+        if (place_) place_->noteProgress();
         if (!closed_) events_.accepted(error);
     }
 
@@ -207,18 +296,21 @@ private:
     websocket::stream<Next, false>
         stream_; // false: the code of the compression extension is left out
     asio::steady_timer timer_;
-    beast::flat_buffer in_;
+    beast::basic_flat_buffer<BlockAllocator<char>> in_;
     OutMessagePtr out_;
+    PlacePtr place_; // null once the handshake is accepted
     bool closed_ = false;
     bool pinging_ = false;
 };
 
 std::shared_ptr<WebsocketLink> makeWebsocketLink(tcp::socket socket,
                                                  const std::shared_ptr<TLS_CONTEXT_T> &tls,
-                                                 LINK_EVENTS_T events)
+                                                 PlacePtr place, LINK_EVENTS_T events)
 {
-    if (!tls) return std::make_shared<Link<PlainStream>>(std::move(events), std::move(socket));
-    return std::make_shared<Link<TlsStream>>(std::move(events), std::move(socket),
+    if (!tls)
+        return std::make_shared<Link<PlainStream>>(std::move(events), std::move(place),
+                                                   std::move(socket));
+    return std::make_shared<Link<TlsStream>>(std::move(events), std::move(place), std::move(socket),
                                              tls->context.native_handle());
 }
 

@@ -4,7 +4,9 @@
 // Threads    the thread of the io_context.
 // Limits     messages of up to LINK_MESSAGE_MAX bytes; no compression. At most one read and one
 //            write at a time.
-// Failure    every operation ends in its event, with an error when it failed; after abort() no
+// Memory     an idle link holds no message's storage.
+// Failure    what throws while an event is handled, as when memory has run out, costs this link:
+//            `received` comes with an error. Every operation ends in its event, with an error when it failed; after abort() no
 //            event comes any more.
 #pragma once
 
@@ -24,6 +26,8 @@ namespace backend {
 
 constexpr std::size_t LINK_MESSAGE_MAX = std::size_t{64} * 1024;
 
+class Place;
+
 struct LINK_EVENTS_T {
     std::function<void(const boost::system::error_code &)> accepted;
     // The bytes are valid until the next read().
@@ -31,13 +35,16 @@ struct LINK_EVENTS_T {
                        bool is_binary)>
         received;
     std::function<void(const boost::system::error_code &, OutMessagePtr)> written;
+    // The link's place is gone: it has to be closed.
+    std::function<void(const char *reason)> expelled;
 };
 
 class WebsocketLink {
 public:
     virtual ~WebsocketLink() = default;
-    virtual void accept() = 0; // TLS and the upgrade, then `accepted`
-    virtual void read() = 0;   // one message, then `received`
+    virtual void accept() = 0;     // TLS and the upgrade, then `accepted`
+    virtual void leavePlace() = 0; // the handshake is accepted
+    virtual void read() = 0;       // one message, then `received`
     virtual void write(OutMessagePtr message) = 0;
     virtual void ping() = 0; // beside a read and a write; at most one is under way, more are left out
     // Since the last byte from the peer, whether it was read or still waits (tcp(7), TCP_INFO).
@@ -55,9 +62,10 @@ struct TLS_CONTEXT_T; // certificate and key
 std::shared_ptr<TLS_CONTEXT_T> makeTlsContext(const std::string &cert_file,
                                               const std::string &key_file); // throws
 
-// tls: null for a plain connection.
+// tls: null for a plain connection. place: may be null; the link has it until leavePlace or its end.
 std::shared_ptr<WebsocketLink> makeWebsocketLink(boost::asio::ip::tcp::socket socket,
                                                  const std::shared_ptr<TLS_CONTEXT_T> &tls,
+                                                 std::unique_ptr<Place> place,
                                                  LINK_EVENTS_T events);
 
 } // namespace backend

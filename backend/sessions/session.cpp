@@ -294,8 +294,7 @@ static void readClient(const SessionPtr &session)
     if (is_open && !hasDataRoom(session->channel->outgoing))
         return waitForDataRoom(session->channel->outgoing, session);
     if (!session->message)
-        session->message = takeDataMessage(
-            is_open ? &session->channel->outgoing : nullptr, DATA_MAX);
+        session->message = takeDataMessage(DATA_MAX);
     session->read_active = true;
     if (is_open && session->is_flowing) {
         error_code error;

@@ -64,7 +64,7 @@ SessionPtr startSession(const SessionTablePtr &table, DEVICE_CHANNEL_T &channel,
     table->sessions.emplace(session->number, session);
     const AUDIT_SESSION_T about{session->number,      session->device.product_key,
                                 session->device.device_name, session->origin.who,
-                                session->origin.from, service.name};
+                                session->origin.from, service.name, session->origin.is_shared};
     // The channel must not go before the session knows that it is closed.
     const auto recorded = [session, held = channel.shared_from_this()](bool is_recorded) {
         if (!is_recorded) return session->cut(AUDIT_UNWRITABLE);

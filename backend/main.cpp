@@ -202,10 +202,11 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
     const AuditMute audit_mute;
     startAudit({line.audit, RA_VERSION,
                 [&io](std::function<void()> task) { asio::post(io, std::move(task)); }});
-    const auto server = startServer(io, std::move(options));
-    asio::steady_timer goodbye(io);
+    // Before the line that it listens: whoever reads that may send a signal.
     asio::signal_set changes(io, SIGHUP);
     asio::signal_set signals(io, SIGINT, SIGTERM);
+    const auto server = startServer(io, std::move(options));
+    asio::steady_timer goodbye(io);
     signals.async_wait([&](const boost::system::error_code &error, int number) {
         if (error) return;
         logInfo("ending on signal %d", number);

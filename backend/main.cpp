@@ -204,11 +204,12 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
     const AuditMute audit_mute;
     startAudit({line.audit, RA_VERSION,
                 [&io](std::function<void()> task) { asio::post(io, std::move(task)); }});
+    // Before the log says that it listens: whoever has seen that may send a signal.
+    asio::signal_set changes(io, SIGHUP);
+    asio::signal_set signals(io, SIGINT, SIGTERM);
     const auto server = startServer(io, std::move(options));
     MemoryTidy tidy(io);
     asio::steady_timer goodbye(io);
-    asio::signal_set changes(io, SIGHUP);
-    asio::signal_set signals(io, SIGINT, SIGTERM);
     signals.async_wait([&](const boost::system::error_code &error, int number) {
         if (error) return;
         logInfo("ending on signal %d", number);

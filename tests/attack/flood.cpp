@@ -36,14 +36,14 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 // What a connection does once it stands: TCP, or TLS where the kind has it.
-enum class DO { RESET, WAIT, SEND, TRICKLE, HANDSHAKE };
+enum class DO { RESET, WAIT, SEND, TRICKLE, PUMP, HANDSHAKE };
 enum class SIGNED { NOT, WRONG, RIGHT };
 
 struct KIND_T {
     std::string_view name;
     bool has_tls;
     DO deed;
-    std::string text; // that it sends, whole or one byte at a time
+    std::string text; // that it sends: whole, one byte at a time, or its end without end
     SIGNED sign = SIGNED::NOT;
 };
 
@@ -51,6 +51,15 @@ const std::string UPGRADE = "GET / HTTP/1.1\r\nHost: cloud.test\r\nUpgrade: webs
                             "Connection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
                             "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n";
 const std::string HELLO("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03", 11);
+
+// Of a message without an end, as many as one TLS record takes: it is sent whole or not at all.
+std::string emptyFragments()
+{
+    std::string text;
+    while (text.size() + 6 <= 16384)
+        text.append("\0\x80\0\0\0\0", 6);
+    return text;
+}
 
 const std::array KINDS{
     KIND_T{"silent", false, DO::WAIT, {}},
@@ -61,6 +70,7 @@ const std::array KINDS{
     KIND_T{"half-upgrade", true, DO::SEND, UPGRADE},
     KIND_T{"long-header", true, DO::SEND, UPGRADE + "X-Long: " + std::string(1 << 20, 'x')},
     KIND_T{"slow-header", true, DO::TRICKLE, UPGRADE + "X-Slow: " + std::string(4000, 'x')},
+    KIND_T{"fragments", true, DO::PUMP, emptyFragments()},
     KIND_T{"unknown", true, DO::HANDSHAKE, "stranger", SIGNED::WRONG},
     KIND_T{"wrong", true, DO::HANDSHAKE, "fleet", SIGNED::WRONG},
     KIND_T{"unsigned", true, DO::HANDSHAKE, "fleet", SIGNED::NOT},
@@ -71,7 +81,7 @@ constexpr milliseconds TRICKLE_PERIOD{1900}, PASS{2};
 constexpr milliseconds TLS_TIME{10000}, ANSWER_TIME{3000}, PAUSE{1000}; // the daemon's
 constexpr std::size_t OPENED_PER_PASS = 20; // and no pass is shorter than its time
 
-enum class STATE { IDLE, CONNECTING, TLS, WAITING, TRICKLING, UPGRADING, SIGNING, IN };
+enum class STATE { IDLE, CONNECTING, TLS, WAITING, TRICKLING, PUMPING, UPGRADING, SIGNING, IN };
 
 struct CLIENT_T {
     std::size_t number = 0;
@@ -157,6 +167,12 @@ void end(CLIENT_T &client, bool with_reset)
     g_counts.ended++;
 }
 
+void await(CLIENT_T &client, std::uint32_t events, int operation)
+{
+    epoll_event event{events, {.ptr = &client}};
+    (void)epoll_ctl(g_poll, operation, client.fd, &event);
+}
+
 void start(CLIENT_T &client)
 {
     client.fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
@@ -172,8 +188,7 @@ void start(CLIENT_T &client)
     }
     g_counts.opened++;
     (void)connect(client.fd, reinterpret_cast<sockaddr *>(&g_server), sizeof g_server);
-    epoll_event event{EPOLLOUT, {.ptr = &client}};
-    (void)epoll_ctl(g_poll, EPOLL_CTL_ADD, client.fd, &event);
+    await(client, EPOLLOUT, EPOLL_CTL_ADD);
     client.state = STATE::CONNECTING;
     client.due = Clock::now() + TLS_TIME;
     client.sent = 0;
@@ -195,7 +210,7 @@ void act(CLIENT_T &client)
     if (g_kind->deed == DO::SEND) send(client, g_kind->text);
     if (g_kind->deed == DO::RESET) end(client, true);
     if (g_kind->deed == DO::TRICKLE) client.state = STATE::TRICKLING, client.due = Clock::now();
-    if (g_kind->deed == DO::HANDSHAKE) {
+    if (g_kind->deed == DO::HANDSHAKE || g_kind->deed == DO::PUMP) {
         send(client, UPGRADE + "\r\n");
         client.state = STATE::UPGRADING;
         client.due = Clock::now() + ANSWER_TIME;
@@ -220,8 +235,7 @@ void connected(CLIENT_T &client)
     (void)getsockopt(client.fd, SOL_SOCKET, SO_ERROR, &error, &size);
     if (error != 0) return end(client, false);
     g_counts.established++;
-    epoll_event event{EPOLLIN | EPOLLRDHUP, {.ptr = &client}};
-    (void)epoll_ctl(g_poll, EPOLL_CTL_MOD, client.fd, &event);
+    await(client, EPOLLIN | EPOLLRDHUP, EPOLL_CTL_MOD);
     if (!g_kind->has_tls) return act(client);
     client.ssl.reset(SSL_new(g_context));
     SSL_set_fd(client.ssl.get(), client.fd);
@@ -252,8 +266,15 @@ void advance(CLIENT_T &client)
     if (client.state == STATE::CONNECTING) return connected(client);
     if (client.state == STATE::TLS) return shakeHands(client);
     const bool is_open = receive(client);
+    if (client.state == STATE::PUMPING && is_open) return send(client, g_kind->text);
     if (client.state == STATE::UPGRADING && client.got.find("\r\n\r\n") != std::string::npos) {
         client.got.clear();
+        if (g_kind->deed == DO::PUMP) {
+            send(client, std::string("\2\x80\0\0\0\0", 6)); // the start of a message
+            client.state = STATE::PUMPING;
+            client.due = Clock::time_point::max();
+            return await(client, EPOLLIN | EPOLLOUT, EPOLL_CTL_MOD);
+        }
         client.state = STATE::SIGNING;
         client.due = Clock::now() + ANSWER_TIME;
         send(client, handshake(client));

@@ -198,7 +198,7 @@ static void verifyAccount(OPERATIONS_T &operations, const CallPtr &call)
         AuditMembers members = recordOf(*call);
         members.emplace_back("right", result.is_answered && result.code == 0);
         members.emplace_back("reason", result.message);
-        auditRecord(AUDIT_EVENT::ACCOUNT_RESULT, std::move(members));
+        auditRecord(AUDIT_EVENT::ACCOUNT_RESULT, members);
         if (!result.is_answered) return refuse(*call, result.message);
         call->answer({{"ok", true}, {"code", result.code}, {"message", result.message}}, true);
     };
@@ -335,7 +335,7 @@ void runOperation(OPERATIONS_T &operations, const CallPtr &call, const json &req
             AuditMembers record = recordOf(*call);
             record.emplace_back("do", operation.verb);
             record.emplace_back("reason", decision.reason);
-            auditRecord(AUDIT_EVENT::DENIED, std::move(record));
+            auditRecord(AUDIT_EVENT::DENIED, record);
             return refuse(*call, decision.reason);
         }
         runAllowed(operations, operation, call);

@@ -109,10 +109,12 @@ void Listener::acceptNext()
                        error.message().c_str());
             return self->acceptAfterPause();
         }
-        if (self->take(std::move(socket)))
-            self->acceptNext();
-        else
-            self->acceptAfterPause();
+        const bool goes_on = self->take(std::move(socket));
+        try {
+            if (goes_on) return self->acceptNext();
+        } catch (const std::exception &) { // nobody else would accept again
+        }
+        self->acceptAfterPause();
     });
 }
 

@@ -44,6 +44,8 @@ struct COMMAND_LINE_T {
     bool is_forced = false;
     bool is_plain = false;
     double linger_s = 30;
+    std::size_t session_backlog_mib = LIMITS_T{}.session_buffer >> 20;
+    std::size_t all_backlogs_mib = LIMITS_T{}.all_buffers >> 20;
 };
 
 // A copy of the store needs none of the server's options.
@@ -89,6 +91,16 @@ static void describeOptions(CLI::App &app, COMMAND_LINE_T &line)
         ->type_name("SECONDS")
         ->capture_default_str()
         ->check(CLI::Range(0.0, 86400.0));
+    app.add_option("--session-backlog", line.session_backlog_mib,
+                   "MiB from a device that may wait for a client; a session with more is cut off")
+        ->type_name("MIB")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 1024));
+    app.add_option("--all-backlogs", line.all_backlogs_mib,
+                   "MiB that may wait for all clients; above it the session with most is cut off")
+        ->type_name("MIB")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 65536));
     app.add_option(
            "--control", line.control,
            "Socket for the operators' tool; everyone who may write to it can reach every device")
@@ -121,6 +133,8 @@ static SERVER_OPTIONS_T readOptions(const COMMAND_LINE_T &line)
         throw std::invalid_argument("either --cert and --key or --plain is required");
     options.control = line.control;
     options.store = line.store;
+    options.limits.session_buffer = line.session_backlog_mib << 20;
+    options.limits.all_buffers = line.all_backlogs_mib << 20;
     options.limits.linger_time = std::chrono::milliseconds(static_cast<long>(line.linger_s * 1000));
     return options;
 }
@@ -204,11 +218,12 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
     const AuditMute audit_mute;
     startAudit({line.audit, RA_VERSION,
                 [&io](std::function<void()> task) { asio::post(io, std::move(task)); }});
+    // Before the line that it listens: whoever reads that may send a signal.
+    asio::signal_set changes(io, SIGHUP);
+    asio::signal_set signals(io, SIGINT, SIGTERM);
     const auto server = startServer(io, std::move(options));
     MemoryTidy tidy(io);
     asio::steady_timer goodbye(io);
-    asio::signal_set changes(io, SIGHUP);
-    asio::signal_set signals(io, SIGINT, SIGTERM);
     signals.async_wait([&](const boost::system::error_code &error, int number) {
         if (error) return;
         logInfo("ending on signal %d", number);

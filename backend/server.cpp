@@ -39,9 +39,8 @@ std::unique_ptr<SERVER_T> startServer(asio::io_context &io, SERVER_OPTIONS_T opt
         server->forwards.push_back(openForward(io, server->operations, server->names, forward));
     }
     if (!server->options.control.empty())
-        server->control =
-            openControl(io, server->operations, server->options.limits, server->names,
-                        server->options.control);
+        server->control = openControl(io, server->operations, server->options.limits, server->names,
+                                      server->options.control);
     return server;
 }
 

@@ -25,6 +25,9 @@ constexpr char DEVICE_GONE[] = "the device disconnected";
 
 static constinit LINE_LIMIT_T g_refused{"refused handshakes"};
 static constinit LINE_LIMIT_T g_ended{"connections that ended without a handshake"};
+// A fleet that comes back is to be seen; a device that comes and goes all the time is not.
+static constinit LINE_LIMIT_T g_came{"devices that connected", 200};
+static constinit LINE_LIMIT_T g_left{"devices that disconnected", 200};
 
 constexpr std::size_t RELEASING_MAX = 128;
 constexpr std::size_t ACCOUNTS_MAX = 16;
@@ -350,9 +353,9 @@ static void finishHandshake(const ChannelPtr &channel, HANDSHAKE_RESULT_T result
     watchSilence(*channel, channel->limits.idle_silence);
     channel->events.connected(channel);
     sendHandshakeAnswer(*channel, HANDSHAKE_ACCEPTED);
-    logInfo("device %s connected, services: %s%s%s", channel->device.device_name.c_str(),
-            serviceNames(*channel).c_str(), result.detail.empty() ? "" : "; ",
-            result.detail.c_str());
+    logLimited(g_came, LOG_LEVEL::INFO, "device %s connected, services: %s%s%s",
+               channel->device.device_name.c_str(), serviceNames(*channel).c_str(),
+               result.detail.empty() ? "" : "; ", result.detail.c_str());
     readNext(*channel);
 }
 
@@ -418,13 +421,15 @@ static LINK_EVENTS_T linkEvents(const ChannelPtr &channel)
 }
 
 ChannelPtr startDeviceChannel(asio::io_context &io, const LIMITS_T &limits, tcp::socket socket,
-                              PlacePtr place, const std::shared_ptr<TLS_CONTEXT_T> &tls, CHANNEL_EVENTS_T events)
+                              PlacePtr place, const std::shared_ptr<TLS_CONTEXT_T> &tls,
+                              CHANNEL_EVENTS_T events)
 {
     auto channel = std::make_shared<DEVICE_CHANNEL_T>(io, limits, std::move(events));
     error_code error;
     const tcp::endpoint peer = socket.remote_endpoint(error);
     channel->peer = error ? "(gone)" : endpointText(peer);
-    channel->link = makeWebsocketLink(std::move(socket), tls, std::move(place), linkEvents(channel));
+    channel->link =
+        makeWebsocketLink(std::move(socket), tls, std::move(place), linkEvents(channel));
     channel->link->accept();
     return channel;
 }
@@ -436,7 +441,8 @@ void closeDeviceChannel(DEVICE_CHANNEL_T &channel, std::uint16_t code, const std
     const bool was_device = channel.state == CHANNEL_STATE::CONNECTED;
     channel.state = CHANNEL_STATE::CLOSED;
     if (was_device)
-        logInfo("device %s disconnected: %s", nameOf(channel).c_str(), reason.c_str());
+        logLimited(g_left, LOG_LEVEL::INFO, "device %s disconnected: %s", nameOf(channel).c_str(),
+                   reason.c_str());
     else
         logLimited(g_ended, LOG_LEVEL::INFO, "connection from %s ended: %s",
                    nameOf(channel).c_str(), reason.c_str());

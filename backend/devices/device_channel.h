@@ -21,8 +21,8 @@
 
 #include <chrono>
 #include <ctime>
-#include <list>
 #include <functional>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>

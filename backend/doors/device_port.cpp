@@ -44,8 +44,7 @@ std::shared_ptr<DEVICE_PORT_T> openDevicePort(asio::io_context &io, DIRECTORY_T 
     auto port = std::make_shared<DEVICE_PORT_T>(io, directory, limits);
     port->tls = std::move(tls);
     port->admission = std::make_shared<Admission>(
-        io, limits,
-        [weak = std::weak_ptr(port)](tcp::socket socket, PlacePtr place) {
+        io, limits, [weak = std::weak_ptr(port)](tcp::socket socket, PlacePtr place) {
             const auto held = weak.lock();
             if (held) takeDevice(held, std::move(socket), std::move(place));
         });

@@ -94,9 +94,9 @@ private:
 
 struct ADDRESS_T {
     ADDRESS_KEY_T key;
-    Places places;             // longest silent first
-    Places first_turns;        // of connections that were not answered yet
-    Places further_turns;      // before those
+    Places places;               // longest silent first
+    Places first_turns;          // of connections that were not answered yet
+    Places further_turns;        // before those
     std::list<ADDRESS_T *> ring; // holds its element while none waits
     std::list<ADDRESS_T *>::iterator ring_at;
     bool is_in_ring = false;

@@ -1,6 +1,8 @@
 #include "backend/net/buffer_pool.h"
 
+#include <algorithm>
 #include <array>
+#include <cstring>
 #include <new>
 
 namespace backend {
@@ -43,6 +45,31 @@ void giveBlock(void *block, std::size_t size) noexcept
         kept.blocks[kept.count++] = block;
     else
         ::operator delete(block);
+}
+
+void BlockBuffer::reserve(std::size_t capacity)
+{
+    if (capacity <= capacity_) return;
+    auto *const larger = static_cast<unsigned char *>(takeBlock(capacity));
+    if (size_ > 0) memcpy(larger, bytes_, size_);
+    if (bytes_ != nullptr) giveBlock(bytes_, capacity_);
+    bytes_ = larger;
+    capacity_ = capacity;
+}
+
+void BlockBuffer::append(const void *bytes, std::size_t count)
+{
+    if (size_ + count > capacity_) reserve(std::max(2 * capacity_, size_ + count));
+    memcpy(bytes_ + size_, bytes, count);
+    size_ += count;
+}
+
+void BlockBuffer::clear() noexcept
+{
+    if (bytes_ != nullptr) giveBlock(bytes_, capacity_);
+    bytes_ = nullptr;
+    size_ = 0;
+    capacity_ = 0;
 }
 
 } // namespace backend

@@ -33,4 +33,36 @@ template <class T> struct BlockAllocator {
     bool operator==(const BlockAllocator &) const = default;
 };
 
+// Bytes that are appended to and go as one.
+class BlockBuffer {
+public:
+    BlockBuffer() = default;
+    BlockBuffer(const BlockBuffer &) = delete;
+    BlockBuffer &operator=(const BlockBuffer &) = delete;
+    ~BlockBuffer()
+    {
+        clear();
+    }
+    void reserve(std::size_t capacity);
+    void append(const void *bytes, std::size_t count);
+    void clear() noexcept; // gives the storage back
+    [[nodiscard]] const unsigned char *data() const
+    {
+        return bytes_;
+    }
+    [[nodiscard]] std::size_t size() const
+    {
+        return size_;
+    }
+    [[nodiscard]] bool empty() const
+    {
+        return size_ == 0;
+    }
+
+private:
+    unsigned char *bytes_ = nullptr; // owned; null without capacity
+    std::size_t size_ = 0;
+    std::size_t capacity_ = 0;
+};
+
 } // namespace backend

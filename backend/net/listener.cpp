@@ -1,6 +1,7 @@
 #include "backend/net/listener.h"
 
 #include "backend/net/accept_loop.h"
+#include "backend/net/memory.h"
 #include "backend/observe/log.h"
 
 #include <algorithm>
@@ -22,7 +23,7 @@ using tcp = asio::ip::tcp;
 constexpr auto PAUSE = std::chrono::milliseconds(100);
 
 static constinit LINE_LIMIT_T g_faults{"connections that could not be accepted"};
-static constinit LINE_LIMIT_T g_shortages{"shortages of descriptors", 1};
+static constinit LINE_LIMIT_T g_shortages{"shortages", 1};
 
 void raiseDescriptorLimit()
 {
@@ -69,7 +70,7 @@ void Listener::acceptAfterPause()
     pause_.expires_after(PAUSE);
     pause_.async_wait([self = shared_from_this()](const error_code &stopped) {
         if (stopped || !self->acceptor_.is_open()) return;
-        if (self->hasDescriptors() || self->admission_->makeRoom())
+        if ((self->hasDescriptors() && takeReserve()) || self->admission_->makeRoom())
             self->acceptNext();
         else
             self->acceptAfterPause();
@@ -93,27 +94,29 @@ bool Listener::take(tcp::socket socket)
         logLimited(g_faults, LOG_LEVEL::WARNING, "a connection is turned away: %s", fault.what());
         return false;
     }
-    if (number <= highest_ || hasDescriptors()) return true;
+    if ((number <= highest_ || hasDescriptors()) && takeReserve()) return true;
     logLimited(g_shortages, LOG_LEVEL::WARNING,
-               "the limit of open files is reached: connections have to wait or make room");
+               "descriptors or memory have run out: connections have to wait or make room");
     return admission_->makeRoom();
 }
 
 void Listener::acceptNext()
 {
-    acceptor_.async_accept([self = shared_from_this()](const error_code &error,
-                                                       tcp::socket socket) {
-        if (error == asio::error::operation_aborted || !self->acceptor_.is_open()) return;
-        if (error) {
-            logLimited(g_faults, LOG_LEVEL::WARNING, "cannot accept a connection: %s",
-                       error.message().c_str());
-            return self->acceptAfterPause();
-        }
-        if (self->take(std::move(socket)))
-            self->acceptNext();
-        else
+    acceptor_.async_accept(
+        [self = shared_from_this()](const error_code &error, tcp::socket socket) {
+            if (error == asio::error::operation_aborted || !self->acceptor_.is_open()) return;
+            if (error) {
+                logLimited(g_faults, LOG_LEVEL::WARNING, "cannot accept a connection: %s",
+                           error.message().c_str());
+                return self->acceptAfterPause();
+            }
+            const bool goes_on = self->take(std::move(socket));
+            try {
+                if (goes_on) return self->acceptNext();
+            } catch (const std::exception &) { // nobody else would accept again
+            }
             self->acceptAfterPause();
-    });
+        });
 }
 
 } // namespace backend

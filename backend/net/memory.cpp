@@ -17,19 +17,28 @@ constexpr std::size_t RESERVE_SIZE = std::size_t{1024} * 1024;
 constexpr int MMAP_MIN = 256 * 1024; // larger pieces go back to the system at once
 
 static std::atomic<void *> g_reserve{nullptr};
+static std::atomic<bool> g_was_short{false};
 
 static constinit LINE_LIMIT_T g_failed_handlers{"handlers that failed"};
 
+// The allocation is tried again after it.
 static void releaseReserve()
 {
-    free(g_reserve.exchange(nullptr));
-    throw std::bad_alloc();
+    void *const reserve = g_reserve.exchange(nullptr);
+    if (reserve == nullptr) throw std::bad_alloc();
+    free(reserve); // NOLINT: taken below
+    g_was_short = true;
 }
 
-static void takeReserve()
+bool wasMemoryShort() noexcept
 {
-    if (g_reserve.load() != nullptr) return;
-    free(g_reserve.exchange(malloc(RESERVE_SIZE))); // NOLINT: owned until memory runs out
+    return g_was_short.exchange(false);
+}
+
+bool takeReserve() noexcept
+{
+    if (g_reserve.load() == nullptr) free(g_reserve.exchange(malloc(RESERVE_SIZE))); // NOLINT
+    return g_reserve.load() != nullptr;
 }
 
 void prepareMemory()
@@ -38,7 +47,7 @@ void prepareMemory()
     // is hardly ever given back.
     (void)mallopt(M_MMAP_THRESHOLD, MMAP_MIN);
     (void)mallopt(M_TRIM_THRESHOLD, static_cast<int>(UNUSED_MAX));
-    takeReserve();
+    (void)takeReserve();
     std::set_new_handler(releaseReserve);
 }
 
@@ -58,7 +67,7 @@ void MemoryTidy::wait()
     timer_.async_wait([this](const boost::system::error_code &error) {
         if (error) return;
         wait();
-        takeReserve();
+        (void)takeReserve();
         const struct mallinfo2 heap = mallinfo2();
         if (heap.fordblks > UNUSED_MAX && heap.fordblks > heap.arena / 8) (void)malloc_trim(0);
     });

@@ -124,10 +124,8 @@ int TlsStream::onWrite(BIO *bio, const char *bytes, int size)
         stream.fault_ = asio::error::no_buffer_space;
         return -1;
     }
-    const auto *first =
-        reinterpret_cast<const std::uint8_t *>(bytes); // its own type: copied as one
     try {
-        stream.out_.insert(stream.out_.end(), first, first + size);
+        stream.out_.append(bytes, static_cast<std::size_t>(size));
     } catch (const std::bad_alloc &) { // must not pass through the library, which is C
         stream.fault_ = asio::error::no_memory;
         return -1;
@@ -166,7 +164,7 @@ TlsStream::RESULT_T TlsStream::send(std::size_t count)
         sent_ += static_cast<std::size_t>(left);
     }
     if (!out_.empty()) has_answered_ = true;
-    out_ = {}; // its storage serves the next stream
+    out_.clear(); // its storage serves the next stream
     sent_ = 0;
     return {WAIT::NONE, {}, count};
 }

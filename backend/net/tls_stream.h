@@ -23,7 +23,6 @@
 #include <span>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/compose.hpp>
@@ -218,15 +217,15 @@ private:
     };
 
     std::unique_ptr<std::uint8_t[], BlockRelease> in_; // null while nothing is in it
-    std::size_t in_start_ = 0; // of what is not decrypted yet
+    std::size_t in_start_ = 0;                         // of what is not decrypted yet
     std::size_t in_end_ = 0;
     bool is_drained_ = false;  // the kernel held less than there was room for
     bool may_receive_ = false; // once in a step: what a peer sends without end leaves others a turn
-    std::vector<std::uint8_t, BlockAllocator<std::uint8_t>> out_;
+    BlockBuffer out_;
     std::size_t sent_ = 0; // of out_
     Place *place_ = nullptr;
     bool has_answered_ = false; // the peer has seen a byte
-    Error fault_;          // what every further operation fails with
+    Error fault_;               // what every further operation fails with
 };
 
 // What the WebSocket calls after its close frame.

@@ -2,6 +2,7 @@
 
 #include "backend/net/admission.h"
 #include "backend/net/buffer_pool.h"
+#include "backend/net/memory.h"
 #include "backend/net/tls_stream.h"
 #include "backend/observe/log.h"
 
@@ -132,8 +133,7 @@ public:
         : events_(std::move(events)), stream_(std::forward<Arguments>(arguments)...),
           timer_(stream_.get_executor()), place_(std::move(place))
     {
-        if constexpr (std::is_same_v<Next, TlsStream>)
-            stream_.next_layer().setPlace(place_.get());
+        if constexpr (std::is_same_v<Next, TlsStream>) stream_.next_layer().setPlace(place_.get());
         setChannelOptions(beast::get_lowest_layer(stream_));
         stream_.set_option(websocket::stream_base::timeout{websocket::stream_base::none(),
                                                            websocket::stream_base::none(), false});
@@ -187,8 +187,7 @@ public:
         const std::array<asio::const_buffer, 2> parts{
             asio::buffer(out_->header.bytes.data(), out_->header.size),
             asio::buffer(out_->payload.data(), out_->payload_size)};
-        stream_.async_write(parts,
-                            handler([](Link &self, const error_code &error, std::size_t) {
+        stream_.async_write(parts, handler([](Link &self, const error_code &error, std::size_t) {
                                 self.written(error);
                             }));
     }
@@ -255,12 +254,14 @@ private:
     {
         try {
             call();
-            return;
+            if (!wasMemoryShort()) return;
+            logGivenUp("memory has run out");
         } catch (const std::exception &fault) {
             logGivenUp(fault.what());
         }
         shut();
         if (!closed_) events_.received(asio::error::no_memory, {}, false);
+        (void)takeReserve();
     }
 
     void expelled(const char *reason)

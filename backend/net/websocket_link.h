@@ -46,7 +46,8 @@ public:
     virtual void leavePlace() = 0; // the handshake is accepted
     virtual void read() = 0;       // one message, then `received`
     virtual void write(OutMessagePtr message) = 0;
-    virtual void ping() = 0; // beside a read and a write; at most one is under way, more are left out
+    virtual void
+    ping() = 0; // beside a read and a write; at most one is under way, more are left out
     // Since the last byte from the peer, whether it was read or still waits (tcp(7), TCP_INFO).
     virtual std::chrono::milliseconds silence() = 0;
     // Sends a close frame with a status code and gives the peer a second; no event comes any more.

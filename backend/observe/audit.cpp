@@ -45,8 +45,8 @@ struct BUDGET_STATE_T {
     Clock::time_point told_at;
 };
 
-static std::mutex g_budget_lock; // the writer's thread tells the counts
-static std::array<BUDGET_STATE_T, AUDIT_EVENT_COUNT> g_budgets;
+static constinit std::mutex g_budget_lock; // the writer's thread tells the counts
+static constinit std::array<BUDGET_STATE_T, AUDIT_EVENT_COUNT> g_budgets{};
 
 static bool budgetAllows(AUDIT_EVENT event)
 {
@@ -97,7 +97,7 @@ static void postRefused(AuditDone done)
         g_audit->options.post([done = std::move(done)] { done(false); });
 }
 
-bool auditRecord(AUDIT_EVENT event, AuditMembers members, AuditDone done)
+bool auditRecord(AUDIT_EVENT event, const AuditMembers &members, AuditDone done)
 {
     if (!g_audit) {
         if (done) done(true);
@@ -112,9 +112,9 @@ bool auditRecord(AUDIT_EVENT event, AuditMembers members, AuditDone done)
     return false;
 }
 
-bool auditRecord(AUDIT_EVENT event, AuditMembers members)
+bool auditRecord(AUDIT_EVENT event, const AuditMembers &members)
 {
-    return auditRecord(event, std::move(members), nullptr);
+    return auditRecord(event, members, nullptr);
 }
 
 static AuditMembers sessionMembers(const AUDIT_SESSION_T &session)
@@ -176,7 +176,7 @@ void auditSessionRefused(const AUDIT_SESSION_T &session, const std::string &reas
     addToMetric(METRIC::SESSIONS_REFUSED);
     AuditMembers members = sessionMembers(session);
     members.emplace_back("reason", reason);
-    auditRecord(AUDIT_EVENT::SESSION_REFUSED, std::move(members));
+    auditRecord(AUDIT_EVENT::SESSION_REFUSED, members);
 }
 
 bool auditAccepts()

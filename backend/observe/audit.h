@@ -100,10 +100,10 @@ bool stopAudit(std::chrono::milliseconds bound = std::chrono::seconds(1));
 bool auditAccepts();
 
 // Records an event; false when it found no room and was counted instead, or comes too often.
-bool auditRecord(AUDIT_EVENT event, AuditMembers members);
+bool auditRecord(AUDIT_EVENT event, const AuditMembers &members);
 
 // The same, and `done` comes once; also when the result is false (with false).
-bool auditRecord(AUDIT_EVENT event, AuditMembers members, AuditDone done);
+bool auditRecord(AUDIT_EVENT event, const AuditMembers &members, AuditDone done);
 
 // What is said of a session in each of its lines.
 struct AUDIT_SESSION_T {

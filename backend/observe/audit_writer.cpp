@@ -63,9 +63,10 @@ struct AUDIT_WRITER_T {
     bool is_ended = false;
 };
 
-AuditFd::~AuditFd()
+void AuditFd::reset()
 {
     if (fd_ > STDERR_FILENO) close(fd_);
+    fd_ = -1;
 }
 
 static bool isRegular(int fd)
@@ -338,6 +339,8 @@ static void runWriter(AUDIT_WRITER_T &writer)
         ticked_at = Clock::now();
         writer.tick(writer);
     }
+    // Closed by now for whoever waits for the end: another may open and lock the file.
+    writer.fd.reset();
     const std::lock_guard guard(writer.lock);
     writer.is_ended = true;
     writer.ended.notify_all();

@@ -29,7 +29,11 @@ public:
         std::swap(fd_, other.fd_);
         return *this;
     }
-    ~AuditFd(); // closes it, standard output excepted
+    ~AuditFd()
+    {
+        reset();
+    }
+    void reset(); // closes it, standard output excepted
     int get() const
     {
         return fd_;

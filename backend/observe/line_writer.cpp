@@ -68,25 +68,30 @@ static void writeBatch(LINE_WRITER_T &writer, std::string_view text)
     }
 }
 
+// Waits for lines, a second at most. False when there will be none any more.
+static bool takeBatch(LINE_WRITER_T &writer, std::string &batch)
+{
+    std::unique_lock guard(writer.lock);
+    writer.wake.wait_for(guard, TICK_TIME,
+                         [&] { return writer.is_stopping || !writer.queue.empty(); });
+    if (writer.is_given_up || (writer.is_stopping && writer.queue.empty())) {
+        writer.is_ended = true;
+        writer.ended.notify_all();
+        return false;
+    }
+    const std::size_t size = std::min(writer.queue.size(), BATCH_MAX);
+    if (writer.is_torn && size > 0) batch.push_back('\n');
+    batch.append(writer.queue, 0, size);
+    writer.queue.erase(0, size);
+    return true;
+}
+
 static void runWriter(LINE_WRITER_T &writer)
 {
     for (;;) {
         if (writer.tick) writer.tick();
         std::string batch;
-        {
-            std::unique_lock guard(writer.lock);
-            writer.wake.wait_for(guard, TICK_TIME,
-                                 [&] { return writer.is_stopping || !writer.queue.empty(); });
-            if (writer.is_given_up || (writer.is_stopping && writer.queue.empty())) {
-                writer.is_ended = true;
-                writer.ended.notify_all();
-                return;
-            }
-            const std::size_t size = std::min(writer.queue.size(), BATCH_MAX);
-            if (writer.is_torn && size > 0) batch.push_back('\n');
-            batch.append(writer.queue, 0, size);
-            writer.queue.erase(0, size);
-        }
+        if (!takeBatch(writer, batch)) return;
         writeBatch(writer, batch);
     }
 }

@@ -198,7 +198,7 @@ static void verifyAccount(OPERATIONS_T &operations, const CallPtr &call)
         AuditMembers members = recordOf(*call);
         members.emplace_back("right", result.is_answered && result.code == 0);
         members.emplace_back("reason", result.message);
-        auditRecord(AUDIT_EVENT::ACCOUNT_RESULT, std::move(members));
+        auditRecord(AUDIT_EVENT::ACCOUNT_RESULT, members);
         if (!result.is_answered) return refuse(*call, result.message);
         call->answer({{"ok", true}, {"code", result.code}, {"message", result.message}}, true);
     };
@@ -322,23 +322,38 @@ static const OPERATION_T &operationOf(const json &request)
     throw std::runtime_error("unknown request \"" + wanted + "\"");
 }
 
+// What was asked for and did not come to be; a look at lists leaves no line.
+static void recordDenial(const OPERATION_T &operation, const CALL_T &call,
+                         const std::string &reason)
+{
+    if (operation.right == RIGHT::LIST) return;
+    AuditMembers record = recordOf(call);
+    record.emplace_back("do", operation.verb);
+    record.emplace_back("reason", reason);
+    auditRecord(AUDIT_EVENT::DENIED, std::move(record));
+}
+
+static DECISION_T parseAndDecide(OPERATIONS_T &operations, const OPERATION_T &operation,
+                                 CALL_T &call, const json &request)
+{
+    ARGUMENTS_T &arguments = call.arguments;
+    try {
+        operation.parse(operations, arguments, request);
+    } catch (const std::exception &fault) {
+        return {false, fault.what()};
+    }
+    return decide(call.who, operation.right, arguments.device ? &*arguments.device : nullptr,
+                  arguments.service);
+}
+
 void runOperation(OPERATIONS_T &operations, const CallPtr &call, const json &request)
 {
     try {
         const OPERATION_T &operation = operationOf(request);
-        ARGUMENTS_T &arguments = call->arguments;
-        operation.parse(operations, arguments, request);
-        const DECISION_T decision =
-            decide(call->who, operation.right, arguments.device ? &*arguments.device : nullptr,
-                   arguments.service);
-        if (!decision.is_allowed) {
-            AuditMembers record = recordOf(*call);
-            record.emplace_back("do", operation.verb);
-            record.emplace_back("reason", decision.reason);
-            auditRecord(AUDIT_EVENT::DENIED, std::move(record));
-            return refuse(*call, decision.reason);
-        }
-        runAllowed(operations, operation, call);
+        const DECISION_T decision = parseAndDecide(operations, operation, *call, request);
+        if (decision.is_allowed) return runAllowed(operations, operation, call);
+        recordDenial(operation, *call, decision.reason);
+        refuse(*call, decision.reason);
     } catch (const std::exception &fault) {
         refuse(*call, fault.what());
     }

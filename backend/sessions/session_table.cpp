@@ -30,8 +30,7 @@ static std::string mebibytes(std::size_t bytes)
 
 void noteBacklog(SESSION_TABLE_T &table, SESSION_T &session)
 {
-    const std::size_t now =
-        session.filling.size() + session.writing.size() - session.written;
+    const std::size_t now = session.filling.size() + session.writing.size() - session.written;
     table.backlog += now - session.counted;
     session.counted = now;
     if (now > table.limits.session_buffer) {
@@ -62,9 +61,10 @@ SessionPtr startSession(const SessionTablePtr &table, DEVICE_CHANNEL_T &channel,
     auto session = std::make_shared<SESSION_T>(table, std::move(client), channel, service);
     session->number = newUuid();
     table->sessions.emplace(session->number, session);
-    const AUDIT_SESSION_T about{session->number,      session->device.product_key,
-                                session->device.device_name, session->origin.who,
-                                session->origin.from, service.name};
+    const AUDIT_SESSION_T about{
+        session->number,          session->device.product_key, session->device.device_name,
+        session->origin.who,      session->origin.from,        service.name,
+        session->origin.is_shared};
     // The channel must not go before the session knows that it is closed.
     const auto recorded = [session, held = channel.shared_from_this()](bool is_recorded) {
         if (!is_recorded) return session->cut(AUDIT_UNWRITABLE);

@@ -193,42 +193,56 @@ static bool tryCommit(STORE_T &store, const std::vector<WAITING_WRITE_T> &batch,
     return false;
 }
 
+static void answerAll(const std::vector<WAITING_WRITE_T> &batch, bool is_durable)
+{
+    for (const WAITING_WRITE_T &waiting : batch)
+        if (waiting.answered) waiting.answered(is_durable);
+}
+
+static bool tryPost(const STORE_T &store, const BatchPtr &batch, bool is_durable)
+{
+    try {
+        store.poster([batch, is_durable] { answerAll(*batch, is_durable); });
+        return true;
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+}
+
 static void answer(const STORE_T &store, const BatchPtr &batch, bool is_durable)
 {
     if (batch->empty()) return;
-    for (;;) { // somebody waits for each answer
-        try {
-            return store.poster([batch, is_durable] {
-                for (const WAITING_WRITE_T &waiting : *batch)
-                    waiting.answered(is_durable);
-            });
-        } catch (const std::bad_alloc &) {
-            std::this_thread::sleep_for(MEMORY_PAUSE);
-        }
-    }
+    while (!tryPost(store, batch, is_durable)) // somebody waits for each answer
+        std::this_thread::sleep_for(MEMORY_PAUSE);
+}
+
+static bool isLateDue(const STORE_T &store)
+{
+    return !store.late.empty() && (store.is_closing || steady_clock::now() >= store.next_late);
+}
+
+static bool hasWork(const STORE_T &store)
+{
+    return store.is_closing || !store.queue.empty() || isLateDue(store) ||
+           steady_clock::now() >= store.next_alive;
 }
 
 // Waits for something to do. False: the store is closed, and all is taken.
 static bool takeBatch(STORE_T &store, std::vector<WAITING_WRITE_T> &batch, LateWrites &late)
 {
     std::unique_lock guard(store.mutex);
-    for (;;) {
-        const auto now = steady_clock::now();
-        const bool is_late_due = store.is_closing || now >= store.next_late;
-        if (!store.queue.empty() || (!store.late.empty() && is_late_due)) {
-            batch.swap(store.queue);
-            if (is_late_due) {
-                late.swap(store.late);
-                store.next_late = now + LATE_WRITE_PERIOD;
-            }
-            return true;
-        }
-        if (store.is_closing) return false;
-        if (now >= store.next_alive) return true;
-        store.changed.wait_until(guard, store.late.empty()
-                                            ? store.next_alive
-                                            : std::min(store.next_late, store.next_alive));
+    while (!hasWork(store)) {
+        const auto next =
+            store.late.empty() ? store.next_alive : std::min(store.next_late, store.next_alive);
+        store.changed.wait_until(guard, next);
     }
+    if (store.is_closing && store.queue.empty() && store.late.empty()) return false;
+    batch.swap(store.queue);
+    if (isLateDue(store)) {
+        late.swap(store.late);
+        store.next_late = steady_clock::now() + LATE_WRITE_PERIOD;
+    }
+    return true;
 }
 
 static void keepLate(STORE_T &store, LateWrites &late)

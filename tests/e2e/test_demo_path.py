@@ -74,6 +74,11 @@ class Tunnel:
     def audit(self):
         return [json.loads(line) for line in (self.home / "audit").read_text().splitlines()]
 
+    def audited(self, event, count):
+        """The first line of this event behind the first `count` lines."""
+        return poll(lambda: [line for line in self.audit()[count:] if line["event"] == event], 5,
+                    event)[0]
+
     def login(self, program, *arguments):
         return self.run(*login(program, self.home, *arguments))
 
@@ -123,8 +128,9 @@ def test_operator_logs_in_by_the_devices_name(tunnel):
     proxy = f"ProxyCommand={tool} connect %h/ssh_localhost"
     count = len(tunnel.audit())
     assert tunnel.login("ssh", "-o", proxy, "operator@dev1", "seq 20000").split()[-1] == b"20000"
-    line = poll(lambda: tunnel.audit()[count:], 5, "an audit line")[0]
-    assert line["who"].startswith(pwd.getpwuid(os.getuid()).pw_name + ", process ")
+    line = tunnel.audited("session_end", count)
+    assert line["who"] == pwd.getpwuid(os.getuid()).pw_name
+    assert line["from"].startswith("process ")
     assert (line["device"], line["service"], line["whole"]) == ("dev1", "ssh_localhost", True)
     assert line["bytes_up"] > 100000 and line["bytes_down"] > 1000
     assert line["reason"] == "the service closed"
@@ -206,9 +212,10 @@ def test_operator_asks(tunnel):
     assert sorted(s["name"] for s in listed("services", "dev1")) == sorted(NAMES)
     assert listed("sessions") == []
     for password, status in (PASSWORD, 0), ("wrong", 1):
+        count = len(tunnel.audit())
         assert tunnel.operate("verify", "dev1", "root", "--password-stdin",
                               input=password)[0] == status
-        line = tunnel.audit()[-1]
+        line = tunnel.audited("account_result", count)
         assert (line["account"], line["right"]) == ("root", status == 0)
         assert password not in json.dumps(line)
 
@@ -255,10 +262,12 @@ def test_password_is_asked_for_again_after_a_stop(tunnel):
     (("verify", "dev1", "root"), 1, "no terminal")])
 def test_operator_is_told_what_is_wrong(tunnel, command, status, text):
     command = [str(tunnel.listen) if word == "BUSY" else word for word in command]
+    count = len(tunnel.audit())
     done, output = tunnel.operate(*command, start_new_session=True)
     assert (done, text in output) == (status, True), output
-    if (command[0], status) == ("connect", 1):
-        assert (tunnel.audit()[-1]["session"], tunnel.audit()[-1]["reason"]) == ("", text)
+    events = {"dev1/nothing": "session_refused", "dev2/ssh": "denied"}
+    if command[0] == "connect" and status == 1:
+        assert tunnel.audited(events[command[1]], count)["reason"] == text
 
 
 def test_operator_without_a_back_end(tunnel):
@@ -275,7 +284,7 @@ def test_operators_session_ends_with_his_tool(tunnel, number, whole):
         tool.send_signal(number)
         if whole:
             tool.communicate(b"no protocol\r\n")
-    assert poll(lambda: tunnel.audit()[count:], 5, "an audit line")[0]["whole"] is whole
+    assert tunnel.audited("session_end", count)["whole"] is whole
 
 
 @pytest.mark.parametrize("command", [

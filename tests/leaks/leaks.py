@@ -4,16 +4,20 @@ both down in docs/limits.md. See scripts/leaks."""
 import argparse
 import asyncio
 import concurrent.futures
+import contextlib
+import os
 import random
 import socket
+import ssl
+import subprocess
 import sys
 import time
 
 from harness import documents, network
 from harness.cloud import DATA_DOWN, RELEASE, BackEnd
-from harness.footprint import COUNTED, Footprint, allocations, footprint
+from harness.footprint import COUNTED, Footprint, allocations, footprint, held_by
 from harness.local import RESET
-from harness.sandbox import Gateway, start_gateways
+from harness.sandbox import BIN, Gateway, start_gateways
 from harness.waiting import poll, run
 from harness.workspace import Workspace
 
@@ -21,6 +25,7 @@ from harness.workspace import Workspace
 # library keeps for later account for it; 16 bytes leaked by each session would be more.
 SESSIONS_RISE_KB, RECONNECTS_RISE_KB = 128, 192
 BLOCKS_RISE = 10  # libdbus and the C library keep a few for later
+BACK_END_RISE_KB, WARM_ROUNDS, ROUNDS, ROUND = 256, 3, 20, 1000
 SESSIONS, RECONNECTS, GATEWAYS, BATCH, MESSAGES = 10000, 1000, 10, 20, 500
 ACCEPTED = ("I", "handshake response code is 0!")
 KINDS = ("closed", "reset", "refused")
@@ -120,6 +125,44 @@ def measure_sessions(link, port, count):
     return before, link.at_rest()
 
 
+def run_connections(port, context):
+    """A round: connections that send nothing, some that end after TLS, the others after a part of
+    it."""
+    for _ in range(ROUND // BATCH):
+        with contextlib.ExitStack() as stack:
+            for number in range(BATCH):
+                one = stack.enter_context(socket.create_connection(("127.0.0.1", port)))
+                if number % 3 == 1:
+                    one.sendall(b"\x16\x03\x01\x02")
+                elif number % 3 == 2:
+                    stack.enter_context(context.wrap_socket(one))
+
+
+def measure_back_end(workspace):
+    """What it holds after a few rounds of connections without a handshake, and after ROUNDS."""
+    port, context = network.free_port(), ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+    context.check_hostname, context.verify_mode = False, ssl.CERT_NONE
+    devices = workspace.directory / "devices.json"
+    devices.touch(0o600)
+    devices.write_text('{"devices": [{"product_key": "p", "device_name": "d", '
+                       '"device_secret": "s"}]}')
+    certificate, key = workspace.certificates.paths()
+    held = []
+    with open(os.devnull, "wb") as sink, subprocess.Popen(
+            [BIN / "remote_access_backend", "--listen", f"127.0.0.1:{port}", "--cert", certificate,
+             "--key", key, "--devices", devices], stdout=sink, stderr=sink) as process:
+        try:
+            poll(lambda: socket.socket().connect_ex(("127.0.0.1", port)) == 0, 10, "the back end")
+            for number in range(1, ROUNDS + 1):
+                run_connections(port, context)
+                if number in (WARM_ROUNDS, ROUNDS):
+                    time.sleep(8)  # until it has given back what it does not need
+                    held.append(held_by(process.pid))
+        finally:
+            process.terminate()
+    return held
+
+
 def is_even(before, after):
     return (before.descriptors == after.descriptors and before.threads == after.threads
             and after.blocks - before.blocks <= BLOCKS_RISE)
@@ -181,7 +224,7 @@ def footprint_row(what, before, after):
     return f"| {what} | " + " | ".join(f"{old} → {new}" for old, new in pairs) + " |"
 
 
-def report(arguments, sessions, reconnects, counted, refusals):
+def report(arguments, sessions, reconnects, back_end, counted, refusals):
     each = arguments.reconnects // GATEWAYS
     lines = [
         "| What a daemon holds before and after | RSS, KB | heap blocks | descriptors | threads |",
@@ -190,7 +233,9 @@ def report(arguments, sessions, reconnects, counted, refusals):
                       "or reset by the service", *sessions),
         footprint_row(f"{each * GATEWAYS} reconnections over TLS, {each} for each of {GATEWAYS} "
                       f"daemons (mean): channel closed, reset, or lost and refused ({refusals} "
-                      "refusals)", *reconnects[:2]), "",
+                      "refusals)", *reconnects[:2]),
+        footprint_row(f"the back end: {ROUNDS - WARM_ROUNDS} rounds of {ROUND} connections that "
+                      "fall silent or end before, in or after TLS", *back_end), "",
         f"| Allocations for {MESSAGES} messages of 50 KB | the daemon with its WebSocket adapter | "
         "OpenSSL, for each message |", "|---|---|---|"]
     for transport, directions in counted.items():
@@ -200,7 +245,7 @@ def report(arguments, sessions, reconnects, counted, refusals):
     return "\n".join(lines)
 
 
-def judge(sessions, reconnects, counted):
+def judge(sessions, reconnects, back_end, counted):
     before, after = sessions
     if after.resident_kb - before.resident_kb > SESSIONS_RISE_KB:
         yield f"RSS rose by more than {SESSIONS_RISE_KB} KB over the sessions"
@@ -211,6 +256,11 @@ def judge(sessions, reconnects, counted):
         yield f"RSS rose by more than {RECONNECTS_RISE_KB} KB over the reconnections"
     if uneven:
         yield f"blocks, descriptors or threads are left over from the reconnections: {uneven}"
+    before, after = back_end
+    if after.resident_kb - before.resident_kb > BACK_END_RISE_KB:
+        yield f"the back end's RSS rose by more than {BACK_END_RISE_KB} KB"
+    if before.descriptors != after.descriptors:
+        yield "descriptors of the back end are left over"
     for transport, directions in counted.items():
         for direction, (_, calls) in directions.items():
             if calls.program:
@@ -230,14 +280,15 @@ def measure(workspace, arguments):
         for link in links:
             link.gateway.log.wait(*ACCEPTED, seconds=20)
         counted = {name: measure_allocations(link, port) for name, link in counting.items()}
+        back_end = measure_back_end(workspace)
         sessions = measure_sessions(steady, port, arguments.sessions)
         reconnects = measure_reconnects(breaking, arguments.reconnects)
     finally:
         faults = [fault for link in links if link.gateway.daemon
                   for fault in link.gateway.stop()]
-    text = report(arguments, sessions, reconnects, counted,
+    text = report(arguments, sessions, reconnects, back_end, counted,
                   sum(link.refusals for link in breaking))
-    return text, [*judge(sessions, reconnects, counted), *faults]
+    return text, [*judge(sessions, reconnects, back_end, counted), *faults]
 
 
 def main():

@@ -18,7 +18,8 @@ struct ADMISSION_T {
 
     PlacePtr enter(const char *address, char name)
     {
-        auto place = std::make_unique<Place>(admission, addressKey(asio::ip::make_address(address)));
+        auto place =
+            std::make_unique<Place>(admission, addressKey(asio::ip::make_address(address)));
         place->whenExpelled([this, name](const char *) { seen += name; });
         return place;
     }

@@ -7,10 +7,12 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <thread>
 
 using namespace backend;
 using testing::HasSubstr;
@@ -106,11 +108,12 @@ TEST_F(Store, DamageInTheMiddleIsFoundAtTheStart)
     EXPECT_THAT(refusal(), HasSubstr("restore a backup"));
 }
 
-TEST_F(Store, AFullDiskRefusesWritesAndIsLeftBehindWithoutARestart)
+TEST_F(Store, FailuresAndAFullDiskAreLeftBehindWithoutARestart)
 {
     (void)signal(SIGXFSZ, SIG_IGN);
     StorePtr store = openStore(path, mailbox.poster());
     EXPECT_TRUE(write(*store, "before"));
+    EXPECT_FALSE(write(*store, "before")); // the name is taken
     rlimit usual{};
     ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &usual), 0);
     const rlimit full{0, usual.rlim_max};
@@ -126,17 +129,21 @@ TEST_F(Store, AFullDiskRefusesWritesAndIsLeftBehindWithoutARestart)
 TEST_F(Store, AFullQueueAnswersAtOnce)
 {
     std::size_t answers = 0, refused = 0;
-    const StorePtr store = openStore(path, mailbox.poster());
-    const DatabasePtr other = openDatabase(path); // makes the store's thread wait
-    execute(*other, "BEGIN IMMEDIATE");
-    const std::size_t count = 2 * STORE_QUEUE_MAX + 10;
+    std::promise<void> release;
+    const auto post = mailbox.poster();
+    const auto released = release.get_future().share();
+    const StorePtr store = openStore(path, [&, io = std::this_thread::get_id()](auto function) {
+        if (std::this_thread::get_id() != io) released.wait(); // so the queue is not taken
+        post(std::move(function));
+    });
+    const std::size_t count = 2 * STORE_QUEUE_MAX + 10; // the first batch takes no more than half
     for (std::size_t i = 0; i < count; i++)
         writeStore(*store, {"DELETE FROM meta", {}}, [&](bool is_durable) {
             answers++;
             refused += is_durable ? 0 : 1;
         });
     EXPECT_TRUE(mailbox.runUntil([&] { return refused >= 10; }));
-    execute(*other, "COMMIT");
+    release.set_value();
     EXPECT_TRUE(mailbox.runUntil([&] { return answers == count; }));
     EXPECT_LE(refused, count - STORE_QUEUE_MAX);
 }
@@ -150,6 +157,7 @@ TEST_F(Store, BackupIsAWholeStoreOfItsOwn)
     ASSERT_TRUE(write(*store, "first"));
     backUpStore(path, target, false);
     EXPECT_EQ(modeOf(target), 0600U);
+    EXPECT_EQ(query(*openDatabase(target), "PRAGMA journal_mode")[0], STORE_ROW_T{"delete"});
     ASSERT_TRUE(write(*store, "second"));
     EXPECT_THROW(backUpStore(path, target, false), std::runtime_error);
     EXPECT_THROW(backUpStore(path, path, true), std::runtime_error);

@@ -84,8 +84,8 @@ FLOODS = [
     Flood("2,000 with a byte of the upgrade in 1.9 s", "slow-header", 2000, 10),
 ]
 FLOOD_HEAD = """\
-| Attack | in after p50 / p99 / longest, s | visits | not in | failed attempts p99 / most | \
-back end: CPU, % | peak RSS, MB | log, KB/s | attack: connections/s | TLS/s | its CPU, % | |
+| Attack | in after, s | visits | not in | failed | CPU, % | RSS, MB | log, KB/s | \
+attack: TCP/s | TLS/s | CPU, % | |
 |---|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|---|"""
 
 
@@ -145,7 +145,7 @@ def fleet(workspace):
     cpu, strangers = back_end.cpu(), start_flood(back_end, "silent", 6000, 60, ELSEWHERE, 6000)
     time.sleep(2)
     made = end_flood(start_flood(back_end, "fleet", FLEET, 20, HONEST))
-    yield fleet_case("behind one address, beside 6,000 silent connections of 6,000 addresses",
+    yield fleet_case("of one address, 6,000 silent ones of 6,000",
                      back_end, cpu, made)
     end_flood(strangers, True)
     back_end.stop()
@@ -153,10 +153,10 @@ def fleet(workspace):
 
 def fleet_case(when, back_end, cpu, made):
     return (f"{FLEET:,} devices at once {when}",
-            f"{made['accepted']:,} in after {made['seconds']:.1f} s, failed attempts of a device: "
-            f"{made['failures_mean']:.2f}, at most {made['failures_most']}; back end "
-            f"{back_end.cpu() - cpu:.1f} s of CPU, {back_end.peak_mb():.0f} MB; the devices "
-            f"{made['cpu']:.1f} s", f"all, {FLEET_TIME_S:.0f} s, at most 1",
+            f"{made['accepted']:,} in after {made['seconds']:.1f} s, {made['failures_mean']:.2f} "
+            f"failed attempts each, at most {made['failures_most']}; CPU "
+            f"{back_end.cpu() - cpu:.1f} s, {back_end.peak_mb():.0f} MB",
+            f"all, {FLEET_TIME_S:.0f} s, at most 1",
             made["seconds"] <= FLEET_TIME_S and made["failures_most"] <= 1)
 
 
@@ -176,10 +176,10 @@ def paused_operator(workspace, cloud):
     pair.wait_for_answer(1)
     ended = poll_audit(pair, "bulk", 40)
     whole = poll_audit(pair, "innocent", 5)
-    yield ("an operator pauses a download; 118 bytes of another session of the device",
+    yield ("an operator pauses; 118 bytes of another session",
            f"{arrived} arrive", "118", arrived == 118)
-    yield ("its audit lines", f"paused: {ended.get('reason')!r}, whole {ended.get('whole')}; the "
-           f"other: whole {whole.get('whole')}", "cut off with its reason; whole only if so",
+    yield ("its audit lines", f"{ended.get('reason')!r}, whole {ended.get('whole')}; "
+           f"the other: whole {whole.get('whole')}", "reason; whole only if so",
            ended.get("whole") is False and (whole.get("whole") is True) == (arrived == 118))
     for one in (stalled, bulk):
         one.close()
@@ -239,10 +239,10 @@ def unread_outputs(workspace):
         end_flood(start_flood(back_end, "reset", 32, 1))
         taken, failures, is_in = come_in(back_end, "true-0", HONEST, time.monotonic() + 8)
         ended = back_end.stop(5)
-        yield (f"standard output and error as pipes that nobody reads{what}; many TCP connects",
+        yield (f"outputs are pipes that nobody reads{what}",
                f"a device is {f'in after {taken:.2f} s' if is_in else 'not in'} ({failures} "
                f"failed), SIGTERM ends it {f'after {ended:.2f} s' if ended < 5 else 'not'}",
-               "in within 2 s, an end within 5 s", is_in and taken < IN_TIME_S and ended < 5)
+               "in within 2 s, ends within 5 s", is_in and taken < IN_TIME_S and ended < 5)
         for end in itertools.chain(*pipes):
             os.close(end)
 

@@ -154,6 +154,7 @@ void takeClient(FORWARD_T &forward, UniqueFd client)
 void serve(FORWARD_T &forward, const EndSignals &signals)
 {
     while (signals.waitForInput(forward.port.listener.get())) {
+        // cppcheck-suppress nullPointer // accept(2) allows null for an address that is not wanted
         UniqueFd client{::accept4(forward.port.listener.get(), nullptr, nullptr, SOCK_CLOEXEC)};
         if (client)
             takeClient(forward, std::move(client));

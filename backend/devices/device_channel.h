@@ -1,8 +1,8 @@
 // The channel of one device: its handshake, its messages, and the sessions on it. A channel begins
-// with the first byte of a connection, which has a place until the handshake is accepted. Afterwards
-// it ends when the connection does, when a newer channel of the same device replaces it, or when
-// the device answers nothing it is sent. Its sessions end with it at once: a device that starts
-// again gives out the same identifiers once more, so no session may outlive its channel.
+// with the first byte of a connection, which has a place until the handshake is accepted.
+// Afterwards it ends when the connection does, when a newer channel of the same device replaces it,
+// or when the device answers nothing it is sent. Its sessions end with it at once: a device that
+// starts again gives out the same identifiers once more, so no session may outlive its channel.
 // Ownership  the server holds the channels; the channel owns its link, its sessions and its queue.
 // Threads    the thread of the io_context.
 // Limits     LIMITS_T. Session data to the device is bounded by not reading clients. The channel is

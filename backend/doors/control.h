@@ -3,8 +3,9 @@
 // carries one request, a JSON object on one line of at most REQUEST_MAX bytes, and then the
 // answers, one JSON object per line; operations.h describes them.
 // A request has 5 s to come, and its last answer LIMITS_T::answer_time to be taken.
-// "connect" comes with a connected stream socket with its first byte (unix(7), SCM_RIGHTS): its other end is the session's
-// client. The session is cut off two seconds after its connection here has been closed.
+// "connect" comes with a connected stream socket with its first byte (unix(7), SCM_RIGHTS): its
+// other end is the session's client. The session is cut off two seconds after its connection here
+// has been closed.
 // Ownership  a connection belongs to its running operations and keeps the control socket's record.
 // Threads    the thread of the io_context.
 // Failure    openControl throws std::runtime_error.

@@ -1,8 +1,8 @@
 // What the process does when memory runs out, and with memory that it no longer needs.
 // Out of memory  a reserve is released, so that what is under way can end in good order: libraries
-//                allocate in destructors, where nothing may be thrown. The connection that was served
-//                is given up then, and the reserve taken anew. Without a reserve an allocation that
-//                fails throws std::bad_alloc, and no connection is accepted.
+//                allocate in destructors, where nothing may be thrown. The connection that was
+//                served is given up then, and the reserve taken anew. Without a reserve an
+//                allocation that fails throws std::bad_alloc, and no connection is accepted.
 // Idle           what a burst of connections has left is given back to the system.
 // Threads        prepareMemory before there are others; MemoryTidy in the thread of the io_context.
 #pragma once

@@ -1,8 +1,8 @@
 // The server's side of TLS over one TCP connection, as the stream under a WebSocket: a receive
 // takes whatever the kernel holds, up to READ_SIZE, and a write leaves with one send, however many
 // records it takes.
-// Idle      a stream that has nothing under way holds no buffer: blocks come from the buffer pool, and
-//            the library releases its own.
+// Idle       a stream that has nothing under way holds no buffer: blocks come from the buffer pool,
+//            and the library releases its own.
 // Ownership  the stream owns its socket. An operation borrows the stream, and a read its buffers,
 //            until the handler is called; a write is done with its buffers at once.
 // Threads    the thread of the io_context. At most one read and one write at a time.

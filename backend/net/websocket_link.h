@@ -6,8 +6,8 @@
 //            write at a time.
 // Memory     an idle link holds no message's storage.
 // Failure    what throws while an event is handled, as when memory has run out, costs this link:
-//            `received` comes with an error. Every operation ends in its event, with an error when it failed; after abort() no
-//            event comes any more.
+//            `received` comes with an error. Every operation ends in its event, with an error when
+//            it failed; after abort() no event comes any more.
 #pragma once
 
 #include "backend/net/out_message.h"
@@ -63,7 +63,8 @@ struct TLS_CONTEXT_T; // certificate and key
 std::shared_ptr<TLS_CONTEXT_T> makeTlsContext(const std::string &cert_file,
                                               const std::string &key_file); // throws
 
-// tls: null for a plain connection. place: may be null; the link has it until leavePlace or its end.
+// tls: null for a plain connection. place: may be null; the link has it until leavePlace, or until
+// its end.
 std::shared_ptr<WebsocketLink> makeWebsocketLink(boost::asio::ip::tcp::socket socket,
                                                  const std::shared_ptr<TLS_CONTEXT_T> &tls,
                                                  std::unique_ptr<Place> place,

@@ -50,6 +50,9 @@ enum class AUDIT_EVENT {
     LEFT_OUT,  // the audit's own
 };
 
+template <class T>
+concept AuditNumber = std::unsigned_integral<T> && !std::same_as<T, bool>;
+
 // One member of a line: {"who", text}, {"bytes_up", number}, {"whole", true}. Texts may hold what
 // peers send; they are cut at 1024 bytes.
 struct AUDIT_MEMBER_T {
@@ -57,8 +60,9 @@ struct AUDIT_MEMBER_T {
     AUDIT_MEMBER_T(const char *of, const char *text) : name(of), value(std::string(text)) {}
     AUDIT_MEMBER_T(const char *of, const std::string &text) : name(of), value(text) {}
     AUDIT_MEMBER_T(const char *of, std::same_as<bool> auto is_so) : name(of), value(is_so) {}
-    AUDIT_MEMBER_T(const char *of, std::unsigned_integral auto number)
-    requires(!std::same_as<decltype(number), bool>) : name(of), value(std::uint64_t{number}) {}
+    AUDIT_MEMBER_T(const char *of, AuditNumber auto number) : name(of), value(std::uint64_t{number})
+    {
+    }
     const char *name; // a literal
     std::variant<std::string, std::uint64_t, bool> value;
 };

@@ -7,8 +7,8 @@
 //   {"do":"verify","device":D,"user":U,"password":P}    {"ok":true,"code":0,"message":"..."}
 //   {"do":"connect","device":D,"service":S}             {"ok":true,"session":"..."}, and when the
 //        session ends {"ended":"REASON","whole":true,"bytes_up":N,"bytes_down":N}
-//        optional: "shared":true and "client":TEXT, for a port of the operator's that serves others; TEXT
-//        is the account that uses it
+//        optional: "shared":true and "client":TEXT, for a port of the operator's that serves
+//        others; TEXT is the account that uses it
 //   {"do":"disconnect","device":D}                      {"ok":true}
 //        optional: "reason":TEXT
 //   {"do":"close","session":N}                          {"ok":true}
@@ -47,8 +47,8 @@ struct ARGUMENTS_T {
     std::string session;
     std::string user;
     std::string password; // wiped with the call
-    std::string client; // the account behind a shared port, in the tool's words
-    std::string reason; // the operator's; may be empty
+    std::string client;   // the account behind a shared port, in the tool's words
+    std::string reason;   // the operator's; may be empty
     bool is_shared = false;
 };
 

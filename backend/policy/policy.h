@@ -1,5 +1,5 @@
-// Who may do what. Whoever may write to the control socket is an operator and may do everything: its
-// file's permissions protect it. Who comes through a local port that the back end forwards may
+// Who may do what. Whoever may write to the control socket is an operator and may do everything:
+// its file's permissions protect it. Who comes through a local port that the back end forwards may
 // connect, to what the port leads to.
 // Threads  no state.
 #pragma once

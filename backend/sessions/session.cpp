@@ -1,10 +1,10 @@
 #include "backend/sessions/session.h"
 
-#include "backend/observe/audit.h"
 #include "backend/devices/device_channel.h"
 #include "backend/limits.h"
-#include "backend/sessions/session_table.h"
+#include "backend/observe/audit.h"
 #include "backend/observe/log.h"
+#include "backend/sessions/session_table.h"
 
 #include <algorithm>
 #include <optional>
@@ -24,8 +24,8 @@ constexpr std::size_t KEPT_STORAGE = std::size_t{64} * 1024; // of an empty buff
 SESSION_T::SESSION_T(std::shared_ptr<SESSION_TABLE_T> of, CLIENT_T from, DEVICE_CHANNEL_T &on,
                      SERVICE_T wanted)
     : table(std::move(of)), channel(&on), limits(on.limits), origin(std::move(from)),
-      client(std::move(origin.socket)), timer(on.io), service(std::move(wanted)),
-      device(on.device), asked_at(std::time(nullptr))
+      client(std::move(origin.socket)), timer(on.io), service(std::move(wanted)), device(on.device),
+      asked_at(std::time(nullptr))
 {
     label = device.device_name + "/" + service.name + " for " + origin.who + ", " + origin.from;
     error_code
@@ -143,8 +143,7 @@ static void sessionTimedOut(const SessionPtr &session)
             return endSession(session, "the client does not read", false);
         return endSession(session, "the client is done and the device sends nothing", true);
     case SESSION_STATE::FLUSHING:
-        return finishSession(session, bufferedBytes(*session) == 0,
-                             bufferedBytes(*session) == 0);
+        return finishSession(session, bufferedBytes(*session) == 0, bufferedBytes(*session) == 0);
     case SESSION_STATE::RECORDING:
     case SESSION_STATE::OPEN:
     case SESSION_STATE::CLOSED:
@@ -293,8 +292,7 @@ static void readClient(const SessionPtr &session)
     if (!is_open && session->state != SESSION_STATE::FLUSHING) return;
     if (is_open && !hasDataRoom(session->channel->outgoing))
         return waitForDataRoom(session->channel->outgoing, session);
-    if (!session->message)
-        session->message = takeDataMessage(DATA_MAX);
+    if (!session->message) session->message = takeDataMessage(DATA_MAX);
     session->read_active = true;
     if (is_open && session->is_flowing) {
         error_code error;

@@ -64,7 +64,8 @@ struct CLIENT_T {
 };
 
 struct SESSION_T final : ChannelStream, std::enable_shared_from_this<SESSION_T> {
-    SESSION_T(std::shared_ptr<SESSION_TABLE_T> of, CLIENT_T from, DEVICE_CHANNEL_T &on, SERVICE_T wanted);
+    SESSION_T(std::shared_ptr<SESSION_TABLE_T> of, CLIENT_T from, DEVICE_CHANNEL_T &on,
+              SERVICE_T wanted);
     SESSION_T(const SESSION_T &) = delete;
     SESSION_T &operator=(const SESSION_T &) = delete;
     ~SESSION_T() override;

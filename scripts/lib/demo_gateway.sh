@@ -284,7 +284,8 @@ run_command() {
 # The line that a session leaves in the audit follows its end.
 session_was_whole() {
     for _ in {1..50}; do
-        grep '"event":"session_end"' "$LOG/audit.json" | tail -n 1 | grep -F '"whole":true' && return
+        grep '"event":"session_end"' "$LOG/audit.json" | tail -n 1 |
+            grep -F '"whole":true' && return
         sleep 0.1
     done
     return 1

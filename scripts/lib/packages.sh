@@ -18,7 +18,8 @@ PACKAGES_RUN=(
 # To build and run the tests, besides the two lists above.
 PACKAGES_TEST=(
     libgtest-dev libgmock-dev
-    python3-pytest python3-jsonschema python3-websockets python3-dbus python3-gi dbus-bin iproute2 rsync
+    python3-pytest python3-jsonschema python3-websockets python3-dbus python3-gi dbus-bin iproute2
+    rsync
 )
 
 # To build and run the benchmark, besides those to build and to run.

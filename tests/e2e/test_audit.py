@@ -37,6 +37,40 @@ def verify(*files, **options):
                           capture_output=True, check=False, timeout=30, **options)
 
 
+def test_readers_that_do_not_read(certificates, tmp_path):
+    """Standard output (the audit) and standard error are full pipes from the start."""
+    (tmp_path / "devices").write_text(json.dumps({"devices": [
+        {"product_key": "p", "device_name": "d", "device_secret": "s"}]}))
+    pipes = [os.pipe() for _ in range(2)]
+    for _, end in pipes:
+        fcntl.fcntl(end, fcntl.F_SETFL, os.O_NONBLOCK)
+        with pytest.raises(BlockingIOError):
+            while True:
+                os.write(end, b"\n" * 4096)
+        fcntl.fcntl(end, fcntl.F_SETFL, 0)
+    pem, key = certificates.paths()
+    command = [BIN / "remote_access_backend", "--listen", f"127.0.0.1:{free_port()}", "--cert", pem,
+               "--key", key, "--devices", tmp_path / "devices", "--control", tmp_path / "control"]
+    with subprocess.Popen(command, stdout=pipes[0][1], stderr=pipes[1][1]) as back_end:
+        try:
+            def status():
+                done = subprocess.run([BIN / "remote-access", "--control", tmp_path / "control",
+                                       "status", "--json"], capture_output=True, check=False,
+                                      timeout=10)
+                return done.stdout if b'"audit_failing"' in done.stdout else None
+
+            poll(status, 10, "an answer")
+            for _ in range(50):
+                back_end.send_signal(signal.SIGHUP)
+                assert status()
+            back_end.terminate()
+            assert back_end.wait(5 * SCALE) == 0
+        finally:
+            back_end.kill()
+            for end in (end for pipe in pipes for end in pipe):
+                os.close(end)
+
+
 @pytest.fixture(scope="module")
 def tunnel(launch, certificates, workspace):
     (workspace / "audit-home").mkdir()
@@ -44,7 +78,8 @@ def tunnel(launch, certificates, workspace):
 
 
 def test_lines_of_a_run(tunnel, certificates):
-    """All events in a run with rotation and a crash, against the schema and the chain."""
+    """All events in a run with rotation and a crash, against the schema and the chain. The last
+    test: it leaves the daemon without a back end."""
     audit, old = tunnel.home / "audit", tunnel.home / "audit.1"
 
     def events(path=audit):
@@ -107,37 +142,3 @@ def test_lines_of_a_run(tunnel, certificates):
     assert (done.returncode, first["line"], first["fault"]) == (1, line, "changed")
     assert verify("-", input=old.read_bytes() + content).returncode == 0
     assert verify(audit, old).returncode == 1 and verify().returncode == 2
-
-
-def test_readers_that_do_not_read(certificates, tmp_path):
-    """Standard output (the audit) and standard error are full pipes from the start."""
-    (tmp_path / "devices").write_text(json.dumps({"devices": [
-        {"product_key": "p", "device_name": "d", "device_secret": "s"}]}))
-    pipes = [os.pipe() for _ in range(2)]
-    for _, end in pipes:
-        fcntl.fcntl(end, fcntl.F_SETFL, os.O_NONBLOCK)
-        with pytest.raises(BlockingIOError):
-            while True:
-                os.write(end, b"\n" * 4096)
-        fcntl.fcntl(end, fcntl.F_SETFL, 0)
-    pem, key = certificates.paths()
-    command = [BIN / "remote_access_backend", "--listen", f"127.0.0.1:{free_port()}", "--cert", pem,
-               "--key", key, "--devices", tmp_path / "devices", "--control", tmp_path / "control"]
-    with subprocess.Popen(command, stdout=pipes[0][1], stderr=pipes[1][1]) as back_end:
-        try:
-            def status():
-                done = subprocess.run([BIN / "remote-access", "--control", tmp_path / "control",
-                                       "status", "--json"], capture_output=True, check=False,
-                                      timeout=10)
-                return done.stdout if b'"audit_failing"' in done.stdout else None
-
-            poll(status, 10, "an answer")
-            for _ in range(50):
-                back_end.send_signal(signal.SIGHUP)
-                assert status()
-            back_end.terminate()
-            assert back_end.wait(5 * SCALE) == 0
-        finally:
-            back_end.kill()
-            for end in (end for pipe in pipes for end in pipe):
-                os.close(end)

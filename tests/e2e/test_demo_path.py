@@ -231,7 +231,8 @@ def test_operator_closes_and_disconnects(tunnel):
     assert tunnel.operate("disconnect", "dev1", "--reason", "a test")[0] == 0
     device = poll(lambda: [device for device in json.loads(tunnel.operate("devices", "--json")[1])
                            if device["connected"]], 20, "the device is back")[0]
-    assert device["last_reason"].startswith("disconnected by ") and "a test" in device["last_reason"]
+    reason = device["last_reason"]
+    assert reason.startswith("disconnected by ") and "a test" in reason
     assert tunnel.operate("devices", "--away", "--names", "*:dev?") == (0, "")
     assert json.loads(tunnel.operate("status", "--json")[1])["version"]
 

@@ -85,9 +85,9 @@ def test_violation_by_a_signal(daemon):
     os.kill(gateway.daemon.pid, signal.SIGSEGV)
     frames = check_backtrace(gateway)
     assert last_line(gateway) == ("I", frames[-1])
-    # Sent while a broken pipe is being dealt with, it is often taken by the thread that reports. One
-    # that is taken by a thread with a lock of the memory allocator may let that thread log a little
-    # more before the process ends.
+    # Sent while a broken pipe is being dealt with, it is often taken by the thread that reports.
+    # One that is taken by a thread with a lock of the memory allocator may let that thread log a
+    # little more before the process ends.
     for start in range(10):
         gateway.daemon = gateway.spawn(f"-{start}")
         gateway.daemon.find_pid()

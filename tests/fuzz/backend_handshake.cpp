@@ -1,6 +1,7 @@
 // The first message of a connection, all that the back end reads of a peer before it knows it: as
 // it is, and once more with the signature of a known device, which no fuzzer finds.
-// Under test: backend/devices/protocol.cpp(parseMessage|read|take|isPlain) backend/devices/handshake.cpp
+// Under test: backend/devices/protocol.cpp(parseMessage|read|take|isPlain)
+// Under test: backend/devices/handshake.cpp
 #include "backend/devices/handshake.h"
 #include "tests/fuzz/fuzz.h"
 

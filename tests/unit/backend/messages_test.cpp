@@ -1,9 +1,9 @@
 #include "backend/devices/device_registry.h"
 #include "backend/devices/handshake.h"
-#include "backend/observe/log.h"
-#include "backend/net/endpoint.h"
-#include "backend/options.h"
 #include "backend/devices/protocol.h"
+#include "backend/net/endpoint.h"
+#include "backend/observe/log.h"
+#include "backend/options.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

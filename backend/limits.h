@@ -20,7 +20,7 @@ struct LIMITS_T {
     // sends: it is dropped.
     std::size_t control_queue = std::size_t{256} * 1024;
     // Connections whose handshake is not accepted yet. One that has sent nothing costs a descriptor
-    // and 1 KiB, one in the middle of TLS up to 50 KiB.
+    // and 1 KiB, one in the middle of TLS about 75 KiB.
     std::size_t places = 4096;
     std::size_t clients_per_device =
         64; // local connections, those that wait for the device's answer included

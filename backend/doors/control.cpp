@@ -175,7 +175,7 @@ static void run(const LinkPtr &link, const json &request)
     const auto call = std::make_shared<CALL_T>();
     call->who = {DOOR::CONTROL_SOCKET, link->account, "process " + std::to_string(link->process)};
     call->answer = [link](const json &line, bool is_last) { answer(link, line, is_last); };
-    call->takeClient = [link] { return takeClientSocket(*link); };
+    call->take_client = [link] { return takeClientSocket(*link); };
     runOperation(link->control->operations, call, request);
     link->session = call->session;
     if (link->session.lock()) watchOperator(link);

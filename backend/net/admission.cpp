@@ -19,24 +19,25 @@ using boost::system::error_code;
 using tcp = asio::ip::tcp;
 
 constexpr auto SWEEP_PAUSE = std::chrono::milliseconds(200);
+constexpr std::size_t SHARES = 4; // an address may have one of them before it has to make room
 constexpr auto ROOM_SILENCE_MIN = std::chrono::milliseconds(100);
 
 ADDRESS_KEY_T addressKey(const asio::ip::address &address)
 {
-    if (address.is_v4()) return {false, address.to_v4().to_uint()};
+    if (address.is_v4()) return {4, address.to_v4().to_uint()};
     if (address.to_v6().is_v4_mapped())
-        return {false, asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()).to_uint()};
+        return {4, asio::ip::make_address_v4(asio::ip::v4_mapped, address.to_v6()).to_uint()};
     const auto bytes = address.to_v6().to_bytes();
     std::uint64_t prefix = 0;
     for (std::size_t i = 0; i < sizeof prefix; i++)
         prefix = prefix << 8 | bytes[i];
-    return {true, prefix};
+    return {6, prefix};
 }
 
 // ---- one place
 
 Place::Place(std::shared_ptr<Admission> admission, const ADDRESS_KEY_T &key)
-    : admission_(std::move(admission)), silent_{this}, turn_{this},
+    : admission_(std::move(admission)), silent_{this}, turn_{this}, staged_{this},
       ends_at_(silent_since_ + admission_->limits_.handshake_time)
 {
     admission_->join(*this, key);
@@ -47,10 +48,12 @@ Place::~Place()
     admission_->leave(*this);
 }
 
-void Place::noteProgress()
+bool Place::noteProgress(std::size_t count)
 {
-    has_spoken_ = true;
+    bytes_ += count;
+    stage_ = std::max(stage_, SPOKEN);
     if (address_ != nullptr) admission_->renew(*this);
+    return bytes_ <= PLACE_BYTES_MAX;
 }
 
 void Place::waitForTurn(std::function<void()> step, bool is_first)
@@ -99,12 +102,27 @@ void Admission::join(Place &place, const ADDRESS_KEY_T &key)
     }
     place.address_ = &address;
     count_++;
+    enterStage(place);
+}
+
+void Admission::enterStage(Place &place) noexcept
+{
+    leaveStage(place);
+    place.stage_list_ = &stages_.at(place.stage_);
+    place.stage_list_->splice(place.stage_list_->end(), place.staged_);
+}
+
+void Admission::leaveStage(Place &place) noexcept
+{
+    Places *const list = std::exchange(place.stage_list_, nullptr);
+    if (list != nullptr) place.staged_.splice(place.staged_.end(), *list, place.staged_at_);
 }
 
 void Admission::leave(Place &place) noexcept
 {
     if (place.address_ == nullptr) return;
     leaveQueue(place);
+    leaveStage(place);
     ADDRESS_T &address = *std::exchange(place.address_, nullptr);
     count_--;
     auto rank = ranking_.extract(&address);
@@ -122,11 +140,13 @@ void Admission::renew(Place &place) noexcept
     place.silent_since_ = Clock::now();
     address.places.splice(address.places.end(), address.places, place.silent_at_);
     ranking_.insert(std::move(rank));
+    if (place.turn_list_ == nullptr) enterStage(place);
 }
 
 // ---- connections that come and go
 
 struct WAITING_T { // for its first byte
+    explicit WAITING_T(tcp::socket from) : socket(std::move(from)) {}
     tcp::socket socket;
     PlacePtr place;
 };
@@ -144,7 +164,7 @@ void Admission::enter(Socket socket)
     const auto peer = socket.remote_endpoint(error);
     if (error) return; // gone already
     armSweep();
-    const auto waiting = std::make_shared<WAITING_T>(std::move(socket), nullptr);
+    const auto waiting = std::make_shared<WAITING_T>(std::move(socket));
     waiting->place = std::make_unique<Place>(shared_from_this(), addressKey(peer.address()));
     waiting->place->whenExpelled([&on = waiting->socket](const char *) {
         error_code ignored;
@@ -154,19 +174,29 @@ void Admission::enter(Socket socket)
         Socket::wait_read, [self = weak_from_this(), waiting](const error_code &failed) {
             const auto held = self.lock();
             if (!held || failed || !hasBytes(waiting->socket)) return;
-            waiting->place->noteProgress();
+            (void)waiting->place->noteProgress(0); // they are counted when they are read
             held->started_(std::move(waiting->socket), std::move(waiting->place));
         });
     while (count_ > limits_.places)
-        expel(*(*ranking_.begin())->places.front(), "it made room for another one");
+        expel(*nextToLeave(), "it made room for another one");
+}
+
+// Null only without any connection.
+Place *Admission::nextToLeave()
+{
+    if (ranking_.empty()) return nullptr;
+    const ADDRESS_T &largest = **ranking_.begin();
+    if (largest.places.size() > limits_.places / SHARES) return largest.places.front();
+    for (const Places &stage : stages_)
+        if (!stage.empty()) return stage.front();
+    return largest.places.front(); // all wait for their turn
 }
 
 bool Admission::makeRoom()
 {
-    if (ranking_.empty()) return false;
-    Place &place = *(*ranking_.begin())->places.front();
-    if (Clock::now() - place.silent_since_ < ROOM_SILENCE_MIN) return false;
-    expel(place, "it made room for another one");
+    Place *const place = nextToLeave();
+    if (place == nullptr || Clock::now() - place->silent_since_ < ROOM_SILENCE_MIN) return false;
+    expel(*place, "it made room for another one");
     return true;
 }
 
@@ -206,7 +236,7 @@ const char *Admission::faultOf(const Place &place, Clock::time_point now) const
     if (place.turn_list_ != nullptr) return nullptr;
     if (now >= place.ends_at_) return "no handshake in time";
     const auto silence = now - place.silent_since_;
-    if (!place.has_spoken_ && silence >= limits_.first_byte_time) return "nothing was sent";
+    if (place.stage_ == Place::SILENT && silence >= limits_.first_byte_time) return "nothing was sent";
     return silence >= limits_.progress_time ? "nothing more was sent" : nullptr;
 }
 
@@ -238,6 +268,8 @@ void Admission::queueTurn(Place &place, bool is_first)
 {
     ADDRESS_T &address = *place.address_;
     leaveQueue(place);
+    leaveStage(place);
+    if (!is_first) place.stage_ = Place::ANSWERED;
     place.waits_since_ = Clock::now();
     place.turn_list_ = is_first ? &address.first_turns : &address.further_turns;
     place.turn_list_->splice(place.turn_list_->end(), place.turn_);
@@ -285,8 +317,11 @@ void Admission::takeTurn()
 {
     ADDRESS_T &address = *ring_.front();
     ring_.splice(ring_.end(), ring_, ring_.begin()); // the next turn is another address's
-    Places &turns = address.further_turns.empty() ? address.first_turns : address.further_turns;
-    Place &place = *turns.front();
+    // Neither kind keeps the other from its turn.
+    const bool is_first = address.further_turns.empty() ||
+                          (address.is_first_next && !address.first_turns.empty());
+    address.is_first_next = !is_first;
+    Place &place = *(is_first ? address.first_turns : address.further_turns).front();
     leaveQueue(place);
     const auto step = std::exchange(place.step_, nullptr);
     step(); // may destroy the place

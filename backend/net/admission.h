@@ -2,12 +2,15 @@
 // for the work that TLS asks for.
 // Places     a connection has one from its accept until the Place is destroyed. Before its first
 //            byte only its socket waits, then `started` gets both. One that is silent for too long
-//            is expelled. When all places are taken, the longest silent connection of the address
-//            that has the most of them makes room: many devices may share an address, but none
-//            takes what others wait for. IPv6 addresses count by their /64.
-// Turns      steps that cost much CPU run one after the other, round robin over addresses, for
-//            TURN_SLICE in each round of the event loop: the sessions of connected devices come
-//            between. A connection that waits for its turn is not silent.
+//            is expelled, and so is one that sends more than a handshake takes. When all places are
+//            taken, an address that has more than its share of them pays with its longest silent
+//            connection; otherwise the longest silent of all makes room, first of those that sent
+//            nothing, last of those whose TLS was answered. So neither one address nor many can
+//            keep those out that get on with their handshake. IPv6 addresses count by their /64.
+// Turns      what such a connection makes the process do runs one after the other, round robin over
+//            addresses, for TURN_SLICE in each round of the event loop: the sessions of connected
+//            devices come between. Within an address those that were answered and those that were
+//            not alternate. A connection that waits for its turn is not silent.
 // Ownership  a Place keeps the admission alive and belongs to whoever serves its connection.
 // Threads    the thread of the io_context.
 // Limits     LIMITS_T: places, first_byte_time, progress_time, handshake_time.
@@ -17,6 +20,7 @@
 
 #include "backend/limits.h"
 
+#include <array>
 #include <chrono>
 #include <compare>
 #include <cstddef>
@@ -34,6 +38,9 @@
 namespace backend {
 
 constexpr auto TURN_SLICE = std::chrono::milliseconds(1);
+
+// From the accept to the accepted handshake: TLS, the upgrade, and one message of at most 50 KiB.
+constexpr std::size_t PLACE_BYTES_MAX = std::size_t{64} * 1024;
 constexpr auto LINE_PAUSE = std::chrono::seconds(10);
 
 class Admission;
@@ -42,7 +49,7 @@ using PlacePtr = std::unique_ptr<Place>;
 using Places = std::list<Place *>;
 
 struct ADDRESS_KEY_T {
-    bool is_v6 = false;
+    int version = 4;
     std::uint64_t prefix = 0;
     auto operator<=>(const ADDRESS_KEY_T &) const = default;
 };
@@ -68,35 +75,43 @@ public:
     {
         expelled_ = std::move(expelled);
     }
-    void noteProgress(); // new bytes have come
+    // New bytes have come. False when they are more than PLACE_BYTES_MAX: the connection has to end.
+    bool noteProgress(std::size_t count);
     // Never runs within the call, and not at all once the connection is expelled. is_first: nothing
-    // was answered yet; such steps come after those of connections that are further.
+    // was answered yet.
     void waitForTurn(std::function<void()> step, bool is_first);
 
 private:
     friend class Admission;
     friend struct ADDRESS_ORDER_T;
 
+    enum STAGE { SILENT, SPOKEN, ANSWERED, STAGES };
+
     std::shared_ptr<Admission> admission_;
     ADDRESS_T *address_ = nullptr; // null once it has left
     Places silent_;                // holds its element until it is in the address's list
     Places turn_;                  // holds its element while it does not wait for its turn
+    Places staged_;                // holds its element while it is in none of the stages' lists
     const Places::iterator silent_at_ = silent_.begin();
     const Places::iterator turn_at_ = turn_.begin();
+    const Places::iterator staged_at_ = staged_.begin();
+    Places *stage_list_ = nullptr; // null while it waits for its turn
     Places *turn_list_ = nullptr; // null unless it waits
     Clock::time_point silent_since_ = Clock::now();
     Clock::time_point ends_at_;
     Clock::time_point waits_since_;
     Expelled expelled_;
     std::function<void()> step_;
-    bool has_spoken_ = false;
+    STAGE stage_ = SILENT;
+    std::size_t bytes_ = 0;
 };
 
 struct ADDRESS_T {
     ADDRESS_KEY_T key;
     Places places;               // longest silent first
     Places first_turns;          // of connections that were not answered yet
-    Places further_turns;        // before those
+    Places further_turns;        // of the others
+    bool is_first_next = false;
     std::list<ADDRESS_T *> ring; // holds its element while none waits
     std::list<ADDRESS_T *>::iterator ring_at;
     bool is_in_ring = false;
@@ -136,6 +151,9 @@ private:
     void renew(Place &place) noexcept;
     void queueTurn(Place &place, bool is_first);
     void leaveQueue(Place &place) noexcept;
+    void enterStage(Place &place) noexcept;
+    static void leaveStage(Place &place) noexcept;
+    [[nodiscard]] Place *nextToLeave();
     void expel(Place &place, const char *reason);
     void armSweep();
     void sweep();
@@ -152,6 +170,7 @@ private:
     std::map<ADDRESS_KEY_T, ADDRESS_T> addresses_;
     std::set<ADDRESS_T *, ADDRESS_ORDER_T> ranking_;
     std::list<ADDRESS_T *> ring_; // addresses with a connection that waits for its turn
+    std::array<Places, Place::STAGES> stages_; // each with the longest silent first
     std::size_t count_ = 0;
     bool is_sweeping_ = false;
     bool is_slice_posted_ = false;

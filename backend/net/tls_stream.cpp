@@ -81,8 +81,12 @@ int TlsStream::receive()
     is_drained_ = count < static_cast<ssize_t>(READ_SIZE);
     in_start_ = 0;
     in_end_ = static_cast<std::size_t>(std::max<ssize_t>(count, 0));
-    if (count > 0 && place_ != nullptr) place_->noteProgress();
-    return static_cast<int>(count);
+    const bool is_allowed =
+        count <= 0 || place_ == nullptr || place_->noteProgress(static_cast<std::size_t>(count));
+    if (is_allowed) return static_cast<int>(count);
+    in_end_ = 0;
+    errno = EMSGSIZE;
+    return -1;
 }
 
 void TlsStream::giveBackInput()

@@ -67,8 +67,8 @@ public:
         return socket_;
     }
 
-    // The place, borrowed, is told of new bytes, and the handshake's steps wait for their turn
-    // there. Null: no longer, which is so before the first call.
+    // The place, borrowed, is told of new bytes, and every step waits for its turn there. Null: no
+    // longer, which is so before the first call. No operation may be under way.
     void setPlace(Place *place)
     {
         place_ = place;
@@ -77,7 +77,7 @@ public:
     // The handler takes an error.
     template <class Handler> auto async_handshake(Handler &&handler)
     {
-        return start<void(Error)>(Greeting{}, handler);
+        return start<void(Error)>([](TlsStream &stream) { return stream.handshake(); }, handler);
     }
 
     // Says that nothing more comes (close_notify); does not wait for the peer to say it.
@@ -135,44 +135,48 @@ private:
         std::size_t count = 0;
     };
 
-    struct Greeting {
-        RESULT_T operator()(TlsStream &stream) const
-        {
-            return stream.handshake();
-        }
-    };
-
     // Tries its step until that need not wait. A handler never runs within the call that starts it.
     template <class Step, class Signature> struct Operation {
         template <class Self> void operator()(Self &self, const Error &waited = {})
         {
-            TlsStream &on = stream;
-            if constexpr (std::is_same_v<Step, Greeting>) {
-                if (!is_done && !waited && on.place_ != nullptr && !std::exchange(has_turn, true)) {
-                    has_waited = true;
-                    const auto held = std::make_shared<Self>(std::move(self));
-                    return on.waitForTurn([held] { (*held)(); });
-                }
-                has_turn = false;
-            }
-            if (!is_done) {
-                on.may_receive_ = true;
-                result = waited ? RESULT_T{WAIT::NONE, waited, 0} : step(on);
-                if (result.wait != WAIT::NONE) {
-                    has_waited = true;
-                    if (result.wait == WAIT::READABLE) on.is_drained_ = false;
-                    return on.socket_.async_wait(result.wait == WAIT::READABLE
-                                                     ? next_layer_type::wait_read
-                                                     : next_layer_type::wait_write,
-                                                 std::move(self));
-                }
-                is_done = true;
-                if (!has_waited) return boost::asio::post(on.get_executor(), std::move(self));
-            }
+            if (!is_done && !waited && awaitsTurn(self)) return;
+            if (!is_done && !isOver(self, waited)) return;
             if constexpr (std::is_same_v<Signature, void(Error)>)
                 self.complete(result.error);
             else
                 self.complete(result.error, result.count);
+        }
+
+        // True while its turn is to come, which calls again.
+        template <class Self> bool awaitsTurn(Self &self)
+        {
+            TlsStream &on = stream;
+            if (on.place_ == nullptr || std::exchange(has_turn, false)) return false;
+            has_turn = has_waited = true;
+            const auto held = std::make_shared<Self>(std::move(self));
+            on.waitForTurn([held] { (*held)(); });
+            return true;
+        }
+
+        // Takes the step. False when it is called again, for another try or to complete.
+        template <class Self> bool isOver(Self &self, const Error &waited)
+        {
+            TlsStream &on = stream;
+            on.may_receive_ = true;
+            result = waited ? RESULT_T{WAIT::NONE, waited, 0} : step(on);
+            if (result.wait != WAIT::NONE) {
+                has_waited = true;
+                const bool is_read = result.wait == WAIT::READABLE;
+                if (is_read) on.is_drained_ = false;
+                on.socket_.async_wait(is_read ? next_layer_type::wait_read
+                                              : next_layer_type::wait_write,
+                                      std::move(self));
+                return false;
+            }
+            is_done = true;
+            if (has_waited) return true;
+            boost::asio::post(on.get_executor(), std::move(self));
+            return false;
         }
 
         TlsStream &stream;

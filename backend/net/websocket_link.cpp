@@ -148,12 +148,7 @@ public:
 
     void accept() override
     {
-        if (place_) {
-            place_->whenExpelled([weak = this->weak_from_this()](const char *reason) {
-                const auto self = weak.lock();
-                if (self) self->guarded([&] { self->expelled(reason); });
-            });
-        }
+        if (place_) watchPlace();
         if constexpr (std::is_same_v<Next, TlsStream>) {
             stream_.next_layer().async_handshake(handler([](Link &self, const error_code &error) {
                 if (error)
@@ -269,6 +264,14 @@ private:
         if (!closed_) events_.expelled(reason);
     }
 
+    void watchPlace()
+    {
+        place_->whenExpelled([weak = this->weak_from_this()](const char *reason) {
+            const auto self = weak.lock();
+            if (self) self->guarded([&] { self->expelled(reason); });
+        });
+    }
+
     void upgrade()
     {
         if (closed_) return;
@@ -278,7 +281,7 @@ private:
 
     void accepted(const error_code &error)
     {
-        if (place_) place_->noteProgress();
+        if (place_) (void)place_->noteProgress(0);
         if (!closed_) events_.accepted(error);
     }
 

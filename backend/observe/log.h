@@ -29,7 +29,7 @@ void logError(const char *format, ...) __attribute__((format(printf, 1, 2)));
 // A kind that an accepted device causes may have one in each channel.
 struct LINE_LIMIT_T {
     // of_what: what such lines tell of, in the plural; a literal, borrowed for good.
-    constexpr explicit LINE_LIMIT_T(const char *of_what, int at_most = 5)
+    constexpr explicit LINE_LIMIT_T(const char *of_what, int at_most = 5) noexcept
         : kind(of_what), per_second(at_most)
     {
     }

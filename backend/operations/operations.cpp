@@ -229,7 +229,7 @@ static void connectClient(OPERATIONS_T &operations, const CallPtr &call)
     const SERVICE_T *service = findService(*channel, wanted.service);
     if (service == nullptr)
         return turn_away(wanted.device->device_name + " does not offer " + wanted.service);
-    auto socket = call->takeClient();
+    auto socket = call->take_client();
     if (!socket) return turn_away("no connected stream socket came with the request");
     CLIENT_T client{std::move(*socket), call->who.name, call->who.from,
                     wanted.is_shared,   nullptr,        nullptr};

@@ -62,7 +62,7 @@ struct CALL_T {
     // Of the door. The last answer of a call is its end.
     std::function<void(const nlohmann::json &line, bool is_last)> answer;
     // The connection to be carried; nothing when none that can be used came with the request.
-    std::function<std::optional<ClientSocket>()> takeClient;
+    std::function<std::optional<ClientSocket>()> take_client;
     ARGUMENTS_T arguments;
     std::weak_ptr<SESSION_T> session; // of "connect"
 };

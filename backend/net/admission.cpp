@@ -20,6 +20,7 @@ using tcp = asio::ip::tcp;
 
 constexpr auto SWEEP_PAUSE = std::chrono::milliseconds(200);
 constexpr std::size_t SHARES = 4; // an address may have one of them before it has to make room
+constexpr auto STAGE_SILENCE_MIN = std::chrono::milliseconds(300);
 constexpr auto ROOM_SILENCE_MIN = std::chrono::milliseconds(100);
 
 ADDRESS_KEY_T addressKey(const asio::ip::address &address)
@@ -187,9 +188,16 @@ Place *Admission::nextToLeave()
     if (ranking_.empty()) return nullptr;
     const ADDRESS_T &largest = **ranking_.begin();
     if (largest.places.size() > limits_.places / SHARES) return largest.places.front();
-    for (const Places &stage : stages_)
-        if (!stage.empty()) return stage.front();
-    return largest.places.front(); // all wait for their turn
+    // Who has just come must not make room for those who have got further and fell silent.
+    const auto silent_since = Clock::now() - STAGE_SILENCE_MIN;
+    Place *longest = nullptr;
+    for (const Places &stage : stages_) {
+        if (stage.empty()) continue;
+        Place *const first = stage.front();
+        if (first->silent_since_ <= silent_since) return first;
+        if (longest == nullptr || first->silent_since_ < longest->silent_since_) longest = first;
+    }
+    return longest != nullptr ? longest : largest.places.front(); // all wait for their turn
 }
 
 bool Admission::makeRoom()
@@ -236,7 +244,8 @@ const char *Admission::faultOf(const Place &place, Clock::time_point now) const
     if (place.turn_list_ != nullptr) return nullptr;
     if (now >= place.ends_at_) return "no handshake in time";
     const auto silence = now - place.silent_since_;
-    if (place.stage_ == Place::SILENT && silence >= limits_.first_byte_time) return "nothing was sent";
+    if (place.stage_ == Place::SILENT && silence >= limits_.first_byte_time)
+        return "nothing was sent";
     return silence >= limits_.progress_time ? "nothing more was sent" : nullptr;
 }
 
@@ -318,8 +327,8 @@ void Admission::takeTurn()
     ADDRESS_T &address = *ring_.front();
     ring_.splice(ring_.end(), ring_, ring_.begin()); // the next turn is another address's
     // Neither kind keeps the other from its turn.
-    const bool is_first = address.further_turns.empty() ||
-                          (address.is_first_next && !address.first_turns.empty());
+    const bool is_first =
+        address.further_turns.empty() || (address.is_first_next && !address.first_turns.empty());
     address.is_first_next = !is_first;
     Place &place = *(is_first ? address.first_turns : address.further_turns).front();
     leaveQueue(place);

@@ -5,7 +5,7 @@
 //            is expelled, and so is one that sends more than a handshake takes. When all places are
 //            taken, an address that has more than its share of them pays with its longest silent
 //            connection; otherwise the longest silent of all makes room, first of those that sent
-//            nothing, last of those whose TLS was answered. So neither one address nor many can
+//            nothing for a while, last of those whose TLS was answered. So neither one address nor many can
 //            keep those out that get on with their handshake. IPv6 addresses count by their /64.
 // Turns      what such a connection makes the process do runs one after the other, round robin over
 //            addresses, for TURN_SLICE in each round of the event loop: the sessions of connected
@@ -96,7 +96,7 @@ private:
     const Places::iterator turn_at_ = turn_.begin();
     const Places::iterator staged_at_ = staged_.begin();
     Places *stage_list_ = nullptr; // null while it waits for its turn
-    Places *turn_list_ = nullptr; // null unless it waits
+    Places *turn_list_ = nullptr;  // null unless it waits
     Clock::time_point silent_since_ = Clock::now();
     Clock::time_point ends_at_;
     Clock::time_point waits_since_;
@@ -108,9 +108,9 @@ private:
 
 struct ADDRESS_T {
     ADDRESS_KEY_T key;
-    Places places;               // longest silent first
-    Places first_turns;          // of connections that were not answered yet
-    Places further_turns;        // of the others
+    Places places;        // longest silent first
+    Places first_turns;   // of connections that were not answered yet
+    Places further_turns; // of the others
     bool is_first_next = false;
     std::list<ADDRESS_T *> ring; // holds its element while none waits
     std::list<ADDRESS_T *>::iterator ring_at;

@@ -67,7 +67,7 @@ public:
         return socket_;
     }
 
-    // The place, borrowed, is told of new bytes, and every step waits for its turn there. Null: no
+    // The place, borrowed, is told of new bytes, and what they cause waits for its turn there. Null: no
     // longer, which is so before the first call. No operation may be under way.
     void setPlace(Place *place)
     {
@@ -77,20 +77,22 @@ public:
     // The handler takes an error.
     template <class Handler> auto async_handshake(Handler &&handler)
     {
-        return start<void(Error)>([](TlsStream &stream) { return stream.handshake(); }, handler);
+        return start<TURNS::TAKES, void(Error)>(
+            [](TlsStream &stream) { return stream.handshake(); }, handler);
     }
 
     // Says that nothing more comes (close_notify); does not wait for the peer to say it.
     template <class Handler> auto async_shutdown(Handler &&handler)
     {
-        return start<void(Error)>([](TlsStream &stream) { return stream.shutdown(); }, handler);
+        return start<TURNS::NONE, void(Error)>([](TlsStream &stream) { return stream.shutdown(); },
+                                               handler);
     }
 
     // Fills the buffers as far as whole records are there.
     template <class Buffers, class Handler>
     auto async_read_some(const Buffers &buffers, Handler &&handler)
     {
-        return start<void(Error, std::size_t)>(
+        return start<TURNS::TAKES, void(Error, std::size_t)>(
             [pieces = Pieces<boost::asio::mutable_buffer>(buffers)](TlsStream &stream) {
                 return stream.readSome(pieces.used());
             },
@@ -102,11 +104,15 @@ public:
     auto async_write_some(const Buffers &buffers, Handler &&handler)
     {
         const std::size_t taken = encrypt(Pieces<boost::asio::const_buffer>(buffers).used());
-        return start<void(Error, std::size_t)>(
+        return start<TURNS::NONE, void(Error, std::size_t)>(
             [taken](TlsStream &stream) { return stream.send(taken); }, handler);
     }
 
 private:
+    // Whether a step waits for its turn while there is a place: those do that a peer causes. A
+    // place has one turn at a time, so reads and writes must not both take one.
+    enum class TURNS { NONE, TAKES };
+
     enum class WAIT { NONE, READABLE, WRITABLE };
 
     struct RESULT_T {
@@ -136,7 +142,7 @@ private:
     };
 
     // Tries its step until that need not wait. A handler never runs within the call that starts it.
-    template <class Step, class Signature> struct Operation {
+    template <TURNS Turns, class Step, class Signature> struct Operation {
         template <class Self> void operator()(Self &self, const Error &waited = {})
         {
             if (!is_done && !waited && awaitsTurn(self)) return;
@@ -151,7 +157,8 @@ private:
         template <class Self> bool awaitsTurn(Self &self)
         {
             TlsStream &on = stream;
-            if (on.place_ == nullptr || std::exchange(has_turn, false)) return false;
+            if (Turns == TURNS::NONE || on.place_ == nullptr || std::exchange(has_turn, false))
+                return false;
             has_turn = has_waited = true;
             const auto held = std::make_shared<Self>(std::move(self));
             on.waitForTurn([held] { (*held)(); });
@@ -187,10 +194,11 @@ private:
         bool is_done = false;
     };
 
-    template <class Signature, class Step, class Handler> auto start(Step step, Handler &handler)
+    template <TURNS Turns, class Signature, class Step, class Handler>
+    auto start(Step step, Handler &handler)
     {
         return boost::asio::async_compose<Handler, Signature>(
-            Operation<Step, Signature>{*this, std::move(step)}, handler, socket_);
+            Operation<Turns, Step, Signature>{*this, std::move(step)}, handler, socket_);
     }
 
     // None of them blocks.

@@ -35,7 +35,7 @@ static std::string leaving(std::size_t places)
     const PlacePtr c = front.enter("2001:db8:0:1:ffff::2", 'c'); // the same /64
     const PlacePtr d = front.enter("::ffff:10.0.0.2", 'd');
     EXPECT_FALSE(front.admission->makeRoom()) << "none has been silent for a while";
-    std::this_thread::sleep_for(150ms);
+    std::this_thread::sleep_for(350ms);
     EXPECT_TRUE(b->noteProgress(PLACE_BYTES_MAX));
     while (front.admission->makeRoom()) {
     }

@@ -5,8 +5,9 @@
 //            is expelled, and so is one that sends more than a handshake takes. When all places are
 //            taken, an address that has more than its share of them pays with its longest silent
 //            connection; otherwise the longest silent of all makes room, first of those that sent
-//            nothing for a while, last of those whose TLS was answered. So neither one address nor many can
-//            keep those out that get on with their handshake. IPv6 addresses count by their /64.
+//            nothing for a while, last of those whose TLS was answered. So neither one address nor
+//            many can keep those out that get on with their handshake. IPv6 addresses count by
+//            their /64.
 // Turns      what such a connection makes the process do runs one after the other, round robin over
 //            addresses, for TURN_SLICE in each round of the event loop: the sessions of connected
 //            devices come between. Within an address those that were answered and those that were
@@ -75,7 +76,7 @@ public:
     {
         expelled_ = std::move(expelled);
     }
-    // New bytes have come. False when they are more than PLACE_BYTES_MAX: the connection has to end.
+    // New bytes have come. False when it were more than PLACE_BYTES_MAX: the connection has to end.
     bool noteProgress(std::size_t count);
     // Never runs within the call, and not at all once the connection is expelled. is_first: nothing
     // was answered yet.

@@ -67,8 +67,8 @@ public:
         return socket_;
     }
 
-    // The place, borrowed, is told of new bytes, and what they cause waits for its turn there. Null: no
-    // longer, which is so before the first call. No operation may be under way.
+    // The place, borrowed, is told of new bytes, and what they cause waits for its turn there.
+    // Null: no longer, which is so before the first call. No operation may be under way.
     void setPlace(Place *place)
     {
         place_ = place;

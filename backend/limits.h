@@ -9,7 +9,8 @@ namespace backend {
 struct LIMITS_T {
     // Bytes from the device that wait for a session's client, and for all clients. A session whose
     // client falls that far behind is cut off: the protocol has no flow control for a single
-    // session, and a channel that is not read makes the device drop the bytes of all others. An ssh
+    // session, and a channel that is not read makes the device drop the bytes of all others. The
+    // storage may be up to three times as much while a buffer grows. An ssh
     // or sftp session has 2 MiB under way at most, so a stopped terminal never gets there.
     std::size_t session_buffer = std::size_t{16} * 1024 * 1024;
     std::size_t all_buffers = std::size_t{256} * 1024 * 1024;

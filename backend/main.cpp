@@ -210,17 +210,16 @@ struct AuditMute {
 
 static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
 {
-    options.registry = readRegistry(line);
-    options.tls = readCertificate(line);
-
     const AuditEnd audit_end;
     asio::io_context io{1};
+    // Before anything takes its time: a signal that comes meanwhile is dealt with afterwards.
+    asio::signal_set changes(io, SIGHUP);
+    asio::signal_set signals(io, SIGINT, SIGTERM);
+    options.registry = readRegistry(line);
+    options.tls = readCertificate(line);
     const AuditMute audit_mute;
     startAudit({line.audit, RA_VERSION,
                 [&io](std::function<void()> task) { asio::post(io, std::move(task)); }});
-    // Before the line that it listens: whoever reads that may send a signal.
-    asio::signal_set changes(io, SIGHUP);
-    asio::signal_set signals(io, SIGINT, SIGTERM);
     const auto server = startServer(io, std::move(options));
     MemoryTidy tidy(io);
     asio::steady_timer goodbye(io);
@@ -247,6 +246,7 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
 // NOLINTNEXTLINE(bugprone-exception-escape): only a mistake in the table of options gets out
 int main(int argc, char **argv)
 {
+    (void)signal(SIGHUP, SIG_IGN);  // until it is waited for
     (void)signal(SIGPIPE, SIG_IGN); // a lost peer shows in the write's result
     (void)signal(SIGXFSZ, SIG_IGN); // and so does a file that may not grow
     prepareMemory();

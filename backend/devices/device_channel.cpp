@@ -320,14 +320,16 @@ static void armChannelTimer(DEVICE_CHANNEL_T &channel, std::chrono::milliseconds
     });
 }
 
-static void refuseDevice(DEVICE_CHANNEL_T &channel, HANDSHAKE_CODE code, const std::string &detail)
+// claimed: nothing of it is proved.
+static void refuseDevice(DEVICE_CHANNEL_T &channel, const DEVICE_KEY_T &claimed,
+                         HANDSHAKE_CODE code, const std::string &detail)
 {
     addToMetric(METRIC::HANDSHAKES_REFUSED);
     logLimited(g_refused, LOG_LEVEL::WARNING,
                "handshake of device \"%s\" from %s refused: code %d, %s",
-               channel.device.device_name.c_str(), channel.peer.c_str(), code, detail.c_str());
-    auditRecord(AUDIT_EVENT::HANDSHAKE_REFUSED, {{"product", channel.device.product_key},
-                                                 {"device", channel.device.device_name},
+               claimed.device_name.c_str(), channel.peer.c_str(), code, detail.c_str());
+    auditRecord(AUDIT_EVENT::HANDSHAKE_REFUSED, {{"product", claimed.product_key},
+                                                 {"device", claimed.device_name},
                                                  {"from", channel.peer},
                                                  {"reason", detail}});
     channel.state = CHANNEL_STATE::REFUSED;
@@ -341,11 +343,11 @@ static void refuseDevice(DEVICE_CHANNEL_T &channel, HANDSHAKE_CODE code, const s
 static void finishHandshake(const ChannelPtr &channel, HANDSHAKE_RESULT_T result)
 {
     if (channel->state != CHANNEL_STATE::CHECKING) return; // gone meanwhile
-    channel->device = std::move(result.device);
     if (result.code != HANDSHAKE_ACCEPTED) {
-        refuseDevice(*channel, result.code, result.detail);
+        refuseDevice(*channel, result.device, result.code, result.detail);
         return readNext(*channel);
     }
+    channel->device = std::move(result.device);
     channel->services = std::move(result.services);
     channel->state = CHANNEL_STATE::CONNECTED;
     channel->connected_at = time(nullptr);
@@ -377,7 +379,7 @@ static void onMessage(const ChannelPtr &channel, std::span<const std::uint8_t> b
     const char *fault = parseMessage(bytes, message);
     switch (channel->state) {
     case CHANNEL_STATE::HANDSHAKE:
-        if (fault != nullptr) return refuseDevice(*channel, HANDSHAKE_MALFORMED, fault);
+        if (fault != nullptr) return refuseDevice(*channel, {}, HANDSHAKE_MALFORMED, fault);
         return onHandshake(channel, message);
     case CHANNEL_STATE::CONNECTED:
         if (fault != nullptr) return logFault(*channel, std::string("message dropped: ") + fault);
@@ -439,18 +441,16 @@ void closeDeviceChannel(DEVICE_CHANNEL_T &channel, std::uint16_t code, const std
     if (channel.state == CHANNEL_STATE::CLOSED) return;
     const ChannelPtr keep = channel.shared_from_this();
     const bool was_device = channel.state == CHANNEL_STATE::CONNECTED;
+    // What may fail for want of memory comes first: nothing has changed then.
+    const std::string name = nameOf(channel);
+    logLimited(was_device ? g_left : g_ended, LOG_LEVEL::INFO, "%s %s %s: %s",
+               was_device ? "device" : "connection from", name.c_str(),
+               was_device ? "disconnected" : "ended", reason.c_str());
     channel.state = CHANNEL_STATE::CLOSED;
-    if (was_device)
-        logLimited(g_left, LOG_LEVEL::INFO, "device %s disconnected: %s", nameOf(channel).c_str(),
-                   reason.c_str());
-    else
-        logLimited(g_ended, LOG_LEVEL::INFO, "connection from %s ended: %s",
-                   nameOf(channel).c_str(), reason.c_str());
     channel.timer.cancel();
-    // A stream that is cut takes itself out of the tables.
-    for (const auto &[token, stream] : std::unordered_map(channel.streams))
+    for (const auto &[token, stream] : std::exchange(channel.streams, {}))
         stream->cut(DEVICE_GONE);
-    for (const auto &[id, stream] : std::unordered_map(channel.opening))
+    for (const auto &[id, stream] : std::exchange(channel.opening, {}))
         stream->cut(DEVICE_GONE);
     for (auto &[id, request] : std::exchange(channel.accounts, {})) {
         request.answered({false, 0, DEVICE_GONE});

@@ -17,7 +17,6 @@ namespace backend {
 
 using nlohmann::json;
 
-constexpr std::size_t NAME_MAX_BYTES = 36;
 constexpr std::size_t SECRET_MAX_BYTES = 63;
 constexpr std::int64_t FILE_MAX_BYTES = std::int64_t{16} << 20;
 
@@ -65,8 +64,8 @@ static std::string readField(const json &entry, const char *key, std::size_t lim
 static void addEntry(DEVICE_REGISTRY_T &registry, const json &entry, const std::string &place)
 {
     if (!entry.is_object()) throw std::runtime_error(place + ": must be an object");
-    DEVICE_KEY_T key{readField(entry, "product_key", NAME_MAX_BYTES, place),
-                     readField(entry, "device_name", NAME_MAX_BYTES, place)};
+    DEVICE_KEY_T key{readField(entry, "product_key", DEVICE_NAME_MAX, place),
+                     readField(entry, "device_name", DEVICE_NAME_MAX, place)};
     std::string secret = readField(entry, "device_secret", SECRET_MAX_BYTES, place);
     if (!registry.emplace(std::move(key), std::move(secret)).second) {
         throw std::runtime_error(place +

@@ -97,6 +97,9 @@ static HANDSHAKE_RESULT_T checkPayload(const json &payload, std::int64_t timesta
         return refuse(HANDSHAKE_UNSUPPORTED, "unknown protocol version " + *version);
     if (*method != SIGN_METHOD)
         return refuse(HANDSHAKE_UNSUPPORTED, "unknown sign method " + *method);
+    // A longer one is in no registry; in the log and the audit it would only take room.
+    if (key->size() > DEVICE_NAME_MAX || name->size() > DEVICE_NAME_MAX)
+        return refuse(HANDSHAKE_MALFORMED, "product key or device name is too long");
     HANDSHAKE_RESULT_T result{HANDSHAKE_ACCEPTED, {}, {*key, *name}, {}, 0};
     const auto found = registry.find(result.device);
     const bool is_known = found != registry.end();

@@ -100,22 +100,22 @@ void checkDevice(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &channel, const 
 
 void deviceConnected(DIRECTORY_T &directory, const ChannelPtr &channel)
 {
-    const auto older = directory.connected.extract(channel->device);
-    directory.connected[channel->device] = channel;
+    const ChannelPtr older = std::exchange(directory.connected[channel->device], channel);
     noteDeviceCame(directory.records, channel->device, addressOf(channel->peer), wallClockMs());
     setMetric(METRIC::DEVICES_CONNECTED, directory.connected.size());
     auditRecord(AUDIT_EVENT::DEVICE_CONNECTED, {{"product", channel->device.product_key},
                                                 {"device", channel->device.device_name},
                                                 {"from", channel->peer}});
-    if (older.empty()) return;
+    if (!older) return;
+    noteDeviceReplaced(directory.records, channel->device, wallClockMs());
     auditRecord(AUDIT_EVENT::DEVICE_REPLACED, {{"product", channel->device.product_key},
                                                {"device", channel->device.device_name},
                                                {"from", channel->peer},
-                                               {"other", older.mapped()->peer}});
+                                               {"other", older->peer}});
     directory.displaced[channel->device] = std::chrono::steady_clock::now();
     // Its sessions are void: identifiers may come a second time from a device that has started
     // again.
-    closeDeviceChannel(*older.mapped(), CLOSE_GOING_AWAY, "replaced by a newer connection");
+    closeDeviceChannel(*older, CLOSE_GOING_AWAY, "replaced by a newer connection");
 }
 
 void deviceGone(DIRECTORY_T &directory, const ChannelPtr &channel, const std::string &reason)

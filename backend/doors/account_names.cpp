@@ -5,7 +5,9 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <new>
 #include <pwd.h>
+#include <set>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -45,6 +47,7 @@ struct ACCOUNT_NAMES_T {
     asio::io_context &io;
     std::map<uid_t, NAME_T> known;
     std::map<uid_t, QUESTION_T> open;
+    std::set<uid_t> asked; // and not answered yet, perhaps long after somebody waited for it
     std::shared_ptr<QUEUE_T> queue = std::make_shared<QUEUE_T>();
 };
 
@@ -72,9 +75,12 @@ static void answerQuestions(const std::shared_ptr<QUEUE_T> &queue)
         const uid_t uid = queue->asked.front();
         queue->asked.pop_front();
         lock.unlock();
-        std::string name = askSystem(uid);
-        lock.lock();
-        if (queue->answer) queue->answer(uid, std::move(name));
+        try {
+            std::string name = askSystem(uid);
+            lock.lock();
+            if (queue->answer) queue->answer(uid, std::move(name));
+        } catch (const std::bad_alloc &) { // the number stands for the name
+        }
     }
 }
 
@@ -94,6 +100,7 @@ std::shared_ptr<ACCOUNT_NAMES_T> startAccountNames(asio::io_context &io)
         asio::post(io, [weak, uid, name = std::move(name)] {
             const auto held = weak.lock();
             if (!held) return;
+            held->asked.erase(uid);
             if (held->known.size() >= NAMES_MAX) held->known.clear();
             held->known[uid] = {name, Clock::now()};
             settle(*held, uid, name);
@@ -116,6 +123,7 @@ void lookUpAccount(const std::shared_ptr<ACCOUNT_NAMES_T> &names, uid_t uid, Fou
         const auto held = weak.lock();
         if (held && !error) settle(*held, uid, numberText(uid));
     });
+    if (!names->asked.insert(uid).second) return;
     const std::lock_guard lock(names->queue->mutex);
     names->queue->asked.push_back(uid);
     names->queue->changed.notify_one();

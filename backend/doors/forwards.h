@@ -1,6 +1,6 @@
 // The local ports that the back end itself forwards to a service, for clients that know nothing of
-// it. Every account of the machine may connect to them; the audit names the one that did where the
-// client is on this machine.
+// it. Every account of the machine may connect to them; the audit names the one that did where it
+// came over IPv4's loopback.
 // Ownership  the record holds the listeners, until the acceptors are closed.
 // Threads    the thread of the io_context.
 // Failure    openForward throws std::runtime_error.

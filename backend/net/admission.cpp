@@ -187,7 +187,12 @@ Place *Admission::nextToLeave()
 {
     if (ranking_.empty()) return nullptr;
     const ADDRESS_T &largest = **ranking_.begin();
-    if (largest.places.size() > limits_.places / SHARES) return largest.places.front();
+    if (largest.places.size() > limits_.places / SHARES) {
+        const auto silent =
+            std::find_if(largest.places.begin(), largest.places.end(),
+                         [](const Place *place) { return place->turn_list_ == nullptr; });
+        return silent != largest.places.end() ? *silent : largest.places.front();
+    }
     // Who has just come must not make room for those who have got further and fell silent.
     const auto silent_since = Clock::now() - STAGE_SILENCE_MIN;
     Place *longest = nullptr;

@@ -105,14 +105,12 @@ void Listener::acceptNext()
     acceptor_.async_accept(
         [self = shared_from_this()](const error_code &error, tcp::socket socket) {
             if (error == asio::error::operation_aborted || !self->acceptor_.is_open()) return;
-            if (error) {
-                logLimited(g_faults, LOG_LEVEL::WARNING, "cannot accept a connection: %s",
-                           error.message().c_str());
-                return self->acceptAfterPause();
-            }
-            const bool goes_on = self->take(std::move(socket));
             try {
-                if (goes_on) return self->acceptNext();
+                if (error)
+                    logLimited(g_faults, LOG_LEVEL::WARNING, "cannot accept a connection: %s",
+                               error.message().c_str());
+                else if (self->take(std::move(socket)))
+                    return self->acceptNext();
             } catch (const std::exception &) { // nobody else would accept again
             }
             self->acceptAfterPause();

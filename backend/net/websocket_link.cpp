@@ -201,7 +201,8 @@ public:
         tcp_info info{};
         socklen_t size = sizeof info;
         const int fd = beast::get_lowest_layer(stream_).native_handle();
-        if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) return {};
+        if (getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &size) != 0)
+            return std::chrono::hours(24); // closed: nobody waits for it any more
         return std::chrono::milliseconds(info.tcpi_last_data_recv);
     }
 

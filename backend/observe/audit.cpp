@@ -269,6 +269,13 @@ static void logStart(const AUDIT_RECOVERED_T &found, const std::string &path)
             static_cast<unsigned long long>(found.chain.seq), found.chain.hash.c_str());
 }
 
+// Nothing else stands in the file, and its chain is that of the file before.
+static void dropTornBegin(int fd, const std::string &path)
+{
+    if (ftruncate(fd, 0) != 0) throw std::runtime_error(path + ": " + strerror(errno));
+    logWarning("%s: its only line is torn and is dropped", path.c_str());
+}
+
 void startAudit(AUDIT_OPTIONS_T options)
 {
     AUDIT_WRITER_OPTIONS_T chosen;
@@ -280,7 +287,8 @@ void startAudit(AUDIT_OPTIONS_T options)
         chosen.fd = openFile(options.path);
         if (S_ISREG(statusOf(chosen.fd.get()).st_mode)) {
             found = recoverAudit(chosen.fd.get(), options.path);
-            if (found.is_empty) found = recoverRotated(options.path);
+            if (found.is_first_torn) dropTornBegin(chosen.fd.get(), options.path);
+            if (found.is_empty || found.is_first_torn) found = recoverRotated(options.path);
             is_rotated = statusOf(chosen.fd.get()).st_size == 0 && !found.is_empty;
             logStart(found, options.path);
         }

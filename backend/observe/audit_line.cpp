@@ -68,10 +68,22 @@ std::string auditTime()
     return std::string(text.data(), size) + rest.data();
 }
 
+// As it is written: a byte that has to be escaped takes six.
+static std::string cutText(const std::string &text)
+{
+    std::size_t written = 0;
+    std::size_t size = 0;
+    for (; size < text.size(); size++) {
+        const char byte = text[size];
+        written += byte >= ' ' && byte <= '~' && byte != '"' && byte != '\\' ? 1 : 6;
+        if (written > TEXT_MAX) break;
+    }
+    return text.substr(0, size);
+}
+
 static ordered_json valueOf(const AUDIT_MEMBER_T &member)
 {
-    if (const auto *text = std::get_if<std::string>(&member.value))
-        return text->substr(0, TEXT_MAX);
+    if (const auto *text = std::get_if<std::string>(&member.value)) return cutText(*text);
     if (const auto *number = std::get_if<std::uint64_t>(&member.value)) return *number;
     return std::get<bool>(member.value);
 }

@@ -1,5 +1,6 @@
 #include "backend/observe/audit_recovery.h"
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <nlohmann/json.hpp>
@@ -31,7 +32,7 @@ static AUDIT_OPEN_T openOf(const std::string &line)
     const auto text = [&parsed](const char *name) { return parsed.value(name, std::string()); };
     const std::string time = text("time");
     return {{text("session"), text("product"), text("device"), text("who"), text("from"),
-             text("service")},
+             text("service"), parsed.value("shared", false)},
             parsed.value("begun", time)};
 }
 
@@ -46,6 +47,15 @@ static void readAll(int fd, const std::string &path, AuditChecker &checker)
         checker.feed({piece.data(), static_cast<std::size_t>(count)});
         at += count;
     }
+}
+
+// The first bytes of a line, as far as they are there.
+static bool beginsLikeAudit(int fd)
+{
+    constexpr std::string_view BEGIN = "{\"time\":\"";
+    std::array<char, BEGIN.size()> bytes{};
+    const ssize_t count = pread(fd, bytes.data(), bytes.size(), 0);
+    return count > 0 && BEGIN.starts_with({bytes.data(), static_cast<std::size_t>(count)});
 }
 
 AUDIT_RECOVERED_T recoverAudit(int fd, const std::string &path)
@@ -63,7 +73,9 @@ AUDIT_RECOVERED_T recoverAudit(int fd, const std::string &path)
     found.lacks_newline = checker.nextFile();
     found.fragments = checker.fragments();
     found.is_empty = checker.lines() == 0 && found.fragments.empty();
-    if (checker.lines() == 0 && !found.is_empty)
+    found.is_first_torn = checker.lines() == 0 && found.fragments.size() == 1 &&
+                          found.lacks_newline && beginsLikeAudit(fd);
+    if (checker.lines() == 0 && !found.is_empty && !found.is_first_torn)
         throw std::runtime_error(path + ": is no audit, move it away");
     found.chain = checker.end();
     for (const auto &[id, line] : open)

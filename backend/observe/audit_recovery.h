@@ -21,6 +21,7 @@ struct AUDIT_RECOVERED_T {
     bool is_empty = true;
     AUDIT_CHAIN_T chain;
     bool lacks_newline = false;
+    bool is_first_torn = false; // the process ended while it wrote the file's first line
     std::vector<AUDIT_FRAGMENT_T> fragments;
     std::vector<AUDIT_OPEN_T> open;
     std::uint64_t faults = 0; // of the chain

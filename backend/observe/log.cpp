@@ -188,15 +188,17 @@ void logLimited(LINE_LIMIT_T &limit, LOG_LEVEL level, const char *format, ...)
 }
 
 // Whoever can make limits end (a device that comes and goes) must not fill the log with that.
-void LINE_LIMIT_T::flush()
-{
+void LINE_LIMIT_T::flush() noexcept
+try {
     static LINE_LIMIT_T ended("limits that have ended");
-    const std::lock_guard guard(g_lock);
+    const std::lock_guard guard(g_lock); // the log's thread may be telling of it just now
+    if (left_out == 0) return;
     if (this != &ended && !limitAllows(ended)) {
         if (takeLeftOut(*this) > 0) countLeftOut(ended);
         return;
     }
     tellLeftOut(*this);
+} catch (const std::exception &) {
 }
 
 // By the writer's thread: what was left out is told once its second is over.

@@ -37,9 +37,9 @@ struct LINE_LIMIT_T {
     LINE_LIMIT_T &operator=(const LINE_LIMIT_T &) = delete;
     ~LINE_LIMIT_T()
     {
-        if (left_out != 0) flush();
+        flush();
     }
-    void flush();
+    void flush() noexcept; // without memory the count is lost
 
     const char *kind;
     int per_second;

@@ -16,7 +16,7 @@ constexpr auto METRIC_ROWS = std::to_array<METRIC_ROW_T>({
     {METRIC::HANDSHAKES_REFUSED, "handshakes_refused_total",
      "Handshakes of devices that were refused", true},
     {METRIC::CONNECTIONS_TURNED_AWAY, "connections_turned_away_total",
-     "Connections closed before their handshake because others needed the place", true},
+     "Connections closed before their handshake, for others or because they fell silent", true},
     {METRIC::DUPLICATES, "duplicates_total",
      "Connections of a device that was connected already a short time before", true},
     {METRIC::DEVICES_CONNECTED, "devices_connected", "Devices that are connected", false},

@@ -5,6 +5,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <new>
 #include <pwd.h>
 #include <thread>
 #include <utility>
@@ -72,9 +73,12 @@ static void answerQuestions(const std::shared_ptr<QUEUE_T> &queue)
         const uid_t uid = queue->asked.front();
         queue->asked.pop_front();
         lock.unlock();
-        std::string name = askSystem(uid);
-        lock.lock();
-        if (queue->answer) queue->answer(uid, std::move(name));
+        try {
+            std::string name = askSystem(uid);
+            lock.lock();
+            if (queue->answer) queue->answer(uid, std::move(name));
+        } catch (const std::bad_alloc &) { // the number is taken after NAME_WAIT
+        }
     }
 }
 

@@ -19,9 +19,13 @@ static void takeDevice(const std::shared_ptr<DEVICE_PORT_T> &port, tcp::socket s
                           HandshakeAnswer answered) {
         checkDevice(held->directory, channel, message, std::move(answered));
     };
-    events.connected = [held](const ChannelPtr &channel) {
+    events.connected = [held](const ChannelPtr &channel, const std::string &remark) {
         held->unauthenticated.erase(channel);
-        deviceConnected(held->directory, channel);
+        deviceConnected(held->directory, channel, remark);
+    };
+    events.refused = [held](const DEVICE_CHANNEL_T &channel, HANDSHAKE_CODE code,
+                            const std::string &detail) {
+        deviceRefused(held->directory, channel, code, detail);
     };
     events.closed = [held](const ChannelPtr &channel, const std::string &reason) {
         held->unauthenticated.erase(channel);

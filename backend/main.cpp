@@ -10,6 +10,7 @@
 #include "backend/server.h"
 #include "backend/store/store.h"
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -22,7 +23,6 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/signal_set.hpp>
-#include <boost/asio/steady_timer.hpp>
 
 namespace asio = boost::asio;
 using namespace backend;
@@ -208,6 +208,21 @@ struct AuditMute {
     }
 };
 
+// Until nothing is left to do for those that are closed.
+static void sayGoodbye(asio::io_context &io)
+{
+    const auto end = std::chrono::steady_clock::now() + GOODBYE_TIME;
+    io.restart();
+    for (;;) {
+        try {
+            io.run_until(end);
+            return;
+        } catch (const std::exception &fault) {
+            logWarning("a handler failed: %s", fault.what());
+        }
+    }
+}
+
 static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
 {
     const AuditEnd audit_end;
@@ -222,15 +237,13 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
                 [&io](std::function<void()> task) { asio::post(io, std::move(task)); }});
     const auto server = startServer(io, std::move(options));
     MemoryTidy tidy(io);
-    asio::steady_timer goodbye(io);
     signals.async_wait([&](const boost::system::error_code &error, int number) {
         if (error) return;
         logInfo("ending on signal %d", number);
-        stopServer(*server);
+        io.stop(); // after this handler, also when it throws
         changes.cancel();
         tidy.stop();
-        goodbye.expires_after(GOODBYE_TIME);
-        goodbye.async_wait([&io](const boost::system::error_code &) { io.stop(); });
+        stopServer(*server);
     });
     const std::function<void()> wait_for_change = [&] {
         changes.async_wait([&](const boost::system::error_code &error, int) {
@@ -241,6 +254,7 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
     };
     wait_for_change();
     runHandlers(io);
+    sayGoodbye(io);
 }
 
 // NOLINTNEXTLINE(bugprone-exception-escape): only a mistake in the table of options gets out

@@ -83,6 +83,7 @@ void sendWhole(int socket, const std::string &text, int fd)
         }
         const ssize_t count = ::sendmsg(socket, &message, MSG_NOSIGNAL);
         if (count < 0 && errno == EINTR) continue;
+        if (count < 0 && errno == EPIPE) return; // its answer may be there already
         if (count <= 0)
             throw ControlError(std::string("the back end went away: ") + std::strerror(errno),
                                true);

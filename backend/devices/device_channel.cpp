@@ -1,7 +1,6 @@
 #include "backend/devices/device_channel.h"
 
 #include "backend/net/endpoint.h"
-#include "backend/observe/audit.h"
 #include "backend/observe/metrics.h"
 
 #include <algorithm>
@@ -23,11 +22,11 @@ constexpr std::string_view ACCOUNT_ID = "account-";
 
 constexpr char DEVICE_GONE[] = "the device disconnected";
 
-static constinit LINE_LIMIT_T g_refused{"refused handshakes"};
 static constinit LINE_LIMIT_T g_ended{"connections that ended without a handshake"};
-// A fleet that comes back is to be seen; a device that comes and goes all the time is not.
-static constinit LINE_LIMIT_T g_came{"devices that connected", 200};
-static constinit LINE_LIMIT_T g_left{"devices that disconnected", 200};
+// Of channels that are younger than this: one that comes and goes has a new limit of its own each
+// time.
+static constinit LINE_LIMIT_T g_young_faults{"devices that have just connected"};
+constexpr std::time_t YOUNG_S = 5;
 
 constexpr std::size_t RELEASING_MAX = 128;
 constexpr std::size_t ACCOUNTS_MAX = 16;
@@ -46,8 +45,9 @@ static std::string nameOf(const DEVICE_CHANNEL_T &channel)
 
 static void logFault(DEVICE_CHANNEL_T &channel, const std::string &text)
 {
-    logLimited(channel.fault_lines, LOG_LEVEL::WARNING, "device %s: %s", nameOf(channel).c_str(),
-               text.c_str());
+    const bool is_young = time(nullptr) - channel.connected_at < YOUNG_S;
+    logLimited(is_young ? g_young_faults : channel.fault_lines, LOG_LEVEL::WARNING, "device %s: %s",
+               nameOf(channel).c_str(), text.c_str());
 }
 
 static std::string freshId(DEVICE_CHANNEL_T &channel, std::string_view kind)
@@ -292,16 +292,6 @@ static void lookAtSilence(DEVICE_CHANNEL_T &channel)
 
 // ---- life of the channel
 
-static std::string serviceNames(const DEVICE_CHANNEL_T &channel)
-{
-    std::string names;
-    for (const SERVICE_T &service : channel.services) {
-        if (!names.empty()) names += ", ";
-        names += service.name;
-    }
-    return names.empty() ? "none" : names;
-}
-
 static void sendHandshakeAnswer(DEVICE_CHANNEL_T &channel, HANDSHAKE_CODE code)
 {
     sendControl(channel, MESSAGE_RESPONSE, HANDSHAKE_ID, {},
@@ -320,20 +310,12 @@ static void armChannelTimer(DEVICE_CHANNEL_T &channel, std::chrono::milliseconds
     });
 }
 
-// claimed: nothing of it is proved.
-static void refuseDevice(DEVICE_CHANNEL_T &channel, const DEVICE_KEY_T &claimed,
-                         HANDSHAKE_CODE code, const std::string &detail)
+static void refuseDevice(DEVICE_CHANNEL_T &channel, const HANDSHAKE_RESULT_T &result)
 {
     addToMetric(METRIC::HANDSHAKES_REFUSED);
-    logLimited(g_refused, LOG_LEVEL::WARNING,
-               "handshake of device \"%s\" from %s refused: code %d, %s",
-               claimed.device_name.c_str(), channel.peer.c_str(), code, detail.c_str());
-    auditRecord(AUDIT_EVENT::HANDSHAKE_REFUSED, {{"product", claimed.product_key},
-                                                 {"device", claimed.device_name},
-                                                 {"from", channel.peer},
-                                                 {"reason", detail}});
+    channel.events.refused(channel, result);
     channel.state = CHANNEL_STATE::REFUSED;
-    sendHandshakeAnswer(channel, code);
+    sendHandshakeAnswer(channel, result.code);
     // Not at once, so that the device reads the code before it sees the end.
     if (channel.state == CHANNEL_STATE::REFUSED) {
         armChannelTimer(channel, channel.limits.refusal_time, "handshake refused");
@@ -344,7 +326,7 @@ static void finishHandshake(const ChannelPtr &channel, HANDSHAKE_RESULT_T result
 {
     if (channel->state != CHANNEL_STATE::CHECKING) return; // gone meanwhile
     if (result.code != HANDSHAKE_ACCEPTED) {
-        refuseDevice(*channel, result.device, result.code, result.detail);
+        refuseDevice(*channel, result);
         return readNext(*channel);
     }
     channel->device = std::move(result.device);
@@ -353,11 +335,8 @@ static void finishHandshake(const ChannelPtr &channel, HANDSHAKE_RESULT_T result
     channel->connected_at = time(nullptr);
     channel->link->leavePlace();
     watchSilence(*channel, channel->limits.idle_silence);
-    channel->events.connected(channel);
+    channel->events.connected(channel, result.detail);
     sendHandshakeAnswer(*channel, HANDSHAKE_ACCEPTED);
-    logLimited(g_came, LOG_LEVEL::INFO, "device %s connected, services: %s%s%s",
-               channel->device.device_name.c_str(), serviceNames(*channel).c_str(),
-               result.detail.empty() ? "" : "; ", result.detail.c_str());
     readNext(*channel);
 }
 
@@ -379,7 +358,7 @@ static void onMessage(const ChannelPtr &channel, std::span<const std::uint8_t> b
     const char *fault = parseMessage(bytes, message);
     switch (channel->state) {
     case CHANNEL_STATE::HANDSHAKE:
-        if (fault != nullptr) return refuseDevice(*channel, {}, HANDSHAKE_MALFORMED, fault);
+        if (fault != nullptr) return refuseDevice(*channel, {HANDSHAKE_MALFORMED, fault, {}, {}, 0});
         return onHandshake(channel, message);
     case CHANNEL_STATE::CONNECTED:
         if (fault != nullptr) return logFault(*channel, std::string("message dropped: ") + fault);
@@ -442,10 +421,9 @@ void closeDeviceChannel(DEVICE_CHANNEL_T &channel, std::uint16_t code, const std
     const ChannelPtr keep = channel.shared_from_this();
     const bool was_device = channel.state == CHANNEL_STATE::CONNECTED;
     // What may fail for want of memory comes first: nothing has changed then.
-    const std::string name = nameOf(channel);
-    logLimited(was_device ? g_left : g_ended, LOG_LEVEL::INFO, "%s %s %s: %s",
-               was_device ? "device" : "connection from", name.c_str(),
-               was_device ? "disconnected" : "ended", reason.c_str());
+    if (!was_device)
+        logLimited(g_ended, LOG_LEVEL::INFO, "connection from %s ended: %s", channel.peer.c_str(),
+                   reason.c_str());
     channel.state = CHANNEL_STATE::CLOSED;
     channel.timer.cancel();
     for (const auto &[token, stream] : std::exchange(channel.streams, {}))

@@ -7,8 +7,9 @@
 // Threads    the thread of the io_context.
 // Limits     LIMITS_T. Session data to the device is bounded by not reading clients. The channel is
 //            always read: what waits for a client is bounded by the session's own limit.
-// Failure    every fault is logged here. A message that cannot be read is dropped, and the channel
-//            stays, as the device does it on its side.
+// Failure    every fault is logged here; that a device comes, is refused or goes is told by the owner
+//            of the events. A message that cannot be read is dropped, and the channel stays, as the
+//            device does it on its side.
 #pragma once
 
 #include "backend/devices/channel_stream.h"
@@ -50,7 +51,10 @@ struct CHANNEL_EVENTS_T {
     // Checks a handshake and calls answered once: within the call, or later on the same thread.
     std::function<void(const DEVICE_CHANNEL_T &, const MESSAGE_T &, HandshakeAnswer answered)>
         check;
-    std::function<void(const ChannelPtr &)> connected;
+    // remark: what of its handshake was left out; empty for nothing.
+    std::function<void(const ChannelPtr &, const std::string &remark)> connected;
+    // The device is what the handshake claimed; nothing of it is proved.
+    std::function<void(const DEVICE_CHANNEL_T &, const HANDSHAKE_RESULT_T &)> refused;
     // Once for each channel, with the reason in words.
     std::function<void(const ChannelPtr &, const std::string &)> closed;
 };
@@ -83,7 +87,7 @@ struct DEVICE_CHANNEL_T : std::enable_shared_from_this<DEVICE_CHANNEL_T> {
     std::string peer; // address and port
     DEVICE_KEY_T device;
     std::vector<SERVICE_T> services;
-    std::time_t connected_at = 0;
+    std::time_t connected_at = 0; // 0: its handshake was not accepted
 
     SEND_QUEUE_T outgoing{limits};
 

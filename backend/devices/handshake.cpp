@@ -1,5 +1,6 @@
 #include "backend/devices/handshake.h"
 
+#include <algorithm>
 #include <array>
 #include <optional>
 #include <stdexcept>
@@ -42,6 +43,11 @@ static std::optional<SERVICE_T> readService(const json &entry)
     return SERVICE_T{*type, *name, *ip, port->get<std::int64_t>()};
 }
 
+static void addRemark(std::string &remark, const std::string &service, const char *text)
+{
+    remark += (remark.empty() ? "service \"" : "; service \"") + service + "\" " + text;
+}
+
 // remark: what was left out, for the log.
 static bool readServices(const json &payload, std::vector<SERVICE_T> &services, std::string &remark)
 {
@@ -50,11 +56,17 @@ static bool readServices(const json &payload, std::vector<SERVICE_T> &services, 
     for (const json &entry : *list) {
         std::optional<SERVICE_T> service = readService(entry);
         if (!service) return false;
+        const bool is_second =
+            std::any_of(services.begin(), services.end(),
+                        [&](const SERVICE_T &first) { return first.name == service->name; });
         // A session names the service by these texts, and the device reads them without escapes.
-        if (isPlainText(service->type) && isPlainText(service->name) && isPlainText(service->ip)) {
+        if (is_second) {
+            addRemark(remark, service->name, "is announced twice, the first one counts");
+        } else if (isPlainText(service->type) && isPlainText(service->name) &&
+                   isPlainText(service->ip)) {
             services.push_back(std::move(*service));
         } else {
-            remark = "service \"" + service->name + "\" is left out: its texts cannot be sent back";
+            addRemark(remark, service->name, "is left out: its texts cannot be sent back");
         }
     }
     return true;

@@ -6,6 +6,13 @@
 
 namespace backend {
 
+// Of all devices and strangers together; each device has its own limit, too. A fleet that comes
+// back is to be seen.
+static constinit LINE_LIMIT_T g_refused{"refused handshakes"};
+static constinit LINE_LIMIT_T g_duplicates{"devices of one name"};
+static constinit LINE_LIMIT_T g_came{"devices that connected", 200};
+static constinit LINE_LIMIT_T g_left{"devices that disconnected", 200};
+
 static bool isDuplicate(const DEVICE_RECORD_T *record, std::int64_t now_ms)
 {
     return record != nullptr && record->duplicate_ms != 0 &&
@@ -40,7 +47,8 @@ static void noteDuplicate(DIRECTORY_T &directory, const DEVICE_KEY_T &device,
 {
     noteDeviceDuplicate(directory.records, device, wallClockMs());
     addToMetric(METRIC::DUPLICATES);
-    logLimited(directory.duplicate_lines, LOG_LEVEL::WARNING,
+    if (!lineIsAllowed(directory.lines, device, DEVICE_LINE::DUPLICATE)) return;
+    logLimited(g_duplicates, LOG_LEVEL::WARNING,
                "two devices use the name %s: the one from %s is turned away, the one from %s stays",
                device.device_name.c_str(), newer.c_str(), older.c_str());
     auditRecord(AUDIT_EVENT::DEVICE_DUPLICATE, {{"product", device.product_key},
@@ -98,20 +106,74 @@ void checkDevice(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &channel, const 
                    });
 }
 
-void deviceConnected(DIRECTORY_T &directory, const ChannelPtr &channel)
+void deviceRefused(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &channel,
+                   const HANDSHAKE_RESULT_T &result)
+{
+    const DEVICE_KEY_T &device = result.device;
+    if (directory.registry.contains(device) &&
+        !lineIsAllowed(directory.lines, device, DEVICE_LINE::REFUSAL))
+        return;
+    if (result.code != HANDSHAKE_DUPLICATE) // has a line of its own
+        logLimited(g_refused, LOG_LEVEL::WARNING,
+                   "handshake of device \"%s\" from %s refused: code %d, %s",
+                   device.device_name.c_str(), channel.peer.c_str(), result.code,
+                   result.detail.c_str());
+    auditRecord(AUDIT_EVENT::HANDSHAKE_REFUSED, {{"product", device.product_key},
+                                                 {"device", device.device_name},
+                                                 {"from", channel.peer},
+                                                 {"reason", result.detail}});
+}
+
+static std::string serviceNames(const DEVICE_CHANNEL_T &channel)
+{
+    std::string names;
+    for (const SERVICE_T &service : channel.services) {
+        if (!names.empty()) names += ", ";
+        names += service.name;
+    }
+    return names.empty() ? "none" : names;
+}
+
+static void tellConnected(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &channel,
+                          const std::string &remark)
+{
+    if (!lineIsAllowed(directory.lines, channel.device, DEVICE_LINE::VISIT)) return;
+    logLimited(g_came, LOG_LEVEL::INFO, "device %s connected, services: %s%s%s",
+               channel.device.device_name.c_str(), serviceNames(channel).c_str(),
+               remark.empty() ? "" : "; ", remark.c_str());
+    auditRecord(AUDIT_EVENT::DEVICE_CONNECTED, {{"product", channel.device.product_key},
+                                                {"device", channel.device.device_name},
+                                                {"from", channel.peer}});
+}
+
+// newer: the channel that has replaced it, or null.
+static void tellDisconnected(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &channel,
+                             const DEVICE_CHANNEL_T *newer, const std::string &reason)
+{
+    if (!lineIsAllowed(directory.lines, channel.device, DEVICE_LINE::VISIT)) return;
+    logLimited(g_left, LOG_LEVEL::INFO, "device %s (%s) disconnected: %s",
+               channel.device.device_name.c_str(), channel.peer.c_str(), reason.c_str());
+    AuditMembers members{{"product", channel.device.product_key},
+                         {"device", channel.device.device_name}};
+    if (newer != nullptr) {
+        members.emplace_back("from", newer->peer);
+        members.emplace_back("other", channel.peer);
+        auditRecord(AUDIT_EVENT::DEVICE_REPLACED, members);
+    } else {
+        members.emplace_back("from", channel.peer);
+        members.emplace_back("reason", reason);
+        auditRecord(AUDIT_EVENT::DEVICE_DISCONNECTED, members);
+    }
+}
+
+void deviceConnected(DIRECTORY_T &directory, const ChannelPtr &channel, const std::string &remark)
 {
     const ChannelPtr older = std::exchange(directory.connected[channel->device], channel);
     noteDeviceCame(directory.records, channel->device, addressOf(channel->peer), wallClockMs());
     setMetric(METRIC::DEVICES_CONNECTED, directory.connected.size());
-    auditRecord(AUDIT_EVENT::DEVICE_CONNECTED, {{"product", channel->device.product_key},
-                                                {"device", channel->device.device_name},
-                                                {"from", channel->peer}});
+    tellConnected(directory, *channel, remark);
     if (!older) return;
     noteDeviceReplaced(directory.records, channel->device, wallClockMs());
-    auditRecord(AUDIT_EVENT::DEVICE_REPLACED, {{"product", channel->device.product_key},
-                                               {"device", channel->device.device_name},
-                                               {"from", channel->peer},
-                                               {"other", older->peer}});
     directory.displaced[channel->device] = std::chrono::steady_clock::now();
     // Its sessions are void: identifiers may come a second time from a device that has started
     // again.
@@ -120,15 +182,13 @@ void deviceConnected(DIRECTORY_T &directory, const ChannelPtr &channel)
 
 void deviceGone(DIRECTORY_T &directory, const ChannelPtr &channel, const std::string &reason)
 {
-    const auto found = directory.connected.find(channel->device);
-    if (found == directory.connected.end() || found->second != channel) return;
-    directory.connected.erase(found);
+    if (channel->connected_at == 0) return; // claimed the name only
+    const ChannelPtr current = findChannel(directory, channel->device);
+    if (current != channel) return tellDisconnected(directory, *channel, current.get(), reason);
+    directory.connected.erase(channel->device);
     noteDeviceLeft(directory.records, channel->device, reason, wallClockMs());
     setMetric(METRIC::DEVICES_CONNECTED, directory.connected.size());
-    auditRecord(AUDIT_EVENT::DEVICE_DISCONNECTED, {{"product", channel->device.product_key},
-                                                   {"device", channel->device.device_name},
-                                                   {"from", channel->peer},
-                                                   {"reason", reason}});
+    tellDisconnected(directory, *channel, nullptr, reason);
 }
 
 void replaceRegistry(DIRECTORY_T &directory, DEVICE_REGISTRY_T registry)
@@ -148,6 +208,7 @@ void closeDirectory(DIRECTORY_T &directory, const std::string &reason)
 {
     for (const auto &[key, channel] : std::map(directory.connected))
         closeDeviceChannel(*channel, CLOSE_GOING_AWAY, reason);
+    tellAllLeftOut(directory.lines);
 }
 
 } // namespace backend

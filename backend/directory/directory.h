@@ -13,6 +13,7 @@
 #include "backend/devices/device_channel.h"
 #include "backend/devices/device_registry.h"
 #include "backend/devices/used_signatures.h"
+#include "backend/directory/device_lines.h"
 #include "backend/store/device_records.h"
 
 #include <chrono>
@@ -33,7 +34,7 @@ struct DIRECTORY_T {
     USED_SIGNATURES_T signatures;
     std::map<DEVICE_KEY_T, ChannelPtr> connected;
     std::map<DEVICE_KEY_T, std::chrono::steady_clock::time_point> displaced; // lately
-    LINE_LIMIT_T duplicate_lines{"devices of one name"};
+    DEVICE_LINES_T lines;
 };
 
 // What an operator is shown of a device.
@@ -55,7 +56,9 @@ ChannelPtr findChannel(const DIRECTORY_T &directory, const DEVICE_KEY_T &device)
 // used one, where there is a store; a replay is refused before anything else happens for it.
 void checkDevice(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &channel, const MESSAGE_T &message,
                  HandshakeAnswer answered);
-void deviceConnected(DIRECTORY_T &directory, const ChannelPtr &channel);
+void deviceRefused(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &channel,
+                   const HANDSHAKE_RESULT_T &result);
+void deviceConnected(DIRECTORY_T &directory, const ChannelPtr &channel, const std::string &remark);
 void deviceGone(DIRECTORY_T &directory, const ChannelPtr &channel, const std::string &reason);
 
 // For the handshakes from now on. A device whose entry is gone, or has another secret, is cut off:

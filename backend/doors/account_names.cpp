@@ -79,7 +79,7 @@ static void answerQuestions(const std::shared_ptr<QUEUE_T> &queue)
             std::string name = askSystem(uid);
             lock.lock();
             if (queue->answer) queue->answer(uid, std::move(name));
-        } catch (const std::bad_alloc &) { // the number stands for the name
+        } catch (const std::bad_alloc &) { // the number is taken after NAME_WAIT
         }
     }
 }

@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <optional>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -26,6 +27,7 @@ using nlohmann::json;
 using local = asio::local::stream_protocol;
 
 constexpr std::size_t CONNECTIONS_MAX = 4096;
+constexpr std::size_t ACCOUNT_MAX = CONNECTIONS_MAX / 4; // one cannot keep the others out
 constexpr auto REQUEST_TIME = std::chrono::seconds(5);
 constexpr auto TOOL_GRACE = std::chrono::seconds(2);
 
@@ -44,14 +46,17 @@ struct CONTROL_T {
     asio::steady_timer pause;
     std::shared_ptr<ACCOUNT_NAMES_T> names;
     std::size_t connections = 0;
+    std::map<uid_t, std::size_t> per_account; // connections
 };
 
 using ControlPtr = std::shared_ptr<CONTROL_T>;
 
 struct CONTROL_LINK_T {
-    CONTROL_LINK_T(ControlPtr of, local::socket from)
-        : control(std::move(of)), socket(std::move(from)), timer(control->io)
+    CONTROL_LINK_T(ControlPtr of, local::socket from, const ucred &peer)
+        : control(std::move(of)), socket(std::move(from)), timer(control->io), uid(peer.uid),
+          process(peer.pid)
     {
+        control->per_account[uid]++;
         control->connections++;
     }
     CONTROL_LINK_T(const CONTROL_LINK_T &) = delete;
@@ -59,6 +64,7 @@ struct CONTROL_LINK_T {
     ~CONTROL_LINK_T()
     {
         control->connections--;
+        if (--control->per_account[uid] == 0) control->per_account.erase(uid);
         if (passed_fd < 0) return;
         const linger reset{1, 0}; // no session came of it
         (void)setsockopt(passed_fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
@@ -74,8 +80,9 @@ struct CONTROL_LINK_T {
     bool write_active = false;
     bool is_done = false; // closed once everything is written
     int passed_fd = -1;
-    std::string account; // empty until it is known
-    pid_t process = 0;
+    uid_t uid;
+    pid_t process;
+    std::string account;              // empty until it is known
     bool is_whole = false;            // the request has come
     std::weak_ptr<SESSION_T> session; // of "connect"
 };
@@ -243,15 +250,17 @@ static void takeOperator(const ControlPtr &control, local::socket socket)
 {
     if (control->connections >= CONNECTIONS_MAX)
         throw std::runtime_error("too many operators' tools");
-    const auto link = std::make_shared<CONTROL_LINK_T>(control, std::move(socket));
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    if (getsockopt(socket.native_handle(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
+        throw std::system_error(errno, std::generic_category());
+    const auto link = std::make_shared<CONTROL_LINK_T>(control, std::move(socket), peer);
+    if (control->per_account[peer.uid] > ACCOUNT_MAX)
+        return refuse(link, "this account has too many connections to the back end, at most " +
+                                std::to_string(ACCOUNT_MAX));
     link->request.reserve(REQUEST_MAX);
     closeAfter(link, REQUEST_TIME);
     readRequest(link);
-    ucred peer{};
-    socklen_t size = sizeof peer;
-    if (getsockopt(link->socket.native_handle(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
-        throw std::system_error(errno, std::generic_category());
-    link->process = peer.pid;
     lookUpAccount(control->names, peer.uid, [link](const std::string &name) {
         link->account = name;
         handleRequest(link);

@@ -2,6 +2,7 @@
 // write to its file may use every device, so the file's permissions protect it. Each connection
 // carries one request, a JSON object on one line of at most REQUEST_MAX bytes, and then the
 // answers, one JSON object per line; operations.h describes them.
+// One account has a quarter of all connections at most, so that it cannot keep others out.
 // A request has 5 s to come, and its last answer LIMITS_T::answer_time to be taken.
 // "connect" comes with a connected stream socket with its first byte (unix(7), SCM_RIGHTS): its
 // other end is the session's client. The session is cut off two seconds after its connection here

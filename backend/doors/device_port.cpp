@@ -19,9 +19,12 @@ static void takeDevice(const std::shared_ptr<DEVICE_PORT_T> &port, tcp::socket s
                           HandshakeAnswer answered) {
         checkDevice(held->directory, channel, message, std::move(answered));
     };
-    events.connected = [held](const ChannelPtr &channel) {
+    events.connected = [held](const ChannelPtr &channel, const std::string &remark) {
         held->unauthenticated.erase(channel);
-        deviceConnected(held->directory, channel);
+        deviceConnected(held->directory, channel, remark);
+    };
+    events.refused = [held](const DEVICE_CHANNEL_T &channel, const HANDSHAKE_RESULT_T &result) {
+        deviceRefused(held->directory, channel, result);
     };
     events.closed = [held](const ChannelPtr &channel, const std::string &reason) {
         held->unauthenticated.erase(channel);

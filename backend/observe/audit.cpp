@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <list>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -320,7 +321,7 @@ void reopenAudit()
         throw std::runtime_error(path + ": has lines of others, the audit stays in its old file");
     AuditFd fd = openFile(path);
     noteFile(*g_audit, fd.get());
-    std::vector<std::string> first_lines{
+    std::list<std::string> first_lines{
         auditMembersText(AUDIT_EVENT::CONTINUED, {{"open", std::uint64_t{g_audit->open.size()}}})};
     for (const auto &[id, open] : g_audit->open)
         first_lines.push_back(auditMembersText(AUDIT_EVENT::SESSION_OPEN, openMembers(open)));

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
+#include <new>
 #include <poll.h>
 #include <sys/stat.h>
 #include <thread>
@@ -26,17 +27,29 @@ constexpr std::size_t LINE_COST = 320; // of a line beside its members: chain an
 constexpr auto RETRY_TIME = std::chrono::seconds(1);
 constexpr auto SYNC_TIME = std::chrono::seconds(1);  // for lines that nobody waits for
 constexpr auto STALL_TIME = std::chrono::seconds(2); // then the file counts as failing
+constexpr auto MEMORY_PAUSE = std::chrono::milliseconds(100);
 constexpr int POLL_TIME_MS = 250;
 
 struct NEXT_FILE_T {
     AuditFd fd;
-    std::vector<std::string> first_lines;
+    std::list<std::string> first_lines;
 };
 
 struct ENTRY_T {
     std::string members;
     AuditDone done;
     std::unique_ptr<NEXT_FILE_T> next_file; // then the rest is unused
+};
+
+// The lines that are being written. They stay here until they are, also when memory runs out.
+struct BATCH_T {
+    std::list<std::string> members;
+    std::size_t cost = 0;
+    bool is_closed = false; // the rest holds the lines
+    std::string text;
+    std::size_t written = 0;
+    std::deque<std::size_t> ends;     // of each line in the text
+    std::deque<AUDIT_CHAIN_T> before; // the chain in front of each line
 };
 
 struct AUDIT_WRITER_T {
@@ -46,6 +59,7 @@ struct AUDIT_WRITER_T {
     AUDIT_CHAIN_T chain;
     bool lacks_newline = false;
     bool is_dirty = false; // something is written and not synced
+    BATCH_T batch;
     Clock::time_point dirty_since;
     std::function<void(AUDIT_WRITER_T &)> tick;
 
@@ -54,9 +68,10 @@ struct AUDIT_WRITER_T {
     std::condition_variable ended;
     std::function<void(std::function<void()>)> post;
     std::deque<ENTRY_T> queue;
-    std::size_t queue_bytes = 0;      // with what is under way
-    std::vector<AuditDone> under_way; // who waits for the lines that are being written
-    Clock::time_point progressed_at;  // when the queue got its first line, or something was written
+    std::size_t queue_bytes = 0;         // with what is under way
+    std::vector<AuditDone> under_way;    // who waits for the lines that are being written
+    std::vector<AuditDone> disappointed; // who is still to be told that theirs is not written
+    Clock::time_point progressed_at; // when the queue got its first line, or something was written
     bool is_failing = false;
     bool is_stopping = false;
     bool is_given_up = false;
@@ -82,30 +97,52 @@ static std::size_t costOf(const std::string &members)
 
 // ---- callbacks
 
-static void postDone(AUDIT_WRITER_T &writer, std::vector<AuditDone> waiting, bool is_recorded)
+// Empties `waiting`, unless it throws.
+static void postDone(AUDIT_WRITER_T &writer, std::vector<AuditDone> &waiting, bool is_recorded)
 {
     if (waiting.empty() || !writer.post) return;
-    writer.post([waiting = std::move(waiting), is_recorded] {
-        for (const AuditDone &done : waiting)
-            done(is_recorded);
-    });
+    const auto posted = std::make_shared<std::vector<AuditDone>>();
+    posted->swap(waiting);
+    try {
+        writer.post([posted, is_recorded] {
+            for (const AuditDone &done : *posted)
+                done(is_recorded);
+        });
+    } catch (...) {
+        posted->swap(waiting);
+        throw;
+    }
+}
+
+// Moved only once there is room for it.
+static void moveDone(AuditDone &from, std::vector<AuditDone> &to)
+{
+    if (!from) return;
+    to.push_back(std::move(from));
+    from = nullptr;
 }
 
 // Nobody waits for a disk that is full.
 static void disappointWaiting(AUDIT_WRITER_T &writer)
 {
-    std::vector<AuditDone> waiting = std::exchange(writer.under_way, {});
+    for (AuditDone &done : writer.under_way)
+        moveDone(done, writer.disappointed);
+    writer.under_way.clear();
     for (ENTRY_T &entry : writer.queue)
-        if (entry.done) waiting.push_back(std::exchange(entry.done, nullptr));
-    postDone(writer, std::move(waiting), false);
+        moveDone(entry.done, writer.disappointed);
+    postDone(writer, writer.disappointed, false);
 }
 
 static void noteFailure(AUDIT_WRITER_T &writer, const char *reason)
 {
     {
         const std::lock_guard guard(writer.lock);
-        disappointWaiting(writer);
-        if (std::exchange(writer.is_failing, true)) return;
+        const bool was_failing = std::exchange(writer.is_failing, true);
+        try {
+            disappointWaiting(writer);
+        } catch (const std::bad_alloc &) { // the next attempt tells them
+        }
+        if (was_failing) return;
     }
     setMetric(METRIC::AUDIT_FAILING, 1);
     logError("the audit cannot be written: %s; no session may begin until it can", reason);
@@ -189,26 +226,23 @@ static bool syncFile(AUDIT_WRITER_T &writer)
     return false;
 }
 
-struct BATCH_T {
-    std::deque<std::string> members;
-    std::string text;
-    std::size_t written = 0;
-    std::deque<std::size_t> ends;     // of each line in the text
-    std::deque<AUDIT_CHAIN_T> before; // the chain in front of each line
-};
-
 static void closeLines(AUDIT_WRITER_T &writer, BATCH_T &batch)
 {
+    batch.is_closed = false;
     batch.text.clear();
     batch.written = 0;
     batch.ends.clear();
     batch.before.clear();
-    if (std::exchange(writer.lacks_newline, false)) batch.text += '\n';
+    if (writer.lacks_newline) batch.text += '\n';
+    AUDIT_CHAIN_T chain = writer.chain;
     for (const std::string &members : batch.members) {
-        batch.before.push_back(writer.chain);
-        batch.text += closeAuditLine(writer.chain, members);
+        batch.before.push_back(chain);
+        batch.text += closeAuditLine(chain, members);
         batch.ends.push_back(batch.text.size());
     }
+    writer.chain = std::move(chain); // once nothing can throw any more
+    writer.lacks_newline = false;
+    batch.is_closed = true;
 }
 
 // The lines that are in the file whole stay there. What is there of the next one is cut off, and
@@ -238,13 +272,14 @@ static void useNextFile(AUDIT_WRITER_T &writer, BATCH_T &batch, NEXT_FILE_T next
     writer.lacks_newline = false;
     logInfo("the audit goes on in a new file after line %llu, hash %s",
             static_cast<unsigned long long>(writer.chain.seq), writer.chain.hash.c_str());
-    batch.members.insert(batch.members.begin(), next.first_lines.begin(), next.first_lines.end());
+    batch.members.splice(batch.members.begin(), next.first_lines);
+    batch.is_closed = false;
 }
 
 // False when the writer was given up meanwhile.
 static bool writeBatch(AUDIT_WRITER_T &writer, BATCH_T &batch, bool is_awaited)
 {
-    closeLines(writer, batch);
+    if (!batch.is_closed) closeLines(writer, batch);
     bool is_synced = false;
     while (batch.written < batch.text.size() || !is_synced) {
         bool is_good = true;
@@ -269,33 +304,40 @@ static bool writeBatch(AUDIT_WRITER_T &writer, BATCH_T &batch, bool is_awaited)
     return true;
 }
 
-static std::size_t takeEntries(AUDIT_WRITER_T &writer, BATCH_T &batch)
+static void takeEntries(AUDIT_WRITER_T &writer, BATCH_T &batch)
 {
-    std::size_t cost = 0;
-    while (!writer.queue.empty() && !writer.queue.front().next_file && cost < BATCH_MAX) {
+    while (!writer.queue.empty() && !writer.queue.front().next_file && batch.cost < BATCH_MAX) {
         ENTRY_T &entry = writer.queue.front();
-        cost += costOf(entry.members);
-        batch.members.push_back(std::move(entry.members));
-        if (entry.done) writer.under_way.push_back(std::move(entry.done));
+        std::list<std::string> line(1);
+        moveDone(entry.done, writer.under_way);
+        batch.cost += costOf(entry.members); // nothing throws from here on
+        line.front() = std::move(entry.members);
+        batch.members.splice(batch.members.end(), line);
         writer.queue.pop_front();
     }
-    return cost;
 }
 
-static void noteWritten(AUDIT_WRITER_T &writer, std::size_t lines, std::size_t cost)
+static void noteWritten(AUDIT_WRITER_T &writer, BATCH_T &batch)
 {
-    addToMetric(METRIC::AUDIT_LINES, lines);
+    addToMetric(METRIC::AUDIT_LINES, batch.members.size());
+    const std::size_t cost = std::exchange(batch.cost, 0);
+    batch.members.clear();
+    batch.is_closed = false;
+    std::string().swap(batch.text);
     const std::lock_guard guard(writer.lock);
-    postDone(writer, std::exchange(writer.under_way, {}), true);
     writer.queue_bytes -= cost;
     writer.progressed_at = Clock::now();
     setMetric(METRIC::AUDIT_QUEUE_BYTES, writer.queue_bytes);
+    postDone(writer, writer.under_way, true);
 }
 
 // Lines that nobody waits for are synced some time later, and at the end.
 static bool syncLate(AUDIT_WRITER_T &writer, bool is_last)
 {
-    if (!writer.is_dirty) return true;
+    if (!writer.is_dirty) {
+        noteSuccess(writer); // nothing is left of what failed
+        return true;
+    }
     if (!is_last && Clock::now() - writer.dirty_since < SYNC_TIME) return true;
     while (!syncFile(writer)) {
         if (!waitForRetry(writer)) return false;
@@ -306,38 +348,51 @@ static bool syncLate(AUDIT_WRITER_T &writer, bool is_last)
 
 static bool runOnce(AUDIT_WRITER_T &writer)
 {
-    BATCH_T batch;
-    std::size_t cost = 0;
+    BATCH_T &batch = writer.batch;
     bool is_awaited = false;
     bool is_last = false;
     {
         std::unique_lock guard(writer.lock);
-        writer.wake.wait_for(guard, SYNC_TIME,
-                             [&] { return writer.is_stopping || !writer.queue.empty(); });
+        writer.wake.wait_for(guard, SYNC_TIME, [&] {
+            return writer.is_stopping || !writer.queue.empty() || !batch.members.empty();
+        });
         if (writer.is_given_up) return false;
-        cost = takeEntries(writer, batch);
+        postDone(writer, writer.disappointed, false);
+        if (!batch.is_closed) takeEntries(writer, batch);
         is_awaited = !writer.under_way.empty();
-        is_last = writer.is_stopping && cost == 0 && writer.queue.empty();
+        is_last = writer.is_stopping && batch.members.empty() && writer.queue.empty();
     }
-    if (cost == 0) {
+    if (batch.members.empty()) {
         auto next = is_last ? nullptr : takeNextFile(writer);
         if (!next) return syncLate(writer, is_last) && !is_last;
         useNextFile(writer, batch, std::move(*next));
     }
-    const std::size_t lines = batch.members.size();
     if (!writeBatch(writer, batch, is_awaited)) return false;
     noteSuccess(writer);
-    noteWritten(writer, lines, cost);
+    noteWritten(writer, batch);
     return syncLate(writer, false);
+}
+
+// Memory that has run out is as a disk that fails: every step can be tried again.
+static bool tryOnce(AUDIT_WRITER_T &writer, Clock::time_point &ticked_at)
+{
+    try {
+        if (!runOnce(writer)) return false;
+        if (!writer.tick || Clock::now() - ticked_at < SYNC_TIME) return true;
+        ticked_at = Clock::now();
+        writer.tick(writer);
+        return true;
+    } catch (const std::exception &fault) {
+        noteFailure(writer, fault.what());
+        std::this_thread::sleep_for(MEMORY_PAUSE);
+        return true;
+    }
 }
 
 static void runWriter(AUDIT_WRITER_T &writer)
 {
     auto ticked_at = Clock::now();
-    while (runOnce(writer)) {
-        if (!writer.tick || Clock::now() - ticked_at < SYNC_TIME) continue;
-        ticked_at = Clock::now();
-        writer.tick(writer);
+    while (tryOnce(writer, ticked_at)) {
     }
     // Closed by now for whoever waits for the end: another may open and lock the file.
     writer.fd.reset();
@@ -394,17 +449,21 @@ bool offerAuditLine(AUDIT_WRITER_T &writer, AUDIT_ROOM room, std::string members
 {
     const std::lock_guard guard(writer.lock);
     if (writer.is_stopping || !hasRoom(writer, room)) return false;
-    if (writer.queue_bytes == 0) writer.progressed_at = Clock::now();
-    writer.queue_bytes += costOf(members);
-    setMetric(METRIC::AUDIT_QUEUE_BYTES, writer.queue_bytes);
+    const std::size_t cost = costOf(members);
     const bool is_hopeless = done && writer.is_failing;
-    if (is_hopeless) postDone(writer, {std::exchange(done, nullptr)}, false);
+    if (is_hopeless) {
+        std::vector<AuditDone> waiting{std::exchange(done, nullptr)};
+        postDone(writer, waiting, false);
+    }
     writer.queue.push_back({std::move(members), std::move(done), nullptr});
+    if (writer.queue_bytes == 0) writer.progressed_at = Clock::now();
+    writer.queue_bytes += cost;
+    setMetric(METRIC::AUDIT_QUEUE_BYTES, writer.queue_bytes);
     writer.wake.notify_one();
     return true;
 }
 
-void switchAuditFile(AUDIT_WRITER_T &writer, AuditFd fd, std::vector<std::string> first_lines)
+void switchAuditFile(AUDIT_WRITER_T &writer, AuditFd fd, std::list<std::string> first_lines)
 {
     auto next = std::make_unique<NEXT_FILE_T>();
     next->fd = std::move(fd);
@@ -421,6 +480,9 @@ void muteAuditWriter(AUDIT_WRITER_T &writer)
     std::function<void(std::function<void()>)> post;
     const std::lock_guard guard(writer.lock);
     unheard = std::exchange(writer.under_way, {});
+    for (AuditDone &done : writer.disappointed)
+        unheard.push_back(std::move(done));
+    writer.disappointed.clear();
     for (ENTRY_T &entry : writer.queue)
         if (entry.done) unheard.push_back(std::exchange(entry.done, nullptr));
     post = std::exchange(writer.post, nullptr);

@@ -12,6 +12,7 @@
 #include "backend/observe/audit_chain.h"
 
 #include <functional>
+#include <list>
 #include <memory>
 #include <string>
 #include <utility>
@@ -70,7 +71,7 @@ bool hasAuditRoom(AUDIT_WRITER_T &writer);
 
 // What was offered before goes into the old file, unless that cannot be written. The first lines of
 // the new one are the given ones.
-void switchAuditFile(AUDIT_WRITER_T &writer, AuditFd fd, std::vector<std::string> first_lines);
+void switchAuditFile(AUDIT_WRITER_T &writer, AuditFd fd, std::list<std::string> first_lines);
 
 // No callback comes after this; those that wait are destroyed by it.
 void muteAuditWriter(AUDIT_WRITER_T &writer);

@@ -27,7 +27,9 @@ struct LINE_WRITER_T {
     const int fd;
     const std::size_t queue_max;
     const std::function<void()> tick;
-    bool is_torn = false; // the thread's: the last line was written in part only
+    // The thread's.
+    std::string batch;    // its memory is taken at the start: none may be left later
+    bool is_torn = false; // the last line was written in part only
 
     std::mutex lock; // guards the rest
     std::condition_variable wake;
@@ -69,8 +71,10 @@ static void writeBatch(LINE_WRITER_T &writer, std::string_view text)
 }
 
 // Waits for lines, a second at most. False when there will be none any more.
-static bool takeBatch(LINE_WRITER_T &writer, std::string &batch)
+static bool takeBatch(LINE_WRITER_T &writer)
 {
+    std::string &batch = writer.batch;
+    batch.clear();
     std::unique_lock guard(writer.lock);
     writer.wake.wait_for(guard, TICK_TIME,
                          [&] { return writer.is_stopping || !writer.queue.empty(); });
@@ -90,15 +94,15 @@ static void runWriter(LINE_WRITER_T &writer)
 {
     for (;;) {
         if (writer.tick) writer.tick();
-        std::string batch;
-        if (!takeBatch(writer, batch)) return;
-        writeBatch(writer, batch);
+        if (!takeBatch(writer)) return;
+        writeBatch(writer, writer.batch);
     }
 }
 
 LineWriterPtr startLineWriter(int fd, std::size_t queue_max, std::function<void()> tick)
 {
     auto writer = std::make_shared<LINE_WRITER_T>(fd, queue_max, std::move(tick));
+    writer->batch.reserve(BATCH_MAX + 1);
     sigset_t all{};
     sigset_t before{};
     sigfillset(&all);

@@ -18,7 +18,7 @@ struct LINE_WRITER_T;
 using LineWriterPtr = std::shared_ptr<LINE_WRITER_T>;
 
 // tick, when given, is called by the thread before it waits for lines, and at least once a second.
-// It may call offerLine. Throws std::system_error when no thread can be had.
+// It may call offerLine, and must not throw. Throws std::system_error when no thread can be had.
 LineWriterPtr startLineWriter(int fd, std::size_t queue_max, std::function<void()> tick = nullptr);
 
 // False when there is no room for it, or the writer has been stopped.

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <ctime>
 #include <mutex>
+#include <new>
 #include <string>
 #include <unistd.h>
 #include <utility>
@@ -81,29 +82,39 @@ static std::string countLine(std::uint64_t count, const char *of_what)
            (count == 1 ? " line" : " lines") + of_what + " left out\n";
 }
 
+// Under the lock.
 static bool tellWithoutRoom()
 {
     if (g_without_room == 0) return true;
-    if (!passOn(countLine(g_without_room, " that standard error did not take in time:")))
-        return false;
+    if (!passOn(countLine(g_without_room, " that found no room or memory:"))) return false;
     g_without_room = 0;
     return true;
 }
 
 // Under the lock.
-static void putLine(const std::string &line)
+static void countLost()
 {
-    if (tellWithoutRoom() && passOn(line)) return;
     g_without_room++;
     addToMetric(METRIC::LOG_LINES_LEFT_OUT);
+}
+
+// Under the lock.
+static void putLine(const std::string &line)
+{
+    if (!tellWithoutRoom() || !passOn(line)) countLost();
 }
 
 __attribute__((format(printf, 2, 0))) static void writeLine(LOG_LEVEL level, const char *format,
                                                             va_list arguments)
 {
-    const std::string line = makeLine(level, format, arguments);
-    const std::lock_guard guard(g_lock);
-    putLine(line);
+    try {
+        const std::string line = makeLine(level, format, arguments);
+        const std::lock_guard guard(g_lock);
+        putLine(line);
+    } catch (const std::bad_alloc &) {
+        const std::lock_guard guard(g_lock);
+        countLost();
+    }
 }
 
 void logInfo(const char *format, ...)
@@ -160,7 +171,11 @@ static std::uint64_t takeLeftOut(LINE_LIMIT_T &limit)
 static void tellLeftOut(LINE_LIMIT_T &limit)
 {
     const std::uint64_t count = takeLeftOut(limit);
-    if (count > 0) putLine(countLine(count, (std::string(" about ") + limit.kind).c_str()));
+    try {
+        if (count > 0) putLine(countLine(count, (std::string(" about ") + limit.kind).c_str()));
+    } catch (const std::bad_alloc &) {
+        g_without_room += count;
+    }
 }
 
 static bool limitAllows(LINE_LIMIT_T &limit)
@@ -183,7 +198,11 @@ void logLimited(LINE_LIMIT_T &limit, LOG_LEVEL level, const char *format, ...)
     tellLeftOut(limit);
     va_list arguments;
     va_start(arguments, format);
-    putLine(makeLine(level, format, arguments));
+    try {
+        putLine(makeLine(level, format, arguments));
+    } catch (const std::bad_alloc &) {
+        countLost();
+    }
     va_end(arguments);
 }
 
@@ -211,7 +230,10 @@ static void tellQuiet()
         if (limit->second != second) tellLeftOut(*limit);
         limit = behind;
     }
-    (void)tellWithoutRoom();
+    try {
+        (void)tellWithoutRoom();
+    } catch (const std::bad_alloc &) { // the next time
+    }
 }
 
 void startLog()

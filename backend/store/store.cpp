@@ -245,11 +245,17 @@ static bool takeBatch(STORE_T &store, std::vector<WAITING_WRITE_T> &batch, LateW
     return true;
 }
 
-static void keepLate(STORE_T &store, LateWrites &late)
+static bool tryKeepLate(STORE_T &store, LateWrites &late)
 {
     const std::lock_guard guard(store.mutex);
-    if (store.is_closing) return; // it was the last attempt
-    store.late.merge(late);       // newer ones win
+    if (store.is_closing) return true; // it was the last attempt
+    try {
+        store.late.reserve(store.late.size() + late.size());
+    } catch (const std::bad_alloc &) {
+        return false;
+    }
+    store.late.merge(late); // newer ones win
+    return true;
 }
 
 static BatchPtr makeBatch()
@@ -270,8 +276,9 @@ static void serve(STORE_T &store)
         LateWrites late;
         if (!takeBatch(store, *batch, late)) return;
         const bool is_durable = tryCommit(store, *batch, late);
-        if (!is_durable) keepLate(store, late);
         answer(store, batch, is_durable);
+        while (!is_durable && !tryKeepLate(store, late))
+            std::this_thread::sleep_for(MEMORY_PAUSE);
     }
 }
 

@@ -4,6 +4,8 @@ import hashlib
 import hmac
 import json
 import re
+import resource
+import socket
 import sqlite3
 import stat
 import subprocess
@@ -15,7 +17,7 @@ import websockets
 from harness.cloud import HANDSHAKE_ID
 from harness.processes import ProcessGroup
 from harness.sandbox import BIN
-from harness.waiting import SCALE, run
+from harness.waiting import SCALE, poll, run
 
 REFUSED = {"code": 401, "message": "unknown device or wrong signature"}
 ACCEPTED = {"code": 0, "message": "accepted"}
@@ -38,7 +40,7 @@ class Program:
 
     def __init__(self, folder):
         self.store, self.group, self.starts = folder / "store.db", ProcessGroup(folder), 0
-        self.devices = folder / "devices"
+        self.devices, self.control = folder / "devices", folder / "control"
         self.devices.write_text(json.dumps({"devices": [
             {"product_key": "pk1", "device_name": "dev1", "device_secret": "secret1"}]}))
         self.start()
@@ -46,7 +48,7 @@ class Program:
     def launch(self):
         self.process = self.group.start(
             "program", BIN / "remote_access_backend", "--listen", "127.0.0.1:0", "--plain",
-            "--devices", self.devices, "--store", self.store)
+            "--devices", self.devices, "--store", self.store, "--control", self.control)
 
     def start(self):
         self.launch()
@@ -142,3 +144,54 @@ def test_a_full_disk_refuses_devices_and_is_over_by_itself(program):
     time.sleep(1)
     assert run(program.send(handshake()))[1] == ACCEPTED
     assert "can be written again" in program.group.log("program")
+
+
+def test_one_that_comes_and_goes_is_told_of_in_few_lines(program):
+    """And then the back end ends, as soon as the device that is left has been told."""
+    async def come_and_go():
+        for _ in range(40):
+            link, answer = await program.send(handshake())
+            assert answer == ACCEPTED
+            await link.close()
+        for _ in range(100):
+            assert (await program.send(handshake("dev1", "wrong")))[1] == REFUSED
+        link, answer = await program.send(handshake())
+        assert answer == ACCEPTED
+        begin = time.monotonic()
+        program.process.terminate()
+        assert await asyncio.to_thread(program.process.wait, 10 * SCALE) == 0
+        assert time.monotonic() - begin < 0.7 * SCALE
+        await link.close()
+    run(come_and_go())
+    text = program.group.log("program")
+    events = [json.loads(line) for line in text.splitlines() if line.startswith("{")]
+    for names, lines in ((("device_connected", "device_disconnected"), 82),
+                         (("handshake_refused",), 100)):
+        told = sum(event["event"] in names for event in events)
+        left_out = sum(event["count"] for event in events
+                       if event.get("of") in names and event["device"] == "dev1")
+        assert 20 <= told <= 25 and told + left_out == lines
+    assert len(re.findall(" device dev1.* (?:dis)?connected", text)) <= 25
+
+
+def test_one_account_does_not_hold_all_of_the_control_socket(program):
+    def ask():
+        with socket.socket(socket.AF_UNIX) as link:
+            link.connect(str(program.control))
+            link.sendall(b'{"do": "status"}\n')
+            return link.recv(10000)
+
+    links, most = [], resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
+    try:
+        for _ in range(1025):
+            links.append(socket.socket(socket.AF_UNIX))
+            links[-1].connect(str(program.control))
+        links[-1].settimeout(3 * SCALE)
+        assert b"too many connections" in links[-1].recv(1000)
+        links.pop(0).close()
+        links.pop().close()
+        poll(lambda: b'"metrics"' in ask(), 5, "an answer")
+    finally:
+        for link in links:
+            link.close()

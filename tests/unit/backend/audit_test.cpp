@@ -1,7 +1,10 @@
 #include "backend/observe/audit.h"
 #include "backend/observe/audit_chain.h"
+#include "backend/observe/log.h"
 #include "backend/observe/uuid.h"
 
+#include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <csignal>
 #include <deque>
@@ -9,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <new>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
@@ -23,6 +27,28 @@
 using namespace backend;
 using nlohmann::json;
 using Clock = std::chrono::steady_clock;
+
+// How many allocations of other threads than the test's are still to fail.
+static std::atomic<int> g_failing{0};
+static const std::thread::id TEST_THREAD = std::this_thread::get_id();
+
+[[gnu::noinline]] void *operator new(std::size_t size)
+{
+    const bool fails = g_failing > 0 && std::this_thread::get_id() != TEST_THREAD;
+    void *const memory = fails && g_failing-- > 0 ? nullptr : malloc(size); // NOLINT
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+
+[[gnu::noinline]] void operator delete(void *memory) noexcept
+{
+    free(memory); // NOLINT
+}
+
+[[gnu::noinline]] void operator delete(void *memory, std::size_t /*size*/) noexcept
+{
+    free(memory); // NOLINT
+}
 
 // The place of the io_context: callbacks wait until the test runs them.
 class AuditTest : public testing::Test {
@@ -326,4 +352,26 @@ TEST_F(AuditTest, FloodOfStrangersIsCounted)
     EXPECT_EQ(count["event"], "left_out");
     EXPECT_EQ(count["of"], "handshake_refused");
     EXPECT_EQ(count["count"].get<std::size_t>() + all.size() - 3, 5000U);
+}
+
+// Whatever allocation it is that fails. Nobody is told more than is so, and no line is lost.
+TEST_F(AuditTest, MemoryThatRunsOutInItsThreadIsAsADiskThatFails)
+{
+    startLog();
+    start();
+    int told = 0;
+    for (int failing = 1; failing <= 12; failing++) {
+        g_failing = failing;
+        told += begin(newUuid(), std::chrono::seconds(10)) >= 0 ? 1 : 0;
+        logInfo("a line for the log's thread");
+        while (g_failing > 0 || !auditAccepts())
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(told, 12);
+    EXPECT_EQ(begin(newUuid()), 1);
+    EXPECT_TRUE(stopAudit());
+    stopLog();
+    const auto all = events();
+    EXPECT_EQ(std::count(all.begin(), all.end(), "session_begin"), 13);
+    EXPECT_TRUE(check({text()}).empty());
 }

@@ -82,7 +82,7 @@ TEST_F(LogTest, UnreadPipeBlocksNobodyAndWhatItDidNotTakeIsCounted)
     for (int i = 0; i < 5000; i++)
         logInfo("%s", text.c_str());
     EXPECT_LT(Clock::now() - began, std::chrono::seconds(1));
-    const std::string seen = readUntil(" that standard error did not take in time: left out\n");
+    const std::string seen = readUntil(" that found no room or memory: left out\n");
     EXPECT_LT(linesOf(seen, text + "\n"), 5000U);
 
     for (int i = 0; i < 5000; i++)

@@ -206,7 +206,8 @@ static HANDSHAKE_RESULT_T checkPatched(const std::string &patch, std::int64_t he
         nlohmann::json::parse(R"({"uuid":"quorvex_iot","product_key":"pk1","device_name":"dev1",
         "version":"2.1","IP":"","MAC":"","token":"","signmethod":"hmacsha256","service_meta":[
         {"service_type":"SSH","service_name":"ssh","service_ip":"127.0.0.1","service_port":22},
-        {"service_type":"SSH","service_name":"a\"b","service_ip":"127.0.0.1","service_port":22}],
+        {"service_type":"SSH","service_name":"a\"b","service_ip":"127.0.0.1","service_port":22},
+        {"service_type":"SSH","service_name":"ssh","service_ip":"127.0.0.1","service_port":23}],
         "sign":"c7a6db3f0f11ef0ce104f068a6fe085758fdf9ecd772d0f4c2a78810e1939bd3"})");
     payload.merge_patch(nlohmann::json::parse(patch));
     const std::string text = payload.dump();
@@ -251,8 +252,13 @@ TEST(Handshake, ChecksEveryFieldSignAndClock)
         const HANDSHAKE_RESULT_T result = checkPatched(row.patch, row.header_time, row.now);
         EXPECT_EQ(result.code, row.code)
             << row.patch << row.header_time - SIGNED << " " << result.detail;
-        // Of the two services the one with a quote in its name cannot be asked for.
+        // The service with a quote in its name cannot be asked for; the third has the first's name.
         EXPECT_EQ(result.services.size(), row.code == HANDSHAKE_ACCEPTED ? 1U : 0U);
+        if (row.code == HANDSHAKE_ACCEPTED) {
+            EXPECT_EQ(result.services[0].port, 22);
+            EXPECT_EQ(result.detail, "service \"a\"b\" is left out: its texts cannot be sent back; "
+                                     "service \"ssh\" is announced twice, the first one counts");
+        }
         EXPECT_EQ(result.signed_second, row.code == HANDSHAKE_ACCEPTED ? SIGNED : 0);
     }
     EXPECT_EQ(checkPatched("{}", SIGNED, SIGNED, "other").code, HANDSHAKE_MALFORMED);

@@ -358,7 +358,8 @@ static void onMessage(const ChannelPtr &channel, std::span<const std::uint8_t> b
     const char *fault = parseMessage(bytes, message);
     switch (channel->state) {
     case CHANNEL_STATE::HANDSHAKE:
-        if (fault != nullptr) return refuseDevice(*channel, {HANDSHAKE_MALFORMED, fault, {}, {}, 0});
+        if (fault != nullptr)
+            return refuseDevice(*channel, {HANDSHAKE_MALFORMED, fault, {}, {}, 0});
         return onHandshake(channel, message);
     case CHANNEL_STATE::CONNECTED:
         if (fault != nullptr) return logFault(*channel, std::string("message dropped: ") + fault);

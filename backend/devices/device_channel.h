@@ -7,9 +7,9 @@
 // Threads    the thread of the io_context.
 // Limits     LIMITS_T. Session data to the device is bounded by not reading clients. The channel is
 //            always read: what waits for a client is bounded by the session's own limit.
-// Failure    every fault is logged here; that a device comes, is refused or goes is told by the owner
-//            of the events. A message that cannot be read is dropped, and the channel stays, as the
-//            device does it on its side.
+// Failure    every fault is logged here; that a device comes, is refused or goes is told by the
+//            owner of the events. A message that cannot be read is dropped, and the channel stays,
+//            as the device does it on its side.
 #pragma once
 
 #include "backend/devices/channel_stream.h"

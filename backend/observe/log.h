@@ -7,8 +7,8 @@
 // Threads  safe from every thread. Between startLog and stopLog a thread of the log's own writes,
 //          and no call waits for standard error; before and after, a line is one write.
 // Failure  1 MiB of lines wait at most. What finds no room is counted, and once there is room
-//          again one line says how many were left out; so it is with those that no memory is left for.
-//          A line that cannot be written is lost. Nothing throws, startLog excepted.
+//          again one line says how many were left out; so it is with those that no memory is left
+//          for. A line that cannot be written is lost. Nothing throws, startLog excepted.
 #pragma once
 
 #include <chrono>

@@ -265,7 +265,7 @@ int main(int argc, char **argv)
     (void)signal(SIGXFSZ, SIG_IGN); // and so does a file that may not grow
     prepareMemory();
     raiseDescriptorLimit();
-    CLI::App app{"Reference back end: devices connect to it, and operators reach their services "
+    CLI::App app{"The back end: devices connect to it, and operators reach their services "
                  "through it."};
     COMMAND_LINE_T line;
     SERVER_OPTIONS_T options;

@@ -330,7 +330,7 @@ static void recordDenial(const OPERATION_T &operation, const CALL_T &call,
     AuditMembers record = recordOf(call);
     record.emplace_back("do", operation.verb);
     record.emplace_back("reason", reason);
-    auditRecord(AUDIT_EVENT::DENIED, std::move(record));
+    auditRecord(AUDIT_EVENT::DENIED, record);
 }
 
 static DECISION_T parseAndDecide(OPERATIONS_T &operations, const OPERATION_T &operation,

@@ -1,0 +1,114 @@
+#include "backend/command_line.h"
+
+#include "backend/net/endpoint.h"
+#include "backend/options.h"
+
+#include <chrono>
+#include <stdexcept>
+
+#include <CLI/CLI.hpp>
+
+namespace backend {
+
+// A copy of the store needs none of the server's options.
+static void describeBackup(CLI::App &app, COMMAND_LINE_T &line)
+{
+    CLI::App *backup = app.add_subcommand("backup", "Copy the store, also while the back end runs");
+    backup->fallthrough();
+    backup->add_option("TARGET", line.backup, "File of the copy")->required();
+    backup->add_flag("--force", line.is_forced, "Replace an existing file");
+    backup->preparse_callback([&app](std::size_t) {
+        for (CLI::Option *option : app.get_options())
+            option->required(false);
+    });
+}
+
+static void describeLimits(CLI::App &app, COMMAND_LINE_T &line)
+{
+    app.add_option(
+           "--linger", line.linger_s,
+           "Seconds without data after which a session ends once its client has ended sending")
+        ->type_name("SECONDS")
+        ->capture_default_str()
+        ->check(CLI::Range(0.0, 86400.0));
+    app.add_option("--session-backlog", line.session_backlog_mib,
+                   "MiB from a device that may wait for a client; a session with more is cut off")
+        ->type_name("MIB")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 1024));
+    app.add_option("--all-backlogs", line.all_backlogs_mib,
+                   "MiB that may wait for all clients; above it the session with most is cut off")
+        ->type_name("MIB")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 65536));
+}
+
+static void describeServer(CLI::App &app, COMMAND_LINE_T &line)
+{
+    app.add_option("--listen", line.listen, "Address and port for devices; port 0: a free one")
+        ->type_name("ADDRESS:PORT")
+        ->required();
+    app.add_option("--devices", line.devices, "List of the devices that may connect (JSON)")
+        ->type_name("FILE")
+        ->required();
+    auto *cert =
+        app.add_option("--cert", line.cert, "Certificate of the back end with its chain, PEM")
+            ->type_name("FILE");
+    auto *key =
+        app.add_option("--key", line.key, "Private key of the certificate, PEM")->type_name("FILE");
+    app.add_flag("--plain", line.is_plain, "Do not use TLS; for tests on one machine only")
+        ->excludes(cert)
+        ->excludes(key);
+    cert->needs(key);
+    key->needs(cert);
+    app.add_option("--forward", line.forwards,
+                   "Forward LOCAL_PORT (or ADDRESS:PORT) to a service of a device; may be given "
+                   "several times")
+        ->type_name("LOCAL_PORT=DEVICE/SERVICE_NAME")
+        ->allow_extra_args(false)
+        ->take_all();
+    app.add_option(
+           "--control", line.control,
+           "Socket for the operators' tool; everyone who may write to it can reach every device")
+        ->type_name("PATH");
+    app.add_option("--store", line.store,
+                   "File for what the back end learns while it runs; made where there is none")
+        ->type_name("FILE");
+    app.add_option("--audit", line.audit,
+                   "File for the audit, one line of JSON for each event; -: standard output, "
+                   "which cannot be read back after a crash")
+        ->type_name("FILE")
+        ->capture_default_str();
+    app.set_config(
+           "--config", "",
+           "File with these options, one \"name=value\" per line (TOML or INI); options on the "
+           "command line take precedence")
+        ->type_name("FILE");
+    app.allow_config_extras(CLI::config_extras_mode::error); // an unknown option is an error
+    app.set_version_flag("--version", "remote_access_backend " RA_VERSION);
+}
+
+void describeCommandLine(CLI::App &app, COMMAND_LINE_T &line)
+{
+    describeServer(app, line);
+    describeLimits(app, line);
+    describeBackup(app, line);
+}
+
+SERVER_OPTIONS_T readOptions(const COMMAND_LINE_T &line)
+{
+    SERVER_OPTIONS_T options;
+    options.listen = parseEndpoint(line.listen);
+    for (const std::string &text : line.forwards)
+        options.forwards.push_back(parseForward(text));
+    if (!line.is_plain && line.cert.empty())
+        throw std::invalid_argument("either --cert and --key or --plain is required");
+    options.control = line.control;
+    options.store = line.store;
+    options.limits.session_buffer = line.session_backlog_mib << 20;
+    options.limits.all_buffers = line.all_backlogs_mib << 20;
+    options.limits.linger_time = std::chrono::milliseconds(static_cast<long>(line.linger_s * 1000));
+    return options;
+}
+
+} // namespace backend

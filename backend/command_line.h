@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+// NOLINTNEXTLINE(readability-identifier-naming): as the library names it
 namespace CLI {
 class App;
 }

@@ -80,12 +80,7 @@ void runHandlers(boost::asio::io_context &io)
             io.run();
             return;
         } catch (const std::exception &fault) {
-            try {
-                logLimited(g_failed_handlers, LOG_LEVEL::WARNING, "a handler failed: %s",
-                           fault.what());
-            } catch (const std::exception &) { // no memory for the line either
-                continue;
-            }
+            logLimited(g_failed_handlers, LOG_LEVEL::WARNING, "a handler failed: %s", fault.what());
         }
     }
 }

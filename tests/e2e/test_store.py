@@ -64,6 +64,12 @@ class Program:
         answer = await asyncio.wait_for(link.recv(), 5 * SCALE)
         return link, json.loads(answer.partition(b"\r\n\r\n")[2])
 
+    def ask(self, what):
+        with socket.socket(socket.AF_UNIX) as link:
+            link.connect(str(self.control))
+            link.sendall(json.dumps({"do": what}).encode() + b"\n")
+            return link.recv(10000)
+
     def back_up(self, *arguments):
         return subprocess.run(
             [BIN / "remote_access_backend", "backup", "--store", self.store, *arguments],
@@ -89,6 +95,7 @@ def test_a_signature_counts_once(program):
         await asyncio.sleep(begin + 3 - time.monotonic())
         assert (await program.send(first))[1] == REFUSED
         assert not true.closed  # nothing of the true device was touched
+        program.group.wait_for_line("program", "401, signature used before", 2)
         program.process.kill()
         program.process.wait()
         program.start()
@@ -97,6 +104,8 @@ def test_a_signature_counts_once(program):
             link = await websockets.connect(f"ws://127.0.0.1:{program.port}/")
             await link.send(handshake())
             link.transport.abort()
+        while b'"connected":true' in program.ask("devices"):
+            await asyncio.sleep(0.01)
         again = handshake()
         for _ in range(2):  # a device that is back within the second that it signed
             link, answer = await program.send(again)
@@ -175,12 +184,6 @@ def test_one_that_comes_and_goes_is_told_of_in_few_lines(program):
 
 
 def test_one_account_does_not_hold_all_of_the_control_socket(program):
-    def ask():
-        with socket.socket(socket.AF_UNIX) as link:
-            link.connect(str(program.control))
-            link.sendall(b'{"do": "status"}\n')
-            return link.recv(10000)
-
     links, most = [], resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
     try:
@@ -191,7 +194,7 @@ def test_one_account_does_not_hold_all_of_the_control_socket(program):
         assert b"too many connections" in links[-1].recv(1000)
         links.pop(0).close()
         links.pop().close()
-        poll(lambda: b'"metrics"' in ask(), 5, "an answer")
+        poll(lambda: b'"metrics"' in program.ask("status"), 5, "an answer")
     finally:
         for link in links:
             link.close()

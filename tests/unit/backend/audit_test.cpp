@@ -364,7 +364,11 @@ TEST_F(AuditTest, MemoryThatRunsOutInItsThreadIsAsADiskThatFails)
         g_failing = failing;
         told += begin(newUuid(), std::chrono::seconds(10)) >= 0 ? 1 : 0;
         logInfo("a line for the log's thread");
-        while (g_failing > 0 || !auditAccepts())
+        const auto is_written = [&] {
+            const auto all = events();
+            return std::count(all.begin(), all.end(), "session_begin") == failing;
+        };
+        while (!is_written() || !auditAccepts())
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     EXPECT_EQ(told, 12);

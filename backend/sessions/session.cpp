@@ -116,11 +116,12 @@ void endSession(const SessionPtr &session, const std::string &reason, bool is_or
 
 static void armSessionTimer(const SessionPtr &session);
 
-// A device may be busy with the requests before this one, but then it answers a ping.
+// A device may be busy with the requests before this one, but then it answers those.
 static void answerIsLate(const SessionPtr &session)
 {
     DEVICE_CHANNEL_T &channel = *session->channel;
-    if (isSilent(channel)) {
+    askForLife(channel); // and have it watched
+    if (silenceOf(channel) >= session->limits.answering_time) {
         const auto silence = std::chrono::duration_cast<std::chrono::seconds>(silenceOf(channel));
         return endSession(session,
                           session->device.device_name + " is not answering (last heard " +
@@ -129,7 +130,6 @@ static void answerIsLate(const SessionPtr &session)
     }
     if (std::chrono::steady_clock::now() - session->requested >= session->limits.open_time)
         return endSession(session, "the device did not answer", false);
-    askForLife(channel);
     armSessionTimer(session);
 }
 

@@ -13,6 +13,7 @@ import ssl
 import stat
 import subprocess
 import tempfile
+import time
 
 import pytest
 
@@ -71,6 +72,11 @@ class Tunnel:
                               text=True, timeout=60 * SCALE, check=False, **options)
         return done.returncode, done.stdout + done.stderr
 
+    @property
+    def by_name(self):
+        tool = f"{BIN}/remote-access --control {self.home}/control"
+        return ("ssh", "-o", f"ProxyCommand={tool} connect %h/ssh_localhost", "operator@dev1")
+
     def audit(self):
         return [json.loads(line) for line in (self.home / "audit").read_text().splitlines()]
 
@@ -124,10 +130,8 @@ def test_curl(tunnel, count):
 
 
 def test_operator_logs_in_by_the_devices_name(tunnel):
-    tool = f"{BIN}/remote-access --control {tunnel.home}/control"
-    proxy = f"ProxyCommand={tool} connect %h/ssh_localhost"
     count = len(tunnel.audit())
-    assert tunnel.login("ssh", "-o", proxy, "operator@dev1", "seq 20000").split()[-1] == b"20000"
+    assert tunnel.login(*tunnel.by_name, "seq 20000").split()[-1] == b"20000"
     line = tunnel.audited("session_end", count)
     assert line["who"] == pwd.getpwuid(os.getuid()).pw_name
     assert line["from"].startswith("process ")
@@ -269,6 +273,19 @@ def test_operator_is_told_what_is_wrong(tunnel, command, status, text):
     events = {"dev1/nothing": "session_refused", "dev2/ssh": "denied"}
     if command[0] == "connect" and status == 1:
         assert tunnel.audited(events[command[1]], count)["reason"] == text
+
+
+def test_frozen_daemon_is_named(tunnel):
+    daemon = tunnel.gateway.daemon.pid
+    os.kill(daemon, signal.SIGSTOP)
+    try:
+        start = time.monotonic()
+        status, text = tunnel.operate("connect", "dev1/ssh_localhost")
+        assert status == 1 and "dev1 is not answering (last heard 1" in text
+        assert 9 < time.monotonic() - start < 12 * SCALE
+    finally:
+        os.kill(daemon, signal.SIGCONT)
+    assert tunnel.login(*tunnel.by_name, "echo back").split() == [b"back"]
 
 
 def test_operator_without_a_back_end(tunnel):

@@ -397,6 +397,9 @@ TEST_F(Loopback, FrozenDeviceIsNamedAndThenClosed)
         });
         return seen.get_future().get();
     };
+    const auto deadline = std::chrono::steady_clock::now() + 1s; // before it is closed
+    while (!silent() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(1ms);
     EXPECT_TRUE(silent());
     device.send(256, "ping1", "", ""); // any byte counts
     for (bool is_pong = false; !is_pong && !device.has_ended;) {

@@ -4,6 +4,7 @@
 #include "backend/observe/metrics.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <iterator>
 #include <tuple>
 #include <utility>
@@ -152,11 +153,34 @@ struct WAITING_T { // for its first byte
     PlacePtr place;
 };
 
-// The first byte, or the end without one.
-static bool hasBytes(tcp::socket &socket)
+enum class FIRST { HERE, NOT_YET, NEVER };
+
+// A wait may end without anything to read: the number of a socket that was closed a moment ago is
+// given to a new one.
+static FIRST lookForFirst(tcp::socket &socket)
 {
     char first = 0;
-    return recv(socket.native_handle(), &first, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
+    const ssize_t count = recv(socket.native_handle(), &first, 1, MSG_PEEK | MSG_DONTWAIT);
+    if (count > 0) return FIRST::HERE;
+    return count < 0 && (errno == EAGAIN || errno == EINTR) ? FIRST::NOT_YET : FIRST::NEVER;
+}
+
+void Admission::awaitFirst(const std::shared_ptr<WAITING_T> &waiting)
+{
+    waiting->socket.async_wait(
+        Socket::wait_read, [self = weak_from_this(), waiting](const error_code &failed) {
+            const auto held = self.lock();
+            if (!held || failed) return;
+            switch (lookForFirst(waiting->socket)) {
+            case FIRST::NOT_YET:
+                return held->awaitFirst(waiting);
+            case FIRST::NEVER:
+                return;
+            case FIRST::HERE:
+                (void)waiting->place->noteProgress(0); // they are counted when they are read
+                held->started_(std::move(waiting->socket), std::move(waiting->place));
+            }
+        });
 }
 
 void Admission::enter(Socket socket)
@@ -171,13 +195,7 @@ void Admission::enter(Socket socket)
         error_code ignored;
         on.close(ignored);
     });
-    waiting->socket.async_wait(
-        Socket::wait_read, [self = weak_from_this(), waiting](const error_code &failed) {
-            const auto held = self.lock();
-            if (!held || failed || !hasBytes(waiting->socket)) return;
-            (void)waiting->place->noteProgress(0); // they are counted when they are read
-            held->started_(std::move(waiting->socket), std::move(waiting->place));
-        });
+    awaitFirst(waiting);
     while (count_ > limits_.places)
         expel(*nextToLeave(), "it made room for another one");
 }

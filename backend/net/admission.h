@@ -58,6 +58,7 @@ struct ADDRESS_KEY_T {
 ADDRESS_KEY_T addressKey(const boost::asio::ip::address &address);
 
 struct ADDRESS_T;
+struct WAITING_T;
 
 // The elements of the lists are made with their place and moved from list to list after that, so
 // that only entering needs memory.
@@ -147,6 +148,7 @@ private:
     friend class Place;
     using Clock = Place::Clock;
 
+    void awaitFirst(const std::shared_ptr<WAITING_T> &waiting);
     void join(Place &place, const ADDRESS_KEY_T &key);
     void leave(Place &place) noexcept;
     void renew(Place &place) noexcept;

@@ -180,7 +180,11 @@ static void watchOperator(const LinkPtr &link)
 static void run(const LinkPtr &link, const json &request)
 {
     const auto call = std::make_shared<CALL_T>();
-    call->who = {DOOR::CONTROL_SOCKET, link->account, "process " + std::to_string(link->process)};
+    call->who = {DOOR::CONTROL_SOCKET,
+                 link->account,
+                 "process " + std::to_string(link->process),
+                 {},
+                 link->uid == 0 || link->uid == geteuid()};
     call->answer = [link](const json &line, bool is_last) { answer(link, line, is_last); };
     call->take_client = [link] { return takeClientSocket(*link); };
     runOperation(link->control->operations, call, request);

@@ -30,7 +30,7 @@ static void takeClient(const std::shared_ptr<FORWARD_T> &forward, tcp::socket so
     const std::optional<uid_t> owner = loopback_peer_owner(socket.native_handle());
     const auto client = std::make_shared<std::optional<ClientSocket>>(std::move(socket));
     const auto call = std::make_shared<CALL_T>();
-    call->who = {DOOR::FORWARDED_PORT, "unknown", error ? "(gone)" : endpointText(peer)};
+    call->who = {DOOR::FORWARDED_PORT, "unknown", error ? "(gone)" : endpointText(peer), {}, false};
     call->take_client = [client] { return std::exchange(*client, std::nullopt); };
     call->answer = [forward, client, from = call->who.from](const nlohmann::json &line,
                                                             bool /*is_last*/) {

@@ -139,7 +139,7 @@ static void listDevices(OPERATIONS_T &operations, const CallPtr &call)
 {
     json devices = json::array();
     for (const DEVICE_VIEW_T &view : viewDevices(operations.directory)) {
-        if (decide(call->who, RIGHT::LIST, view.key, {}).is_allowed)
+        if (decide(nullptr, call->who, RIGHT::LIST, {view.key, nullptr, {}}).isAllowed())
             devices.push_back(deviceJson(view));
     }
     call->answer({{"ok", true}, {"devices", std::move(devices)}}, true);
@@ -166,7 +166,9 @@ static void listSessions(OPERATIONS_T &operations, const CallPtr &call)
     for (const auto &[number, weak] : operations.sessions->sessions) {
         const SessionPtr session = weak.lock();
         if (!session || session->state == SESSION_STATE::CLOSED) continue;
-        if (!decide(call->who, RIGHT::LIST, &session->device, session->service.name).is_allowed)
+        if (!decide(nullptr, call->who, RIGHT::LIST,
+                    {&session->device, nullptr, session->service.name})
+                 .isAllowed())
             continue;
         sessions.push_back({{"session", number},
                             {"product", session->device.product_key},
@@ -340,10 +342,10 @@ static DECISION_T parseAndDecide(OPERATIONS_T &operations, const OPERATION_T &op
     try {
         operation.parse(operations, arguments, request);
     } catch (const std::exception &fault) {
-        return {false, fault.what()};
+        return {VERDICT::DENIED, fault.what(), {}, {}};
     }
-    return decide(call.who, operation.right, arguments.device ? &*arguments.device : nullptr,
-                  arguments.service);
+    return decide(nullptr, call.who, operation.right,
+                  {arguments.device ? &*arguments.device : nullptr, nullptr, arguments.service});
 }
 
 void runOperation(OPERATIONS_T &operations, const CallPtr &call, const json &request)
@@ -351,7 +353,7 @@ void runOperation(OPERATIONS_T &operations, const CallPtr &call, const json &req
     try {
         const OPERATION_T &operation = operationOf(request);
         const DECISION_T decision = parseAndDecide(operations, operation, *call, request);
-        if (decision.is_allowed) return runAllowed(operations, operation, call);
+        if (decision.isAllowed()) return runAllowed(operations, operation, call);
         recordDenial(operation, *call, decision.reason);
         refuse(*call, decision.reason);
     } catch (const std::exception &fault) {

@@ -2,12 +2,12 @@
 
 namespace backend {
 
-DECISION_T decide(const PRINCIPAL_T &who, RIGHT right, const DEVICE_KEY_T * /*device*/,
-                  std::string_view /*service*/)
+DECISION_T decide(const POLICY_T * /*policy*/, const PRINCIPAL_T &who, RIGHT right,
+                  const TARGET_T & /*target*/)
 {
     if (who.door == DOOR::FORWARDED_PORT && right != RIGHT::CONNECT)
-        return {false, "a forwarded port is for connecting only"};
-    return {true, {}};
+        return {VERDICT::DENIED, "a forwarded port is for connecting only", {}, {}};
+    return {VERDICT::ALLOWED, {}, {}, {}};
 }
 
 } // namespace backend

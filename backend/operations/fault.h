@@ -1,0 +1,35 @@
+// Why a request fails, in a few kinds that programs can tell apart; the words are for people.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+namespace backend {
+
+enum class FAULT {
+    BAD_REQUEST,
+    UNAUTHENTICATED,
+    DENIED,
+    NOT_FOUND, // or must not be known
+    CONFLICT,  // not in this state: the device is away
+    TOO_MANY,
+    DEVICE_REFUSED,
+    DEVICE_TIMEOUT,
+    UNAVAILABLE, // what must be recorded cannot be
+    NOT_BUILT,   // this back end has nothing to do it with
+};
+
+struct FAULT_KIND_T {
+    FAULT fault;
+    const char *name;  // "kind" of an answer
+    unsigned status;   // of HTTP (RFC 9110)
+    const char *title; // of a problem (RFC 9457)
+};
+const FAULT_KIND_T &faultKind(FAULT fault);
+
+struct OperationFault : std::runtime_error {
+    OperationFault(FAULT of, const std::string &text) : std::runtime_error(text), fault(of) {}
+    FAULT fault;
+};
+
+} // namespace backend

@@ -8,7 +8,8 @@
 
 namespace backend {
 
-// Row n brings a store of version n to version n + 1. Times are milliseconds since the epoch.
+// Row n brings a store of version n to version n + 1. Times are milliseconds since the epoch,
+// where nothing else is said.
 constexpr auto MIGRATIONS = std::to_array<const char *>({
     R"(CREATE TABLE meta (
            name TEXT PRIMARY KEY NOT NULL, value INTEGER NOT NULL) STRICT, WITHOUT ROWID;
@@ -23,6 +24,15 @@ constexpr auto MIGRATIONS = std::to_array<const char *>({
            first_used_ms INTEGER NOT NULL, address TEXT NOT NULL,
            PRIMARY KEY (product, device, signed_second)) STRICT, WITHOUT ROWID;
        CREATE INDEX signature_by_second ON signature (signed_second);)",
+    R"(CREATE TABLE token (
+           id TEXT PRIMARY KEY NOT NULL, operator TEXT NOT NULL, label TEXT NOT NULL,
+           sha256 TEXT UNIQUE NOT NULL, made_ms INTEGER NOT NULL,
+           expires INTEGER NOT NULL, -- seconds since the epoch
+           made_with TEXT NOT NULL) STRICT, WITHOUT ROWID;
+       CREATE TABLE host_key (
+           product TEXT NOT NULL, device TEXT NOT NULL, service TEXT NOT NULL,
+           type TEXT NOT NULL, key TEXT NOT NULL, seen_ms INTEGER NOT NULL, who TEXT NOT NULL,
+           PRIMARY KEY (product, device, service, type)) STRICT, WITHOUT ROWID;)",
 });
 
 static std::int64_t readNumber(sqlite3 &database, const char *sql)

@@ -69,8 +69,13 @@ static void describeServer(CLI::App &app, COMMAND_LINE_T &line)
         ->take_all();
     app.add_option(
            "--control", line.control,
-           "Socket for the operators' tool; everyone who may write to it can reach every device")
+           "Socket for the operators' tool; without --operators everyone who may write to it can "
+           "reach every device")
         ->type_name("PATH");
+    app.add_option("--operators", line.operators,
+                   "Policy: who may do what with which devices (JSON); without it everyone who "
+                   "may write to the control socket may do everything")
+        ->type_name("FILE");
     app.add_option("--store", line.store,
                    "File for what the back end learns while it runs; made where there is none")
         ->type_name("FILE");

@@ -23,6 +23,7 @@ struct COMMAND_LINE_T {
     std::vector<std::string> forwards;
     std::string control;
     std::string audit = "-";
+    std::string operators; // empty: no policy
     std::string store;
     std::string backup; // target; empty: no backup is asked for
     bool is_forced = false;

@@ -39,6 +39,16 @@ static DEVICE_REGISTRY_T readRegistry(const COMMAND_LINE_T &line)
     return registry;
 }
 
+static PolicyPtr readPolicy(const COMMAND_LINE_T &line)
+{
+    if (line.operators.empty()) return nullptr;
+    std::vector<std::string> warnings;
+    PolicyPtr policy = loadPolicy(line.operators, warnings);
+    for (const std::string &warning : warnings)
+        logWarning("%s", warning.c_str());
+    return policy;
+}
+
 static std::shared_ptr<TLS_CONTEXT_T> readCertificate(const COMMAND_LINE_T &line)
 {
     return line.is_plain ? nullptr : makeTlsContext(line.cert, line.key);
@@ -62,8 +72,9 @@ static void attempt(RELOAD_T &reload, const char *name, const std::function<void
     *outcome += name;
 }
 
-// Each file on its own: a broken one does not affect the others.
-static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server)
+// Each file on its own: a broken one does not affect the others. Returns the names of those that
+// could not be read.
+static std::string readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server)
 {
     RELOAD_T reload;
     attempt(reload, "audit", [] { reopenAudit(); });
@@ -72,6 +83,10 @@ static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server)
                 [&] { server.device_port->tls = readCertificate(line); });
     }
     attempt(reload, "devices", [&] { replaceRegistry(server.directory, readRegistry(line)); });
+    if (!line.operators.empty()) {
+        attempt(reload, "operators",
+                [&] { replacePolicy(server.operations, readPolicy(line)); });
+    }
     const std::size_t count = server.directory.registry.size();
     auditRecord(AUDIT_EVENT::RELOAD,
                 {{"read", reload.read}, {"failed", reload.failed}, {"devices", count}});
@@ -81,6 +96,7 @@ static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server)
         logWarning("files read again: %s; not read: %s; %zu devices registered",
                    reload.read.empty() ? "none" : reload.read.c_str(), reload.failed.c_str(),
                    count);
+    return reload.failed;
 }
 
 // Records what ends with the io_context, too, and gives up on a reader that does not read.
@@ -122,11 +138,15 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
     asio::signal_set changes(io, SIGHUP);
     asio::signal_set signals(io, SIGINT, SIGTERM);
     options.registry = readRegistry(line);
+    options.policy = readPolicy(line);
     options.tls = readCertificate(line);
     const AuditMute audit_mute;
     startAudit({line.audit, RA_VERSION,
                 [&io](std::function<void()> task) { asio::post(io, std::move(task)); }});
     const auto server = startServer(io, std::move(options));
+    server->operations.reload = [&](const std::function<void(const std::string &)> &done) {
+        done(readFilesAgain(line, *server));
+    };
     MemoryTidy tidy(io);
     signals.async_wait([&](const boost::system::error_code &error, int number) {
         if (error) return;
@@ -139,7 +159,7 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
     const std::function<void()> wait_for_change = [&] {
         changes.async_wait([&](const boost::system::error_code &error, int) {
             if (error) return;
-            readFilesAgain(line, *server);
+            (void)readFilesAgain(line, *server);
             wait_for_change();
         });
     };

@@ -22,8 +22,18 @@ static void loadStore(SERVER_T &server)
     });
     server.directory.records = loadDeviceRecords(server.store.get());
     server.directory.signatures = loadUsedSignatures(server.store.get(), wallClockMs());
+    server.operations.tokens = loadTokens(server.store.get(), wallClockMs() / 1000);
     logInfo("store %s: %zu devices have been there", path.c_str(),
             server.directory.records.records.size());
+}
+
+static void tellPolicy(const SERVER_T &server)
+{
+    const PolicyPtr &policy = server.operations.policy;
+    if (policy)
+        logInfo("policy: %zu operators, %zu grants", operatorCount(*policy), grantCount(*policy));
+    else if (!server.options.control.empty())
+        logInfo("no policy: everyone who may write to the control socket may do everything");
 }
 
 std::unique_ptr<SERVER_T> startServer(asio::io_context &io, SERVER_OPTIONS_T options)
@@ -31,6 +41,8 @@ std::unique_ptr<SERVER_T> startServer(asio::io_context &io, SERVER_OPTIONS_T opt
     auto server = std::make_unique<SERVER_T>(io, std::move(options));
     server->directory.registry = std::move(server->options.registry);
     loadStore(*server);
+    server->operations.policy = std::move(server->options.policy);
+    tellPolicy(*server);
     server->device_port = openDevicePort(io, server->directory, server->options.limits,
                                          server->options.listen, std::move(server->options.tls));
     server->names = startAccountNames(io);

@@ -30,6 +30,7 @@ struct SERVER_OPTIONS_T {
     boost::asio::ip::tcp::endpoint listen;
     std::shared_ptr<TLS_CONTEXT_T> tls; // of new connections; null: plain ones
     DEVICE_REGISTRY_T registry;
+    PolicyPtr policy; // null: none
     std::vector<FORWARD_OPTION_T> forwards;
     std::string control; // path of the control socket; empty for none
     std::string store;   // of what it learns at run time; empty: a restart forgets that
@@ -46,7 +47,7 @@ struct SERVER_T {
     StorePtr store;           // null without one
     SessionTablePtr sessions = std::make_shared<SESSION_TABLE_T>(options.limits);
     DIRECTORY_T directory;
-    OPERATIONS_T operations{directory, sessions};
+    OPERATIONS_T operations{.directory = directory, .sessions = sessions};
     std::shared_ptr<ACCOUNT_NAMES_T> names;
     std::shared_ptr<DEVICE_PORT_T> device_port;
     std::vector<std::shared_ptr<FORWARD_T>> forwards; // in their order

@@ -19,16 +19,34 @@ static bool isDuplicate(const DEVICE_RECORD_T *record, std::int64_t now_ms)
            now_ms - record->duplicate_ms < DUPLICATE_MARK_MS;
 }
 
-std::vector<DEVICE_VIEW_T> viewDevices(const DIRECTORY_T &directory)
+DEVICE_VIEW_T viewDevice(const DIRECTORY_T &directory, const DEVICE_KEY_T &device)
 {
-    const std::int64_t now_ms = wallClockMs();
-    std::vector<DEVICE_VIEW_T> views;
-    views.reserve(directory.registry.size());
+    const DEVICE_RECORD_T *record = findDeviceRecord(directory.records, device);
+    return {&device, findChannel(directory, device), record, isDuplicate(record, wallClockMs())};
+}
+
+void visitDevices(const DIRECTORY_T &directory, const std::optional<DEVICE_KEY_T> &after,
+                  const std::function<bool(const DEVICE_VIEW_T &)> &visit)
+{
+    const DEVICE_REGISTRY_T &registry = directory.registry;
+    auto at = after ? registry.upper_bound(*after) : registry.begin();
+    while (at != registry.end() && visit(viewDevice(directory, at->first)))
+        ++at;
+}
+
+const LABELS_T *labelsOf(const DIRECTORY_T & /*directory*/, const DEVICE_KEY_T & /*device*/)
+{
+    return nullptr;
+}
+
+std::vector<DEVICE_KEY_T> findDevices(const DIRECTORY_T &directory, std::string_view name)
+{
+    std::vector<DEVICE_KEY_T> meant;
     for (const auto &[key, secret] : directory.registry) {
-        const DEVICE_RECORD_T *record = findDeviceRecord(directory.records, key);
-        views.push_back({&key, findChannel(directory, key), record, isDuplicate(record, now_ms)});
+        if (key.product_key + ":" + key.device_name == name) return {key};
+        if (key.device_name == name) meant.push_back(key);
     }
-    return views;
+    return meant;
 }
 
 DEVICE_KEY_T findDevice(const DIRECTORY_T &directory, std::string_view name)

@@ -14,11 +14,14 @@
 #include "backend/devices/device_registry.h"
 #include "backend/devices/used_signatures.h"
 #include "backend/directory/device_lines.h"
+#include "backend/policy/policy.h"
 #include "backend/store/device_records.h"
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -44,9 +47,19 @@ struct DEVICE_VIEW_T {
     const DEVICE_RECORD_T *record; // null: it has never been there
     bool is_duplicate;
 };
-std::vector<DEVICE_VIEW_T> viewDevices(const DIRECTORY_T &directory);
+DEVICE_VIEW_T viewDevice(const DIRECTORY_T &directory, const DEVICE_KEY_T &device);
 
-// The device meant by a name an operator gives, or std::runtime_error.
+// In the order of their keys, those behind `after` if it is given, until visit returns false.
+void visitDevices(const DIRECTORY_T &directory, const std::optional<DEVICE_KEY_T> &after,
+                  const std::function<bool(const DEVICE_VIEW_T &)> &visit);
+
+// Null for a device without labels, and for one that is not registered.
+const LABELS_T *labelsOf(const DIRECTORY_T &directory, const DEVICE_KEY_T &device);
+
+// The devices that a name may mean: "DEVICE_NAME", or "PRODUCT_KEY:DEVICE_NAME".
+std::vector<DEVICE_KEY_T> findDevices(const DIRECTORY_T &directory, std::string_view name);
+
+// The one that it means, or std::runtime_error.
 DEVICE_KEY_T findDevice(const DIRECTORY_T &directory, std::string_view name);
 
 // Null while the device is not connected.

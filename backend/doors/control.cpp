@@ -2,6 +2,7 @@
 
 #include "backend/net/accept_loop.h"
 #include "backend/observe/log.h"
+#include "backend/operations/sign_in.h"
 
 #include <array>
 #include <cerrno>
@@ -180,11 +181,9 @@ static void watchOperator(const LinkPtr &link)
 static void run(const LinkPtr &link, const json &request)
 {
     const auto call = std::make_shared<CALL_T>();
-    call->who = {DOOR::CONTROL_SOCKET,
-                 link->account,
-                 "process " + std::to_string(link->process),
-                 {},
-                 link->uid == 0 || link->uid == geteuid()};
+    call->who = accountPrincipal(link->control->operations, DOOR::CONTROL_SOCKET, link->account,
+                                 "process " + std::to_string(link->process));
+    call->who.is_host_admin = link->uid == 0 || link->uid == geteuid();
     call->answer = [link](const json &line, bool is_last) { answer(link, line, is_last); };
     call->take_client = [link] { return takeClientSocket(*link); };
     runOperation(link->control->operations, call, request);

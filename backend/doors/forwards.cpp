@@ -3,6 +3,7 @@
 #include "backend/net/accept_loop.h"
 #include "backend/net/endpoint.h"
 #include "backend/observe/log.h"
+#include "backend/operations/sign_in.h"
 #include "utility/socket_owner.h"
 
 #include <nlohmann/json.hpp>
@@ -15,8 +16,10 @@ using tcp = asio::ip::tcp;
 
 static constinit LINE_LIMIT_T g_turned_away{"clients of forwarded ports turned away"};
 
-static void carry(const std::shared_ptr<FORWARD_T> &forward, const CallPtr &call)
+static void carry(const std::shared_ptr<FORWARD_T> &forward, const CallPtr &call,
+                  const std::string &account, const std::string &from)
 {
+    call->who = accountPrincipal(forward->operations, DOOR::FORWARDED_PORT, account, from);
     runOperation(forward->operations, call,
                  {{"do", "connect"},
                   {"device", forward->option.device},
@@ -30,9 +33,9 @@ static void takeClient(const std::shared_ptr<FORWARD_T> &forward, tcp::socket so
     const std::optional<uid_t> owner = loopback_peer_owner(socket.native_handle());
     const auto client = std::make_shared<std::optional<ClientSocket>>(std::move(socket));
     const auto call = std::make_shared<CALL_T>();
-    call->who = {DOOR::FORWARDED_PORT, "unknown", error ? "(gone)" : endpointText(peer), {}, false};
+    const std::string from = error ? "(gone)" : endpointText(peer);
     call->take_client = [client] { return std::exchange(*client, std::nullopt); };
-    call->answer = [forward, client, from = call->who.from](const nlohmann::json &line,
+    call->answer = [forward, client, from](const nlohmann::json &line,
                                                             bool /*is_last*/) {
         if (line.value("ok", true)) return;
         logLimited(g_turned_away, LOG_LEVEL::WARNING, "client %s for %s/%s turned away: %s",
@@ -40,10 +43,9 @@ static void takeClient(const std::shared_ptr<FORWARD_T> &forward, tcp::socket so
                    line.value("error", "").c_str());
         if (*client) resetClient(**client);
     };
-    if (!owner) return carry(forward, call);
-    lookUpAccount(forward->names, *owner, [forward, call](const std::string &name) {
-        call->who.name = name;
-        carry(forward, call);
+    if (!owner) return carry(forward, call, "unknown", from);
+    lookUpAccount(forward->names, *owner, [forward, call, from](const std::string &name) {
+        carry(forward, call, name, from);
     });
 }
 

@@ -45,6 +45,8 @@ enum class AUDIT_EVENT {
     HANDSHAKE_REFUSED,
     RELOAD,
     DENIED,
+    TOKEN_MAKE,
+    TOKEN_REVOKE,
     CONTINUED, // the audit's own: a rotated file begins
     TORN,      // the audit's own: what was written last before a crash
     LEFT_OUT,  // the audit's own

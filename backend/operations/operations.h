@@ -1,9 +1,15 @@
 // What operators can ask for: one table, behind every door. A request is a JSON object whose "do"
 // names the operation:
 //   {"do":"devices"}                                    {"ok":true,"devices":[...]}
+//        optional: "pattern":P, "state":"connected"|"not answering"|"away", "limit":1...1000 and
+//        "after":"PRODUCT_KEY:DEVICE_NAME"; "next" of an answer is the "after" of the rest
+//   {"do":"device","device":D}                          {"ok":true,"device":{...}}
 //   {"do":"services","device":D}                        {"ok":true,"services":[...]}
 //   {"do":"sessions"}                                   {"ok":true,"sessions":[...]}
 //   {"do":"status"}                                     {"ok":true,"version":V,"metrics":[...]}
+//   {"do":"whoami"}                                     {"ok":true,"operator":O,"from":...}
+//   {"do":"can","device":D}                             {"ok":true,"allowed":B,"grant":G}
+//        optional: "service":S, "verb":V; "reason" where it is not allowed
 //   {"do":"verify","device":D,"user":U,"password":P}    {"ok":true,"code":0,"message":"..."}
 //   {"do":"connect","device":D,"service":S}             {"ok":true,"session":"..."}, and when the
 //        session ends {"ended":"REASON","whole":true,"bytes_up":N,"bytes_down":N}
@@ -11,19 +17,29 @@
 //        others; TEXT is the account that uses it
 //   {"do":"disconnect","device":D}                      {"ok":true}
 //        optional: "reason":TEXT
+//   {"do":"open","device":D}, {"do":"close-access","device":D}
 //   {"do":"close","session":N}                          {"ok":true}
-// A request that fails is answered with {"ok":false,"error":"..."}. D is DEVICE_NAME, or
-// PRODUCT_KEY:DEVICE_NAME; N a session's number.
+//   {"do":"tokens"}                                     {"ok":true,"tokens":[...]}
+//   {"do":"token-make","label":L}                       {"ok":true,"token":T,"id":I,"expires":E}
+//        optional: "days":1...366
+//   {"do":"token-revoke","id":I}                        {"ok":true,"revoked":[...]}
+//   {"do":"reload"}                                     {"ok":true}
+// A request that fails is answered with {"ok":false,"error":"...","kind":K}; fault.h has the kinds.
+// D is DEVICE_NAME, or PRODUCT_KEY:DEVICE_NAME; N a session's number.
 // Each goes the same way: it is parsed, the policy decides, it is recorded where that is due, and
-// only then it runs.
+// only then it runs. What an operator may not know of is not there for him: a device that no grant
+// of his covers is answered like one that does not exist.
 // Ownership  a call belongs to its door, and to what still has to answer it.
 // Threads    the thread of the io_context.
 // Failure    every fault is an answer; nothing is thrown.
 #pragma once
 
 #include "backend/directory/directory.h"
+#include "backend/operations/arguments.h"
+#include "backend/operations/session_access.h"
 #include "backend/policy/policy.h"
 #include "backend/sessions/session_table.h"
+#include "backend/store/token_records.h"
 
 #include <functional>
 #include <memory>
@@ -38,19 +54,15 @@ namespace backend {
 struct OPERATIONS_T {
     DIRECTORY_T &directory;
     SessionTablePtr sessions;
+    PolicyPtr policy = nullptr; // null: whoever reaches the control socket may do everything
+    TOKEN_RECORDS_T tokens = {};
+    SESSION_OWNERS_T session_owners = {};
+    // Reads the files again; the names of those that could not be read come back, empty for none.
+    std::function<void(std::function<void(const std::string &failed)>)> reload = nullptr;
 };
 
-// What an operation was asked, once it is parsed.
-struct ARGUMENTS_T {
-    std::optional<DEVICE_KEY_T> device;
-    std::string service;
-    std::string session;
-    std::string user;
-    std::string password; // wiped with the call
-    std::string client;   // the account behind a shared port, in the tool's words
-    std::string reason;   // the operator's; may be empty
-    bool is_shared = false;
-};
+// Ends what the new one allows no more. null: none.
+void replacePolicy(OPERATIONS_T &operations, PolicyPtr policy);
 
 struct CALL_T {
     CALL_T() = default;
@@ -64,10 +76,14 @@ struct CALL_T {
     // The connection to be carried; nothing when none that can be used came with the request.
     std::function<std::optional<ClientSocket>()> take_client;
     ARGUMENTS_T arguments;
-    std::weak_ptr<SESSION_T> session; // of "connect"
+    std::optional<std::chrono::seconds> max_session; // of "connect", by the policy
+    std::weak_ptr<SESSION_T> session;                // of "connect"
 };
 using CallPtr = std::shared_ptr<CALL_T>;
 
 void runOperation(OPERATIONS_T &operations, const CallPtr &call, const nlohmann::json &request);
+
+// The channel of a device that answers, or OperationFault in words for the operator.
+ChannelPtr channelOf(const OPERATIONS_T &operations, const DEVICE_KEY_T &device);
 
 } // namespace backend

@@ -1,4 +1,4 @@
-// Who stands behind a request that comes over the network.
+// Who stands behind a request, and whether he still does.
 // Threads  the thread of the io_context.
 #pragma once
 
@@ -19,8 +19,17 @@ struct CREDENTIALS_T {
     std::string from;                           // address and port, for the audit
 };
 
-// None: nothing that came proves an operator. A token counts before a certificate; one that proves
-// nothing is not made good by a certificate.
+// Of a request that comes over the network. None: nothing that came proves an operator. A token
+// counts before a certificate; one that proves nothing is not made good by a certificate.
 std::optional<PRINCIPAL_T> signIn(const OPERATIONS_T &operations, const CREDENTIALS_T &credentials);
+
+// Of a local account. Without a policy it is an operator of its own name; with one, an account
+// that no operator has may do nothing.
+PRINCIPAL_T accountPrincipal(const OPERATIONS_T &operations, DOOR door, const std::string &account,
+                             const std::string &from);
+
+// False once the operator, or the token that he came with, is gone. A token that has run out
+// in the meantime is not gone: it begins nothing new, but what it began goes on.
+bool isStillProved(const OPERATIONS_T &operations, const PRINCIPAL_T &who);
 
 } // namespace backend

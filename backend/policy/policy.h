@@ -36,6 +36,8 @@ struct PRINCIPAL_T {
     std::string name;           // the operator; without a policy the account
     std::string from;           // process, or address and port
     std::string token;          // id of the token that proved it, or empty
+    bool is_operator = true;    // false: an account that no operator of the policy has
+    std::int64_t expires = 0;   // of that token, seconds since the epoch; 0: none
     bool is_host_admin = false; // the machine's root, or the back end's own account
 };
 

@@ -1,0 +1,151 @@
+#include "backend/operations/access.h"
+#include "backend/operations/verbs.h"
+
+#include <fnmatch.h>
+
+#include <nlohmann/json.hpp>
+
+namespace backend {
+
+using nlohmann::json;
+
+constexpr std::size_t VISITED_MAX = 10000; // devices looked at for one answer
+
+ChannelPtr channelOf(const OPERATIONS_T &operations, const DEVICE_KEY_T &device)
+{
+    ChannelPtr channel = findChannel(operations.directory, device);
+    if (!channel) throw OperationFault(FAULT::CONFLICT, device.device_name + " is not connected");
+    if (isSilent(*channel)) {
+        throw OperationFault(FAULT::DEVICE_TIMEOUT,
+                             device.device_name + " is not answering (last heard " +
+                                 std::to_string(silenceOf(*channel).count() / 1000) + " s ago)");
+    }
+    return channel;
+}
+
+static const char *stateText(const ChannelPtr &channel)
+{
+    if (!channel) return "away";
+    return isSilent(*channel) ? "not answering" : "connected";
+}
+
+static json deviceJson(const OPERATIONS_T &operations, const DEVICE_VIEW_T &view)
+{
+    json device = {{"product", view.key->product_key},
+                   {"device", view.key->device_name},
+                   {"connected", view.channel != nullptr},
+                   {"state", stateText(view.channel)},
+                   {"duplicate", view.is_duplicate}};
+    const LABELS_T *labels = labelsOf(operations.directory, *view.key);
+    device["labels"] = labels == nullptr ? json::object() : json(*labels);
+    if (view.channel) {
+        device["peer"] = view.channel->peer;
+        device["since"] = view.channel->connected_at;
+        device["services"] = view.channel->services.size();
+        device["sessions"] = view.channel->streams.size();
+    }
+    if (view.record != nullptr) {
+        device["last_seen"] = view.record->last_seen_ms / 1000;
+        device["last_reason"] = view.record->last_reason;
+        device["last_address"] = view.record->last_address;
+    }
+    return device;
+}
+
+static std::string fullName(const DEVICE_KEY_T &device)
+{
+    return device.product_key + ":" + device.device_name;
+}
+
+static bool isWanted(const OPERATIONS_T &operations, const CALL_T &call, const DEVICE_VIEW_T &view)
+{
+    const ARGUMENTS_T &wanted = call.arguments;
+    if (!wanted.pattern.empty() &&
+        fnmatch(wanted.pattern.c_str(), view.key->device_name.c_str(), 0) != 0 &&
+        fnmatch(wanted.pattern.c_str(), fullName(*view.key).c_str(), 0) != 0)
+        return false;
+    if (!wanted.state.empty() && wanted.state != stateText(view.channel)) return false;
+    return decideFor(operations, call.who, RIGHT::LIST, view.key, {}).isAllowed();
+}
+
+void listDevices(OPERATIONS_T &operations, const CallPtr &call)
+{
+    json devices = json::array();
+    std::optional<DEVICE_KEY_T> next;
+    std::size_t visited = 0;
+    const ARGUMENTS_T &wanted = call->arguments;
+    visitDevices(operations.directory, wanted.after, [&](const DEVICE_VIEW_T &view) {
+        if (isWanted(operations, *call, view)) devices.push_back(deviceJson(operations, view));
+        if (devices.size() < wanted.limit && ++visited < VISITED_MAX) return true;
+        next = *view.key;
+        return false;
+    });
+    json answer = {{"ok", true}, {"devices", std::move(devices)}};
+    if (next) answer["next"] = fullName(*next);
+    call->answer(answer, true);
+}
+
+void showDevice(OPERATIONS_T &operations, const CallPtr &call)
+{
+    json device = deviceJson(operations, viewDevice(operations.directory, *call->arguments.device));
+    call->answer({{"ok", true}, {"device", std::move(device)}}, true);
+}
+
+void listServices(OPERATIONS_T &operations, const CallPtr &call)
+{
+    const DEVICE_KEY_T &device = *call->arguments.device;
+    const ChannelPtr channel = findChannel(operations.directory, device);
+    if (!channel) throw OperationFault(FAULT::CONFLICT, device.device_name + " is not connected");
+    json services = json::array();
+    for (const SERVICE_T &service : channel->services) {
+        if (!decideFor(operations, call->who, RIGHT::LIST, &device, service.name).isAllowed())
+            continue;
+        services.push_back({{"name", service.name},
+                            {"type", service.type},
+                            {"ip", service.ip},
+                            {"port", service.port}});
+    }
+    call->answer({{"ok", true}, {"services", std::move(services)}}, true);
+}
+
+void verifyAccount(OPERATIONS_T &operations, const CallPtr &call)
+{
+    const auto record = [call](bool is_right, const std::string &message) {
+        AuditMembers members = recordOf(*call);
+        members.emplace_back("right", is_right);
+        members.emplace_back("reason", message);
+        auditRecord(AUDIT_EVENT::ACCOUNT_RESULT, members);
+    };
+    ChannelPtr channel;
+    try {
+        channel = channelOf(operations, *call->arguments.device);
+    } catch (const OperationFault &fault) {
+        record(false, fault.what());
+        throw;
+    }
+    requestAccountCheck(
+        *channel, call->arguments.user, call->arguments.password,
+        [call, record](const ACCOUNT_RESULT_T &result) {
+            record(result.is_answered && result.code == 0, result.message);
+            if (!result.is_answered) return refuse(*call, FAULT::DEVICE_TIMEOUT, result.message);
+            call->answer({{"ok", true}, {"code", result.code}, {"message", result.message}}, true);
+        });
+}
+
+void disconnectDevice(OPERATIONS_T &operations, const CallPtr &call)
+{
+    const DEVICE_KEY_T &device = *call->arguments.device;
+    const ChannelPtr channel = findChannel(operations.directory, device);
+    if (!channel) throw OperationFault(FAULT::CONFLICT, device.device_name + " is not connected");
+    std::string reason = "disconnected by " + call->who.name;
+    if (!call->arguments.reason.empty()) reason += ": " + call->arguments.reason;
+    closeDeviceChannel(*channel, CLOSE_GOING_AWAY, reason);
+    call->answer({{"ok", true}}, true);
+}
+
+void switchAccess(OPERATIONS_T & /*operations*/, const CallPtr & /*call*/)
+{
+    throw OperationFault(FAULT::NOT_BUILT, "this back end cannot switch a device's access");
+}
+
+} // namespace backend

@@ -1,0 +1,99 @@
+#include "backend/operations/access.h"
+#include "backend/operations/verbs.h"
+
+#include <nlohmann/json.hpp>
+
+namespace backend {
+
+using nlohmann::json;
+
+void listSessions(OPERATIONS_T &operations, const CallPtr &call)
+{
+    json sessions = json::array();
+    for (const auto &[number, weak] : operations.sessions->sessions) {
+        const SessionPtr session = weak.lock();
+        if (!session || session->state == SESSION_STATE::CLOSED) continue;
+        if (!decideFor(operations, call->who, RIGHT::LIST, &session->device, session->service.name)
+                 .isAllowed())
+            continue;
+        sessions.push_back({{"session", number},
+                            {"product", session->device.product_key},
+                            {"device", session->device.device_name},
+                            {"service", session->service.name},
+                            {"who", session->origin.who},
+                            {"from", session->origin.from},
+                            {"shared", session->origin.is_shared},
+                            {"since", session->asked_at},
+                            {"bytes_up", session->bytes_up},
+                            {"bytes_down", session->bytes_down}});
+    }
+    call->answer({{"ok", true}, {"sessions", std::move(sessions)}}, true);
+}
+
+// The operator answers for the session; who used it stands beside that.
+static std::string originText(const CALL_T &call)
+{
+    const ARGUMENTS_T &wanted = call.arguments;
+    if (!wanted.is_shared) return call.who.from;
+    return call.who.from + ", shared port used by " +
+           (wanted.client.empty() ? "an unknown account" : wanted.client);
+}
+
+static void tellEnd(const CALL_T &call, const SESSION_T &session)
+{
+    if (session.token.empty())
+        return refuse(call, auditAccepts() ? FAULT::DEVICE_REFUSED : FAULT::UNAVAILABLE,
+                      session.end_reason);
+    call.answer({{"ended", session.end_reason},
+                 {"whole", session.is_whole},
+                 {"bytes_up", session.bytes_up},
+                 {"bytes_down", session.bytes_down}},
+                true);
+}
+
+static void start(OPERATIONS_T &operations, const CallPtr &call)
+{
+    const ARGUMENTS_T &wanted = call->arguments;
+    const ChannelPtr channel = channelOf(operations, *wanted.device);
+    const SERVICE_T *service = findService(*channel, wanted.service);
+    if (service == nullptr)
+        throw OperationFault(FAULT::NOT_FOUND, noSuchService(*wanted.device, wanted.service));
+    auto socket = call->take_client();
+    if (!socket)
+        throw OperationFault(FAULT::BAD_REQUEST,
+                             "no connected stream socket came with the request");
+    CLIENT_T client{std::move(*socket), call->who.name, originText(*call),
+                    wanted.is_shared,   nullptr,        nullptr};
+    client.opened = [call](const SESSION_T &session) {
+        call->answer({{"ok", true}, {"session", session.number}}, false);
+    };
+    client.ended = [call](const SESSION_T &session) { tellEnd(*call, session); };
+    const SessionPtr session =
+        startSession(operations.sessions, *channel, std::move(client), *service);
+    call->session = session;
+    noteSession(operations.session_owners, session, call->who);
+}
+
+void connectClient(OPERATIONS_T &operations, const CallPtr &call)
+{
+    try {
+        start(operations, call);
+    } catch (const OperationFault &fault) {
+        const ARGUMENTS_T &wanted = call->arguments;
+        auditSessionRefused({"", wanted.device->product_key, wanted.device->device_name,
+                             call->who.name, call->who.from, wanted.service},
+                            fault.what());
+        throw;
+    }
+}
+
+void closeSession(OPERATIONS_T &operations, const CallPtr &call)
+{
+    const SessionPtr session = findSession(*operations.sessions, call->arguments.session);
+    if (!session || session->state == SESSION_STATE::CLOSED)
+        throw OperationFault(FAULT::NOT_FOUND, noSuchSession(call->arguments.session));
+    endSession(session, "closed by " + call->who.name, false);
+    call->answer({{"ok", true}}, true);
+}
+
+} // namespace backend

@@ -1,0 +1,110 @@
+#include "backend/operations/sign_in.h"
+
+#include "backend/operations/operations.h"
+#include "backend/policy/token_text.h"
+
+#include <algorithm>
+
+namespace backend {
+
+constexpr std::string_view FILE_TOKEN = "operators.json:";
+
+// Whether the file still has the token, named as PROVED_T::token does.
+static bool isInFile(const POLICY_T &policy, std::string_view operator_name, std::string_view id)
+{
+    const auto tokens = fileTokens(policy);
+    return std::any_of(tokens.begin(), tokens.end(), [&](const FILE_TOKEN_T &token) {
+        return token.operator_name == operator_name && std::string(FILE_TOKEN) + token.label == id;
+    });
+}
+
+// A token made with one of the file goes with it.
+static bool isRooted(const OPERATIONS_T &operations, const TOKEN_RECORD_T &token)
+{
+    const TOKEN_RECORD_T *root = &token;
+    while (root != nullptr && !root->made_with.empty()) {
+        if (root->made_with.starts_with(FILE_TOKEN))
+            return isInFile(*operations.policy, root->operator_name, root->made_with);
+        root = findTokenById(operations.tokens, root->made_with);
+    }
+    return root != nullptr;
+}
+
+static std::optional<PROVED_T> operatorBehind(const OPERATIONS_T &operations,
+                                              std::string_view token)
+{
+    const auto hash = hashToken(token);
+    if (!hash) return std::nullopt;
+    const std::int64_t now = wallClockMs() / 1000;
+    auto proved = operatorOfToken(*operations.policy, *hash, now);
+    const TOKEN_RECORD_T *record = findToken(operations.tokens, *hash, now);
+    if (proved || record == nullptr || !hasOperator(*operations.policy, record->operator_name) ||
+        !isRooted(operations, *record))
+        return proved;
+    return PROVED_T{record->operator_name, record->id};
+}
+
+static std::string labelOf(const OPERATIONS_T &operations, const std::string &token)
+{
+    if (token.starts_with(FILE_TOKEN)) return token.substr(FILE_TOKEN.size());
+    const TOKEN_RECORD_T *record = findTokenById(operations.tokens, token);
+    return record == nullptr ? token : record->label;
+}
+
+static std::int64_t expiryOf(const OPERATIONS_T &operations, const PRINCIPAL_T &who)
+{
+    const TOKEN_RECORD_T *record = findTokenById(operations.tokens, who.token);
+    if (record != nullptr) return record->expires;
+    for (const FILE_TOKEN_T &token : fileTokens(*operations.policy))
+        if (token.operator_name == who.name && std::string(FILE_TOKEN) + token.label == who.token)
+            return token.expires;
+    return 0;
+}
+
+std::optional<PRINCIPAL_T> signIn(const OPERATIONS_T &operations, const CREDENTIALS_T &credentials)
+{
+    if (!operations.policy) return std::nullopt;
+    const auto proved =
+        credentials.token.empty()
+            ? operatorOfCertificate(*operations.policy, credentials.certificate_names)
+            : operatorBehind(operations, credentials.token);
+    if (!proved) return std::nullopt;
+    PRINCIPAL_T who;
+    who.door = DOOR::API;
+    who.name = proved->operator_name;
+    who.token = proved->token;
+    who.expires = expiryOf(operations, who);
+    who.from = credentials.from;
+    who.from += who.token.empty() ? ", certificate" : ", token " + labelOf(operations, who.token);
+    return who;
+}
+
+PRINCIPAL_T accountPrincipal(const OPERATIONS_T &operations, DOOR door, const std::string &account,
+                             const std::string &from)
+{
+    PRINCIPAL_T who;
+    who.door = door;
+    who.name = account;
+    who.from = from;
+    if (!operations.policy) return who;
+    const auto proved = operatorOfAccount(*operations.policy, account);
+    who.is_operator = proved.has_value();
+    if (proved && proved->operator_name != account) {
+        who.name = proved->operator_name;
+        who.from += ", account " + account;
+    }
+    return who;
+}
+
+bool isStillProved(const OPERATIONS_T &operations, const PRINCIPAL_T &who)
+{
+    if (!operations.policy) return true;
+    if (!who.is_operator || !hasOperator(*operations.policy, who.name)) return false;
+    if (who.token.empty()) return true;
+    if (who.token.starts_with(FILE_TOKEN)) return isInFile(*operations.policy, who.name, who.token);
+    const TOKEN_RECORD_T *record = findTokenById(operations.tokens, who.token);
+    if (record != nullptr) return isRooted(operations, *record);
+    return who.expires <= wallClockMs() / 1000; // one that has run out is not kept for long
+}
+
+} // namespace backend

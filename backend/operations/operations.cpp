@@ -231,10 +231,10 @@ static void connectClient(OPERATIONS_T &operations, const CallPtr &call)
     const SERVICE_T *service = findService(*channel, wanted.service);
     if (service == nullptr)
         return turn_away(wanted.device->device_name + " does not offer " + wanted.service);
-    auto socket = call->take_client();
-    if (!socket) return turn_away("no connected stream socket came with the request");
-    CLIENT_T client{std::move(*socket), call->who.name, call->who.from,
-                    wanted.is_shared,   nullptr,        nullptr};
+    SessionClientPtr stream = call->take_client();
+    if (!stream) return turn_away("no connected stream socket came with the request");
+    CLIENT_T client{std::move(stream), call->who.name, call->who.from,
+                    wanted.is_shared,  nullptr,        nullptr};
     // The operator answers for the session; who used it stands beside that.
     if (wanted.is_shared)
         client.from += ", shared port used by " +

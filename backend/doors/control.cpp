@@ -3,12 +3,12 @@
 #include "backend/net/accept_loop.h"
 #include "backend/observe/log.h"
 #include "backend/operations/sign_in.h"
+#include "backend/sessions/socket_client.h"
 
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <map>
-#include <optional>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -140,8 +140,8 @@ static void refuse(const LinkPtr &link, const std::string &error)
 
 // ---- requests
 
-// The socket that came with the request; nothing when none that can be used did.
-static std::optional<ClientSocket> takeClientSocket(CONTROL_LINK_T &link)
+// The socket that came with the request; null when none that can be used did.
+static SessionClientPtr takeClient(CONTROL_LINK_T &link)
 {
     int domain = 0;
     int type = 0;
@@ -152,13 +152,13 @@ static std::optional<ClientSocket> takeClientSocket(CONTROL_LINK_T &link)
     if (fd < 0 || getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) != 0 ||
         getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_STREAM ||
         getpeername(fd, reinterpret_cast<sockaddr *>(&peer), &peer_size) != 0)
-        return std::nullopt;
-    ClientSocket client(link.control->io);
+        return nullptr;
+    asio::generic::stream_protocol::socket client(link.control->io);
     error_code error;
     client.assign(asio::generic::stream_protocol(domain, 0), fd, error);
-    if (error) return std::nullopt;
+    if (error) return nullptr;
     link.passed_fd = -1;
-    return client;
+    return makeSocketClient(std::move(client));
 }
 
 // No more requests come on it, so only its end shows. The session must not keep running after the
@@ -185,7 +185,7 @@ static void run(const LinkPtr &link, const json &request)
                                  "process " + std::to_string(link->process));
     call->who.is_host_admin = link->uid == 0 || link->uid == geteuid();
     call->answer = [link](const json &line, bool is_last) { answer(link, line, is_last); };
-    call->take_client = [link] { return takeClientSocket(*link); };
+    call->take_client = [link] { return takeClient(*link); };
     runOperation(link->control->operations, call, request);
     link->session = call->session;
     if (link->session.lock()) watchOperator(link);

@@ -4,6 +4,7 @@
 #include "backend/net/endpoint.h"
 #include "backend/observe/log.h"
 #include "backend/operations/sign_in.h"
+#include "backend/sessions/socket_client.h"
 #include "utility/socket_owner.h"
 
 #include <nlohmann/json.hpp>
@@ -31,17 +32,16 @@ static void takeClient(const std::shared_ptr<FORWARD_T> &forward, tcp::socket so
     error_code error;
     const tcp::endpoint peer = socket.remote_endpoint(error);
     const std::optional<uid_t> owner = loopback_peer_owner(socket.native_handle());
-    const auto client = std::make_shared<std::optional<ClientSocket>>(std::move(socket));
+    const auto client = std::make_shared<SessionClientPtr>(makeSocketClient(std::move(socket)));
     const auto call = std::make_shared<CALL_T>();
     const std::string from = error ? "(gone)" : endpointText(peer);
-    call->take_client = [client] { return std::exchange(*client, std::nullopt); };
-    call->answer = [forward, client, from](const nlohmann::json &line,
-                                                            bool /*is_last*/) {
+    call->take_client = [client] { return std::move(*client); };
+    call->answer = [forward, client, from](const nlohmann::json &line, bool /*is_last*/) {
         if (line.value("ok", true)) return;
         logLimited(g_turned_away, LOG_LEVEL::WARNING, "client %s for %s/%s turned away: %s",
                    from.c_str(), forward->option.device.c_str(), forward->option.service.c_str(),
                    line.value("error", "").c_str());
-        if (*client) resetClient(**client);
+        if (*client) (*client)->close({}, false);
     };
     if (!owner) return carry(forward, call, "unknown", from);
     lookUpAccount(forward->names, *owner, [forward, call, from](const std::string &name) {

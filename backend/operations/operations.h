@@ -73,8 +73,8 @@ struct CALL_T {
     PRINCIPAL_T who;
     // Of the door. The last answer of a call is its end.
     std::function<void(const nlohmann::json &line, bool is_last)> answer;
-    // The connection to be carried; nothing when none that can be used came with the request.
-    std::function<std::optional<ClientSocket>()> take_client;
+    // The client to be carried; null when none that can be used came with the request.
+    std::function<SessionClientPtr()> take_client;
     ARGUMENTS_T arguments;
     std::optional<std::chrono::seconds> max_session; // of "connect", by the policy
     std::weak_ptr<SESSION_T> session;                // of "connect"

@@ -58,12 +58,17 @@ static void start(OPERATIONS_T &operations, const CallPtr &call)
     const SERVICE_T *service = findService(*channel, wanted.service);
     if (service == nullptr)
         throw OperationFault(FAULT::NOT_FOUND, noSuchService(*wanted.device, wanted.service));
-    auto socket = call->take_client();
-    if (!socket)
+    SessionClientPtr stream = call->take_client();
+    if (!stream)
         throw OperationFault(FAULT::BAD_REQUEST,
                              "no connected stream socket came with the request");
-    CLIENT_T client{std::move(*socket), call->who.name, originText(*call),
-                    wanted.is_shared,   nullptr,        nullptr};
+    CLIENT_T client{.stream = std::move(stream),
+                    .who = call->who.name,
+                    .from = originText(*call),
+                    .is_shared = wanted.is_shared,
+                    .opened = nullptr,
+                    .ended = nullptr,
+                    .max_session = call->max_session};
     client.opened = [call](const SESSION_T &session) {
         call->answer({{"ok", true}, {"session", session.number}}, false);
     };

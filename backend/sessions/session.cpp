@@ -9,29 +9,22 @@
 #include <algorithm>
 #include <optional>
 
-#include <boost/asio/buffer.hpp>
 #include <boost/asio/error.hpp>
-#include <boost/asio/ip/tcp.hpp>
 
 namespace backend {
 
 namespace asio = boost::asio;
 using boost::system::error_code;
-using tcp = asio::ip::tcp;
 
 constexpr std::size_t KEPT_STORAGE = std::size_t{64} * 1024; // of an empty buffer
 
 SESSION_T::SESSION_T(std::shared_ptr<SESSION_TABLE_T> of, CLIENT_T from, DEVICE_CHANNEL_T &on,
                      SERVICE_T wanted)
     : table(std::move(of)), channel(&on), limits(on.limits), origin(std::move(from)),
-      client(std::move(origin.socket)), timer(on.io), service(std::move(wanted)), device(on.device),
+      client(std::move(origin.stream)), timer(on.io), service(std::move(wanted)), device(on.device),
       asked_at(std::time(nullptr))
 {
     label = device.device_name + "/" + service.name + " for " + origin.who + ", " + origin.from;
-    error_code
-        ignored; // a client that is gone already shows in the first read; Unix sockets have none
-    client.set_option(tcp::no_delay(true), ignored);
-    client.non_blocking(true, ignored);
 }
 
 static std::size_t bufferedBytes(const SESSION_T &session)
@@ -56,13 +49,6 @@ SESSION_T::~SESSION_T()
     recordEnd(*this);
 }
 
-void resetClient(ClientSocket &client)
-{
-    error_code ignored;
-    client.set_option(asio::socket_base::linger(true, 0), ignored);
-    client.close(ignored);
-}
-
 static void noteReason(SESSION_T &session, const std::string &reason)
 {
     if (session.end_reason.empty()) session.end_reason = reason;
@@ -82,13 +68,11 @@ static void finishSession(const SessionPtr &session, bool is_whole, bool is_orde
     session->state = SESSION_STATE::CLOSED;
     session->is_whole = is_whole;
     session->timer.cancel();
+    session->longest.reset();
     session->table->backlog -= std::exchange(session->counted, 0);
-    if (is_orderly) {
-        error_code ignored;
-        session->client.close(ignored);
-    } else {
-        resetClient(session->client);
-    }
+    session->client->close(
+        {session->end_reason.c_str(), is_whole, session->bytes_up, session->bytes_down},
+        is_orderly);
     leaveChannel(*session, false);
     recordEnd(*session);
     const auto ended = std::exchange(session->origin.ended, nullptr);
@@ -184,15 +168,13 @@ static void armSessionTimer(const SessionPtr &session)
     });
 }
 
-// Everything is with the client: after the device's release it gets its end of file. Closing before
-// it has closed too could turn what it has not read yet into a reset, so its own end is waited for.
+// Everything is with the client: after the device's release it gets its end of file.
 static void clientIsFlushed(const SessionPtr &session)
 {
     if (session->state == SESSION_STATE::LINGERING) return armSessionTimer(session);
     if (session->state != SESSION_STATE::FLUSHING) return;
-    if (session->client_ended) return finishSession(session, true, true);
-    error_code ignored; // a broken connection ends the read
-    session->client.shutdown(ClientSocket::shutdown_send, ignored);
+    if (session->client_ended || session->client->endSending() == END_WAIT::NOTHING)
+        return finishSession(session, true, true);
     armSessionTimer(session);
 }
 
@@ -202,7 +184,7 @@ static void clientWritten(const SessionPtr &session, const error_code &error, st
 {
     session->write_active = false;
     if (session->state == SESSION_STATE::CLOSED) return;
-    if (error) return endSession(session, "the client's connection is lost", false);
+    if (error) return endSession(session, session->client->lossReason(), false);
     session->written += count;
     noteBacklog(*session->table, *session);
     if (session->state == SESSION_STATE::CLOSED) return;
@@ -221,11 +203,10 @@ static void writeClient(const SessionPtr &session)
     }
     if (session->writing.empty()) return clientIsFlushed(session);
     session->write_active = true;
-    session->client.async_write_some(asio::buffer(session->writing.data() + session->written,
-                                                  session->writing.size() - session->written),
-                                     [session](const error_code &error, std::size_t count) {
-                                         clientWritten(session, error, count);
-                                     });
+    session->client->asyncWrite(std::span(session->writing).subspan(session->written),
+                                [session](const error_code &error, std::size_t count) {
+                                    clientWritten(session, error, count);
+                                });
 }
 
 // What the client takes at once need not be kept. False when that ended the session.
@@ -233,11 +214,10 @@ static bool writeAtOnce(const SessionPtr &session, std::span<const std::uint8_t>
 {
     if (session->write_active || bufferedBytes(*session) > 0) return true;
     error_code error;
-    const std::size_t count =
-        session->client.write_some(asio::buffer(bytes.data(), bytes.size()), error);
+    const std::size_t count = session->client->writeSome(bytes, error);
     bytes = bytes.subspan(count);
     if (!error || error == asio::error::would_block) return true;
-    endSession(session, "the client's connection is lost", false);
+    endSession(session, session->client->lossReason(), false);
     return false;
 }
 
@@ -274,7 +254,7 @@ static void clientRead(const SessionPtr &session, const error_code &error, std::
     session->is_flowing = count == DATA_MAX;
     if (session->state == SESSION_STATE::CLOSED) return;
     if (error == asio::error::eof) return clientEnded(session);
-    if (error) return endSession(session, "the client's connection is lost", false);
+    if (error) return endSession(session, session->client->lossReason(), false);
     if (session->state == SESSION_STATE::OPEN) {
         session->message->payload_size = count;
         session->bytes_down += count;
@@ -294,16 +274,15 @@ static void readClient(const SessionPtr &session)
         return waitForDataRoom(session->channel->outgoing, session);
     if (!session->message) session->message = takeDataMessage(DATA_MAX);
     session->read_active = true;
+    const std::span storage(session->message->payload.data(), DATA_MAX);
     if (is_open && session->is_flowing) {
         error_code error;
-        const std::size_t count = session->client.read_some(
-            asio::buffer(session->message->payload.data(), DATA_MAX), error);
+        const std::size_t count = session->client->readSome(storage, error);
         if (error != asio::error::would_block) return clientRead(session, error, count);
     }
-    session->client.async_read_some(asio::buffer(session->message->payload.data(), DATA_MAX),
-                                    [session](const error_code &error, std::size_t count) {
-                                        clientRead(session, error, count);
-                                    });
+    session->client->asyncRead(storage, [session](const error_code &error, std::size_t count) {
+        clientRead(session, error, count);
+    });
 }
 
 void SESSION_T::roomIsBack()
@@ -323,12 +302,26 @@ void openSession(const SessionPtr &session)
     if (session->state == SESSION_STATE::OPENING) armSessionTimer(session);
 }
 
+// From now on, whatever goes over it.
+static void limitSession(const SessionPtr &session)
+{
+    if (!session->origin.max_session) return;
+    session->longest.emplace(session->timer.get_executor(), *session->origin.max_session);
+    session->longest->async_wait(
+        [weak = std::weak_ptr<SESSION_T>(session)](const error_code &stopped) {
+            const SessionPtr over = weak.lock();
+            if (!stopped && over)
+                endSession(over, "the longest session that a grant allows is over", false);
+        });
+}
+
 void SESSION_T::opened(const std::string &given)
 {
     token = given;
     state = SESSION_STATE::OPEN;
     const SessionPtr self = shared_from_this();
     armSessionTimer(self);
+    limitSession(self);
     logInfo("session %s opened: %s", number.c_str(), label.c_str());
     if (origin.opened) origin.opened(*this);
     readClient(self);

@@ -1,4 +1,4 @@
-// One session's local end: the stream socket of a client, carried over a device's channel.
+// One session's local end: a client's stream of bytes, carried over a device's channel.
 // Ownership  the channel owns its sessions; a running operation keeps its session alive. A session
 //            that the device has released only flushes what is left to its client and belongs to
 //            itself.
@@ -10,8 +10,8 @@
 //            device still sends, until the device releases it or nothing has come for linger_time.
 // Endings    a client whose session was refused, lost or cut off gets a reset, so that it cannot
 //            take a part for the whole; after an orderly release it gets everything that was sent
-//            to it and then an end of file. Each session, refused ones too, ends with one line in
-//            the audit log.
+//            to it and then an end of file. A session with a longest time is cut off after it.
+//            Each session, refused ones too, ends with one line in the audit log.
 // Limits     LIMITS_T: the sessions' buffers, and the waits that end a session.
 #pragma once
 
@@ -19,6 +19,7 @@
 #include "backend/devices/device_registry.h"
 #include "backend/devices/protocol.h"
 #include "backend/net/out_message.h"
+#include "backend/sessions/session_client.h"
 
 #include <chrono>
 #include <cstdint>
@@ -30,7 +31,6 @@
 #include <string>
 #include <vector>
 
-#include <boost/asio/generic/stream_protocol.hpp>
 #include <boost/asio/steady_timer.hpp>
 
 namespace backend {
@@ -50,17 +50,15 @@ enum class SESSION_STATE {
 
 struct SESSION_T;
 
-// TCP of any family, or a Unix socket.
-using ClientSocket = boost::asio::generic::stream_protocol::socket;
-
 struct CLIENT_T {
-    ClientSocket socket;
+    SessionClientPtr stream;
     std::string who;                               // the operator's account
     std::string from;                              // where that account's request came from
     bool is_shared = false;                        // a port that other accounts may use, too
     std::function<void(const SESSION_T &)> opened; // may be empty
     // Once for each client, also for one whose session is refused. May be empty.
     std::function<void(const SESSION_T &)> ended;
+    std::optional<std::chrono::seconds> max_session = std::nullopt; // from when it is open
 };
 
 struct SESSION_T final : ChannelStream, std::enable_shared_from_this<SESSION_T> {
@@ -81,9 +79,10 @@ struct SESSION_T final : ChannelStream, std::enable_shared_from_this<SESSION_T> 
     std::shared_ptr<SESSION_TABLE_T> table;
     DEVICE_CHANNEL_T *channel; // borrowed; null once the session is off the channel
     const LIMITS_T &limits;
-    CLIENT_T origin; // its socket has gone into client
-    ClientSocket client;
-    boost::asio::steady_timer timer; // the one wait of the current state
+    CLIENT_T origin; // its stream has gone into client
+    SessionClientPtr client;
+    boost::asio::steady_timer timer;                  // the one wait of the current state
+    std::optional<boost::asio::steady_timer> longest; // of a session with a max_session
     SERVICE_T service;
     DEVICE_KEY_T device;
     std::string number; // unique for good
@@ -119,8 +118,5 @@ void endSession(const SessionPtr &session, const std::string &reason, bool is_or
 
 // Asks the device. The session's begin has been recorded.
 void openSession(const SessionPtr &session);
-
-// Resets a connection for which there is no session.
-void resetClient(ClientSocket &client);
 
 } // namespace backend

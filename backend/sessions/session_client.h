@@ -17,7 +17,13 @@
 
 namespace backend {
 
-// How a session ended, for a client that can be told.
+// What is waited for when everything has been sent.
+enum class END_WAIT {
+    FOR_CLIENT, // its own end
+    NOTHING,    // close() tells the client of the end, and waits for it by itself
+};
+
+// How a session ended, for a client that can be told. The reason is valid during the call.
 struct SESSION_END_T {
     const char *reason = "";
     bool is_whole = false;
@@ -40,8 +46,13 @@ public:
     virtual std::size_t writeSome(std::span<const std::uint8_t> bytes, Error &error) = 0;
     virtual void asyncWrite(std::span<const std::uint8_t> bytes, Done done) = 0;
     // The operator gets an end of file after everything that was written.
-    virtual void endSending() = 0;
-    // is_orderly: an end of file for the operator, else a reset.
+    virtual END_WAIT endSending() = 0;
+    // Why an operation has failed, other than by the end of file; a literal.
+    virtual const char *lossReason() const
+    {
+        return "the client's connection is lost";
+    }
+    // is_orderly: an end of file for the operator, else a reset. Comes once.
     virtual void close(const SESSION_END_T &end, bool is_orderly) = 0;
 };
 using SessionClientPtr = std::unique_ptr<SessionClient>;

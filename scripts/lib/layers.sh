@@ -10,6 +10,7 @@ declare -A LAYER_INCLUDES=(
     [sessions]='devices net'
     [operations]='directory sessions devices net'
     [doors]='operations directory sessions devices net'
+    [api]='operations directory sessions devices net'
 )
 readonly LAYER_LEAVES='policy observe store' # and the headers beside the folders
 readonly LAYER_HEADERS='limits.h device_key.h options.h'

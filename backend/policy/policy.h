@@ -3,8 +3,8 @@
 // no grant allows.
 // Shape      a policy is a snapshot that does not change; a reload makes a new one.
 // Threads    a policy can be read by any thread; the rest has no state.
-// Failure    loadPolicy and parsePolicy throw std::runtime_error whose text names the file and the
-//            place in it. decide never fails.
+// Failure    loadPolicy and parsePolicy throw std::runtime_error whose text names the place, and
+//            with loadPolicy the file. decide never fails.
 // Limits     the file has at most 16 MiB; names 64 bytes, patterns 255.
 #pragma once
 
@@ -74,7 +74,11 @@ using PolicyPtr = std::shared_ptr<const POLICY_T>;
 PolicyPtr loadPolicy(const std::string &path, std::vector<std::string> &warnings);
 PolicyPtr parsePolicy(std::string_view text);
 
-// policy: null for a back end without operators.json.
+// policy: null for a back end without operators.json. Of all grants that allow it, the shortest
+// session counts, and one that records is enough to deny CONNECT. A target without a service is
+// covered whatever services a grant names; without a device, only a grant over every device covers
+// it, and the verdict is never UNKNOWN. That somebody is the host's administrator allows nothing
+// here. UNKNOWN's reason is for the audit: to the one who asked it would tell too much.
 DECISION_T decide(const POLICY_T *policy, const PRINCIPAL_T &who, RIGHT right,
                   const TARGET_T &target);
 
@@ -96,6 +100,7 @@ std::optional<PROVED_T> operatorOfAccount(const POLICY_T &policy, std::string_vi
 std::optional<PROVED_T> operatorOfToken(const POLICY_T &policy, const SHA256_T &hash,
                                         std::int64_t now);
 // names: the subject alternative names of a certificate that the CA has signed (DNS, email, URI).
+// Those of two operators prove neither.
 std::optional<PROVED_T> operatorOfCertificate(const POLICY_T &policy,
                                               const std::vector<std::string> &names);
 bool hasOperator(const POLICY_T &policy, std::string_view name);

@@ -2,6 +2,7 @@
 
 #include "backend/net/endpoint.h"
 #include "backend/observe/audit.h"
+#include "backend/observe/events.h"
 #include "backend/observe/metrics.h"
 
 namespace backend {
@@ -190,12 +191,14 @@ void deviceConnected(DIRECTORY_T &directory, const ChannelPtr &channel, const st
     noteDeviceCame(directory.records, channel->device, addressOf(channel->peer), wallClockMs());
     setMetric(METRIC::DEVICES_CONNECTED, directory.connected.size());
     tellConnected(directory, *channel, remark);
-    if (!older) return;
-    noteDeviceReplaced(directory.records, channel->device, wallClockMs());
-    directory.displaced[channel->device] = std::chrono::steady_clock::now();
-    // Its sessions are void: identifiers may come a second time from a device that has started
-    // again.
-    closeDeviceChannel(*older, CLOSE_GOING_AWAY, "replaced by a newer connection");
+    if (older) {
+        noteDeviceReplaced(directory.records, channel->device, wallClockMs());
+        directory.displaced[channel->device] = std::chrono::steady_clock::now();
+        // Its sessions are void: identifiers may come a second time from a device that has started
+        // again.
+        closeDeviceChannel(*older, CLOSE_GOING_AWAY, "replaced by a newer connection");
+    }
+    publish({EVENT::DEVICE_CONNECTED, channel->device, {}, {}, {}, {}});
 }
 
 void deviceGone(DIRECTORY_T &directory, const ChannelPtr &channel, const std::string &reason)
@@ -207,6 +210,7 @@ void deviceGone(DIRECTORY_T &directory, const ChannelPtr &channel, const std::st
     noteDeviceLeft(directory.records, channel->device, reason, wallClockMs());
     setMetric(METRIC::DEVICES_CONNECTED, directory.connected.size());
     tellDisconnected(directory, *channel, nullptr, reason);
+    publish({EVENT::DEVICE_DISCONNECTED, channel->device, {}, {}, {}, reason});
 }
 
 void replaceRegistry(DIRECTORY_T &directory, DEVICE_REGISTRY_T registry)

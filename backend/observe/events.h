@@ -1,6 +1,8 @@
 // What happens to devices and sessions, for those who want to see it at once.
 // Threads   the thread of the io_context.
-// Ownership a subscription is its holder's; it ends with it. A callback may end subscriptions.
+// Ownership a subscription is its holder's; it ends with it. A callback may end subscriptions,
+//           begin others, which do not see this event, and cause further events.
+// Failure   what a callback throws is logged, and the others are called.
 // Cost      without a subscription an event costs a look at an empty list.
 #pragma once
 
@@ -28,6 +30,6 @@ struct SUBSCRIPTION_T;
 using SubscriptionPtr = std::shared_ptr<SUBSCRIPTION_T>;
 
 [[nodiscard]] SubscriptionPtr subscribe(EventCallback callback);
-void publish(const EVENT_T &event);
+void publish(const EVENT_T &event) noexcept;
 
 } // namespace backend

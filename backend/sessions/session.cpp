@@ -3,6 +3,7 @@
 #include "backend/devices/device_channel.h"
 #include "backend/limits.h"
 #include "backend/observe/audit.h"
+#include "backend/observe/events.h"
 #include "backend/observe/log.h"
 #include "backend/sessions/session_table.h"
 
@@ -60,6 +61,12 @@ static void leaveChannel(SESSION_T &session, bool tell_device)
     if (channel != nullptr) takeOffChannel(*channel, session, session.token, tell_device);
 }
 
+static void publishSession(const SESSION_T &session, EVENT kind)
+{
+    publish({kind, session.device, session.service.name, session.number, session.origin.who,
+             session.end_reason});
+}
+
 // The one way into CLOSED. is_whole: the device has ended the session and the client got everything
 // that came from it; only then the client's end is known to be right. is_orderly: the client gets
 // an end of file, else a reset.
@@ -77,6 +84,7 @@ static void finishSession(const SessionPtr &session, bool is_whole, bool is_orde
     recordEnd(*session);
     const auto ended = std::exchange(session->origin.ended, nullptr);
     if (ended) ended(*session);
+    if (!session->token.empty()) publishSession(*session, EVENT::SESSION_ENDED);
 }
 
 void SESSION_T::cut(const std::string &reason)
@@ -324,6 +332,7 @@ void SESSION_T::opened(const std::string &given)
     limitSession(self);
     logInfo("session %s opened: %s", number.c_str(), label.c_str());
     if (origin.opened) origin.opened(*this);
+    publishSession(*this, EVENT::SESSION_BEGUN);
     readClient(self);
 }
 

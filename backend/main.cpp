@@ -2,6 +2,7 @@
 // Exit status  0 after SIGINT or SIGTERM, 1 when something cannot be used at run time, 2 for a
 // wrong command line.
 #include "backend/command_line.h"
+#include "backend/directory/registry_reload.h"
 #include "backend/net/listener.h"
 #include "backend/net/memory.h"
 #include "backend/observe/audit.h"
@@ -62,8 +63,20 @@ static void attempt(RELOAD_T &reload, const char *name, const std::function<void
     *outcome += name;
 }
 
+static void tellReload(const RELOAD_T &reload, std::size_t devices)
+{
+    auditRecord(AUDIT_EVENT::RELOAD,
+                {{"read", reload.read}, {"failed", reload.failed}, {"devices", devices}});
+    if (reload.failed.empty())
+        logInfo("files read again: %s; %zu devices registered", reload.read.c_str(), devices);
+    else
+        logWarning("files read again: %s; not read: %s; %zu devices registered",
+                   reload.read.empty() ? "none" : reload.read.c_str(), reload.failed.c_str(),
+                   devices);
+}
+
 // Each file on its own: a broken one does not affect the others.
-static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server)
+static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server, RegistryReload &registry)
 {
     RELOAD_T reload;
     attempt(reload, "audit", [] { reopenAudit(); });
@@ -71,16 +84,14 @@ static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server)
         attempt(reload, "certificate and key",
                 [&] { server.device_port->tls = readCertificate(line); });
     }
-    attempt(reload, "devices", [&] { replaceRegistry(server.directory, readRegistry(line)); });
-    const std::size_t count = server.directory.registry.size();
-    auditRecord(AUDIT_EVENT::RELOAD,
-                {{"read", reload.read}, {"failed", reload.failed}, {"devices", count}});
-    if (reload.failed.empty())
-        logInfo("files read again: %s; %zu devices registered", reload.read.c_str(), count);
-    else
-        logWarning("files read again: %s; not read: %s; %zu devices registered",
-                   reload.read.empty() ? "none" : reload.read.c_str(), reload.failed.c_str(),
-                   count);
+    registry.start([reload](const RELOADED_T &result) mutable {
+        for (const std::string &warning : result.warnings)
+            logWarning("%s", warning.c_str());
+        attempt(reload, "devices", [&] {
+            if (!result.fault.empty()) throw std::runtime_error(result.fault);
+        });
+        tellReload(reload, result.devices);
+    });
 }
 
 // Records what ends with the io_context, too, and gives up on a reader that does not read.
@@ -127,6 +138,7 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
     startAudit({line.audit, RA_VERSION,
                 [&io](std::function<void()> task) { asio::post(io, std::move(task)); }});
     const auto server = startServer(io, std::move(options));
+    RegistryReload registry_reload(io, server->directory, line.devices);
     MemoryTidy tidy(io);
     signals.async_wait([&](const boost::system::error_code &error, int number) {
         if (error) return;
@@ -139,7 +151,7 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
     const std::function<void()> wait_for_change = [&] {
         changes.async_wait([&](const boost::system::error_code &error, int) {
             if (error) return;
-            readFilesAgain(line, *server);
+            readFilesAgain(line, *server, registry_reload);
             wait_for_change();
         });
     };

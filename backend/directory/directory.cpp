@@ -19,21 +19,27 @@ static bool isDuplicate(const DEVICE_RECORD_T *record, std::int64_t now_ms)
            now_ms - record->duplicate_ms < DUPLICATE_MARK_MS;
 }
 
+DEVICE_VIEW_T viewDevice(const DIRECTORY_T &directory, const REGISTERED_T &device,
+                         std::int64_t now_ms)
+{
+    const DEVICE_RECORD_T *record = findDeviceRecord(directory.records, device.key);
+    return {&device.key, &device.labels, findChannel(directory, device.key), record,
+            isDuplicate(record, now_ms)};
+}
+
 std::vector<DEVICE_VIEW_T> viewDevices(const DIRECTORY_T &directory)
 {
     const std::int64_t now_ms = wallClockMs();
     std::vector<DEVICE_VIEW_T> views;
     views.reserve(directory.registry.size());
-    for (const auto &[key, secret] : directory.registry) {
-        const DEVICE_RECORD_T *record = findDeviceRecord(directory.records, key);
-        views.push_back({&key, findChannel(directory, key), record, isDuplicate(record, now_ms)});
-    }
+    for (std::size_t i = 0; i < directory.registry.size(); i++)
+        views.push_back(viewDevice(directory, directory.registry[i], now_ms));
     return views;
 }
 
 DEVICE_KEY_T findDevice(const DIRECTORY_T &directory, std::string_view name)
 {
-    return findDeviceByName(directory.registry, name);
+    return findDeviceByName(directory.registry, name).key;
 }
 
 ChannelPtr findChannel(const DIRECTORY_T &directory, const DEVICE_KEY_T &device)
@@ -68,21 +74,20 @@ static bool isTooSoon(DIRECTORY_T &directory, const DEVICE_KEY_T &device)
 
 static HANDSHAKE_RESULT_T refuse(HANDSHAKE_RESULT_T result, HANDSHAKE_CODE code, const char *detail)
 {
-    return {code, detail, std::move(result.device), {}, 0};
+    return {code, detail, std::move(result.device), {}, 0, {}};
 }
 
 // Of a device whose handshake is right. The store has answered meanwhile: what was so before may
 // have changed.
-static HANDSHAKE_RESULT_T admit(DIRECTORY_T &directory, SIGNATURE_USE use,
-                                const std::string &secret, const std::string &peer,
+static HANDSHAKE_RESULT_T admit(DIRECTORY_T &directory, SIGNATURE_USE use, const std::string &peer,
                                 HANDSHAKE_RESULT_T result)
 {
     if (use == SIGNATURE_USE::REPLAYED)
         return refuse(std::move(result), HANDSHAKE_BAD_SIGNATURE, "signature used before");
     if (use == SIGNATURE_USE::UNRECORDED)
         return refuse(std::move(result), HANDSHAKE_UNAVAILABLE, "the store cannot be written");
-    const auto known = directory.registry.find(result.device);
-    if (known == directory.registry.end() || known->second != secret)
+    const REGISTERED_T *known = directory.registry.find(result.device);
+    if (known == nullptr || !isSecretOf(*known, result.proved_secret, wallClockMs() / 1000))
         return refuse(std::move(result), HANDSHAKE_BAD_SIGNATURE, "its entry has just changed");
     const ChannelPtr older = findChannel(directory, result.device);
     if (!older || !isTooSoon(directory, result.device)) return result;
@@ -100,9 +105,9 @@ void checkDevice(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &channel, const 
     const DEVICE_KEY_T device = result.device;
     const std::int64_t signed_second = result.signed_second;
     claimSignature(directory.signatures, device, signed_second, addressOf(channel.peer), now_ms,
-                   [&directory, secret = directory.registry.at(device), peer = channel.peer,
-                    result = std::move(result), answered = std::move(answered)](SIGNATURE_USE use) {
-                       answered(admit(directory, use, secret, peer, result));
+                   [&directory, peer = channel.peer, result = std::move(result),
+                    answered = std::move(answered)](SIGNATURE_USE use) {
+                       answered(admit(directory, use, peer, result));
                    });
 }
 
@@ -110,7 +115,7 @@ void deviceRefused(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &channel,
                    const HANDSHAKE_RESULT_T &result)
 {
     const DEVICE_KEY_T &device = result.device;
-    if (directory.registry.contains(device) &&
+    if (directory.registry.find(device) != nullptr &&
         !lineIsAllowed(directory.lines, device, DEVICE_LINE::REFUSAL))
         return;
     if (result.code != HANDSHAKE_DUPLICATE) // has a line of its own
@@ -191,17 +196,54 @@ void deviceGone(DIRECTORY_T &directory, const ChannelPtr &channel, const std::st
     tellDisconnected(directory, *channel, nullptr, reason);
 }
 
-void replaceRegistry(DIRECTORY_T &directory, DEVICE_REGISTRY_T registry)
+// Calls step for each of the sorted keys that a map has, with the device of that key or null. A
+// walk beside the keys: a look-up for each would stop everything else for a while when there are
+// a hundred thousand.
+template <class Map, class Step>
+static void walkBeside(const Map &map, const DEVICE_REGISTRY_T &registry, Step step)
 {
-    std::swap(directory.registry, registry);
-    for (const auto &[key, channel] : std::map(directory.connected)) {
-        const auto known = directory.registry.find(key);
-        if (known == directory.registry.end()) {
-            closeDeviceChannel(*channel, CLOSE_REFUSED, "removed from the registry");
-        } else if (known->second != registry[key]) {
-            closeDeviceChannel(*channel, CLOSE_REFUSED, "its secret in the registry has changed");
-        }
+    std::size_t next = 0;
+    for (const auto &[key, value] : map) {
+        while (next < registry.size() && registry[next].key < key)
+            next++;
+        const bool is_there = next < registry.size() && registry[next].key == key;
+        step(key, value, is_there ? &registry[next] : nullptr);
     }
+}
+
+void forgetUnregistered(DIRECTORY_T &directory)
+{
+    std::vector<DEVICE_KEY_T> gone;
+    walkBeside(directory.records.records, directory.registry,
+               [&gone](const DEVICE_KEY_T &key, const DEVICE_RECORD_T & /*record*/,
+                       const REGISTERED_T *device) {
+                   if (device == nullptr) gone.push_back(key);
+               });
+    for (const DEVICE_KEY_T &key : gone)
+        forgetDevice(directory.records, key);
+}
+
+DEVICE_REGISTRY_T replaceRegistry(DIRECTORY_T &directory, DEVICE_REGISTRY_T registry)
+{
+    struct CHANGE_T {
+        ChannelPtr channel;
+        const char *reason;
+    };
+    const std::int64_t now_s = wallClockMs() / 1000;
+    std::vector<CHANGE_T> changes; // closing a channel changes the map
+    std::swap(directory.registry, registry);
+    walkBeside(
+        directory.connected, directory.registry,
+        [&](const DEVICE_KEY_T & /*key*/, const ChannelPtr &channel, const REGISTERED_T *device) {
+            if (device == nullptr)
+                changes.push_back({channel, "removed from the registry"});
+            else if (!isSecretOf(*device, channel->proved_secret, now_s))
+                changes.push_back({channel, "its secret in the registry has changed"});
+        });
+    for (const CHANGE_T &change : changes)
+        closeDeviceChannel(*change.channel, CLOSE_REFUSED, change.reason);
+    forgetUnregistered(directory);
+    return registry;
 }
 
 void closeDirectory(DIRECTORY_T &directory, const std::string &reason)

@@ -9,11 +9,11 @@
 #pragma once
 
 #include "backend/device_key.h"
+#include "backend/labels.h"
 
 #include <array>
 #include <chrono>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -38,8 +38,6 @@ struct PRINCIPAL_T {
     std::string token;          // id of the token that proved it, or empty
     bool is_host_admin = false; // the machine's root, or the back end's own account
 };
-
-using LABELS_T = std::map<std::string, std::string>;
 
 // What a right is wanted for. Labels may be null: there are none.
 struct TARGET_T {

@@ -12,7 +12,7 @@ declare -A LAYER_INCLUDES=(
     [doors]='operations directory sessions devices net'
 )
 readonly LAYER_LEAVES='policy observe store' # and the headers beside the folders
-readonly LAYER_HEADERS='limits.h device_key.h options.h'
+readonly LAYER_HEADERS='limits.h device_key.h labels.h utc_time.h options.h'
 
 # check_layers: names each line of backend/ that includes what its folder must not.
 check_layers() {

@@ -13,7 +13,7 @@
 
 namespace backend {
 
-constexpr std::size_t LABELS_MAX = 16; // of a device
+constexpr std::size_t DEVICE_LABELS_MAX = 16; // of a device
 constexpr std::size_t LABEL_NAME_MAX = 64;
 constexpr std::size_t LABEL_VALUE_MAX = 255;
 

@@ -75,8 +75,12 @@ static void tellReload(const RELOAD_T &reload, std::size_t devices)
                    devices);
 }
 
+// Called with the names of the files that could not be read.
+using ReadAgain = std::function<void(const std::string &failed)>;
+
 // Each file on its own: a broken one does not affect the others.
-static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server, RegistryReload &registry)
+static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server, RegistryReload &registry,
+                           ReadAgain done)
 {
     RELOAD_T reload;
     attempt(reload, "audit", [] { reopenAudit(); });
@@ -84,13 +88,14 @@ static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server, Registr
         attempt(reload, "certificate and key",
                 [&] { server.device_port->tls = readCertificate(line); });
     }
-    registry.start([reload](const RELOADED_T &result) mutable {
+    registry.start([reload, done = std::move(done)](const RELOADED_T &result) mutable {
         for (const std::string &warning : result.warnings)
             logWarning("%s", warning.c_str());
         attempt(reload, "devices", [&] {
             if (!result.fault.empty()) throw std::runtime_error(result.fault);
         });
         tellReload(reload, result.devices);
+        done(reload.failed);
     });
 }
 
@@ -151,7 +156,7 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
     const std::function<void()> wait_for_change = [&] {
         changes.async_wait([&](const boost::system::error_code &error, int) {
             if (error) return;
-            readFilesAgain(line, *server, registry_reload);
+            readFilesAgain(line, *server, registry_reload, [](const std::string &) {});
             wait_for_change();
         });
     };

@@ -192,8 +192,8 @@ private:
                                      ": the name of a label must be a plain text of 1 to " +
                                      std::to_string(LABEL_NAME_MAX) + " bytes");
         (void)m_labels.add(m_label, checked(value, 0, LABEL_VALUE_MAX));
-        if (m_keys[m_depth].size() > LABELS_MAX)
-            throw std::runtime_error(place() + ": more than " + std::to_string(LABELS_MAX) +
+        if (m_keys[m_depth].size() > DEVICE_LABELS_MAX)
+            throw std::runtime_error(place() + ": more than " + std::to_string(DEVICE_LABELS_MAX) +
                                      " labels");
     }
     void takeDevice()

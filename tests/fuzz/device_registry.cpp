@@ -27,7 +27,7 @@ static void requireSound(const DEVICE_REGISTRY_T &registry)
         REQUIRE(isWithin(device.key.device_name, DEVICE_NAME_MAX));
         REQUIRE(isWithin(device.secret, SECRET_MAX_BYTES));
         REQUIRE(!registry.findNamed(device.key.device_name).empty());
-        REQUIRE(device.labels.size() <= LABELS_MAX);
+        REQUIRE(device.labels.size() <= DEVICE_LABELS_MAX);
         for (const auto &[name, value] : device.labels) {
             REQUIRE(device.labels.find(name)->second == value);
             REQUIRE(!name.empty() && name.size() <= LABEL_NAME_MAX);

@@ -2,6 +2,7 @@
 // Exit status  0 after SIGINT or SIGTERM, 1 when something cannot be used at run time, 2 for a
 // wrong command line.
 #include "backend/command_line.h"
+#include "backend/directory/registry_reload.h"
 #include "backend/net/listener.h"
 #include "backend/net/memory.h"
 #include "backend/observe/audit.h"
@@ -72,9 +73,24 @@ static void attempt(RELOAD_T &reload, const char *name, const std::function<void
     *outcome += name;
 }
 
-// Each file on its own: a broken one does not affect the others. Returns the names of those that
-// could not be read.
-static std::string readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server)
+static void tellReload(const RELOAD_T &reload, std::size_t devices)
+{
+    auditRecord(AUDIT_EVENT::RELOAD,
+                {{"read", reload.read}, {"failed", reload.failed}, {"devices", devices}});
+    if (reload.failed.empty())
+        logInfo("files read again: %s; %zu devices registered", reload.read.c_str(), devices);
+    else
+        logWarning("files read again: %s; not read: %s; %zu devices registered",
+                   reload.read.empty() ? "none" : reload.read.c_str(), reload.failed.c_str(),
+                   devices);
+}
+
+// Called with the names of the files that could not be read.
+using ReadAgain = std::function<void(const std::string &failed)>;
+
+// Each file on its own: a broken one does not affect the others.
+static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server, RegistryReload &registry,
+                           ReadAgain done)
 {
     RELOAD_T reload;
     attempt(reload, "audit", [] { reopenAudit(); });
@@ -82,21 +98,18 @@ static std::string readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server)
         attempt(reload, "certificate and key",
                 [&] { server.device_port->tls = readCertificate(line); });
     }
-    attempt(reload, "devices", [&] { replaceRegistry(server.directory, readRegistry(line)); });
-    if (!line.operators.empty()) {
-        attempt(reload, "operators",
-                [&] { replacePolicy(server.operations, readPolicy(line)); });
-    }
-    const std::size_t count = server.directory.registry.size();
-    auditRecord(AUDIT_EVENT::RELOAD,
-                {{"read", reload.read}, {"failed", reload.failed}, {"devices", count}});
-    if (reload.failed.empty())
-        logInfo("files read again: %s; %zu devices registered", reload.read.c_str(), count);
-    else
-        logWarning("files read again: %s; not read: %s; %zu devices registered",
-                   reload.read.empty() ? "none" : reload.read.c_str(), reload.failed.c_str(),
-                   count);
-    return reload.failed;
+    if (!line.operators.empty())
+        attempt(reload, "operators", [&] { replacePolicy(server.operations, readPolicy(line)); });
+    registry.start([&server, reload, done = std::move(done)](const RELOADED_T &result) mutable {
+        for (const std::string &warning : result.warnings)
+            logWarning("%s", warning.c_str());
+        attempt(reload, "devices", [&] {
+            if (!result.fault.empty()) throw std::runtime_error(result.fault);
+        });
+        endForbiddenSessions(server.operations); // labels may have changed
+        tellReload(reload, result.devices);
+        done(reload.failed);
+    });
 }
 
 // Records what ends with the io_context, too, and gives up on a reader that does not read.
@@ -144,8 +157,9 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
     startAudit({line.audit, RA_VERSION,
                 [&io](std::function<void()> task) { asio::post(io, std::move(task)); }});
     const auto server = startServer(io, std::move(options));
-    server->operations.reload = [&](const std::function<void(const std::string &)> &done) {
-        done(readFilesAgain(line, *server));
+    RegistryReload registry_reload(io, server->directory, line.devices);
+    server->operations.reload = [&](ReadAgain done) {
+        readFilesAgain(line, *server, registry_reload, std::move(done));
     };
     MemoryTidy tidy(io);
     signals.async_wait([&](const boost::system::error_code &error, int number) {
@@ -159,7 +173,7 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
     const std::function<void()> wait_for_change = [&] {
         changes.async_wait([&](const boost::system::error_code &error, int) {
             if (error) return;
-            (void)readFilesAgain(line, *server);
+            readFilesAgain(line, *server, registry_reload, [](const std::string &) {});
             wait_for_change();
         });
     };

@@ -150,6 +150,9 @@ TEST(Policy, GivesTheReasonOfADenial)
     EXPECT_EQ(reasonOf(personNamed("audit"), RIGHT::MANAGE, {}),
               "no grant allows manage of every device");
     EXPECT_EQ(reasonOf(personNamed("eve"), RIGHT::LIST, shell), "no operator is named \"eve\"");
+    EXPECT_EQ(reasonOf(personNamed("carl"), RIGHT::CONNECT,
+                       {&safe.key, &safe.labels, std::string_view("http\0x", 6)}),
+              std::string("no grant allows connect to safe-1/http\0x", 40));
     const PRINCIPAL_T port = personNamed("carl", DOOR::FORWARDED_PORT);
     EXPECT_EQ(reasonOf(port, RIGHT::CLOSE, shell), "a forwarded port is for connecting only");
 }
@@ -303,6 +306,7 @@ TEST(Policy, RefusesWhatIsNoJsonObjectOrNamesAMemberTwice)
     EXPECT_THAT(faultOf(""), HasSubstr("parse error"));
     EXPECT_THAT(faultOf("{\"operators\": ["), HasSubstr("parse error"));
     EXPECT_THAT(faultOf("{\"operators\": [\"\xff\"]}"), HasSubstr("invalid string"));
+    EXPECT_THAT(faultOf("[1e999]"), HasSubstr("number overflow"));
     EXPECT_EQ(faultOf("[]"), "must be an object");
     EXPECT_EQ(faultOf(R"({"operators": []})"), "grants: is missing");
     EXPECT_EQ(faultOf(R"({"operators": [], "grants": [], "grants": []})"),
@@ -484,7 +488,7 @@ json randomPolicy(DICE_T &dice)
                       {"verbs", dice.some(VERBS, 1)}};
         if (grant["verbs"].dump().find("connect") != std::string::npos) {
             if (dice.isOneIn(2)) grant["max_session"] = dice.pick(DURATIONS);
-            if (dice.isOneIn(6)) grant["record"] = dice.isOneIn(2);
+            if (dice.isOneIn(4)) grant["record"] = !dice.isOneIn(4);
             grant["ssh_accounts"] = dice.some(SSH_ACCOUNTS, 0);
         }
         file["grants"].push_back(grant);
@@ -525,5 +529,5 @@ TEST(Policy, AgreesWithThePlainEvaluator)
         }
     }
     for (const auto &[verdict, count] : verdicts)
-        EXPECT_GT(count, 1000) << static_cast<int>(verdict);
+        EXPECT_GT(count, 500) << static_cast<int>(verdict);
 }

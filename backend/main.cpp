@@ -54,6 +54,14 @@ static std::shared_ptr<TLS_CONTEXT_T> readCertificate(const COMMAND_LINE_T &line
     return line.is_plain ? nullptr : makeTlsContext(line.cert, line.key);
 }
 
+static std::shared_ptr<TLS_CONTEXT_T> readApiCertificate(const COMMAND_LINE_T &line)
+{
+    if (line.api.empty()) return nullptr;
+    const bool has_own = !line.api_cert.empty();
+    return makeTlsContext(has_own ? line.api_cert : line.cert, has_own ? line.api_key : line.key,
+                          line.api_client_ca);
+}
+
 struct RELOAD_T {
     std::string read;   // names of files, with commas between
     std::string failed; // what was in use before stays
@@ -82,6 +90,9 @@ static std::string readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server)
         attempt(reload, "certificate and key",
                 [&] { server.device_port->tls = readCertificate(line); });
     }
+    if (server.api)
+        attempt(reload, "certificate, key and authority of the interface",
+                [&] { server.api->tls = readApiCertificate(line); });
     attempt(reload, "devices", [&] { replaceRegistry(server.directory, readRegistry(line)); });
     if (!line.operators.empty()) {
         attempt(reload, "operators",
@@ -140,6 +151,7 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
     options.registry = readRegistry(line);
     options.policy = readPolicy(line);
     options.tls = readCertificate(line);
+    options.api_tls = readApiCertificate(line);
     const AuditMute audit_mute;
     startAudit({line.audit, RA_VERSION,
                 [&io](std::function<void()> task) { asio::post(io, std::move(task)); }});

@@ -132,6 +132,8 @@ SERVER_OPTIONS_T readOptions(const COMMAND_LINE_T &line)
     if (!line.is_plain && line.cert.empty())
         throw std::invalid_argument("either --cert and --key or --plain is required");
     if (!line.api.empty()) options.api = parseEndpoint(line.api);
+    if (options.api && line.operators.empty())
+        throw std::invalid_argument("--api needs --operators");
     if (options.api && line.is_plain && line.api_cert.empty())
         throw std::invalid_argument("--api with --plain needs --api-cert and --api-key: the "
                                     "interface is never without TLS");

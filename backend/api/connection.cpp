@@ -1,5 +1,6 @@
 #include "backend/api/connection.h"
 
+#include "backend/api/connect.h"
 #include "backend/api/event_stream.h"
 #include "backend/api/openapi.h"
 #include "backend/net/endpoint.h"
@@ -165,7 +166,7 @@ void sendReply(const ConnectionPtr &connection, REPLY_T reply)
     write(connection, replyText(reply, keeps_alive), keeps_alive ? nextRequest : closeOrderly);
 }
 
-static void refuse(const ConnectionPtr &connection, const REFUSAL_T &refusal)
+void sendRefusal(const ConnectionPtr &connection, const REFUSAL_T &refusal)
 {
     const FAULT fault = refusal.status == 404 ? FAULT::NOT_FOUND : FAULT::BAD_REQUEST;
     REPLY_T reply = problemReply(fault, refusal.text, refusal.status);
@@ -177,13 +178,13 @@ static void refuseBroken(const ConnectionPtr &connection)
 {
     const HTTP_FAULT_T &fault = connection->reader.fault();
     connection->reader.request().keeps_alive = false;
-    refuse(connection, {fault.status, fault.text, {}});
+    sendRefusal(connection, {fault.status, fault.text, {}});
 }
 
 static void refuseSlow(const ConnectionPtr &connection)
 {
     connection->reader.request().keeps_alive = false;
-    refuse(connection, {408, "the request did not come in time", {}});
+    sendRefusal(connection, {408, "the request did not come in time", {}});
 }
 
 // ---- requests
@@ -192,7 +193,8 @@ static void runRequest(const ConnectionPtr &connection)
 {
     HTTP_REQUEST_T &http = connection->reader.request();
     auto request = operationRequest(*connection->match.route, http);
-    if (const auto *refusal = std::get_if<REFUSAL_T>(&request)) return refuse(connection, *refusal);
+    if (const auto *refusal = std::get_if<REFUSAL_T>(&request))
+        return sendRefusal(connection, *refusal);
     const auto call = std::make_shared<CALL_T>();
     call->who = connection->who;
     call->take_client = [] { return nullptr; };
@@ -226,7 +228,7 @@ static void serve(const ConnectionPtr &connection)
     case SERVES::EVENTS:
         return startEventStream(connection);
     case SERVES::CONNECT:
-        return sendReply(connection, problemReply(FAULT::NOT_BUILT, "not built"));
+        return startConnect(connection);
     }
 }
 
@@ -257,9 +259,9 @@ static void beginBody(const ConnectionPtr &connection)
     HTTP_REQUEST_T &request = connection->reader.request();
     if (!request.has_body) return readBody(connection);
     if (connection->match.route->body.empty() && request.method != "POST")
-        return refuse(connection, {400, "this request takes no body", {}});
+        return sendRefusal(connection, {400, "this request takes no body", {}});
     if (!isJson(fieldOf(request, "content-type")))
-        return refuse(connection, {415, "the body has to be application/json", {}});
+        return sendRefusal(connection, {415, "the body has to be application/json", {}});
     setTimer(connection, connection->port->limits.request_time, refuseSlow);
     if (!request.expects_continue) return readBody(connection);
     write(connection, "HTTP/1.1 100 Continue\r\n\r\n", [](const ConnectionPtr &held) {
@@ -322,7 +324,7 @@ static void handleHeader(const ConnectionPtr &connection)
         auto reply = checkAccess(*connection);
         if (reply) return sendReply(connection, std::move(*reply));
     }
-    if (match == nullptr) return refuse(connection, std::get<REFUSAL_T>(found));
+    if (match == nullptr) return sendRefusal(connection, std::get<REFUSAL_T>(found));
     connection->match = *match;
     if (match->is_options) return answerOptions(connection);
     beginBody(connection);

@@ -47,6 +47,7 @@ struct CONNECTION_T {
     bool is_waiting = true; // for a request's first byte
     bool is_body_read = false;
     bool is_answering = false;
+    bool is_handed_over = false; // to a session
     bool is_closed = false;
 };
 using ConnectionPtr = std::shared_ptr<CONNECTION_T>;
@@ -55,6 +56,7 @@ void startConnection(const ApiPortPtr &port, boost::asio::ip::tcp::socket socket
 
 // Answers the request, and goes on with the next one.
 void sendReply(const ConnectionPtr &connection, REPLY_T reply);
+void sendRefusal(const ConnectionPtr &connection, const REFUSAL_T &refusal);
 
 // What proves the operator of the request; borrows from the connection.
 CREDENTIALS_T credentialsOf(CONNECTION_T &connection);

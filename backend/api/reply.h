@@ -13,6 +13,8 @@
 
 namespace backend {
 
+constexpr unsigned STATUS_UPGRADE_REQUIRED = 426;
+
 struct REPLY_T {
     unsigned status = 200;
     std::string content_type; // empty: there is no body

@@ -30,7 +30,7 @@ constexpr std::array REASON_BODY{MEMBER_T{"reason", MEMBER::TEXT, false}};
 constexpr std::array KEYS_BODY{MEMBER_T{"keys", MEMBER::TEXTS, true}};
 constexpr std::array PUBLIC_KEY_BODY{MEMBER_T{"public_key", MEMBER::TEXT, true}};
 constexpr std::array TOKEN_BODY{MEMBER_T{"label", MEMBER::TEXT, true},
-                                MEMBER_T{"days", MEMBER::NUMBER, true}};
+                                MEMBER_T{"days", MEMBER::NUMBER, false}};
 
 constexpr auto OPERATION = SERVES::OPERATION;
 

@@ -46,7 +46,7 @@ void closeApiPort(API_PORT_T &port)
     port.listener->close();
     port.admission->close();
     for (CONNECTION_T *connection : std::set(port.connections))
-        abortConnection(*connection);
+        if (!connection->is_handed_over) abortConnection(*connection);
 }
 
 } // namespace backend

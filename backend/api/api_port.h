@@ -41,7 +41,7 @@ ApiPortPtr openApiPort(boost::asio::io_context &io, OPERATIONS_T &operations,
                        const LIMITS_T &limits, const boost::asio::ip::tcp::endpoint &listen,
                        std::shared_ptr<TLS_CONTEXT_T> tls);
 
-// Takes no further connection and closes those that there are.
+// Takes no further connection and closes those that there are; sessions end with their devices'.
 void closeApiPort(API_PORT_T &port);
 
 } // namespace backend

@@ -49,7 +49,7 @@ CONNECTION_T::~CONNECTION_T()
     explicit_bzero(in.data(), in.size());
 }
 
-void logGivenUp(const char *reason) noexcept
+void logConnectionGivenUp(const char *reason) noexcept
 {
     try {
         logLimited(g_given_up, LOG_LEVEL::WARNING, "an operator's connection is given up: %s",
@@ -62,7 +62,7 @@ void logGivenUp(const char *reason) noexcept
 bool hasMemory() noexcept
 {
     if (!wasMemoryShort()) return true;
-    logGivenUp("memory has run out");
+    logConnectionGivenUp("memory has run out");
     (void)takeReserve();
     return false;
 }

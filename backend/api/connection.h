@@ -64,7 +64,7 @@ CREDENTIALS_T credentialsOf(CONNECTION_T &connection);
 // What is under way ends with an error.
 void abortConnection(CONNECTION_T &connection) noexcept;
 
-void logGivenUp(const char *reason) noexcept;
+void logConnectionGivenUp(const char *reason) noexcept;
 // After a call that was made for a connection: it is given up when memory has run out meanwhile.
 bool hasMemory() noexcept;
 
@@ -77,7 +77,7 @@ template <class Call> auto guarded(const ConnectionPtr &connection, Call call)
             call(connection, results...);
             if (hasMemory()) return;
         } catch (const std::exception &fault) {
-            logGivenUp(fault.what());
+            logConnectionGivenUp(fault.what());
         }
         abortConnection(*connection);
     };

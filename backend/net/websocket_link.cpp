@@ -2,7 +2,9 @@
 
 #include "backend/net/admission.h"
 #include "backend/net/buffer_pool.h"
+#include "backend/net/kept.h"
 #include "backend/net/memory.h"
+#include "backend/net/peer_options.h"
 #include "backend/net/tls_context.h"
 #include "backend/net/tls_stream.h"
 #include "backend/observe/log.h"
@@ -36,24 +38,6 @@ OUT_MESSAGE_T::~OUT_MESSAGE_T()
     if (is_secret) OPENSSL_cleanse(payload.data(), payload.size());
 }
 
-// A peer that vanished is found after about a minute, idle or not: keepalive probes see an idle
-// connection only, the user time-out one with data under way. The kernel is given little to queue
-// beyond what is under way, so that a keystroke does not wait behind megabytes of another session's
-// bulk data. Failures only cost these comforts.
-static void setChannelOptions(tcp::socket &socket)
-{
-    const auto set = [&socket](int level, int name, int value) {
-        (void)setsockopt(socket.native_handle(), level, name, &value, sizeof value);
-    };
-    set(IPPROTO_TCP, TCP_NODELAY, 1);
-    set(SOL_SOCKET, SO_KEEPALIVE, 1);
-    set(IPPROTO_TCP, TCP_KEEPIDLE, 30);
-    set(IPPROTO_TCP, TCP_KEEPINTVL, 10);
-    set(IPPROTO_TCP, TCP_KEEPCNT, 3);
-    set(IPPROTO_TCP, TCP_USER_TIMEOUT, 60000);
-    set(IPPROTO_TCP, TCP_NOTSENT_LOWAT, 64 * 1024);
-}
-
 static constinit LINE_LIMIT_T g_given_up{"connections given up"};
 
 static void logGivenUp(const char *reason) noexcept
@@ -65,28 +49,6 @@ static void logGivenUp(const char *reason) noexcept
     }
 }
 
-// Keeps a link while an operation runs. One that is destroyed without having been released belongs
-// to a handler that never ran, because memory ran out within the library: the link cannot go on.
-template <class Link> class Kept {
-public:
-    explicit Kept(std::shared_ptr<Link> link) : link_(std::move(link)) {}
-    Kept(Kept &&other) noexcept = default;
-    Kept(const Kept &) = delete;
-    Kept &operator=(Kept &&) = delete;
-    Kept &operator=(const Kept &) = delete;
-    ~Kept()
-    {
-        if (link_) link_->shut();
-    }
-    std::shared_ptr<Link> release()
-    {
-        return std::move(link_);
-    }
-
-private:
-    std::shared_ptr<Link> link_;
-};
-
 template <class Next>
 class Link final : public WebsocketLink, public std::enable_shared_from_this<Link<Next>> {
 public:
@@ -96,7 +58,8 @@ public:
           timer_(stream_.get_executor()), place_(std::move(place))
     {
         if constexpr (std::is_same_v<Next, TlsStream>) stream_.next_layer().setPlace(place_.get());
-        setChannelOptions(beast::get_lowest_layer(stream_));
+        setPeerOptions(beast::get_lowest_layer(stream_));
+        setUserTimeout(beast::get_lowest_layer(stream_));
         stream_.set_option(websocket::stream_base::timeout{websocket::stream_base::none(),
                                                            websocket::stream_base::none(), false});
         stream_.set_option(

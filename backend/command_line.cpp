@@ -43,6 +43,28 @@ static void describeLimits(CLI::App &app, COMMAND_LINE_T &line)
         ->check(CLI::Range(1, 65536));
 }
 
+static void describeApi(CLI::App &app, COMMAND_LINE_T &line)
+{
+    CLI::Option *const api =
+        app.add_option("--api", line.api,
+                       "Address and port of the HTTPS interface for operators; port 0: a free one")
+            ->type_name("ADDRESS:PORT");
+    CLI::Option *const cert =
+        app.add_option("--api-cert", line.api_cert,
+                       "Certificate of the interface with its chain, PEM; default: that of --cert")
+            ->type_name("FILE")
+            ->needs(api);
+    CLI::Option *const key =
+        app.add_option("--api-key", line.api_key, "Private key of that certificate, PEM")
+            ->type_name("FILE");
+    cert->needs(key);
+    key->needs(cert);
+    app.add_option("--api-client-ca", line.api_client_ca,
+                   "Authority of operators' certificates, PEM; without it only tokens are taken")
+        ->type_name("FILE")
+        ->needs(api);
+}
+
 static void describeServer(CLI::App &app, COMMAND_LINE_T &line)
 {
     app.add_option("--listen", line.listen, "Address and port for devices; port 0: a free one")
@@ -96,6 +118,7 @@ static void describeServer(CLI::App &app, COMMAND_LINE_T &line)
 void describeCommandLine(CLI::App &app, COMMAND_LINE_T &line)
 {
     describeServer(app, line);
+    describeApi(app, line);
     describeLimits(app, line);
     describeBackup(app, line);
 }
@@ -108,6 +131,12 @@ SERVER_OPTIONS_T readOptions(const COMMAND_LINE_T &line)
         options.forwards.push_back(parseForward(text));
     if (!line.is_plain && line.cert.empty())
         throw std::invalid_argument("either --cert and --key or --plain is required");
+    if (!line.api.empty()) options.api = parseEndpoint(line.api);
+    if (options.api && line.operators.empty())
+        throw std::invalid_argument("--api needs --operators");
+    if (options.api && line.is_plain && line.api_cert.empty())
+        throw std::invalid_argument("--api with --plain needs --api-cert and --api-key: the "
+                                    "interface is never without TLS");
     options.control = line.control;
     options.store = line.store;
     options.limits.session_buffer = line.session_backlog_mib << 20;

@@ -22,6 +22,10 @@ struct COMMAND_LINE_T {
     std::string devices;
     std::vector<std::string> forwards;
     std::string control;
+    std::string api; // empty: no interface
+    std::string api_cert;
+    std::string api_key;
+    std::string api_client_ca;
     std::string audit = "-";
     std::string operators; // empty: no policy
     std::string store;

@@ -46,7 +46,10 @@ struct LIMITS_T {
     std::chrono::milliseconds answering_time{10000};
     std::chrono::milliseconds silence_time{120000};
 
-    std::chrono::milliseconds answer_time{30000}; // for an operator's tool to take its last answer
+    std::chrono::milliseconds request_time{
+        10000}; // for the header of an operator's request, and for its body
+    std::chrono::milliseconds keep_alive_time{60000}; // between an operator's requests
+    std::chrono::milliseconds answer_time{30000};     // for an operator's program to take an answer
     std::chrono::milliseconds linger_time{
         30000}; // without data from the device, after the client has ended its sending
     std::chrono::milliseconds stall_time{

@@ -55,6 +55,14 @@ static std::shared_ptr<TLS_CONTEXT_T> readCertificate(const COMMAND_LINE_T &line
     return line.is_plain ? nullptr : makeTlsContext(line.cert, line.key);
 }
 
+static std::shared_ptr<TLS_CONTEXT_T> readApiCertificate(const COMMAND_LINE_T &line)
+{
+    if (line.api.empty()) return nullptr;
+    const bool has_own = !line.api_cert.empty();
+    return makeTlsContext(has_own ? line.api_cert : line.cert, has_own ? line.api_key : line.key,
+                          line.api_client_ca);
+}
+
 struct RELOAD_T {
     std::string read;   // names of files, with commas between
     std::string failed; // what was in use before stays
@@ -98,6 +106,9 @@ static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server, Registr
         attempt(reload, "certificate and key",
                 [&] { server.device_port->tls = readCertificate(line); });
     }
+    if (server.api)
+        attempt(reload, "certificate, key and authority of the interface",
+                [&] { server.api->tls = readApiCertificate(line); });
     if (!line.operators.empty())
         attempt(reload, "operators", [&] { replacePolicy(server.operations, readPolicy(line)); });
     registry.start([&server, reload, done = std::move(done)](const RELOADED_T &result) mutable {
@@ -153,6 +164,7 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
     options.registry = readRegistry(line);
     options.policy = readPolicy(line);
     options.tls = readCertificate(line);
+    options.api_tls = readApiCertificate(line);
     const AuditMute audit_mute;
     startAudit({line.audit, RA_VERSION,
                 [&io](std::function<void()> task) { asio::post(io, std::move(task)); }});

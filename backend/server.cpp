@@ -54,11 +54,15 @@ std::unique_ptr<SERVER_T> startServer(asio::io_context &io, SERVER_OPTIONS_T opt
     if (!server->options.control.empty())
         server->control = openControl(io, server->operations, server->options.limits, server->names,
                                       server->options.control);
+    if (server->options.api)
+        server->api = openApiPort(io, server->operations, server->options.limits,
+                                  *server->options.api, std::move(server->options.api_tls));
     return server;
 }
 
 void stopServer(SERVER_T &server)
 {
+    if (server.api) closeApiPort(*server.api);
     if (server.control) closeControl(*server.control);
     for (const auto &forward : server.forwards)
         closeForward(*forward);

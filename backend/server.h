@@ -5,6 +5,7 @@
 //            are logged and the server continues.
 #pragma once
 
+#include "backend/api/api_port.h"
 #include "backend/directory/directory.h"
 #include "backend/doors/account_names.h"
 #include "backend/doors/control.h"
@@ -18,6 +19,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -32,8 +34,10 @@ struct SERVER_OPTIONS_T {
     DEVICE_REGISTRY_T registry;
     PolicyPtr policy; // null: none
     std::vector<FORWARD_OPTION_T> forwards;
-    std::string control; // path of the control socket; empty for none
-    std::string store;   // of what it learns at run time; empty: a restart forgets that
+    std::optional<boost::asio::ip::tcp::endpoint> api;
+    std::shared_ptr<TLS_CONTEXT_T> api_tls; // of new connections of the interface
+    std::string control;                    // path of the control socket; empty for none
+    std::string store; // of what it learns at run time; empty: a restart forgets that
     LIMITS_T limits;
 };
 
@@ -52,6 +56,7 @@ struct SERVER_T {
     std::shared_ptr<DEVICE_PORT_T> device_port;
     std::vector<std::shared_ptr<FORWARD_T>> forwards; // in their order
     std::shared_ptr<CONTROL_T> control;               // null without a control socket
+    ApiPortPtr api;                                   // null without the interface
 };
 
 std::unique_ptr<SERVER_T> startServer(boost::asio::io_context &io, SERVER_OPTIONS_T options);

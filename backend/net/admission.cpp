@@ -55,7 +55,7 @@ bool Place::noteProgress(std::size_t count)
     bytes_ += count;
     stage_ = std::max(stage_, SPOKEN);
     if (address_ != nullptr) admission_->renew(*this);
-    return bytes_ <= PLACE_BYTES_MAX;
+    return bytes_ <= admission_->bytes_max_;
 }
 
 void Place::waitForTurn(std::function<void()> step, bool is_first)
@@ -76,8 +76,9 @@ bool ADDRESS_ORDER_T::operator()(const ADDRESS_T *left, const ADDRESS_T *right) 
     return rank(*left) < rank(*right);
 }
 
-Admission::Admission(asio::io_context &io, const LIMITS_T &limits, Started started)
-    : io_(io), limits_(limits), started_(std::move(started)), timer_(io)
+Admission::Admission(asio::io_context &io, const LIMITS_T &limits, Started started,
+                     std::size_t bytes_max)
+    : io_(io), limits_(limits), started_(std::move(started)), bytes_max_(bytes_max), timer_(io)
 {
 }
 

@@ -77,7 +77,7 @@ public:
     {
         expelled_ = std::move(expelled);
     }
-    // New bytes have come. False when it were more than PLACE_BYTES_MAX: the connection has to end.
+    // New bytes have come. False when it were more than a place allows: the connection has to end.
     bool noteProgress(std::size_t count);
     // Never runs within the call, and not at all once the connection is expelled. is_first: nothing
     // was answered yet.
@@ -129,7 +129,9 @@ public:
     using Socket = boost::asio::ip::tcp::socket;
     using Started = std::function<void(Socket, PlacePtr)>;
 
-    Admission(boost::asio::io_context &io, const LIMITS_T &limits, Started started);
+    // bytes_max: what a connection may send while it has its place.
+    Admission(boost::asio::io_context &io, const LIMITS_T &limits, Started started,
+              std::size_t bytes_max = PLACE_BYTES_MAX);
     Admission(const Admission &) = delete;
     Admission &operator=(const Admission &) = delete;
     ~Admission();
@@ -169,6 +171,7 @@ private:
     boost::asio::io_context &io_;
     const LIMITS_T &limits_;
     Started started_;
+    std::size_t bytes_max_;
     boost::asio::steady_timer timer_;
     std::map<ADDRESS_KEY_T, ADDRESS_T> addresses_;
     std::set<ADDRESS_T *, ADDRESS_ORDER_T> ranking_;

@@ -67,6 +67,12 @@ public:
         return socket_;
     }
 
+    // Borrowed; for what the handshake has shown of the peer.
+    [[nodiscard]] const ssl_st *native() const
+    {
+        return ssl_.get();
+    }
+
     // The place, borrowed, is told of new bytes, and what they cause waits for its turn there.
     // Null: no longer, which is so before the first call. No operation may be under way.
     void setPlace(Place *place)

@@ -5,27 +5,22 @@
 #include "backend/net/kept.h"
 #include "backend/net/memory.h"
 #include "backend/net/peer_options.h"
+#include "backend/net/tls_context.h"
 #include "backend/net/tls_stream.h"
 #include "backend/observe/log.h"
 
-#include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <exception>
 #include <memory>
-#include <stdexcept>
 #include <type_traits>
 
-#include <boost/asio/ssl/context.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/field.hpp>
 #include <boost/beast/websocket.hpp>
 #include <netinet/tcp.h>
 #include <openssl/crypto.h>
-#include <openssl/ssl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace backend {
 
@@ -41,39 +36,6 @@ constexpr auto CLOSE_TIME = std::chrono::seconds(1);
 OUT_MESSAGE_T::~OUT_MESSAGE_T()
 {
     if (is_secret) OPENSSL_cleanse(payload.data(), payload.size());
-}
-
-struct TLS_CONTEXT_T {
-    asio::ssl::context context{asio::ssl::context::tls_server};
-};
-
-// The library has no words of its own for a file that is not there.
-static void requireReadable(const std::string &file)
-{
-    if (access(file.c_str(), R_OK) != 0) throw std::runtime_error(file + ": " + strerror(errno));
-}
-
-std::shared_ptr<TLS_CONTEXT_T> makeTlsContext(const std::string &cert_file,
-                                              const std::string &key_file)
-{
-    requireReadable(cert_file);
-    requireReadable(key_file);
-    auto tls = std::make_shared<TLS_CONTEXT_T>();
-    // Devices do not resume sessions: neither tickets are made nor is anything kept for them.
-    SSL_CTX_set_options(tls->context.native_handle(), SSL_OP_NO_TICKET);
-    SSL_CTX_set_num_tickets(tls->context.native_handle(), 0);
-    SSL_CTX_set_session_cache_mode(tls->context.native_handle(), SSL_SESS_CACHE_OFF);
-    if (SSL_CTX_set_min_proto_version(tls->context.native_handle(), TLS1_2_VERSION) != 1) {
-        throw std::runtime_error("TLS 1.2 is not available");
-    }
-    error_code error;
-    tls->context.use_certificate_chain_file(cert_file, error);
-    if (error) throw std::runtime_error(cert_file + ": no usable certificate: " + error.message());
-    tls->context.use_private_key_file(key_file, asio::ssl::context::pem, error);
-    if (error)
-        throw std::runtime_error(key_file +
-                                 ": no usable key for the certificate: " + error.message());
-    return tls;
 }
 
 static constinit LINE_LIMIT_T g_given_up{"connections given up"};
@@ -279,7 +241,7 @@ std::shared_ptr<WebsocketLink> makeWebsocketLink(tcp::socket socket,
         return std::make_shared<Link<PlainStream>>(std::move(events), std::move(place),
                                                    std::move(socket));
     return std::make_shared<Link<TlsStream>>(std::move(events), std::move(place), std::move(socket),
-                                             tls->context.native_handle());
+                                             nativeContext(*tls));
 }
 
 } // namespace backend

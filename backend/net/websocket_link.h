@@ -11,6 +11,7 @@
 #pragma once
 
 #include "backend/net/out_message.h"
+#include "backend/net/tls_context.h"
 
 #include <chrono>
 #include <cstdint>
@@ -58,10 +59,6 @@ public:
 constexpr std::uint16_t CLOSE_GOING_AWAY = 1001;
 constexpr std::uint16_t CLOSE_NOT_BINARY = 1003;
 constexpr std::uint16_t CLOSE_REFUSED = 1008;
-
-struct TLS_CONTEXT_T; // certificate and key
-std::shared_ptr<TLS_CONTEXT_T> makeTlsContext(const std::string &cert_file,
-                                              const std::string &key_file); // throws
 
 // tls: null for a plain connection. place: may be null; the link has it until leavePlace, or until
 // its end.

@@ -47,9 +47,10 @@ enum class AUDIT_EVENT {
     DENIED,
     TOKEN_MAKE,
     TOKEN_REVOKE,
-    CONTINUED, // the audit's own: a rotated file begins
-    TORN,      // the audit's own: what was written last before a crash
-    LEFT_OUT,  // the audit's own
+    SIGN_IN_REFUSED, // over the network, before anyone is known
+    CONTINUED,       // the audit's own: a rotated file begins
+    TORN,            // the audit's own: what was written last before a crash
+    LEFT_OUT,        // the audit's own
 };
 
 template <class T>

@@ -39,6 +39,7 @@ constexpr auto EVENT_ROWS = std::to_array<EVENT_ROW_T>({
     {AUDIT_EVENT::DENIED, {"denied", 1000, 600}},
     {AUDIT_EVENT::TOKEN_MAKE, {"token_make", 0, 0}},
     {AUDIT_EVENT::TOKEN_REVOKE, {"token_revoke", 0, 0}},
+    {AUDIT_EVENT::SIGN_IN_REFUSED, {"sign_in_refused", 100, 30}},
     {AUDIT_EVENT::CONTINUED, {"continued", 0, 0}},
     {AUDIT_EVENT::TORN, {"torn", 0, 0}},
     {AUDIT_EVENT::LEFT_OUT, {"left_out", 0, 0}},

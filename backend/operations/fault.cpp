@@ -24,4 +24,11 @@ const FAULT_KIND_T &faultKind(FAULT fault)
     return KINDS[0];
 }
 
+const FAULT_KIND_T *findFaultKind(std::string_view name)
+{
+    for (const FAULT_KIND_T &kind : KINDS)
+        if (name == kind.name) return &kind;
+    return nullptr;
+}
+
 } // namespace backend

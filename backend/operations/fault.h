@@ -3,6 +3,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace backend {
 
@@ -26,6 +27,7 @@ struct FAULT_KIND_T {
     const char *title; // of a problem (RFC 9457)
 };
 const FAULT_KIND_T &faultKind(FAULT fault);
+const FAULT_KIND_T *findFaultKind(std::string_view name); // null: there is none
 
 struct OperationFault : std::runtime_error {
     OperationFault(FAULT of, const std::string &text) : std::runtime_error(text), fault(of) {}

@@ -20,7 +20,8 @@ from test_demo_path import Tunnel
 
 SCHEMA = json.loads((REPOSITORY / "docs/audit.schema.json").read_text())
 # What only other conditions than this run's cause.
-ELSEWHERE = {"device_duplicate", "device_replaced", "denied", "left_out"}
+ELSEWHERE = {"device_duplicate", "device_replaced", "denied", "left_out", "sign_in_refused",
+             "token_make", "token_revoke"}
 
 
 async def send_nonsense(port):

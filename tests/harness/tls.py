@@ -16,7 +16,10 @@ _ISSUED = {
     "good": ("ca", f"DNS:{HOST}", -1, 30), "stranger": ("stranger-ca", f"DNS:{HOST}", -1, 30),
     "expired": ("ca", f"DNS:{HOST}", -30, -1), "future": ("ca", f"DNS:{HOST}", 1, 30),
     "wrong-name": ("ca", "DNS:elsewhere.test", -1, 30), "subject-only": ("ca", None, -1, 30),
-    "wildcard": ("ca", f"DNS:*.{HOST}", -1, 30), "address": ("ca", "IP:127.0.0.1", -1, 30)}
+    "wildcard": ("ca", f"DNS:*.{HOST}", -1, 30), "address": ("ca", "IP:127.0.0.1", -1, 30),
+    "operator": ("ca", "email:anna@example.com", -1, 30),
+    "late-operator": ("ca", "email:anna@example.com", -30, -1),
+    "strange-operator": ("stranger-ca", "email:anna@example.com", -1, 30)}
 
 
 def _openssl(*arguments):

@@ -1,5 +1,6 @@
 #include "backend/command_line.h"
 
+#include "backend/admin/admin.h"
 #include "backend/net/endpoint.h"
 #include "backend/options.h"
 
@@ -98,6 +99,13 @@ void describeCommandLine(CLI::App &app, COMMAND_LINE_T &line)
     describeServer(app, line);
     describeLimits(app, line);
     describeBackup(app, line);
+    describeAdmin(
+        app,
+        [&line]() -> INSTALLATION_T {
+            return {line.devices, line.operators, line.control, line.listen,
+                    line.api,     line.cert,      line.is_plain};
+        },
+        line.task);
 }
 
 SERVER_OPTIONS_T readOptions(const COMMAND_LINE_T &line)

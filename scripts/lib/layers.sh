@@ -9,6 +9,7 @@ declare -A LAYER_INCLUDES=(
     [directory]='devices net'
     [sessions]='devices net'
     [operations]='directory sessions devices net'
+    [admin]='devices'
     [doors]='operations directory sessions devices net'
     [api]='operations directory sessions devices net'
 )

@@ -102,8 +102,8 @@ void describeCommandLine(CLI::App &app, COMMAND_LINE_T &line)
     describeAdmin(
         app,
         [&line]() -> INSTALLATION_T {
-            return {line.devices, line.operators, line.control, line.listen,
-                    line.api,     line.cert,      line.is_plain};
+            return {line.devices, line.operators, line.control,
+                    line.listen,  line.cert,      line.is_plain};
         },
         line.task);
 }

@@ -39,9 +39,7 @@ template <class ARGUMENTS>
 static void runAs(CLI::App *command, const CONTEXT_T &context,
                   const std::shared_ptr<ARGUMENTS> &arguments, Command<ARGUMENTS> run)
 {
-    command->callback([=, installation = context.installation, &task = context.task] {
-        task = [=] { run(installation(), *arguments); };
-    });
+    command->callback([=] { context.task = [=] { run(context.installation(), *arguments); }; });
 }
 
 static void addNames(CLI::App *command, std::vector<std::string> &names)
@@ -186,10 +184,12 @@ static void describeInit(const CONTEXT_T &context)
         ->take_all();
     command->add_option("--operator", init->operator_name, "The operator; else this account")
         ->type_name("NAME");
-    command->callback([init, installation = context.installation, &task = context.task] {
-        task = [init, installation] {
-            init->listen = installation().listen;
-            init->api = installation().api;
+    command->callback([init, context] {
+        context.task = [init, context] {
+            init->listen = context.installation().listen;
+            const CLI::Option *api = context.app.get_option_no_throw("--api");
+            init->has_api = api != nullptr;
+            if (api != nullptr && api->count() > 0) init->api = api->as<std::string>();
             makeInstallation(*init);
         };
     });

@@ -20,7 +20,6 @@ struct INSTALLATION_T {
     std::string operators;
     std::string control;
     std::string listen; // ADDRESS:PORT
-    std::string api;    // likewise, or empty
     std::string cert;
     bool is_plain = false;
 };

@@ -107,7 +107,7 @@ static std::string optionsText(const std::string &folder, const std::string &lis
         text.append(name).append("=\"").append(value).append("\"\n");
     };
     add("listen", listen);
-    add("api", api);
+    if (!api.empty()) add("api", api);
     add("cert", folder + "backend.pem");
     add("key", folder + "backend.key");
     add("devices", folder + "devices.json");
@@ -158,8 +158,8 @@ void makeInstallation(const INIT_T &init)
     const std::string listen = !init.listen.empty() ? init.listen
                                : geteuid() == 0     ? "0.0.0.0:443"
                                                     : "0.0.0.0:7443";
-    const std::string api = init.api.empty() ? "0.0.0.0:8443" : init.api;
-    for (const std::string &endpoint : {listen, api})
+    const std::string api = !init.has_api ? "" : init.api.empty() ? "0.0.0.0:8443" : init.api;
+    for (const std::string &endpoint : {listen, api.empty() ? listen : api})
         if (endpoint.rfind(':') == std::string::npos ||
             endpoint.find_first_of("\"\\\n") != std::string::npos)
             throw std::invalid_argument("\"" + endpoint + "\" is no ADDRESS:PORT");
@@ -191,10 +191,14 @@ void makeInstallation(const INIT_T &init)
     (void)printf("The token of operator %s, also in %soperator.token, for %d days:\n%s\n\n",
                  name.c_str(), folder.c_str(), TOKEN_DAYS, token.c_str());
     (void)printf("Start the back end, and log in:\n"
-                 "  remote_access_backend --config %sbackend.conf\n"
-                 "  remote-access login https://%s --ca %sca.pem --token-file %soperator.token\n",
-                 folder.c_str(), urlHost(names.front(), api).c_str(), folder.c_str(),
+                 "  remote_access_backend --config %sbackend.conf\n",
                  folder.c_str());
+    if (api.empty())
+        (void)printf("  remote-access --control %scontrol devices\n", folder.c_str());
+    else
+        (void)printf(
+            "  remote-access login https://%s --ca %sca.pem --token-file %soperator.token\n",
+            urlHost(names.front(), api).c_str(), folder.c_str(), folder.c_str());
 }
 
 } // namespace backend

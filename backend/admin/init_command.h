@@ -13,7 +13,8 @@ struct INIT_T {
     std::vector<std::string> names; // of the back end, for gateways and operators
     std::string operator_name;      // empty: the account
     std::string listen;             // empty: all addresses
-    std::string api;
+    std::string api;                // empty: all addresses
+    bool has_api = true;            // for operators on other machines
 };
 void makeInstallation(const INIT_T &init);
 

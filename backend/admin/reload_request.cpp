@@ -37,7 +37,7 @@ struct SOCKET_T {
 
 [[noreturn]] static void failOnErrno(const std::string &control)
 {
-    const bool is_late = errno == EAGAIN || errno == EWOULDBLOCK;
+    const bool is_late = errno == EAGAIN;
     // NOLINTNEXTLINE(concurrency-mt-unsafe): glibc's is per thread
     fail(control, is_late ? "no answer within 60 s" : strerror(errno));
 }

@@ -7,6 +7,7 @@
 #include "backend/net/memory.h"
 #include "backend/observe/audit.h"
 #include "backend/observe/log.h"
+#include "backend/operations/session_access.h"
 #include "backend/server.h"
 #include "backend/store/store.h"
 
@@ -194,6 +195,20 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
     sayGoodbye(io);
 }
 
+// Of an administrator, at a terminal: no log.
+static int runTask(const std::function<void()> &task)
+{
+    try {
+        task();
+        return fflush(stdout) == 0 ? 0 : EXIT_RUN_TIME;
+    } catch (const std::invalid_argument &) {
+        throw;
+    } catch (const std::exception &fault) {
+        (void)fprintf(stderr, "remote_access_backend: %s\n", fault.what());
+        return EXIT_RUN_TIME;
+    }
+}
+
 // NOLINTNEXTLINE(bugprone-exception-escape): only a mistake in the table of options gets out
 int main(int argc, char **argv)
 {
@@ -209,6 +224,7 @@ int main(int argc, char **argv)
     describeCommandLine(app, line);
     try {
         app.parse(argc, argv);
+        if (line.task) return runTask(line.task);
         if (line.backup.empty())
             options = readOptions(line);
         else if (line.store.empty())

@@ -10,8 +10,8 @@ declare -A LAYER_INCLUDES=(
     [sessions]='devices net'
     [operations]='directory sessions devices net'
     [api]='operations directory sessions devices net'
+    [admin]='devices'
     [doors]='operations directory sessions devices net'
-    [api]='operations directory sessions devices net'
 )
 readonly LAYER_LEAVES='policy observe store' # and the headers beside the folders
 readonly LAYER_HEADERS='limits.h device_key.h labels.h utc_time.h options.h config_file.h'

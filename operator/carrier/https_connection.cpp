@@ -58,18 +58,19 @@ void connectAny(HTTPS_CONNECTION_T &connection, const std::vector<tcp::endpoint>
                 steady_clock::time_point end, const std::string &name)
 {
     auto &stream = boost::beast::get_lowest_layer(*connection.stream);
-    error_code fault;
+    error_code first_fault; // of the address that the system prefers
     for (std::size_t i = 0; i < endpoints.size(); ++i) {
         const auto now = steady_clock::now();
         stream.expires_at(now + (end - now) / static_cast<int>(endpoints.size() - i));
-        fault = waitFor(connection.io, [&](auto handler) {
+        const error_code fault = waitFor(connection.io, [&](auto handler) {
             stream.async_connect(endpoints[i], std::move(handler));
         });
         if (!fault) return setOptions(stream.socket());
+        if (!first_fault) first_fault = fault;
         stream.close();
     }
     const std::string reason =
-        fault == boost::beast::error::timeout ? "no answer in time" : fault.message();
+        first_fault == boost::beast::error::timeout ? "no answer in time" : first_fault.message();
     throw RequestError(name + ": cannot be reached: " + reason, true);
 }
 

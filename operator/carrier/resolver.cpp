@@ -23,7 +23,7 @@ FOUND_T lookUp(const std::string &host, std::uint16_t port)
 {
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_ADDRCONFIG | AI_NUMERICSERV;
+    hints.ai_flags = AI_NUMERICSERV;
     addrinfo *list = nullptr;
     FOUND_T found;
     found.fault = ::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &list);

@@ -1,6 +1,6 @@
 // The command that checks the audit's chain. It reads files only and needs no back end.
 #include "backend/observe/audit_chain.h"
-#include "operator/commands.h"
+#include "operator/commands/commands.h"
 #include "operator/terminal.h"
 
 #include <cerrno>

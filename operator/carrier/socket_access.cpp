@@ -1,4 +1,4 @@
-#include "operator/socket_access.h"
+#include "operator/carrier/socket_access.h"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,6 @@
-#include "operator/control_client.h"
+#include "operator/carrier/control_client.h"
 
-#include "operator/socket_access.h"
+#include "operator/carrier/socket_access.h"
 
 #include <array>
 #include <cerrno>
@@ -20,7 +20,7 @@ namespace {
 
 [[noreturn]] void tellLate(const std::string &path, const char *what, seconds time)
 {
-    throw ControlError(path + ": the back end has not " + what + " for " +
+    throw RequestError(path + ": the back end has not " + what + " for " +
                            std::to_string(time.count()) + " s",
                        true);
 }
@@ -51,14 +51,14 @@ UniqueFd connectTo(const std::string &path, seconds time)
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof address.sun_path)
-        throw ControlError(path + ": too long for the path of a socket", true);
+        throw RequestError(path + ": too long for the path of a socket", true);
     path.copy(address.sun_path, path.size());
     UniqueFd fd{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-    if (!fd) throw ControlError(path + ": " + std::strerror(errno), true);
+    if (!fd) throw RequestError(path + ": " + std::strerror(errno), true);
     limitSending(fd.get(), time);
     if (::connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
         if (errno == EAGAIN) tellLate(path, "taken the connection", time);
-        throw ControlError(connectFault(path, errno), true);
+        throw RequestError(connectFault(path, errno), true);
     }
     return fd;
 }
@@ -85,7 +85,7 @@ void sendWhole(int socket, const std::string &text, int fd)
         if (count < 0 && errno == EINTR) continue;
         if (count < 0 && errno == EPIPE) return; // its answer may be there already
         if (count <= 0)
-            throw ControlError(std::string("the back end went away: ") + std::strerror(errno),
+            throw RequestError(std::string("the back end went away: ") + std::strerror(errno),
                                true);
         sent += static_cast<std::size_t>(count);
     }
@@ -102,7 +102,7 @@ bool waitForBytes(int fd, steady_clock::time_point end, bool has_end)
         const int ready = ::poll(&input, 1, has_end ? static_cast<int>(left.count()) : -1);
         if (ready > 0) return true;
         if (ready < 0 && errno != EINTR)
-            throw ControlError(std::string("poll: ") + std::strerror(errno), false);
+            throw RequestError(std::string("poll: ") + std::strerror(errno), false);
     }
 }
 
@@ -124,7 +124,7 @@ std::optional<json> nextAnswer(CONTROL_CLIENT_T &client, seconds time)
     std::size_t line = 0;
     while ((line = client.received.find('\n', searched)) == std::string::npos) {
         searched = client.received.size();
-        if (searched > ANSWER_MAX) throw ControlError("the back end's answer is too long", true);
+        if (searched > ANSWER_MAX) throw RequestError("the back end's answer is too long", true);
         if (!waitForBytes(client.socket.get(), end, time != NO_LIMIT))
             tellLate(client.path, "answered", time);
         std::array<char, 65536> bytes;
@@ -135,20 +135,14 @@ std::optional<json> nextAnswer(CONTROL_CLIENT_T &client, seconds time)
     }
     const json answer = json::parse(client.received.substr(0, line), nullptr, false);
     client.received.erase(0, line + 1);
-    if (!answer.is_object()) throw ControlError("the back end's answer is no JSON object", true);
-    if (!answer.value("ok", true)) throw ControlError(answer.value("error", "refused"), false);
+    if (!answer.is_object()) throw RequestError("the back end's answer is no JSON object", true);
+    if (!answer.value("ok", true)) throw RequestError(answer.value("error", "refused"), false);
     return answer;
 }
 
 json onlyAnswer(CONTROL_CLIENT_T &client, seconds time)
 {
     auto answer = nextAnswer(client, time);
-    if (!answer) throw ControlError("the back end ended the request without an answer", true);
+    if (!answer) throw RequestError("the back end ended the request without an answer", true);
     return *answer;
-}
-
-json ask(const std::string &path, const json &request, seconds time)
-{
-    CONTROL_CLIENT_T client = openRequest(path, request, time);
-    return onlyAnswer(client, time);
 }

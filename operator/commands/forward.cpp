@@ -1,10 +1,9 @@
-// The command that forwards a local port. The client's end of a session is a socket that goes to
-// the back end with the request, so a forwarded connection is not copied here, and a session that
-// is cut off ends as it does for a client of the back end's own ports.
-#include "operator/commands.h"
-#include "operator/local_port.h"
-#include "operator/requests.h"
-#include "operator/socket_access.h"
+// The command that forwards a local port: each connection is a session of its own. One that is cut
+// off ends as it does for a client of the back end's own ports, with a reset.
+#include "operator/carrier/socket_access.h"
+#include "operator/commands/commands.h"
+#include "operator/commands/local_port.h"
+#include "operator/commands/requests.h"
 #include "operator/terminal.h"
 
 #include <algorithm>
@@ -78,28 +77,24 @@ void tellTurnedAway(const std::string &reason)
 // One line when a session begins and one when it has ended.
 void forwardOne(const OPERATOR_OPTIONS_T &options, const json &request, UniqueFd client)
 {
+    SESSION_ENDS_T ends{std::move(client), {}};
     try {
         const auto start = steady_clock::now();
         const auto time = waitOf(options, DEVICE_ANSWER_TIME);
-        CONTROL_CLIENT_T answers = openRequest(options.control, request, time, client.get());
-        client.reset(); // the back end has its own now
-        const auto opened = nextAnswer(answers, time);
-        if (!opened) throw ControlError("the back end went away", true);
-        const std::string id = shown(opened->value("session", "?"));
+        const auto session = openSession(options.back_end, request, ends, time);
+        const std::string id = shown(session->id());
         std::printf("%s opened\n", id.c_str());
         (void)std::fflush(stdout);
-        const json end = endOf(answers, NO_LIMIT);
+        SESSION_COUNTS_T counts;
+        const SESSION_END_T end = session->carry(counts);
         const double lasted = std::chrono::duration<double>(steady_clock::now() - start).count();
-        const double up = end.value("bytes_up", 0.0);
-        const double down = end.value("bytes_down", 0.0);
         std::printf("%s ended after %.1f s: %s%s; up %s (%s/s), down %s (%s/s)\n", id.c_str(),
-                    lasted, shown(end.value("ended", "")).c_str(),
-                    end.value("whole", false) ? "" : ", CUT OFF", sizeText(up).c_str(),
-                    sizeText(up / lasted).c_str(), sizeText(down).c_str(),
-                    sizeText(down / lasted).c_str());
+                    lasted, shown(end.reason).c_str(), end.is_whole ? "" : ", CUT OFF",
+                    sizeText(end.bytes_up).c_str(), sizeText(end.bytes_up / lasted).c_str(),
+                    sizeText(end.bytes_down).c_str(), sizeText(end.bytes_down / lasted).c_str());
         (void)std::fflush(stdout);
     } catch (const std::exception &fault) {
-        if (client) turnAway(std::move(client)); // it never reached the back end
+        if (ends.in) turnAway(std::move(ends.in)); // it never reached the service
         tellTurnedAway(fault.what());
     }
 }
@@ -165,13 +160,14 @@ void serve(FORWARD_T &forward, const EndSignals &signals)
 
 void checkService(const OPERATOR_OPTIONS_T &options, const json &request)
 {
-    const json answer = ask(options.control, {{"do", "services"}, {"device", request.at("device")}},
-                            waitOf(options, ANSWER_TIME));
+    const json answer =
+        ask(options.back_end, {{"do", "services"}, {"device", request.at("device")}},
+            waitOf(options, ANSWER_TIME));
     const json &services = answer.at("services");
     if (std::none_of(services.begin(), services.end(), [&request](const json &service) {
             return service.value("name", "") == request.at("service");
         }))
-        throw ControlError(
+        throw RequestError(
             request.value("device", "") + " does not offer " + request.value("service", ""), false);
 }
 
@@ -179,7 +175,7 @@ void checkService(const OPERATOR_OPTIONS_T &options, const json &request)
 
 int forwardPort(const OPERATOR_OPTIONS_T &options)
 {
-    json request = connectRequest(options.target);
+    json request = connectRequest(options, waitOf(options, ANSWER_TIME));
     checkService(options, request);
     const EndSignals signals;
     {

@@ -1,4 +1,4 @@
-#include "operator/local_port.h"
+#include "operator/commands/local_port.h"
 
 #include "utility/socket_owner.h"
 

@@ -1,14 +1,12 @@
-// The commands that list: devices, services, sessions, status.
-#include "operator/commands.h"
-#include "operator/control_client.h"
+// The commands that list: devices, services, sessions, tokens, status.
+#include "operator/commands/commands.h"
+#include "operator/commands/table.h"
 #include "operator/terminal.h"
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <fnmatch.h>
 #include <map>
 #include <set>
@@ -21,67 +19,7 @@ using nlohmann::json;
 
 namespace {
 
-using Row = std::vector<std::string>;
-
-// As many columns as it takes on a terminal, for text that has no wide or combining characters.
-std::size_t widthOf(const std::string &text)
-{
-    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-        return (static_cast<unsigned char>(c) & 0xC0) != 0x80; // no byte inside a character
-    }));
-}
-
-void flushOutput()
-{
-    if (std::fflush(stdout) != 0)
-        throw ControlError(std::string("standard output: ") + std::strerror(errno), false);
-}
-
-// Columns as wide as they need to be.
-void printTable(const std::vector<Row> &rows)
-{
-    std::vector<std::size_t> widths(rows.front().size());
-    for (const Row &row : rows)
-        for (std::size_t i = 0; i < row.size(); ++i)
-            widths[i] = std::max(widths[i], widthOf(row[i]));
-    for (const Row &row : rows) {
-        std::string line;
-        for (std::size_t i = 0; i < row.size(); ++i) {
-            line += row[i];
-            if (i + 1 < row.size()) line.append(widths[i] - widthOf(row[i]) + 2, ' ');
-        }
-        std::puts(line.c_str());
-    }
-    flushOutput();
-}
-
-std::string rawText(const json &object, const char *name)
-{
-    const auto found = object.find(name);
-    return found != object.end() && found->is_string() ? found->get<std::string>() : "";
-}
-
-std::string textOf(const json &object, const char *name)
-{
-    return shown(rawText(object, name));
-}
-
-std::string textOrDash(const json &object, const char *name)
-{
-    const std::string text = textOf(object, name);
-    return text.empty() ? "-" : text;
-}
-
-std::string numberOf(const json &object, const char *name)
-{
-    return object.contains(name) ? std::to_string(object.value(name, std::int64_t{0})) : "-";
-}
-
-void printJson(const json &document)
-{
-    std::puts(document.dump(-1, ' ', true).c_str());
-    flushOutput();
-}
+constexpr int PAGE_SIZE = 1000;
 
 struct LIST_T {
     std::span<const char *const> head;
@@ -195,6 +133,12 @@ Row sessionRow(const json &session)
             textOf(session, "session")};
 }
 
+Row tokenRow(const json &token)
+{
+    return {textOf(token, "label"), textOf(token, "operator"), timeOf(token, "made"),
+            timeOf(token, "expires"), textOf(token, "id")};
+}
+
 constexpr auto DEVICE_HEAD =
     std::to_array({"DEVICE", "PRODUCT", "CHANNEL", "SINCE (UTC)", "SERVICES", "SESSIONS", "FROM"});
 constexpr auto AWAY_HEAD =
@@ -202,6 +146,9 @@ constexpr auto AWAY_HEAD =
 constexpr auto SERVICE_HEAD = std::to_array({"NAME", "TYPE", "ADDRESS"});
 constexpr auto SESSION_HEAD =
     std::to_array({"SESSION OF", "WHO", "SINCE (UTC)", "UP", "DOWN", "IDENTIFIER"});
+
+constexpr auto TOKEN_HEAD =
+    std::to_array({"LABEL", "OPERATOR", "MADE (UTC)", "EXPIRES (UTC)", "IDENTIFIER"});
 
 std::string nameOf(const json &element)
 {
@@ -213,18 +160,50 @@ std::string identifierOf(const json &session)
     return rawText(session, "session");
 }
 
+std::string tokenName(const json &token)
+{
+    return rawText(token, "id");
+}
+
 constexpr LIST_T DEVICES{DEVICE_HEAD, deviceRow, nameOf};
 constexpr LIST_T AWAY_DEVICES{AWAY_HEAD, awayRow, nameOf};
 constexpr LIST_T SERVICES{SERVICE_HEAD, serviceRow, nameOf};
 constexpr LIST_T SESSIONS{SESSION_HEAD, sessionRow, identifierOf};
+constexpr LIST_T TOKENS{TOKEN_HEAD, tokenRow, tokenName};
+
+json listIn(const json &answer, const char *name)
+{
+    const auto list = answer.find(name);
+    if (list == answer.end() || !list->is_array())
+        throw RequestError("the back end's answer has no list", true);
+    return *list;
+}
 
 json askForList(const OPERATOR_OPTIONS_T &options, const json &request)
 {
-    const json answer = ask(options.control, request, waitOf(options, ANSWER_TIME));
-    const auto list = answer.find(request.at("do").get<std::string>());
-    if (list == answer.end() || !list->is_array())
-        throw ControlError("the back end's answer has no list", true);
-    return *list;
+    const json answer = ask(options.back_end, request, waitOf(options, ANSWER_TIME));
+    return listIn(answer, request.at("do").get<std::string>().c_str());
+}
+
+// Page by page. A back end that knows no pages answers with all at once.
+json askForDevices(const OPERATOR_OPTIONS_T &options)
+{
+    json request = {{"do", "devices"}, {"limit", PAGE_SIZE}};
+    // What is left out there need not travel. For short names all devices must be known.
+    if (options.patterns.size() == 1 && !options.names)
+        request["pattern"] = options.patterns.front();
+    else if (options.patterns.empty() && options.away && !options.names)
+        request["state"] = "away";
+    json devices = json::array();
+    for (std::string after;;) {
+        json answer = ask(options.back_end, request, waitOf(options, ANSWER_TIME));
+        for (json &device : listIn(answer, "devices"))
+            devices.push_back(std::move(device));
+        const std::string next = rawText(answer, "next");
+        if (next.empty()) return devices;
+        if (next <= after) throw RequestError("the back end's pages do not end", true);
+        request["after"] = after = next;
+    }
 }
 
 struct COUNT_T {
@@ -280,7 +259,7 @@ void printRates(const json &sessions, const READING_T &before, READING_T &now)
 
 int showDevices(const OPERATOR_OPTIONS_T &options)
 {
-    json devices = askForList(options, {{"do", "devices"}});
+    json devices = askForDevices(options);
     if (options.names) devices = withShortNames(std::move(devices));
     const SELECTION_T selection = selectDevices(options, devices);
     int status = printList(options, selection.devices, options.away ? AWAY_DEVICES : DEVICES);
@@ -303,10 +282,14 @@ int showSessions(const OPERATOR_OPTIONS_T &options)
     return printList(options, askForList(options, {{"do", "sessions"}}), SESSIONS);
 }
 
+int showTokens(const OPERATOR_OPTIONS_T &options)
+{
+    return printList(options, askForList(options, {{"do", "tokens"}}), TOKENS);
+}
+
 int showStatus(const OPERATOR_OPTIONS_T &options)
 {
-    json answer = ask(options.control, {{"do", "status"}}, waitOf(options, ANSWER_TIME));
-    answer.erase("ok");
+    json answer = ask(options.back_end, {{"do", "status"}}, waitOf(options, ANSWER_TIME));
     if (options.json) {
         printJson(answer);
         return OPERATOR_DONE;

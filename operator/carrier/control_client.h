@@ -1,26 +1,18 @@
-// One request to the back end over its control socket; backend/doors/control.h describes requests
-// and answers.
-// Failure  ControlError: the back end cannot be reached, did not answer in time, or has refused
+// One request to the back end over its control socket; backend/operations/operations.h describes
+// requests and answers.
+// Failure  RequestError: the back end cannot be reached, did not answer in time, or has refused
 //          with these words.
 // Limits   a connection, a request and each answer have a time, an answer ANSWER_MAX bytes.
 // Threads  each client is one thread's.
 #pragma once
 
+#include "operator/carrier/request_error.h"
 #include "utility/handles.h"
 
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <stdexcept>
 #include <string>
-
-struct ControlError : std::runtime_error {
-    ControlError(const std::string &text, bool unreachable)
-        : std::runtime_error(text), is_unreachable(unreachable)
-    {
-    }
-    bool is_unreachable; // else refused
-};
 
 constexpr std::size_t ANSWER_MAX = std::size_t{64} << 20;
 // For the end of a session, which may take days.
@@ -42,7 +34,3 @@ std::optional<nlohmann::json> nextAnswer(CONTROL_CLIENT_T &client, std::chrono::
 
 // Of a request that has but one.
 nlohmann::json onlyAnswer(CONTROL_CLIENT_T &client, std::chrono::seconds time);
-
-// For a request with one answer.
-nlohmann::json ask(const std::string &path, const nlohmann::json &request,
-                   std::chrono::seconds time);

@@ -1,5 +1,6 @@
 #include "backend/command_line.h"
 
+#include "backend/admin/admin.h"
 #include "backend/net/endpoint.h"
 #include "backend/options.h"
 
@@ -121,6 +122,13 @@ void describeCommandLine(CLI::App &app, COMMAND_LINE_T &line)
     describeApi(app, line);
     describeLimits(app, line);
     describeBackup(app, line);
+    describeAdmin(
+        app,
+        [&line]() -> INSTALLATION_T {
+            return {line.devices, line.operators, line.control,
+                    line.listen,  line.cert,      line.is_plain};
+        },
+        line.task);
 }
 
 SERVER_OPTIONS_T readOptions(const COMMAND_LINE_T &line)

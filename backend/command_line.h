@@ -5,6 +5,7 @@
 #include "backend/server.h"
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,7 @@ struct COMMAND_LINE_T {
     std::string store;
     std::string backup; // target; empty: no backup is asked for
     bool is_forced = false;
+    std::function<void()> task; // of an administrator's subcommand, in place of serving
     bool is_plain = false;
     double linger_s = 30;
     std::size_t session_backlog_mib = LIMITS_T{}.session_buffer >> 20;

@@ -118,7 +118,7 @@ json parseConfig(std::string_view text)
             follow(levels, event, parsed);
             return true;
         });
-    } catch (const json::parse_error &fault) {
+    } catch (const json::exception &fault) { // also for a number that is too large
         // The library puts its own name and number in brackets before the words and the place.
         const std::string_view words = fault.what();
         const std::size_t start = words.find("] ");

@@ -2,10 +2,12 @@
 // Exit status  0 after SIGINT or SIGTERM, 1 when something cannot be used at run time, 2 for a
 // wrong command line.
 #include "backend/command_line.h"
+#include "backend/directory/registry_reload.h"
 #include "backend/net/listener.h"
 #include "backend/net/memory.h"
 #include "backend/observe/audit.h"
 #include "backend/observe/log.h"
+#include "backend/operations/session_access.h"
 #include "backend/server.h"
 #include "backend/store/store.h"
 
@@ -80,9 +82,24 @@ static void attempt(RELOAD_T &reload, const char *name, const std::function<void
     *outcome += name;
 }
 
-// Each file on its own: a broken one does not affect the others. Returns the names of those that
-// could not be read.
-static std::string readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server)
+static void tellReload(const RELOAD_T &reload, std::size_t devices)
+{
+    auditRecord(AUDIT_EVENT::RELOAD,
+                {{"read", reload.read}, {"failed", reload.failed}, {"devices", devices}});
+    if (reload.failed.empty())
+        logInfo("files read again: %s; %zu devices registered", reload.read.c_str(), devices);
+    else
+        logWarning("files read again: %s; not read: %s; %zu devices registered",
+                   reload.read.empty() ? "none" : reload.read.c_str(), reload.failed.c_str(),
+                   devices);
+}
+
+// Called with the names of the files that could not be read.
+using ReadAgain = std::function<void(const std::string &failed)>;
+
+// Each file on its own: a broken one does not affect the others.
+static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server, RegistryReload &registry,
+                           ReadAgain done)
 {
     RELOAD_T reload;
     attempt(reload, "audit", [] { reopenAudit(); });
@@ -93,21 +110,18 @@ static std::string readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server)
     if (server.api)
         attempt(reload, "certificate, key and authority of the interface",
                 [&] { server.api->tls = readApiCertificate(line); });
-    attempt(reload, "devices", [&] { replaceRegistry(server.directory, readRegistry(line)); });
-    if (!line.operators.empty()) {
-        attempt(reload, "operators",
-                [&] { replacePolicy(server.operations, readPolicy(line)); });
-    }
-    const std::size_t count = server.directory.registry.size();
-    auditRecord(AUDIT_EVENT::RELOAD,
-                {{"read", reload.read}, {"failed", reload.failed}, {"devices", count}});
-    if (reload.failed.empty())
-        logInfo("files read again: %s; %zu devices registered", reload.read.c_str(), count);
-    else
-        logWarning("files read again: %s; not read: %s; %zu devices registered",
-                   reload.read.empty() ? "none" : reload.read.c_str(), reload.failed.c_str(),
-                   count);
-    return reload.failed;
+    if (!line.operators.empty())
+        attempt(reload, "operators", [&] { replacePolicy(server.operations, readPolicy(line)); });
+    registry.start([&server, reload, done = std::move(done)](const RELOADED_T &result) mutable {
+        for (const std::string &warning : result.warnings)
+            logWarning("%s", warning.c_str());
+        attempt(reload, "devices", [&] {
+            if (!result.fault.empty()) throw std::runtime_error(result.fault);
+        });
+        endForbiddenSessions(server.operations); // labels may have changed
+        tellReload(reload, result.devices);
+        done(reload.failed);
+    });
 }
 
 // Records what ends with the io_context, too, and gives up on a reader that does not read.
@@ -156,8 +170,9 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
     startAudit({line.audit, RA_VERSION,
                 [&io](std::function<void()> task) { asio::post(io, std::move(task)); }});
     const auto server = startServer(io, std::move(options));
-    server->operations.reload = [&](const std::function<void(const std::string &)> &done) {
-        done(readFilesAgain(line, *server));
+    RegistryReload registry_reload(io, server->directory, line.devices);
+    server->operations.reload = [&](ReadAgain done) {
+        readFilesAgain(line, *server, registry_reload, std::move(done));
     };
     MemoryTidy tidy(io);
     signals.async_wait([&](const boost::system::error_code &error, int number) {
@@ -171,13 +186,27 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
     const std::function<void()> wait_for_change = [&] {
         changes.async_wait([&](const boost::system::error_code &error, int) {
             if (error) return;
-            (void)readFilesAgain(line, *server);
+            readFilesAgain(line, *server, registry_reload, [](const std::string &) {});
             wait_for_change();
         });
     };
     wait_for_change();
     runHandlers(io);
     sayGoodbye(io);
+}
+
+// Of an administrator, at a terminal: no log.
+static int runTask(const std::function<void()> &task)
+{
+    try {
+        task();
+        return fflush(stdout) == 0 ? 0 : EXIT_RUN_TIME;
+    } catch (const std::invalid_argument &) {
+        throw;
+    } catch (const std::exception &fault) {
+        (void)fprintf(stderr, "remote_access_backend: %s\n", fault.what());
+        return EXIT_RUN_TIME;
+    }
 }
 
 // NOLINTNEXTLINE(bugprone-exception-escape): only a mistake in the table of options gets out
@@ -195,6 +224,7 @@ int main(int argc, char **argv)
     describeCommandLine(app, line);
     try {
         app.parse(argc, argv);
+        if (line.task) return runTask(line.task);
         if (line.backup.empty())
             options = readOptions(line);
         else if (line.store.empty())

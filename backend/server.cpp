@@ -21,6 +21,7 @@ static void loadStore(SERVER_T &server)
         asio::post(io, std::move(function));
     });
     server.directory.records = loadDeviceRecords(server.store.get());
+    forgetUnregistered(server.directory);
     server.directory.signatures = loadUsedSignatures(server.store.get(), wallClockMs());
     server.operations.tokens = loadTokens(server.store.get(), wallClockMs() / 1000);
     logInfo("store %s: %zu devices have been there", path.c_str(),

@@ -1,7 +1,6 @@
 // remote-access: the operator's command line.
 #include "operator/command_names.h"
-#include "operator/commands.h"
-#include "operator/control_client.h"
+#include "operator/commands/commands.h"
 #include "operator/terminal.h"
 #include "utility/standard_output.h"
 
@@ -16,8 +15,8 @@
 
 namespace {
 
-constexpr char DEFAULT_CONTROL[] = "/run/remote-access/control";
 constexpr char DEVICE_HELP[] = "Its name, or PRODUCT_KEY:NAME";
+constexpr char TARGET_HELP[] = "DEVICE/SERVICE; DEVICE alone for its only service of ssh";
 
 using COMMAND_FUNC_T = int (*)(const OPERATOR_OPTIONS_T &);
 
@@ -27,6 +26,18 @@ CLI::App *addCommand(CLI::App &app, const char *name, const char *help, COMMAND_
     CLI::App *const command = app.add_subcommand(name, help);
     command->callback([&chosen, run] { chosen = run; });
     return command;
+}
+
+// For a name in front of several commands.
+CLI::App *addFamily(CLI::App &app, const char *name, const char *help, const char *members)
+{
+    CLI::App *const family = app.add_subcommand(name, help);
+    family->callback([family, members] {
+        if (family->get_subcommands().empty())
+            throw CLI::ValidationError(family->get_name(),
+                                       std::string("behind it is missing ") + members);
+    });
+    return family;
 }
 
 void addListOptions(CLI::App &command, OPERATOR_OPTIONS_T &options)
@@ -47,6 +58,9 @@ void describeLists(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T &c
     command->add_flag("--away", options.away,
                       "Only those that are away: when, from where and why they were last seen");
     addListOptions(*command, options);
+    command = addCommand(app, "device", "Show what is known of a device", showDevice, chosen);
+    command->add_option("device", options.device, DEVICE_HELP)->required();
+    command->add_flag("--json", options.json, "As JSON, on one line");
     command = addCommand(app, "services", "List the services of a device", showServices, chosen);
     command->add_option("device", options.device, DEVICE_HELP)->required();
     addListOptions(*command, options);
@@ -66,7 +80,7 @@ void describeSessions(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T
 {
     CLI::App *command =
         addCommand(app, "forward", "Forward a local port to a service", forwardPort, chosen);
-    command->add_option("target", options.target, "DEVICE/SERVICE")->required();
+    command->add_option("target", options.target, TARGET_HELP)->required();
     CLI::Option *const port =
         command->add_option("port", options.port, "Port of 127.0.0.1; default: a free one");
     command->add_option("--socket", options.socket, "A Unix socket at this path instead of a port")
@@ -77,7 +91,7 @@ void describeSessions(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T
     command = addCommand(app, "connect",
                          "Connect standard input and output to a service, for ssh's ProxyCommand",
                          connectStreams, chosen);
-    command->add_option("target", options.target, "DEVICE/SERVICE")->required();
+    command->add_option("target", options.target, TARGET_HELP)->required();
     command->add_flag("--progress", options.progress, "Show bytes and rates on standard error");
     command = addCommand(app, "close", "Cut off an open session", closeSession, chosen);
     command->add_option("session", options.session, "Its identifier, as in \"sessions\"")
@@ -90,7 +104,8 @@ void describeSessions(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T
 
 void describeAudit(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T &chosen)
 {
-    CLI::App *const audit = app.add_subcommand("audit", "Work with the files of the audit");
+    CLI::App *const audit =
+        addFamily(app, "audit", "Work with the files of the audit", "\"verify\"");
     CLI::App *const command = addCommand(
         *audit, "verify", "Check that no line was changed, cut or taken out", verifyAudit, chosen);
     command->add_option("file", options.files, "The files, oldest first; -: standard input")
@@ -101,19 +116,91 @@ void describeAudit(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T &c
                      "Hash of a line that must be there, from the log or an earlier check")
         ->type_name("HASH");
     command->add_flag("--json", options.json, "As JSON, on one line");
-    audit->callback([audit] {
-        if (audit->get_subcommands().empty())
-            throw CLI::ValidationError("audit", "the command \"verify\" is missing behind it");
-    });
+}
+
+void describeIdentity(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T &chosen)
+{
+    CLI::App *command = addCommand(app, "login", "Log in to a back end elsewhere", logIn, chosen);
+    command->add_option("url", options.url, "https://HOST or https://HOST:PORT")
+        ->type_name("URL")
+        ->required();
+    command
+        ->add_option("--ca", options.ca,
+                     "What has signed the back end's certificate; default: the system's list")
+        ->type_name("FILE");
+    CLI::Option *const token =
+        command
+            ->add_option("--token-file", options.token_file,
+                         "Read the token from it instead of the terminal; -: standard input")
+            ->type_name("FILE");
+    CLI::Option *const certificate =
+        command
+            ->add_option("--client-cert", options.certificate,
+                         "Certificate to log in with instead of a token")
+            ->type_name("FILE")
+            ->excludes(token);
+    CLI::Option *const key = command->add_option("--client-key", options.key, "Its key")
+                                 ->type_name("FILE")
+                                 ->needs(certificate);
+    certificate->needs(key);
+    command = addCommand(app, "logout", "Forget a login", logOut, chosen);
+    command->add_option("url", options.url, "Default: the usual one")->type_name("URL");
+    command =
+        addCommand(app, "whoami", "Show who the back end takes you for", showIdentity, chosen);
+    command->add_flag("--json", options.json, "As JSON, on one line");
+    command = addCommand(app, "can", "Ask whether something is allowed; exit status 1: it is not",
+                         showPermission, chosen);
+    command->add_option("target", options.target, "DEVICE or DEVICE/SERVICE")->required();
+    command
+        ->add_option("--verb", options.verb,
+                     "list, connect, verify, close, open or manage; default: connect for a "
+                     "service, list for a device")
+        ->type_name("VERB");
+    command->add_flag("--json", options.json, "As JSON, on one line");
+}
+
+void describeTokens(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T &chosen)
+{
+    CLI::App *const family = addFamily(app, "token", "Your tokens, for logins elsewhere",
+                                       "\"make\", \"list\" or \"revoke\"");
+    CLI::App *command = addCommand(*family, "make", "Make one, and print it", makeToken, chosen);
+    command->add_option("--label", options.label, "What it is for, as \"laptop\"")
+        ->type_name("TEXT")
+        ->required();
+    command->add_option("--days", options.days, "How long it is good; default: 90")
+        ->type_name("N")
+        ->check(CLI::Range(1, 366));
+    command->add_flag("--json", options.json, "As JSON, on one line");
+    command = addCommand(*family, "list", "List them", showTokens, chosen);
+    addListOptions(*command, options);
+    command = addCommand(*family, "revoke", "End one, and those that were made with it",
+                         revokeToken, chosen);
+    command->add_option("id", options.token, "Its identifier, as in \"token list\"")->required();
+}
+
+void describeSsh(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T &chosen)
+{
+    CLI::App *const command = addCommand(
+        app, "ssh-config", "Print the lines for ~/.ssh/config by which ssh reaches devices",
+        showSshConfig, chosen);
+    command->add_option("pattern", options.pattern, "The devices' names, as \"gw-*\"; default: *")
+        ->type_name("PATTERN");
 }
 
 void describe(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T &chosen)
 {
     app.set_version_flag("--version", "remote-access " RA_VERSION);
-    app.add_option("--control", options.control, "Control socket of the back end")
-        ->envname("REMOTE_ACCESS_CONTROL")
-        ->type_name("PATH")
-        ->capture_default_str();
+    CLI::Option *const control =
+        app.add_option("--control", options.choice.control,
+                       std::string("Control socket of a back end on this machine; default: "
+                                   "$REMOTE_ACCESS_CONTROL, ") +
+                           DEFAULT_CONTROL)
+            ->type_name("PATH");
+    app.add_option("--server", options.choice.server,
+                   "Back end of a login, or \"local\" for the control socket; default: "
+                   "$REMOTE_ACCESS_SERVER, the control socket if there is one, the last login")
+        ->type_name("URL")
+        ->excludes(control);
     app.add_option(
            "--timeout", options.timeout_s,
            "Give up when an answer takes longer; default: 10, or 60 where the device answers")
@@ -127,6 +214,9 @@ void describe(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T &chosen
     command->add_option("user", options.user, "The account")->required();
     command->add_flag("--password-stdin", options.password_stdin,
                       "Read the password from standard input instead of the terminal");
+    describeIdentity(app, options, chosen);
+    describeTokens(app, options, chosen);
+    describeSsh(app, options, chosen);
     describeAudit(app, options, chosen);
     app.footer(
         "Exit status: 0 success; 1 refused, failed, or a session was cut off; 2 invalid command\n"
@@ -162,6 +252,24 @@ int fail(const std::exception &fault, OPERATOR_STATUS status)
     return status;
 }
 
+// Commands that work on files of this machine.
+bool needsBackEnd(COMMAND_FUNC_T command)
+{
+    return command != verifyAudit && command != logIn && command != logOut;
+}
+
+// What is typed counts before the environment.
+SERVER_CHOICE_T completed(SERVER_CHOICE_T typed)
+{
+    const auto from = [](const char *name) {
+        const char *const value = std::getenv(name);
+        return std::string(value == nullptr ? "" : value);
+    };
+    if (typed.server.empty() && typed.control.empty()) typed.server = from("REMOTE_ACCESS_SERVER");
+    if (typed.control.empty()) typed.control = from("REMOTE_ACCESS_CONTROL");
+    return typed;
+}
+
 int finish(int status)
 {
     if (flush_output("remote-access")) return status;
@@ -176,7 +284,7 @@ int main(int argc, char **argv)
     (void)std::signal(SIGPIPE, SIG_IGN); // a lost peer shows in the write's result
     CLI::App app{"Reaches the services of remote gateways through the back end."};
     OPERATOR_OPTIONS_T options;
-    options.control = DEFAULT_CONTROL;
+    options.pattern = "*";
     COMMAND_FUNC_T chosen = nullptr;
     describe(app, options, chosen);
     try {
@@ -189,8 +297,10 @@ int main(int argc, char **argv)
     }
     if (chosen == nullptr) return tellCommands(app);
     try {
+        if (needsBackEnd(chosen))
+            options.back_end = backEndAt(chooseServer(completed(options.choice)));
         return finish(chosen(options));
-    } catch (const ControlError &fault) {
+    } catch (const RequestError &fault) {
         return fail(fault, fault.is_unreachable ? OPERATOR_UNREACHABLE : OPERATOR_REFUSED);
     } catch (const std::invalid_argument &fault) {
         return fail(fault, OPERATOR_USAGE);

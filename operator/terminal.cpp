@@ -113,11 +113,12 @@ std::string timeText(std::int64_t seconds)
     return text.data();
 }
 
-std::string readPassword(const std::string &prompt)
+std::string readPassword(const std::string &prompt, const char *option)
 {
     const UniqueFd terminal{::open("/dev/tty", O_RDWR | O_CLOEXEC)};
     if (!terminal)
-        throw std::runtime_error("no terminal to ask for the password on; see --password-stdin");
+        throw std::runtime_error(std::string("no terminal to ask for the password on; see ") +
+                                 option);
     std::string password;
     password.reserve(PASSWORD_ROOM);
     for (bool is_whole = false; !is_whole;) {

@@ -14,7 +14,7 @@ std::string timeText(std::int64_t seconds);
 // behind.
 constexpr std::size_t PASSWORD_ROOM = 256;
 // Asks on the terminal, without echo; again after the process was stopped. Throws
-// std::runtime_error without a terminal.
-std::string readPassword(const std::string &prompt);
+// std::runtime_error without a terminal, which names the option that does without one.
+std::string readPassword(const std::string &prompt, const char *option);
 // Overwrites it, and leaves it empty.
 void wipe(std::string &text);

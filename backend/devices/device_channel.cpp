@@ -331,6 +331,7 @@ static void finishHandshake(const ChannelPtr &channel, HANDSHAKE_RESULT_T result
     }
     channel->device = std::move(result.device);
     channel->services = std::move(result.services);
+    channel->proved_secret = std::move(result.proved_secret);
     channel->state = CHANNEL_STATE::CONNECTED;
     channel->connected_at = time(nullptr);
     channel->link->leavePlace();
@@ -359,7 +360,7 @@ static void onMessage(const ChannelPtr &channel, std::span<const std::uint8_t> b
     switch (channel->state) {
     case CHANNEL_STATE::HANDSHAKE:
         if (fault != nullptr)
-            return refuseDevice(*channel, {HANDSHAKE_MALFORMED, fault, {}, {}, 0});
+            return refuseDevice(*channel, {HANDSHAKE_MALFORMED, fault, {}, {}, 0, {}});
         return onHandshake(channel, message);
     case CHANNEL_STATE::CONNECTED:
         if (fault != nullptr) return logFault(*channel, std::string("message dropped: ") + fault);

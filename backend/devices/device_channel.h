@@ -88,6 +88,7 @@ struct DEVICE_CHANNEL_T : std::enable_shared_from_this<DEVICE_CHANNEL_T> {
     DEVICE_KEY_T device;
     std::vector<SERVICE_T> services;
     std::time_t connected_at = 0; // 0: its handshake was not accepted
+    std::string proved_secret;    // that its handshake was signed with
 
     SEND_QUEUE_T outgoing{limits};
 

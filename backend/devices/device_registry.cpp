@@ -1,24 +1,22 @@
 #include "backend/devices/device_registry.h"
 
-#include "backend/devices/protocol.h"
+#include "backend/devices/registry_reader.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <memory>
-#include <optional>
+#include <numeric>
 #include <stdexcept>
 
-#include <nlohmann/json.hpp>
 #include <sys/stat.h>
 
 namespace backend {
 
-using nlohmann::json;
-
-constexpr std::size_t SECRET_MAX_BYTES = 63;
-constexpr std::int64_t FILE_MAX_BYTES = std::int64_t{16} << 20;
+constexpr std::int64_t FILE_MAX_BYTES = std::int64_t{256} << 20;
 
 struct FileCloser {
     void operator()(FILE *file) const
@@ -35,7 +33,8 @@ static std::string readWholeFile(const std::string &path, std::vector<std::strin
     if (fstat(fileno(file.get()), &status) != 0)
         throw std::runtime_error(path + ": " + strerror(errno));
     if (!S_ISREG(status.st_mode)) throw std::runtime_error(path + ": is no regular file");
-    if (status.st_size > FILE_MAX_BYTES) throw std::runtime_error(path + ": is larger than 16 MiB");
+    if (status.st_size > FILE_MAX_BYTES)
+        throw std::runtime_error(path + ": is larger than 256 MiB");
     if ((status.st_mode & S_IROTH) != 0)
         warnings.push_back(path + ": holds secrets and can be read by everybody");
     std::string text(static_cast<std::size_t>(status.st_size), '\0');
@@ -45,55 +44,93 @@ static std::string readWholeFile(const std::string &path, std::vector<std::strin
     return text;
 }
 
-static std::string readField(const json &entry, const char *key, std::size_t limit,
-                             const std::string &place)
+const OLD_SECRET_T *validOldSecret(const REGISTERED_T &device, std::int64_t now_s)
 {
-    const std::string where = place + "." + key;
-    const auto found = entry.find(key);
-    if (found == entry.end()) throw std::runtime_error(where + ": is missing");
-    if (!found->is_string()) throw std::runtime_error(where + ": must be a text");
-    std::string value = found->get<std::string>();
-    if (value.empty() || value.size() > limit) {
-        throw std::runtime_error(where + ": must have 1 to " + std::to_string(limit) + " bytes");
-    }
-    if (!isPlainText(value))
-        throw std::runtime_error(where + ": holds a quote, backslash or control character");
-    return value;
+    return device.old && now_s < device.old->until_s ? device.old.get() : nullptr;
 }
 
-static void addEntry(DEVICE_REGISTRY_T &registry, const json &entry, const std::string &place)
+bool isSecretOf(const REGISTERED_T &device, std::string_view secret, std::int64_t now_s)
 {
-    if (!entry.is_object()) throw std::runtime_error(place + ": must be an object");
-    DEVICE_KEY_T key{readField(entry, "product_key", DEVICE_NAME_MAX, place),
-                     readField(entry, "device_name", DEVICE_NAME_MAX, place)};
-    std::string secret = readField(entry, "device_secret", SECRET_MAX_BYTES, place);
-    if (!registry.emplace(std::move(key), std::move(secret)).second) {
-        throw std::runtime_error(place +
-                                 ": this product_key and device_name stand in the list already");
+    const OLD_SECRET_T *old = validOldSecret(device, now_s);
+    return device.secret == secret || (old != nullptr && old->secret == secret);
+}
+
+// ---- the registry
+
+static void refuseDoubles(const std::deque<REGISTERED_T> &devices,
+                          const std::vector<std::uint32_t> &by_key)
+{
+    std::uint32_t first = std::numeric_limits<std::uint32_t>::max();
+    for (std::size_t i = 1; i < by_key.size(); i++) {
+        if (devices[by_key[i]].key == devices[by_key[i - 1]].key)
+            first = std::min(first, by_key[i]);
     }
+    if (first != std::numeric_limits<std::uint32_t>::max())
+        throw std::runtime_error("devices[" + std::to_string(first) +
+                                 "]: this product_key and device_name stand in the list already");
+}
+
+DEVICE_REGISTRY_T::DEVICE_REGISTRY_T(std::deque<REGISTERED_T> devices)
+    : m_devices(std::move(devices)), m_by_key(m_devices.size())
+{
+    std::iota(m_by_key.begin(), m_by_key.end(), 0);
+    const auto is_before = [this](std::uint32_t left, std::uint32_t right) {
+        const auto order = m_devices[left].key <=> m_devices[right].key;
+        return order == 0 ? left < right : order < 0;
+    };
+    // Most files are in order.
+    if (!std::is_sorted(m_by_key.begin(), m_by_key.end(), is_before))
+        std::sort(m_by_key.begin(), m_by_key.end(), is_before);
+    refuseDoubles(m_devices, m_by_key);
+    m_by_name = m_by_key;
+    const auto has_less_name = [this](std::uint32_t left, std::uint32_t right) {
+        return m_devices[left].key.device_name < m_devices[right].key.device_name;
+    };
+    if (!std::is_sorted(m_by_name.begin(), m_by_name.end(), has_less_name))
+        std::sort(m_by_name.begin(), m_by_name.end(), has_less_name);
+}
+
+const REGISTERED_T *DEVICE_REGISTRY_T::find(const DEVICE_KEY_T &key) const
+{
+    const auto found = std::lower_bound(m_by_key.begin(), m_by_key.end(), key,
+                                        [this](std::uint32_t index, const DEVICE_KEY_T &wanted) {
+                                            return m_devices[index].key < wanted;
+                                        });
+    if (found == m_by_key.end() || m_devices[*found].key != key) return nullptr;
+    return &m_devices[*found];
+}
+
+std::size_t DEVICE_REGISTRY_T::indexAfter(const DEVICE_KEY_T &key) const
+{
+    const auto found = std::upper_bound(m_by_key.begin(), m_by_key.end(), key,
+                                        [this](const DEVICE_KEY_T &wanted, std::uint32_t index) {
+                                            return wanted < m_devices[index].key;
+                                        });
+    return static_cast<std::size_t>(found - m_by_key.begin());
+}
+
+std::vector<const REGISTERED_T *> DEVICE_REGISTRY_T::findMeant(std::string_view name) const
+{
+    // A product key or a name may hold a colon, too.
+    for (std::size_t colon = name.find(':'); colon != std::string_view::npos;
+         colon = name.find(':', colon + 1)) {
+        const REGISTERED_T *device =
+            find({std::string(name.substr(0, colon)), std::string(name.substr(colon + 1))});
+        if (device != nullptr) return {device};
+    }
+    auto found = std::lower_bound(m_by_name.begin(), m_by_name.end(), name,
+                                  [this](std::uint32_t index, std::string_view wanted) {
+                                      return m_devices[index].key.device_name < wanted;
+                                  });
+    std::vector<const REGISTERED_T *> meant;
+    for (; found != m_by_name.end() && m_devices[*found].key.device_name == name; ++found)
+        meant.push_back(&m_devices[*found]);
+    return meant;
 }
 
 DEVICE_REGISTRY_T parseRegistry(std::string_view text)
 {
-    json root;
-    try {
-        root = json::parse(text);
-    } catch (const json::parse_error &fault) {
-        // The library puts its own name and number in brackets before the words and the place.
-        const std::string_view words = fault.what();
-        const std::size_t start = words.find("] ");
-        throw std::runtime_error(
-            std::string(start == std::string_view::npos ? words : words.substr(start + 2)));
-    }
-    const auto list = root.is_object() ? root.find("devices") : root.end();
-    if (!root.is_object() || list == root.end() || !list->is_array()) {
-        throw std::runtime_error("must be an object with the array \"devices\"");
-    }
-    DEVICE_REGISTRY_T registry;
-    for (std::size_t i = 0; i < list->size(); i++) {
-        addEntry(registry, (*list)[i], "devices[" + std::to_string(i) + "]");
-    }
-    return registry;
+    return DEVICE_REGISTRY_T(readRegistered(text));
 }
 
 DEVICE_REGISTRY_T loadRegistry(const std::string &path, std::vector<std::string> &warnings)
@@ -101,27 +138,22 @@ DEVICE_REGISTRY_T loadRegistry(const std::string &path, std::vector<std::string>
     const std::string text = readWholeFile(path, warnings);
     try {
         DEVICE_REGISTRY_T registry = parseRegistry(text);
-        if (registry.empty()) warnings.push_back(path + ": lists no device, so none can connect");
+        if (registry.size() == 0)
+            warnings.push_back(path + ": lists no device, so none can connect");
         return registry;
     } catch (const std::exception &fault) {
         throw std::runtime_error(path + ": " + fault.what());
     }
 }
 
-DEVICE_KEY_T findDeviceByName(const DEVICE_REGISTRY_T &registry, std::string_view name)
+const REGISTERED_T &findDeviceByName(const DEVICE_REGISTRY_T &registry, std::string_view name)
 {
-    std::optional<DEVICE_KEY_T> found;
-    for (const auto &[key, secret] : registry) {
-        if (key.product_key + ":" + key.device_name == name) return key;
-        if (key.device_name != name) continue;
-        if (found) {
-            throw std::runtime_error("several devices are named " + std::string(name) +
-                                     ": write PRODUCT_KEY:DEVICE_NAME");
-        }
-        found = key;
-    }
-    if (!found) throw std::runtime_error("no device is named " + std::string(name));
-    return *found;
+    const auto named = registry.findMeant(name);
+    if (named.empty()) throw std::runtime_error("no device is named " + std::string(name));
+    if (named.size() > 1)
+        throw std::runtime_error("several devices are named " + std::string(name) +
+                                 ": write PRODUCT_KEY:DEVICE_NAME");
+    return *named.front();
 }
 
 } // namespace backend

@@ -1,22 +1,75 @@
 // The devices that may connect:
-// {"devices":[{"product_key":"..","device_name":"..","device_secret":".."}]}.
-// Limits   product key and device name 1 to 36 bytes (a device keeps no more of its own), secret 1
-//          to 63 (a device cannot use a longer one), file at most 16 MiB. Other members of an
-//          entry are ignored.
+// {"devices":[{"product_key":"..","device_name":"..","device_secret":"..",
+//              "labels":{"site":".."}, "old_secret":"..","old_secret_until":"2027-03-01T00:00:00Z"}]}
+// The last three are optional; old_secret and old_secret_until come together.
+// Limits   product key and device name 1 to 36 bytes (a device keeps no more of its own), secrets 1
+//          to 63 (a device cannot use a longer one), labels as in labels.h, file at most 256 MiB.
+//          Other members are ignored; a member that stands twice is a fault.
+// Cost     about 150 bytes a device and its texts; a look-up compares 17 keys of 100,000.
+// Threads  a registry does not change once it is made, so any thread can read it.
 // Failure  loadRegistry throws std::runtime_error whose text names the file and the place in it.
 #pragma once
 
 #include "backend/device_key.h"
+#include "backend/labels.h"
 
-#include <map>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 namespace backend {
 
-using DEVICE_REGISTRY_T = std::map<DEVICE_KEY_T, std::string>; // the secret of each device
+constexpr std::size_t SECRET_MAX_BYTES = 63;
+
+struct OLD_SECRET_T {
+    std::string secret;
+    std::int64_t until_s = 0; // seconds since the epoch; at that second it is not valid any more
+};
+
+struct REGISTERED_T {
+    DEVICE_KEY_T key;
+    std::string secret;
+    std::unique_ptr<const OLD_SECRET_T> old; // null: none
+    LABELS_T labels;
+};
+
+// The old secret while it is valid, else null.
+const OLD_SECRET_T *validOldSecret(const REGISTERED_T &device, std::int64_t now_s);
+
+// Whether a device that has proved this secret has proved to be this one.
+bool isSecretOf(const REGISTERED_T &device, std::string_view secret, std::int64_t now_s);
+
+class DEVICE_REGISTRY_T {
+public:
+    DEVICE_REGISTRY_T() = default;
+    // In the order of the file. Throws std::runtime_error for a device that stands there twice.
+    explicit DEVICE_REGISTRY_T(std::deque<REGISTERED_T> devices);
+
+    [[nodiscard]] std::size_t size() const
+    {
+        return m_by_key.size();
+    }
+    // The devices in the order of their keys.
+    const REGISTERED_T &operator[](std::size_t index) const
+    {
+        return m_devices[m_by_key[index]];
+    }
+    // Null: it is not registered.
+    [[nodiscard]] const REGISTERED_T *find(const DEVICE_KEY_T &key) const;
+    // The index of the first one behind this key, which need not be registered; size() for none.
+    [[nodiscard]] std::size_t indexAfter(const DEVICE_KEY_T &key) const;
+    // The one that "PRODUCT_KEY:DEVICE_NAME" names, else all of this name.
+    [[nodiscard]] std::vector<const REGISTERED_T *> findMeant(std::string_view name) const;
+
+private:
+    std::deque<REGISTERED_T> m_devices;
+    std::vector<std::uint32_t> m_by_key;
+    std::vector<std::uint32_t> m_by_name;
+};
 
 // warnings: what an operator should know about a file that was accepted.
 DEVICE_REGISTRY_T loadRegistry(const std::string &path, std::vector<std::string> &warnings);
@@ -24,6 +77,6 @@ DEVICE_REGISTRY_T parseRegistry(std::string_view text);
 
 // The device meant by "DEVICE_NAME", or by "PRODUCT_KEY:DEVICE_NAME" where the name alone is not
 // unique. Throws std::runtime_error when there is none, or more than one.
-DEVICE_KEY_T findDeviceByName(const DEVICE_REGISTRY_T &registry, std::string_view name);
+const REGISTERED_T &findDeviceByName(const DEVICE_REGISTRY_T &registry, std::string_view name);
 
 } // namespace backend

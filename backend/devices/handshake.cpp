@@ -1,5 +1,7 @@
 #include "backend/devices/handshake.h"
 
+#include "backend/utc_time.h"
+
 #include <algorithm>
 #include <array>
 #include <optional>
@@ -72,23 +74,35 @@ static bool readServices(const json &payload, std::vector<SERVICE_T> &services, 
     return true;
 }
 
-// Which second was signed, if any. Takes the same time whatever the answer is.
-static std::optional<std::int64_t> findSignedSecond(std::string_view sign, std::string_view secret,
-                                                    const DEVICE_KEY_T &device,
-                                                    std::int64_t timestamp)
+struct PROOF_T {
+    std::int64_t signed_second = 0;
+    const std::string *secret = nullptr;
+};
+
+// What was signed with which secret, if any. Takes the same time whatever the answer is.
+// device: null when it is unknown.
+static std::optional<PROOF_T> findProof(std::string_view sign, const REGISTERED_T *device,
+                                        const DEVICE_KEY_T &key, std::int64_t timestamp,
+                                        std::int64_t now)
 {
     if (sign.size() != SIGN_SIZE) return std::nullopt;
-    std::optional<std::int64_t> signed_second;
-    for (const std::int64_t second : {timestamp, timestamp - 1}) {
-        const std::string expected = signHandshake(secret, CLIENT_ID, device, second);
-        if (CRYPTO_memcmp(sign.data(), expected.data(), SIGN_SIZE) == 0) signed_second = second;
+    const OLD_SECRET_T *old = device == nullptr ? nullptr : validOldSecret(*device, now);
+    std::optional<PROOF_T> proof;
+    for (const std::string *secret :
+         {old == nullptr ? nullptr : &old->secret, device == nullptr ? nullptr : &device->secret}) {
+        for (const std::int64_t second : {timestamp, timestamp - 1}) {
+            const std::string expected =
+                signHandshake(secret == nullptr ? NO_SECRET : *secret, CLIENT_ID, key, second);
+            const bool is_equal = CRYPTO_memcmp(sign.data(), expected.data(), SIGN_SIZE) == 0;
+            if (is_equal && secret != nullptr) proof = {second, secret};
+        }
     }
-    return signed_second;
+    return proof;
 }
 
 static HANDSHAKE_RESULT_T refuse(HANDSHAKE_CODE code, std::string detail, DEVICE_KEY_T device = {})
 {
-    return {code, std::move(detail), std::move(device), {}, 0};
+    return {code, std::move(detail), std::move(device), {}, 0, {}};
 }
 
 static HANDSHAKE_RESULT_T checkPayload(const json &payload, std::int64_t timestamp,
@@ -112,20 +126,24 @@ static HANDSHAKE_RESULT_T checkPayload(const json &payload, std::int64_t timesta
     // A longer one is in no registry; in the log and the audit it would only take room.
     if (key->size() > DEVICE_NAME_MAX || name->size() > DEVICE_NAME_MAX)
         return refuse(HANDSHAKE_MALFORMED, "product key or device name is too long");
-    HANDSHAKE_RESULT_T result{HANDSHAKE_ACCEPTED, {}, {*key, *name}, {}, 0};
-    const auto found = registry.find(result.device);
-    const bool is_known = found != registry.end();
-    const std::optional<std::int64_t> signed_second = findSignedSecond(
-        *sign, is_known ? std::string_view(found->second) : NO_SECRET, result.device, timestamp);
-    if (!is_known) return refuse(HANDSHAKE_BAD_SIGNATURE, "unknown device", result.device);
-    if (!signed_second) return refuse(HANDSHAKE_BAD_SIGNATURE, "wrong signature", result.device);
-    result.signed_second = *signed_second;
+    HANDSHAKE_RESULT_T result{HANDSHAKE_ACCEPTED, {}, {*key, *name}, {}, 0, {}};
+    const REGISTERED_T *known = registry.find(result.device);
+    const std::optional<PROOF_T> proof = findProof(*sign, known, result.device, timestamp, now);
+    if (known == nullptr) return refuse(HANDSHAKE_BAD_SIGNATURE, "unknown device", result.device);
+    if (!proof) return refuse(HANDSHAKE_BAD_SIGNATURE, "wrong signature", result.device);
+    result.signed_second = proof->signed_second;
     if (timestamp > now + CLOCK_TOLERANCE_S || timestamp < now - CLOCK_TOLERANCE_S) {
         return refuse(HANDSHAKE_CLOCK_OFF,
                       "clock differs by " + std::to_string(timestamp - now) + " s", result.device);
     }
     if (!readServices(payload, result.services, result.detail)) {
         return refuse(HANDSHAKE_MALFORMED, "service_meta is no list of services", result.device);
+    }
+    result.proved_secret = *proof->secret;
+    if (result.proved_secret != known->secret) {
+        result.detail += (result.detail.empty() ? "used its old secret, valid until "
+                                                : "; used its old secret, valid until ") +
+                         utcTimeText(known->old->until_s);
     }
     return result;
 }

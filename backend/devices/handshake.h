@@ -44,6 +44,7 @@ struct HANDSHAKE_RESULT_T {
     DEVICE_KEY_T device;
     std::vector<SERVICE_T> services; // empty unless accepted
     std::int64_t signed_second = 0;  // which second the signature is of; 0 unless accepted
+    std::string proved_secret;       // that it was signed with; empty unless accepted
 };
 
 using HandshakeAnswer = std::function<void(HANDSHAKE_RESULT_T)>;

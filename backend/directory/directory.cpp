@@ -20,39 +20,48 @@ static bool isDuplicate(const DEVICE_RECORD_T *record, std::int64_t now_ms)
            now_ms - record->duplicate_ms < DUPLICATE_MARK_MS;
 }
 
-DEVICE_VIEW_T viewDevice(const DIRECTORY_T &directory, const DEVICE_KEY_T &device)
+static DEVICE_VIEW_T viewOf(const DIRECTORY_T &directory, const REGISTERED_T &device,
+                            std::int64_t now_ms)
 {
-    const DEVICE_RECORD_T *record = findDeviceRecord(directory.records, device);
-    return {&device, findChannel(directory, device), record, isDuplicate(record, wallClockMs())};
+    const DEVICE_RECORD_T *record = findDeviceRecord(directory.records, device.key);
+    return {&device.key, &device.labels, findChannel(directory, device.key), record,
+            isDuplicate(record, now_ms)};
+}
+
+std::optional<DEVICE_VIEW_T> viewDevice(const DIRECTORY_T &directory, const DEVICE_KEY_T &device)
+{
+    const REGISTERED_T *registered = directory.registry.find(device);
+    if (registered == nullptr) return std::nullopt;
+    return viewOf(directory, *registered, wallClockMs());
 }
 
 void visitDevices(const DIRECTORY_T &directory, const std::optional<DEVICE_KEY_T> &after,
                   const std::function<bool(const DEVICE_VIEW_T &)> &visit)
 {
     const DEVICE_REGISTRY_T &registry = directory.registry;
-    auto at = after ? registry.upper_bound(*after) : registry.begin();
-    while (at != registry.end() && visit(viewDevice(directory, at->first)))
-        ++at;
+    const std::int64_t now_ms = wallClockMs();
+    std::size_t at = after ? registry.indexAfter(*after) : 0;
+    while (at < registry.size() && visit(viewOf(directory, registry[at], now_ms)))
+        at++;
 }
 
-const LABELS_T *labelsOf(const DIRECTORY_T & /*directory*/, const DEVICE_KEY_T & /*device*/)
+const LABELS_T *labelsOf(const DIRECTORY_T &directory, const DEVICE_KEY_T &device)
 {
-    return nullptr;
+    const REGISTERED_T *registered = directory.registry.find(device);
+    return registered == nullptr ? nullptr : &registered->labels;
 }
 
 std::vector<DEVICE_KEY_T> findDevices(const DIRECTORY_T &directory, std::string_view name)
 {
     std::vector<DEVICE_KEY_T> meant;
-    for (const auto &[key, secret] : directory.registry) {
-        if (key.product_key + ":" + key.device_name == name) return {key};
-        if (key.device_name == name) meant.push_back(key);
-    }
+    for (const REGISTERED_T *device : directory.registry.findMeant(name))
+        meant.push_back(device->key);
     return meant;
 }
 
 DEVICE_KEY_T findDevice(const DIRECTORY_T &directory, std::string_view name)
 {
-    return findDeviceByName(directory.registry, name);
+    return findDeviceByName(directory.registry, name).key;
 }
 
 ChannelPtr findChannel(const DIRECTORY_T &directory, const DEVICE_KEY_T &device)
@@ -87,21 +96,20 @@ static bool isTooSoon(DIRECTORY_T &directory, const DEVICE_KEY_T &device)
 
 static HANDSHAKE_RESULT_T refuse(HANDSHAKE_RESULT_T result, HANDSHAKE_CODE code, const char *detail)
 {
-    return {code, detail, std::move(result.device), {}, 0};
+    return {code, detail, std::move(result.device), {}, 0, {}};
 }
 
 // Of a device whose handshake is right. The store has answered meanwhile: what was so before may
 // have changed.
-static HANDSHAKE_RESULT_T admit(DIRECTORY_T &directory, SIGNATURE_USE use,
-                                const std::string &secret, const std::string &peer,
+static HANDSHAKE_RESULT_T admit(DIRECTORY_T &directory, SIGNATURE_USE use, const std::string &peer,
                                 HANDSHAKE_RESULT_T result)
 {
     if (use == SIGNATURE_USE::REPLAYED)
         return refuse(std::move(result), HANDSHAKE_BAD_SIGNATURE, "signature used before");
     if (use == SIGNATURE_USE::UNRECORDED)
         return refuse(std::move(result), HANDSHAKE_UNAVAILABLE, "the store cannot be written");
-    const auto known = directory.registry.find(result.device);
-    if (known == directory.registry.end() || known->second != secret)
+    const REGISTERED_T *known = directory.registry.find(result.device);
+    if (known == nullptr || !isSecretOf(*known, result.proved_secret, wallClockMs() / 1000))
         return refuse(std::move(result), HANDSHAKE_BAD_SIGNATURE, "its entry has just changed");
     const ChannelPtr older = findChannel(directory, result.device);
     if (!older || !isTooSoon(directory, result.device)) return result;
@@ -119,9 +127,9 @@ void checkDevice(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &channel, const 
     const DEVICE_KEY_T device = result.device;
     const std::int64_t signed_second = result.signed_second;
     claimSignature(directory.signatures, device, signed_second, addressOf(channel.peer), now_ms,
-                   [&directory, secret = directory.registry.at(device), peer = channel.peer,
-                    result = std::move(result), answered = std::move(answered)](SIGNATURE_USE use) {
-                       answered(admit(directory, use, secret, peer, result));
+                   [&directory, peer = channel.peer, result = std::move(result),
+                    answered = std::move(answered)](SIGNATURE_USE use) {
+                       answered(admit(directory, use, peer, result));
                    });
 }
 
@@ -129,7 +137,7 @@ void deviceRefused(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &channel,
                    const HANDSHAKE_RESULT_T &result)
 {
     const DEVICE_KEY_T &device = result.device;
-    if (directory.registry.contains(device) &&
+    if (directory.registry.find(device) != nullptr &&
         !lineIsAllowed(directory.lines, device, DEVICE_LINE::REFUSAL))
         return;
     if (result.code != HANDSHAKE_DUPLICATE) // has a line of its own
@@ -213,17 +221,54 @@ void deviceGone(DIRECTORY_T &directory, const ChannelPtr &channel, const std::st
     publish({EVENT::DEVICE_DISCONNECTED, channel->device, {}, {}, {}, reason});
 }
 
-void replaceRegistry(DIRECTORY_T &directory, DEVICE_REGISTRY_T registry)
+// Calls step for each of the sorted keys that a map has, with the device of that key or null. A
+// walk beside the keys: a look-up for each would stop everything else for a while when there are
+// a hundred thousand.
+template <class Map, class Step>
+static void walkBeside(const Map &map, const DEVICE_REGISTRY_T &registry, Step step)
 {
-    std::swap(directory.registry, registry);
-    for (const auto &[key, channel] : std::map(directory.connected)) {
-        const auto known = directory.registry.find(key);
-        if (known == directory.registry.end()) {
-            closeDeviceChannel(*channel, CLOSE_REFUSED, "removed from the registry");
-        } else if (known->second != registry[key]) {
-            closeDeviceChannel(*channel, CLOSE_REFUSED, "its secret in the registry has changed");
-        }
+    std::size_t next = 0;
+    for (const auto &[key, value] : map) {
+        while (next < registry.size() && registry[next].key < key)
+            next++;
+        const bool is_there = next < registry.size() && registry[next].key == key;
+        step(key, value, is_there ? &registry[next] : nullptr);
     }
+}
+
+void forgetUnregistered(DIRECTORY_T &directory)
+{
+    std::vector<DEVICE_KEY_T> gone;
+    walkBeside(directory.records.records, directory.registry,
+               [&gone](const DEVICE_KEY_T &key, const DEVICE_RECORD_T & /*record*/,
+                       const REGISTERED_T *device) {
+                   if (device == nullptr) gone.push_back(key);
+               });
+    for (const DEVICE_KEY_T &key : gone)
+        forgetDevice(directory.records, key);
+}
+
+DEVICE_REGISTRY_T replaceRegistry(DIRECTORY_T &directory, DEVICE_REGISTRY_T registry)
+{
+    struct CHANGE_T {
+        ChannelPtr channel;
+        const char *reason;
+    };
+    const std::int64_t now_s = wallClockMs() / 1000;
+    std::vector<CHANGE_T> changes; // closing a channel changes the map
+    std::swap(directory.registry, registry);
+    walkBeside(
+        directory.connected, directory.registry,
+        [&](const DEVICE_KEY_T & /*key*/, const ChannelPtr &channel, const REGISTERED_T *device) {
+            if (device == nullptr)
+                changes.push_back({channel, "removed from the registry"});
+            else if (!isSecretOf(*device, channel->proved_secret, now_s))
+                changes.push_back({channel, "its secret in the registry has changed"});
+        });
+    for (const CHANGE_T &change : changes)
+        closeDeviceChannel(*change.channel, CLOSE_REFUSED, change.reason);
+    forgetUnregistered(directory);
+    return registry;
 }
 
 void closeDirectory(DIRECTORY_T &directory, const std::string &reason)

@@ -43,11 +43,13 @@ struct DIRECTORY_T {
 // What an operator is shown of a device.
 struct DEVICE_VIEW_T {
     const DEVICE_KEY_T *key;
+    const LABELS_T *labels;
     ChannelPtr channel;            // null while it is away
     const DEVICE_RECORD_T *record; // null: it has never been there
     bool is_duplicate;
 };
-DEVICE_VIEW_T viewDevice(const DIRECTORY_T &directory, const DEVICE_KEY_T &device);
+// None: it is not registered. Valid until the registry is replaced.
+std::optional<DEVICE_VIEW_T> viewDevice(const DIRECTORY_T &directory, const DEVICE_KEY_T &device);
 
 // In the order of their keys, those behind `after` if it is given, until visit returns false.
 void visitDevices(const DIRECTORY_T &directory, const std::optional<DEVICE_KEY_T> &after,
@@ -74,9 +76,14 @@ void deviceRefused(DIRECTORY_T &directory, const DEVICE_CHANNEL_T &channel,
 void deviceConnected(DIRECTORY_T &directory, const ChannelPtr &channel, const std::string &remark);
 void deviceGone(DIRECTORY_T &directory, const ChannelPtr &channel, const std::string &reason);
 
-// For the handshakes from now on. A device whose entry is gone, or has another secret, is cut off:
-// what it has proved does not hold any more.
-void replaceRegistry(DIRECTORY_T &directory, DEVICE_REGISTRY_T registry);
+// For the handshakes from now on. A device whose entry is gone, or no longer has the secret that it
+// has proved, is cut off; one with an old secret that is still valid stays. What is known of
+// devices that have been taken out is forgotten. Returns the registry from before, whose end takes
+// a while when it is large.
+DEVICE_REGISTRY_T replaceRegistry(DIRECTORY_T &directory, DEVICE_REGISTRY_T registry);
+
+// The records of devices that the registry does not have.
+void forgetUnregistered(DIRECTORY_T &directory);
 
 void closeDirectory(DIRECTORY_T &directory, const std::string &reason);
 

@@ -29,15 +29,16 @@ static const char *stateText(const ChannelPtr &channel)
     return isSilent(*channel) ? "not answering" : "connected";
 }
 
-static json deviceJson(const OPERATIONS_T &operations, const DEVICE_VIEW_T &view)
+static json deviceJson(const DEVICE_VIEW_T &view)
 {
     json device = {{"product", view.key->product_key},
                    {"device", view.key->device_name},
                    {"connected", view.channel != nullptr},
                    {"state", stateText(view.channel)},
                    {"duplicate", view.is_duplicate}};
-    const LABELS_T *labels = labelsOf(operations.directory, *view.key);
-    device["labels"] = labels == nullptr ? json::object() : json(*labels);
+    json &labels = device["labels"] = json::object();
+    for (const auto &[name, value] : *view.labels)
+        labels[std::string(name)] = value;
     if (view.channel) {
         device["peer"] = view.channel->peer;
         device["since"] = view.channel->connected_at;
@@ -75,7 +76,7 @@ void listDevices(OPERATIONS_T &operations, const CallPtr &call)
     std::size_t visited = 0;
     const ARGUMENTS_T &wanted = call->arguments;
     visitDevices(operations.directory, wanted.after, [&](const DEVICE_VIEW_T &view) {
-        if (isWanted(operations, *call, view)) devices.push_back(deviceJson(operations, view));
+        if (isWanted(operations, *call, view)) devices.push_back(deviceJson(view));
         if (devices.size() < wanted.limit && ++visited < VISITED_MAX) return true;
         next = *view.key;
         return false;
@@ -87,7 +88,10 @@ void listDevices(OPERATIONS_T &operations, const CallPtr &call)
 
 void showDevice(OPERATIONS_T &operations, const CallPtr &call)
 {
-    json device = deviceJson(operations, viewDevice(operations.directory, *call->arguments.device));
+    const auto view = viewDevice(operations.directory, *call->arguments.device);
+    if (!view)
+        throw OperationFault(FAULT::NOT_FOUND, noSuchDevice(call->arguments.device->device_name));
+    json device = deviceJson(*view);
     call->answer({{"ok", true}, {"device", std::move(device)}}, true);
 }
 

@@ -88,7 +88,7 @@ static bool hasLabels(const DEVICE_GROUP_T &group, const LABELS_T *labels)
     return std::all_of(group.labels.begin(), group.labels.end(), [labels](const auto &wanted) {
         if (labels == nullptr) return false;
         const auto found = labels->find(wanted.first);
-        return found != labels->end() && isMatch(wanted.second, found->second);
+        return found != labels->end() && isMatch(wanted.second, std::string(found->second));
     });
 }
 

@@ -9,11 +9,11 @@
 #pragma once
 
 #include "backend/device_key.h"
+#include "backend/labels.h"
 
 #include <array>
 #include <chrono>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -40,8 +40,6 @@ struct PRINCIPAL_T {
     std::int64_t expires = 0;   // of that token, seconds since the epoch; 0: none
     bool is_host_admin = false; // the machine's root, or the back end's own account
 };
-
-using LABELS_T = std::map<std::string, std::string>;
 
 // What a right is wanted for. Labels may be null: there are none.
 struct TARGET_T {

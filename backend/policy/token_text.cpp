@@ -14,22 +14,27 @@ constexpr std::string_view DIGITS =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
 constexpr std::string_view HEX = "0123456789abcdef";
 
-std::string makeToken()
+std::string makeRandomText()
 {
     SHA256_T bytes;
     if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1)
         throw std::runtime_error("the system has no random bytes");
-    std::string token(PREFIX);
+    std::string text;
     unsigned rest = 0;
     unsigned bits = 0;
     for (const unsigned byte : bytes) {
         rest = rest << 8 | byte;
         for (bits += 8; bits >= 6; bits -= 6)
-            token += DIGITS[rest >> (bits - 6) & 63];
+            text += DIGITS[rest >> (bits - 6) & 63];
     }
-    token += DIGITS[rest << (6 - bits) & 63];
+    text += DIGITS[rest << (6 - bits) & 63];
     OPENSSL_cleanse(bytes.data(), bytes.size());
-    return token;
+    return text;
+}
+
+std::string makeToken()
+{
+    return std::string(PREFIX) + makeRandomText();
 }
 
 std::optional<SHA256_T> hashToken(std::string_view token)

@@ -13,7 +13,9 @@ namespace backend {
 
 constexpr std::size_t TOKEN_SIZE = 47;
 
-// Throws std::runtime_error when the system has no random bytes.
+// 32 random bytes in base64url without padding, 43 characters. Throws std::runtime_error when the
+// system has none.
+std::string makeRandomText();
 std::string makeToken();
 
 // Of the whole text; none for one that is no token.

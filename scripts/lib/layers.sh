@@ -10,11 +10,11 @@ declare -A LAYER_INCLUDES=(
     [sessions]='devices net'
     [operations]='directory sessions devices net'
     [api]='operations directory sessions devices net'
+    [admin]='devices'
     [doors]='operations directory sessions devices net'
-    [api]='operations directory sessions devices net'
 )
 readonly LAYER_LEAVES='policy observe store' # and the headers beside the folders
-readonly LAYER_HEADERS='limits.h device_key.h options.h config_file.h'
+readonly LAYER_HEADERS='limits.h device_key.h labels.h utc_time.h options.h config_file.h'
 
 # check_layers: names each line of backend/ that includes what its folder must not.
 check_layers() {

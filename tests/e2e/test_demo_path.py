@@ -41,7 +41,7 @@ async def serve_page(reader, writer):
 class Tunnel:
     """Gateway, services and back end; `ports` are those of the gateway's services, by name."""
 
-    def __init__(self, launch, certificates, home, page=serve_page):
+    def __init__(self, launch, certificates, home, page=serve_page, options=()):
         self.home, self.listen = home, free_port()
         self.ports, self.services = {name: free_port() for name in NAMES}, {}
         web, sshd = free_port(), free_port()
@@ -53,7 +53,7 @@ class Tunnel:
             "files": {"etc/shadow": f"root:{sha512(PASSWORD)}:19000:0:99999:7:::\n"}})["demo"]
         self.back_end = start_back_end(
             self.gateway, ("127.0.0.1", self.listen), certificates.paths(), "--control",
-            self.home / "control", "--audit", self.home / "audit", ports=self.ports)
+            self.home / "control", "--audit", self.home / "audit", *options, ports=self.ports)
         start_sshd(self.gateway.beside, self.home, sshd)
         self.gateway.log.wait("I", "handshake response code is 0!", seconds=10)
 
@@ -260,7 +260,7 @@ def test_password_is_asked_for_again_after_a_stop(tunnel):
     (("connect", "dev1/nothing"), 1, "dev1 does not offer nothing"),
     (("forward", "dev1/nothing"), 1, "dev1 does not offer nothing"),
     (("connect", "dev2/ssh"), 1, "no device is named dev2"),
-    (("connect", "dev1"), 2, "no DEVICE/SERVICE"),
+    (("connect", "dev1/"), 2, "no DEVICE/SERVICE"),
     (("devices", "dev*", "gw*"), 1, "no device matches gw*"),
     (("devcies",), 2, 'did you mean "devices"?'),
     (("forward", "dev1/ssh_localhost", "BUSY"), 1, "Address already in use"),

@@ -4,11 +4,13 @@ Commands of docs/operating.md and of the man pages are typed on the gateway of s
 others in the source tree, together with the shell functions that earlier blocks of the document
 define. A block that is not typed says why behind its ```sh, which no reader sees.
 """
+import json
 import os
 import re
 import shlex
 import subprocess
 
+import jsonschema
 import pytest
 
 from harness.sandbox import BIN, REPOSITORY
@@ -119,6 +121,33 @@ def test_links_lead_somewhere():
             titles = re.findall("^#+ (.*)", target.read_text(), re.M) if anchor else []
             assert not anchor or anchor in [re.sub(r"[^\w -]", "", title).lower().replace(" ", "-")
                                             for title in titles], f"{name}: {path}#{anchor}"
+
+
+def test_operators_file_fits_its_schema():
+    """That the back end takes the example is policy_test's matter."""
+    schema = json.loads((REPOSITORY / "docs/operators.schema.json").read_text())
+    jsonschema.Draft202012Validator.check_schema(schema)
+    validator = jsonschema.Draft202012Validator(schema)
+    example = json.loads(re.search(r"```json\n(.*?)^```", DOCUMENTS["policy.md"], re.S | re.M)[1])
+    assert not [*validator.iter_errors(example)]
+    described = set(re.findall(r"^\| `(\w+)` \|", DOCUMENTS["policy.md"], re.M))
+    for name in ["operator", "token", "device_group", "grant"]:
+        members = schema["$defs"][name]
+        assert members["properties"].keys() <= described, name
+        assert not members["additionalProperties"]
+    accepted = {path.name for path in (REPOSITORY / "tests/fuzz/corpus/policy_file").iterdir()
+                if fits(validator, path)}
+    assert accepted == {"example", "smallest", "strictest", "recorded", "patterns",
+                        # What a schema cannot say.
+                        "doubled_member", "limit_without_effect", "no_such_day",
+                        "two_of_one_account", "unknown_group"}
+
+
+def fits(validator, path):
+    try:
+        return validator.is_valid(json.loads(path.read_text()))
+    except ValueError:
+        return False
 
 
 def tree(*folders):

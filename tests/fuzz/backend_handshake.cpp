@@ -14,7 +14,8 @@ using nlohmann::json;
 namespace {
 
 constexpr std::int64_t NOW = 1600000000;
-const DEVICE_REGISTRY_T g_registry{{{"pk1", "dev1"}, "secret1"}};
+const DEVICE_REGISTRY_T g_registry = parseRegistry(
+    R"({"devices":[{"product_key":"pk1","device_name":"dev1","device_secret":"secret1"}]})");
 
 void requireSound(const HANDSHAKE_RESULT_T &result, const HEADER_T &header)
 {
@@ -22,7 +23,7 @@ void requireSound(const HANDSHAKE_RESULT_T &result, const HEADER_T &header)
     REQUIRE(is_accepted || !result.detail.empty());
     REQUIRE(is_accepted || (result.services.empty() && result.signed_second == 0));
     if (!is_accepted) return;
-    REQUIRE(g_registry.contains(result.device));
+    REQUIRE(g_registry.find(result.device) != nullptr);
     REQUIRE(std::abs(header.timestamp - NOW) <= CLOCK_TOLERANCE_S);
     REQUIRE(header.timestamp - result.signed_second <= 1);
     REQUIRE(result.services.size() <= SERVICES_MAX);
@@ -39,10 +40,11 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     requireSound(checkHandshake(message, g_registry, NOW), message.header);
     json payload = json::parse(message.payload.begin(), message.payload.end(), nullptr, false);
     if (!payload.is_object()) return 0;
-    const auto &[device, secret] = *g_registry.begin();
+    const DEVICE_KEY_T &device = g_registry[0].key;
     payload["product_key"] = device.product_key;
     payload["device_name"] = device.device_name;
-    payload["sign"] = signHandshake(secret, "quorvex_iot", device, message.header.timestamp);
+    payload["sign"] =
+        signHandshake(g_registry[0].secret, "quorvex_iot", device, message.header.timestamp);
     const std::string text = payload.dump(-1, ' ', false, json::error_handler_t::replace);
     message.payload = {reinterpret_cast<const std::uint8_t *>(text.data()), text.size()};
     requireSound(checkHandshake(message, g_registry, NOW), message.header);

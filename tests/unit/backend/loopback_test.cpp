@@ -30,11 +30,14 @@ protected:
     {
         SERVER_OPTIONS_T options;
         options.listen = parseEndpoint("127.0.0.1:0");
-        options.registry = {{{"pk1", "dev1"}, "secret1"}, {{"pk1", "dev2"}, "secret2"}};
+        std::deque<REGISTERED_T> devices;
+        devices.push_back({{"pk1", "dev1"}, "secret1", nullptr, {}});
+        devices.push_back({{"pk1", "dev2"}, "secret2", nullptr, {}});
         options.forwards = {parseForward("0=dev1/ssh"), parseForward("0=dev1/other")};
         options.control = control;
         for (int i = 0; i < more_devices; i++)
-            options.registry.emplace(DEVICE_KEY_T{"pk2", std::to_string(i)}, "secret");
+            devices.push_back({{"pk2", std::to_string(i)}, "secret", nullptr, {}});
+        options.registry = DEVICE_REGISTRY_T(std::move(devices));
         options.limits = limits;
         server = startServer(io, std::move(options));
         port = listenEndpoint(*server).port();
@@ -462,12 +465,20 @@ TEST_F(Loopback, ChangedRegistryCutsOffTheDevicesThatItChanges)
     start();
     ScriptedDevice same = connectDevice("dev1");
     ScriptedDevice changed = connectDevice("dev2");
-    boost::asio::post(io, [this] {
-        replaceRegistry(server->directory,
-                        {{{"pk1", "dev1"}, "secret1"}, {{"pk1", "dev2"}, "new"}});
-    });
+    const auto replace = [this](const char *old_until) {
+        boost::asio::post(io, [this, old_until] {
+            replaceRegistry(server->directory, parseRegistry(R"({"devices":[
+                {"product_key":"pk1","device_name":"dev1","device_secret":"new",
+                 "old_secret":"secret1","old_secret_until":")" +
+                                                             std::string(old_until) + R"("},
+                {"product_key":"pk1","device_name":"dev2","device_secret":"new"}]})"));
+        });
+    };
+    replace("9999-01-01T00:00:00Z");
     EXPECT_TRUE(changed.isClosed());
     expectAlive(same);
+    replace("2020-01-01T00:00:00Z");
+    EXPECT_TRUE(same.isClosed());
 }
 
 TEST_F(Loopback, OperatorThatTakesNoAnswerIsCutOff)

@@ -5,6 +5,8 @@
 #include "backend/observe/log.h"
 #include "backend/options.h"
 
+#include <map>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -150,6 +152,21 @@ static std::string entry(const std::string &key, const std::string &name, const 
            secret + "\"}";
 }
 
+// A list of one device with this member beside the usual ones.
+static std::string with(const std::string &member)
+{
+    std::string device = entry("pk", "d", "s");
+    return "{\"devices\":[" + device.insert(device.size() - 1, "," + member) + "]}";
+}
+
+static std::string labels(int count)
+{
+    std::string text;
+    for (int i = 0; i < count; i++)
+        text += (i == 0 ? "\"" : ",\"") + std::to_string(i) + "\":\"v\"";
+    return text;
+}
+
 TEST(DeviceRegistry, FaultsNameTheirPlace)
 {
     const std::string good = entry("pk", "d", "s");
@@ -174,17 +191,103 @@ TEST(DeviceRegistry, FaultsNameTheirPlace)
          "devices[1]: this product_key"},
         {"{\"devices\":[" + good + "," + entry("pk2", "d", std::string(63, 's')) + "]}",
          "accepted 2"},
+        {"{\"devices\":[" + entry("b", "d", "s") + "," + entry("a", "d", "s") + "," +
+             entry("b", "d", "s") + "," + entry("a", "d", "s") + "]}",
+         "devices[2]: this product_key"},
+        {"7", "must be an object with"},
+        {"{\"devices\":[]} x", "line 1"},
+        {"{\"devices\":[],\"devices\":[]}", "devices: stands there twice"},
+        {"{\"devices\":[[]]}", "devices[0]: must be an object"},
+        {with(R"("product_key":"x")"), "devices[0].product_key: stands there twice"},
+        {with(R"("x":{"y":1,"y":2})"), "devices[0].x: stands there twice"},
+        {with(R"("x":{"labels":{"a":1},"devices":[7]},"z":[[{"device_name":1}]])"), "accepted 1"},
+        {with(R"("x":)" + std::string(70, '[') + std::string(70, ']')), "nested too deep"},
+        {with(R"("labels":{"site":"b","empty":""})"), "accepted 1"},
+        {with(R"("labels":[])"), "devices[0].labels: must be an object"},
+        {with(R"("labels":"x")"), "devices[0].labels: must be an object"},
+        {with(R"("labels":{"site":7})"), "devices[0].labels.site: must be a text"},
+        {with(R"("labels":{"site":{}})"), "devices[0].labels.site: must be a text"},
+        {with(R"("labels":{"site":"a","site":"b"})"), "labels.site: stands there twice"},
+        {with(R"("labels":{"":"a"})"), "the name of a label"},
+        {with(R"("labels":{")" + std::string(65, 'n') + R"(":"a"})"), "the name of a label"},
+        {with(R"("labels":{"site":")" + std::string(256, 'v') + R"("})"), "0 to 255 bytes"},
+        {with(R"("labels":{)" + labels(16) + "}"), "accepted 1"},
+        {with(R"("labels":{)" + labels(17) + "}"), "more than 16 labels"},
+        {with(R"("old_secret":"o")"), "devices[0].old_secret_until: is missing"},
+        {with(R"("old_secret_until":"2027-03-01T00:00:00Z")"), "old_secret: is missing"},
+        {with(R"("old_secret":"o","old_secret_until":"2027-03-01T00:00:00Z")"), "accepted 1"},
+        {with(R"("old_secret":"o","old_secret_until":"2027-02-29T00:00:00Z")"),
+         "old_secret_until: must be a time"},
+        {with(R"("old_secret":"o","old_secret_until":"2027-03-01T00:00:00+01:00")"),
+         "old_secret_until: must be a time"},
     };
     for (const auto &row : rows)
         EXPECT_THAT(faultOf(row.text), HasSubstr(row.fault)) << row.text;
     std::vector<std::string> warnings;
     EXPECT_THROW(loadRegistry("/nonexistent/devices.json", warnings), std::runtime_error);
     EXPECT_THROW(loadRegistry("/", warnings), std::runtime_error);
+}
+
+TEST(DeviceRegistry, FindsByKeyAndName)
+{
+    const DEVICE_REGISTRY_T registry = parseRegistry(
+        "{\"devices\":[" + entry("pk2", "d", "s2") + "," + entry("pk", "d", "s1") + "," +
+        entry("a:b", "c", "s3") + "," +
+        R"({"labels":{"site":"berlin","rack":""},"x":1,"product_key":"pk","device_name":"e:f",
+            "device_secret":"s4","old_secret":"o","old_secret_until":"1970-01-02T00:00:01Z"}]})");
+    std::string order;
+    for (std::size_t i = 0; i < registry.size(); i++)
+        order += registry[i].secret;
+    EXPECT_EQ(order, "s3s1s4s2");
+    EXPECT_EQ(registry.indexAfter({"pk", "d"}), 2U);
+    EXPECT_EQ(registry.indexAfter({"pk", "a"}), 1U);
+    EXPECT_EQ(registry.indexAfter({"pk2", "d"}), 4U);
+    EXPECT_EQ(registry.find({"pk", "d"})->secret, "s1");
+    EXPECT_EQ(registry.find({"pk", "c"}), nullptr);
+    const std::map<const char *, const char *> found{
+        {"pk:d", "s1"}, {"pk2:d", "s2"}, {"a:b:c", "s3"}, {"c", "s3"}, {"e:f", "s4"}};
+    for (const auto &[name, secret] : found)
+        EXPECT_EQ(findDeviceByName(registry, name).secret, secret) << name;
+    for (const char *name : {"d", "f", "", ":", "pk:", "pk3:d"})
+        EXPECT_THROW(findDeviceByName(registry, name), std::runtime_error) << name;
+    const REGISTERED_T &last = findDeviceByName(registry, "e:f");
+    EXPECT_EQ(last.labels.find("site")->second, "berlin");
+    EXPECT_EQ(last.labels.find("rack")->second, "");
+    EXPECT_EQ(last.labels.find("berlin"), last.labels.end());
+    EXPECT_EQ(last.labels.size(), 2U);
+    EXPECT_TRUE(isSecretOf(last, "o", 86400));
+    EXPECT_FALSE(isSecretOf(last, "o", 86401));
+    EXPECT_TRUE(isSecretOf(last, "s4", 86401));
+}
+
+static HANDSHAKE_RESULT_T shakeHands(const DEVICE_REGISTRY_T &registry, const std::string &secret,
+                                     std::int64_t now)
+{
+    const std::string payload =
+        R"({"uuid":"quorvex_iot","product_key":"pk","device_name":"d","version":"2.1",)"
+        R"("service_meta":[],"signmethod":"hmacsha256","sign":")" +
+        signHandshake(secret, "quorvex_iot", {"pk", "d"}, now) + "\"}";
+    MESSAGE_T message;
+    message.header = {MESSAGE_HANDSHAKE, now, std::string(HANDSHAKE_ID), ""};
+    message.payload = bytesOf(payload);
+    return checkHandshake(message, registry, now);
+}
+
+TEST(Handshake, TakesTheOldSecretUntilItsTime)
+{
     const DEVICE_REGISTRY_T registry =
-        parseRegistry("{\"devices\":[" + good + "," + entry("pk2", "d", "s") + "]}");
-    EXPECT_THROW(findDeviceByName(registry, "d"), std::runtime_error);
-    EXPECT_THROW(findDeviceByName(registry, "e"), std::runtime_error);
-    EXPECT_EQ(findDeviceByName(registry, "pk2:d"), (DEVICE_KEY_T{"pk2", "d"}));
+        parseRegistry(with(R"("old_secret":"o","old_secret_until":"2027-03-01T00:00:00Z")"));
+    constexpr std::int64_t UNTIL = 1803859200; // date -d 2027-03-01T00:00:00Z +%s
+    EXPECT_EQ(shakeHands(registry, "s", UNTIL - 1).detail, "");
+    EXPECT_EQ(shakeHands(registry, "s", UNTIL).code, HANDSHAKE_ACCEPTED);
+    const HANDSHAKE_RESULT_T old = shakeHands(registry, "o", UNTIL - 1);
+    EXPECT_EQ(old.code, HANDSHAKE_ACCEPTED);
+    EXPECT_EQ(old.detail, "used its old secret, valid until 2027-03-01T00:00:00Z");
+    EXPECT_EQ(shakeHands(registry, "o", UNTIL).code, HANDSHAKE_BAD_SIGNATURE);
+    // What stands in for a secret that is not there must not be one.
+    for (const std::string secret : {"checked for a device that is unknown", ""})
+        EXPECT_EQ(shakeHands(parseRegistry(with("\"x\":1")), secret, UNTIL).code,
+                  HANDSHAKE_BAD_SIGNATURE);
 }
 
 // The signatures were computed with "openssl dgst -sha256 -hmac SECRET".
@@ -211,8 +314,9 @@ static HANDSHAKE_RESULT_T checkPatched(const std::string &patch, std::int64_t he
         "sign":"c7a6db3f0f11ef0ce104f068a6fe085758fdf9ecd772d0f4c2a78810e1939bd3"})");
     payload.merge_patch(nlohmann::json::parse(patch));
     const std::string text = payload.dump();
-    return checkHandshake({{MESSAGE_HANDSHAKE, header_time, id, ""}, bytesOf(text)},
-                          {{{"pk1", "dev1"}, "secret1"}}, now);
+    static const DEVICE_REGISTRY_T registry =
+        parseRegistry("{\"devices\":[" + entry("pk1", "dev1", "secret1") + "]}");
+    return checkHandshake({{MESSAGE_HANDSHAKE, header_time, id, ""}, bytesOf(text)}, registry, now);
 }
 
 TEST(Handshake, ChecksEveryFieldSignAndClock)

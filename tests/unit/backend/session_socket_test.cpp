@@ -118,8 +118,8 @@ protected:
 
     void writeSession(std::size_t from = 0)
     {
-        const auto *bytes = reinterpret_cast<const std::uint8_t *>(sent.data());
-        session->asyncWrite({bytes + from, sent.size() - from},
+        const auto *first = reinterpret_cast<const std::uint8_t *>(sent.data());
+        session->asyncWrite({first + from, sent.size() - from},
                             [this, from](const error_code &error, std::size_t count) {
                                 written = from + count;
                                 write_error = error;
@@ -193,7 +193,7 @@ TEST_F(SessionSocketTest, CarriesAllBytesBothWaysAndTellsTheEnd)
     runUntil([this] { return isClosed(); });
     EXPECT_EQ(texts, R"({"bytes_down":8,"bytes_up":7,"ended":"the service closed","whole":true})");
     EXPECT_EQ(client.reason().code, 1000);
-    EXPECT_EQ(client.reason().reason, "the service closed");
+    EXPECT_EQ(client.reason().reason.c_str(), std::string("the service closed"));
     session.reset();
     socket.reset();
     runUntil([this] { return stream.use_count() == 1; });
@@ -214,7 +214,7 @@ TEST_F(SessionSocketTest, CutOffIsToldBehindTheBytesUnderWay)
     EXPECT_EQ(bytes, sent);
     EXPECT_THAT(texts, HasSubstr("a\xc3\xa4 and a byte \xef\xbf\xbd\",\"whole\":false"));
     EXPECT_EQ(client.reason().code, 4000);
-    EXPECT_EQ(client.reason().reason, std::string(122, 'a'));
+    EXPECT_EQ(client.reason().reason.c_str(), std::string(122, 'a'));
 }
 
 TEST_F(SessionSocketTest, WhatIsNotReadIsNotTaken)
@@ -331,7 +331,7 @@ INSTANTIATE_TEST_SUITE_P(
         BreachRow{"no_utf8", {"\xff"}, "", "", 1007, NO_FRAME},
         BreachRow{"unmasked", {}, "", "\x82\x01x", 1002, NO_FRAME},
         BreachRow{"garbage", {}, "", std::string(100000, '\xfe'), 1002, NO_FRAME}),
-    [](const auto &info) { return info.param.name; });
+    [](const auto &row) { return row.param.name; });
 
 TEST_F(SessionSocketTest, ClientThatLeavesEndsTheSession)
 {

@@ -1,0 +1,246 @@
+#include "backend/devices/registry_reader.h"
+
+#include "backend/devices/protocol.h"
+#include "backend/utc_time.h"
+
+#include <array>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+namespace backend {
+
+using nlohmann::json;
+
+constexpr std::size_t DEPTH_MAX = 64; // of what is ignored, too
+// How deep the text is nested within each.
+constexpr std::size_t IN_ROOT = 1;
+constexpr std::size_t IN_LIST = 2;
+constexpr std::size_t IN_DEVICE = 3;
+constexpr std::size_t IN_LABELS = 4;
+
+static const std::string NOT_ROOT = "must be an object with the array \"devices\"";
+
+struct TEXT_MEMBER_T {
+    const char *name;
+    std::size_t limit;
+    bool is_required;
+};
+
+enum TEXT_MEMBER : std::size_t { PRODUCT, NAME, SECRET, OLD_SECRET, OLD_UNTIL, TEXT_MEMBERS };
+
+constexpr std::array<TEXT_MEMBER_T, TEXT_MEMBERS> MEMBERS{{
+    {"product_key", DEVICE_NAME_MAX, true},
+    {"device_name", DEVICE_NAME_MAX, true},
+    {"device_secret", SECRET_MAX_BYTES, true},
+    {"old_secret", SECRET_MAX_BYTES, false},
+    {"old_secret_until", 63, false},
+}};
+constexpr std::string_view LABELS = "labels";
+constexpr std::string_view DEVICES = "devices";
+
+// What the library calls for each part of the text, in its names. All return true: go on.
+// NOLINTBEGIN(readability-identifier-naming)
+class RegistryReader {
+public:
+    std::deque<REGISTERED_T> devices;
+    bool has_list = false;
+
+    bool null()
+    {
+        return value();
+    }
+    bool boolean(bool /*value*/)
+    {
+        return value();
+    }
+    bool number_integer(json::number_integer_t /*value*/)
+    {
+        return value();
+    }
+    bool number_unsigned(json::number_unsigned_t /*value*/)
+    {
+        return value();
+    }
+    bool number_float(json::number_float_t /*value*/, const std::string & /*text*/)
+    {
+        return value();
+    }
+    bool binary(json::binary_t & /*value*/)
+    {
+        return value();
+    }
+    bool string(std::string &text)
+    {
+        if (in_labels()) {
+            takeLabel(text);
+        } else if (in_device() && m_member) {
+            m_texts[*m_member] = checked(text, 1, MEMBERS[*m_member].limit);
+        } else {
+            value();
+        }
+        return true;
+    }
+    bool start_object(std::size_t /*size*/)
+    {
+        const bool is_device = m_depth == IN_LIST && m_in_devices;
+        const bool is_labels = in_device() && m_key == LABELS;
+        if (m_depth != 0 && !is_device && !is_labels) value();
+        enter();
+        m_in_labels |= is_labels;
+        if (is_device) m_texts = {};
+        if (is_device) m_labels = {};
+        m_keys[m_depth].clear();
+        return true;
+    }
+    bool key(std::string &name)
+    {
+        const bool is_new = m_keys[m_depth].insert(name).second;
+        if (m_depth == IN_ROOT || in_device()) m_key = name;
+        if (in_labels()) m_label = name;
+        if (!is_new) throw std::runtime_error(place() + ": stands there twice");
+        m_member.reset();
+        if (!in_device()) return true;
+        for (std::size_t i = 0; i < MEMBERS.size(); i++)
+            if (name == MEMBERS[i].name) m_member = i;
+        return true;
+    }
+    bool end_object()
+    {
+        if (in_device()) takeDevice();
+        if (in_labels()) m_in_labels = false;
+        m_depth--;
+        return true;
+    }
+    bool start_array(std::size_t /*size*/)
+    {
+        const bool is_list = m_depth == IN_ROOT && m_key == DEVICES;
+        if (!is_list) value();
+        has_list |= is_list;
+        m_in_devices |= is_list;
+        enter();
+        return true;
+    }
+    bool end_array()
+    {
+        m_depth--;
+        if (m_depth == IN_ROOT) m_in_devices = false;
+        return true;
+    }
+    [[noreturn]] static bool parse_error(std::size_t /*position*/, const std::string & /*token*/,
+                                         const json::exception &fault)
+    {
+        // The library puts its own name and number in brackets before the words and the place.
+        const std::string_view words = fault.what();
+        const std::size_t start = words.find("] ");
+        throw std::runtime_error(
+            std::string(start == std::string_view::npos ? words : words.substr(start + 2)));
+    }
+
+private:
+    [[nodiscard]] bool in_device() const
+    {
+        return m_in_devices && m_depth == IN_DEVICE;
+    }
+    [[nodiscard]] bool in_labels() const
+    {
+        return m_in_labels && m_depth == IN_LABELS;
+    }
+    [[nodiscard]] std::string place() const
+    {
+        if (!m_in_devices) return m_key;
+        std::string text = "devices[" + std::to_string(devices.size()) + "]";
+        if (m_depth >= IN_DEVICE) text += "." + m_key;
+        if (in_labels()) text += "." + m_label;
+        return text;
+    }
+    void enter()
+    {
+        m_depth++;
+        if (m_depth > DEPTH_MAX) throw std::runtime_error(place() + ": is nested too deep");
+    }
+    // A value of another kind than is looked for, or one that is ignored.
+    bool value()
+    {
+        if (m_depth == 0) throw std::runtime_error(NOT_ROOT);
+        if (m_depth == IN_ROOT && m_key == DEVICES) throw std::runtime_error(NOT_ROOT);
+        if (m_depth == IN_LIST && m_in_devices)
+            throw std::runtime_error(place() + ": must be an object");
+        if (in_labels() || (in_device() && m_member))
+            throw std::runtime_error(place() + ": must be a text");
+        if (in_device() && m_key == LABELS)
+            throw std::runtime_error(place() + ": must be an object");
+        return true;
+    }
+    [[nodiscard]] const std::string &checked(const std::string &text, std::size_t least,
+                                             std::size_t limit) const
+    {
+        if (text.size() < least || text.size() > limit)
+            throw std::runtime_error(place() + ": must have " + std::to_string(least) + " to " +
+                                     std::to_string(limit) + " bytes");
+        if (!isPlainText(text))
+            throw std::runtime_error(place() + ": holds a quote, backslash or control character");
+        return text;
+    }
+    void takeLabel(const std::string &value)
+    {
+        if (m_label.empty() || m_label.size() > LABEL_NAME_MAX || !isPlainText(m_label))
+            throw std::runtime_error(place() +
+                                     ": the name of a label must be a plain text of 1 to " +
+                                     std::to_string(LABEL_NAME_MAX) + " bytes");
+        (void)m_labels.add(m_label, checked(value, 0, LABEL_VALUE_MAX));
+        if (m_keys[m_depth].size() > DEVICE_LABELS_MAX)
+            throw std::runtime_error(place() + ": more than " + std::to_string(DEVICE_LABELS_MAX) +
+                                     " labels");
+    }
+    void takeDevice()
+    {
+        for (std::size_t i = 0; i < MEMBERS.size(); i++) {
+            m_key = MEMBERS[i].name;
+            if (MEMBERS[i].is_required && m_texts[i].empty())
+                throw std::runtime_error(place() + ": is missing");
+        }
+        REGISTERED_T device{{m_texts[PRODUCT], m_texts[NAME]}, m_texts[SECRET], nullptr, {}};
+        device.old = takeOldSecret();
+        device.labels = std::move(m_labels);
+        devices.push_back(std::move(device));
+    }
+    std::unique_ptr<const OLD_SECRET_T> takeOldSecret()
+    {
+        const bool has_secret = !m_texts[OLD_SECRET].empty();
+        if (has_secret == m_texts[OLD_UNTIL].empty()) {
+            m_key = MEMBERS[has_secret ? OLD_UNTIL : OLD_SECRET].name;
+            throw std::runtime_error(place() + ": is missing");
+        }
+        if (!has_secret) return nullptr;
+        const auto until = parseUtcTime(m_texts[OLD_UNTIL]);
+        m_key = MEMBERS[OLD_UNTIL].name;
+        if (!until)
+            throw std::runtime_error(place() + ": must be a time such as 2027-03-01T00:00:00Z");
+        return std::make_unique<const OLD_SECRET_T>(OLD_SECRET_T{m_texts[OLD_SECRET], *until});
+    }
+
+    std::size_t m_depth = 0;
+    bool m_in_devices = false;
+    bool m_in_labels = false;
+    std::string m_key;                             // of the root or the device
+    std::string m_label;                           // the name
+    std::optional<std::size_t> m_member;           // of the device, that comes next
+    std::array<std::string, TEXT_MEMBERS> m_texts; // of the device; empty: not there
+    LABELS_T m_labels;
+    std::array<std::set<std::string>, DEPTH_MAX + 1> m_keys; // of the object at each depth
+};
+// NOLINTEND(readability-identifier-naming)
+
+std::deque<REGISTERED_T> readRegistered(std::string_view text)
+{
+    RegistryReader reader;
+    (void)json::sax_parse(text, &reader); // faults throw
+    if (!reader.has_list) throw std::runtime_error(NOT_ROOT);
+    return std::move(reader.devices);
+}
+
+} // namespace backend

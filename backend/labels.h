@@ -1,0 +1,120 @@
+// The labels of a device: few short texts by short names, which groups of devices are made of. One
+// buffer holds them all, because a hundred thousand devices have some.
+// Limits  names and values hold no NUL; a look-up compares with each name.
+// Threads no state.
+#pragma once
+
+#include <cstddef>
+#include <initializer_list>
+#include <iterator>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace backend {
+
+constexpr std::size_t DEVICE_LABELS_MAX = 16; // of a device
+constexpr std::size_t LABEL_NAME_MAX = 64;
+constexpr std::size_t LABEL_VALUE_MAX = 255;
+
+class LABELS_T {
+public:
+    // Name and value. A NUL stands behind each, so that data() is a text for the C library, too.
+    using value_type = std::pair<std::string_view, std::string_view>;
+
+    class const_iterator {
+    public:
+        using iterator_category = std::input_iterator_tag;
+        using value_type = LABELS_T::value_type;
+        using difference_type = std::ptrdiff_t;
+        using pointer = const value_type *;
+        using reference = const value_type &;
+
+        const_iterator() = default;
+        explicit const_iterator(std::string_view rest) : m_rest(rest)
+        {
+            take();
+        }
+        reference operator*() const
+        {
+            return m_label;
+        }
+        pointer operator->() const
+        {
+            return &m_label;
+        }
+        const_iterator &operator++()
+        {
+            m_rest.remove_prefix(m_label.first.size() + m_label.second.size() + 2);
+            take();
+            return *this;
+        }
+        const_iterator operator++(int)
+        {
+            const const_iterator before = *this;
+            ++*this;
+            return before;
+        }
+        bool operator==(const const_iterator &other) const
+        {
+            return m_rest.size() == other.m_rest.size();
+        }
+
+    private:
+        void take()
+        {
+            if (m_rest.empty()) return;
+            const std::size_t name = m_rest.find('\0');
+            m_label.first = m_rest.substr(0, name);
+            m_label.second = m_rest.substr(name + 1, m_rest.find('\0', name + 1) - name - 1);
+        }
+        std::string_view m_rest;
+        value_type m_label;
+    };
+
+    LABELS_T() = default;
+    LABELS_T(std::initializer_list<value_type> labels)
+    {
+        for (const auto &[name, value] : labels)
+            add(name, value);
+    }
+    // False when there is one of this name.
+    bool add(std::string_view name, std::string_view value)
+    {
+        if (find(name) != end()) return false;
+        std::string text; // no larger than it has to be
+        text.reserve(m_text.size() + name.size() + value.size() + 2);
+        text.append(m_text).append(name).append(1, '\0').append(value).append(1, '\0');
+        m_text = std::move(text);
+        return true;
+    }
+    [[nodiscard]] const_iterator find(std::string_view name) const
+    {
+        auto label = begin();
+        while (label != end() && label->first != name)
+            ++label;
+        return label;
+    }
+    [[nodiscard]] const_iterator begin() const
+    {
+        return const_iterator(m_text);
+    }
+    [[nodiscard]] const_iterator end() const
+    {
+        return {};
+    }
+    [[nodiscard]] bool empty() const
+    {
+        return m_text.empty();
+    }
+    [[nodiscard]] std::size_t size() const
+    {
+        return static_cast<std::size_t>(std::distance(begin(), end()));
+    }
+    bool operator==(const LABELS_T &) const = default;
+
+private:
+    std::string m_text; // name, NUL, value, NUL, and so on
+};
+
+} // namespace backend

@@ -19,7 +19,7 @@ using boost::system::error_code;
 using nlohmann::json;
 using tcp = asio::ip::tcp;
 
-constexpr std::size_t READ_SIZE = std::size_t{16} * 1024;
+constexpr std::size_t READ_SIZE = std::size_t{4} * 1024; // each connection holds as much
 constexpr auto LINGER_TIME = std::chrono::seconds(1);
 
 static constinit LINE_LIMIT_T g_given_up{"operators' connections given up"};

@@ -48,7 +48,8 @@ void requireSoundRequest(const ROUTE_T &route, const json &request)
     anna.name = "anna";
     const bool is_allowed =
         decide(GRANTS.get(), anna, RIGHT::CONNECT, {&key, nullptr, service}).isAllowed();
-    REQUIRE(!is_allowed || (device.starts_with("gw-") && (service.empty() || service.starts_with("ssh"))));
+    REQUIRE(!is_allowed ||
+            (device.starts_with("gw-") && (service.empty() || service.starts_with("ssh"))));
     REQUIRE(!decide(GRANTS.get(), anna, RIGHT::MANAGE, {&key, nullptr, service}).isAllowed());
 }
 

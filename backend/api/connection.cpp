@@ -19,13 +19,14 @@ using boost::system::error_code;
 using nlohmann::json;
 using tcp = asio::ip::tcp;
 
-constexpr std::size_t READ_SIZE = std::size_t{16} * 1024;
+constexpr std::size_t READ_SIZE = std::size_t{4} * 1024; // each connection holds as much
 constexpr auto LINGER_TIME = std::chrono::seconds(1);
 
 static constinit LINE_LIMIT_T g_given_up{"operators' connections given up"};
 
 static void readMore(const ConnectionPtr &connection);
 static void readRequest(const ConnectionPtr &connection);
+static void refuseSlow(const ConnectionPtr &connection);
 
 // Of one that is gone already: no address, and the next operation fails.
 static tcp::endpoint peerOf(const tcp::socket &socket)
@@ -133,10 +134,11 @@ static void nextRequest(const ConnectionPtr &connection)
     connection->is_waiting = connection->reader.isEmpty();
     connection->match = {};
     if (connection->is_waiting) connection->in = {};
-    setTimer(connection,
-             connection->is_waiting ? connection->port->limits.keep_alive_time
-                                    : connection->port->limits.request_time,
-             giveUp);
+    const LIMITS_T &limits = connection->port->limits;
+    if (connection->is_waiting)
+        setTimer(connection, limits.keep_alive_time, giveUp);
+    else
+        setTimer(connection, limits.request_time, refuseSlow);
     readRequest(connection);
 }
 

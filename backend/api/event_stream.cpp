@@ -19,8 +19,7 @@ struct EVENT_STREAM_T {
     explicit EVENT_STREAM_T(ConnectionPtr on) : connection(std::move(on)) {}
     ConnectionPtr connection;
     SubscriptionPtr subscription;
-    std::string waiting; // behind what is written
-    std::size_t heartbeats = 0;
+    std::string waiting;                              // behind what is written
     std::chrono::steady_clock::time_point written_at; // the begin of the write that is under way
     bool write_active = false;
 };
@@ -120,6 +119,12 @@ static bool canStillSignIn(CONNECTION_T &connection)
     return who && who->name == connection.who.name;
 }
 
+static bool isStuck(const EVENT_STREAM_T &stream)
+{
+    return stream.write_active && std::chrono::steady_clock::now() - stream.written_at >
+                                      stream.connection->port->limits.answer_time;
+}
+
 static void beat(const EventStreamPtr &stream)
 {
     CONNECTION_T &connection = *stream->connection;
@@ -127,12 +132,7 @@ static void beat(const EventStreamPtr &stream)
     connection.timer.async_wait(
         guardedStream(stream, [](const EventStreamPtr &held, const error_code &stopped) {
             if (stopped) return;
-            held->heartbeats++;
-            const bool is_due = held->heartbeats % (SIGN_IN_PERIOD / HEARTBEAT) == 0;
-            const bool is_stuck =
-                held->write_active && std::chrono::steady_clock::now() - held->written_at >
-                                          held->connection->port->limits.answer_time;
-            if (is_stuck || (is_due && !canStillSignIn(*held->connection))) return end(*held);
+            if (isStuck(*held) || !canStillSignIn(*held->connection)) return end(*held);
             offer(held, ": still here\n\n");
             beat(held);
         }));

@@ -3,7 +3,7 @@
 // Threads    the thread of the io_context.
 // Limits     16 streams of an operator; STREAM_BACKLOG bytes that its reader has not taken, and
 //            LIMITS_T::answer_time for a write: a slower one is cut off. An operator whose token or
-//            certificate proves nothing any more loses the stream within SIGN_IN_PERIOD.
+//            certificate proves nothing any more loses the stream with the next heartbeat.
 #pragma once
 
 #include "backend/api/connection.h"
@@ -15,8 +15,6 @@ namespace backend {
 
 constexpr std::size_t STREAM_BACKLOG = std::size_t{256} * 1024;
 constexpr auto HEARTBEAT = std::chrono::seconds(15); // shorter than what proxies wait
-constexpr auto SIGN_IN_PERIOD = std::chrono::seconds(45);
-static_assert(SIGN_IN_PERIOD % HEARTBEAT == std::chrono::seconds(0));
 
 // Answers a request whose body has been read.
 void startEventStream(const ConnectionPtr &connection);

@@ -218,7 +218,7 @@ READ RequestReader::takeHeader()
     request_.method = std::string(header.method_string());
     request_.target = originForm({header.target().data(), header.target().size()});
     request_.has_body = !http.is_done();
-    request_.keeps_alive = http.keep_alive();
+    request_.keeps_alive = header.version() >= 11 && http.keep_alive();
     const std::string_view expected = fieldOf(request_, "expect");
     request_.expects_continue = header.version() >= 11 &&
                                 beast::iequals({expected.data(), expected.size()}, "100-continue");

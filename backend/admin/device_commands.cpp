@@ -146,8 +146,8 @@ static ordered_json deviceJson(const REGISTERED_T &device)
                          {"labels", ordered_json::object()}};
     for (const auto &[name, value] : device.labels)
         json["labels"][std::string(name)] = value;
-    if (validOldSecret(device, time(nullptr)) != nullptr)
-        json["old_secret_until"] = utcTimeText(device.old->until_s);
+    if (device.secrets.hasValidOld(time(nullptr)))
+        json["old_secret_until"] = utcTimeText(device.secrets.oldUntil());
     return json;
 }
 
@@ -187,18 +187,20 @@ void showDevice(const INSTALLATION_T &installation, const SHOW_T &show)
     const DEVICE_FILE_T file = readDeviceFile(installation);
     const REGISTERED_T &device = findDeviceByName(file.registry, show.name);
     if (show.prints_settings) {
-        (void)fputs(gatewaySettings(installation, show.gateway, device.key, device.secret).c_str(),
-                    stdout);
+        (void)fputs(
+            gatewaySettings(installation, show.gateway, device.key, device.secrets.current())
+                .c_str(),
+            stdout);
         return;
     }
     print("product     " + device.key.product_key);
     print("name        " + device.key.device_name);
-    if (show.prints_secret) print("secret      " + device.secret);
+    if (show.prints_secret) print("secret      " + std::string(device.secrets.current()));
     for (const auto &[name, value] : device.labels)
         print("label       " + std::string(name) + "=" + std::string(value));
-    if (const OLD_SECRET_T *old = validOldSecret(device, time(nullptr)); old != nullptr) {
-        print("old secret  valid until " + utcTimeText(old->until_s));
-        if (show.prints_secret) print("            " + old->secret);
+    if (device.secrets.hasValidOld(time(nullptr))) {
+        print("old secret  valid until " + utcTimeText(device.secrets.oldUntil()));
+        if (show.prints_secret) print("            " + std::string(device.secrets.old()));
     }
 }
 
@@ -237,7 +239,7 @@ void removeDevices(const INSTALLATION_T &installation, const CHANGE_T &change)
 
 // Beside the secret, where a reader looks for them.
 static ordered_json withSecrets(const ordered_json &entry, const std::string &secret,
-                                const std::string &old, const std::string &until)
+                                std::string_view old, const std::string &until)
 {
     ordered_json made = ordered_json::object();
     for (const auto &[name, value] : entry.items()) {
@@ -268,14 +270,14 @@ void rotateSecrets(const INSTALLATION_T &installation, const ROTATE_T &rotate)
         if (change.is_dry) return false;
         for (const REGISTERED_T *device : devices) {
             // Two are valid at once. Without an old one nothing is kept, as after a leak.
-            if (keep > 0 && !change.is_sure && validOldSecret(*device, now) != nullptr)
+            if (keep > 0 && !change.is_sure && device->secrets.hasValidOld(now))
                 throw std::runtime_error(
                     fullName(device->key) + ": its old secret is valid until " +
-                    utcTimeText(device->old->until_s) +
+                    utcTimeText(device->secrets.oldUntil()) +
                     "; to rotate again cuts off a gateway that still uses it, and takes --yes");
             const std::string secret = makeRandomText();
             file.entryOf(*device) =
-                withSecrets(file.entryOf(*device), secret, device->secret, until);
+                withSecrets(file.entryOf(*device), secret, device->secrets.current(), until);
             if (rotate.prints_settings)
                 settings += (settings.empty() ? "" : "\n") +
                             gatewaySettings(installation, rotate.gateway, device->key, secret);

@@ -110,16 +110,16 @@ struct NEW_FILE_T {
     NEW_FILE_T &operator=(const NEW_FILE_T &) = delete;
     ~NEW_FILE_T()
     {
-        (void)unlink(path.c_str());
+        if (!path.empty()) (void)unlink(path.c_str());
     }
-    std::string path;
+    std::string path; // empty once it has: from then on the name is the next editor's
 };
 
 static void replaceFile(const std::string &path, const FILE_T &old, const std::string &text)
 {
     struct stat status {};
     if (fstat(old.fd(), &status) != 0) failOn(path, ": ");
-    const NEW_FILE_T part(path + ".new");
+    NEW_FILE_T part(path + ".new");
     {
         const FILE_T file(part.path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, S_IRUSR | S_IWUSR);
         struct stat made {};
@@ -131,6 +131,7 @@ static void replaceFile(const std::string &path, const FILE_T &old, const std::s
         writeAll(file, part.path, text);
     }
     if (rename(part.path.c_str(), path.c_str()) != 0) failOn(path, " cannot be replaced: ");
+    part.path.clear();
     syncFolderOf(path);
 }
 

@@ -22,7 +22,7 @@ static std::string hostOf(const INSTALLATION_T &installation, const GATEWAY_T &g
 }
 
 std::string gatewaySettings(const INSTALLATION_T &installation, const GATEWAY_T &gateway,
-                            const DEVICE_KEY_T &device, const std::string &secret)
+                            const DEVICE_KEY_T &device, std::string_view secret)
 {
     const std::size_t colon = installation.listen.rfind(':');
     if (colon == std::string::npos)
@@ -31,7 +31,7 @@ std::string gatewaySettings(const INSTALLATION_T &installation, const GATEWAY_T 
     if (host.size() > HOST_MAX || gateway.ca_path.size() > CA_PATH_MAX)
         throw std::runtime_error("a gateway takes 135 characters of a host, and 68 of a path");
     std::string text = "# Settings of " + device.product_key + ":" + device.device_name + "\n";
-    const auto add = [&text](const char *key, const std::string &value) {
+    const auto add = [&text](const char *key, std::string_view value) {
         text.append(key).append("=").append(value).append("\n");
     };
     add("gw_system_productkey", device.product_key);

@@ -44,15 +44,10 @@ static std::string readWholeFile(const std::string &path, std::vector<std::strin
     return text;
 }
 
-const OLD_SECRET_T *validOldSecret(const REGISTERED_T &device, std::int64_t now_s)
-{
-    return device.old && now_s < device.old->until_s ? device.old.get() : nullptr;
-}
-
 bool isSecretOf(const REGISTERED_T &device, std::string_view secret, std::int64_t now_s)
 {
-    const OLD_SECRET_T *old = validOldSecret(device, now_s);
-    return device.secret == secret || (old != nullptr && old->secret == secret);
+    const SECRETS_T &secrets = device.secrets;
+    return secrets.current() == secret || (secrets.hasValidOld(now_s) && secrets.old() == secret);
 }
 
 // ---- the registry

@@ -5,7 +5,7 @@
 // Limits   product key and device name 1 to 36 bytes (a device keeps no more of its own), secrets 1
 //          to 63 (a device cannot use a longer one), labels as in labels.h, file at most 256 MiB.
 //          Other members are ignored; a member that stands twice is a fault.
-// Cost     about 150 bytes a device and its texts; a look-up compares 17 keys of 100,000.
+// Cost     about 170 bytes a device and its texts; a look-up compares 17 keys of 100,000.
 // Threads  a registry does not change once it is made, so any thread can read it.
 // Failure  loadRegistry throws std::runtime_error whose text names the file and the place in it.
 #pragma once
@@ -16,7 +16,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,20 +24,47 @@ namespace backend {
 
 constexpr std::size_t SECRET_MAX_BYTES = 63;
 
-struct OLD_SECRET_T {
-    std::string secret;
-    std::int64_t until_s = 0; // seconds since the epoch; at that second it is not valid any more
+// The secret and perhaps an old one, in one buffer: many devices may have both for a while.
+class SECRETS_T {
+public:
+    SECRETS_T() = default;
+    // old_until_s: seconds since the epoch; at that second the old one is not valid any more.
+    explicit SECRETS_T(std::string_view secret, std::string_view old = {},
+                       std::int64_t old_until_s = 0)
+        : m_old_until_s(old_until_s), m_size(static_cast<std::uint8_t>(secret.size()))
+    {
+        m_texts.reserve(secret.size() + old.size());
+        m_texts.append(secret).append(old);
+    }
+    [[nodiscard]] std::string_view current() const
+    {
+        return std::string_view(m_texts).substr(0, m_size);
+    }
+    // Empty: none.
+    [[nodiscard]] std::string_view old() const
+    {
+        return std::string_view(m_texts).substr(m_size);
+    }
+    [[nodiscard]] std::int64_t oldUntil() const
+    {
+        return m_old_until_s;
+    }
+    [[nodiscard]] bool hasValidOld(std::int64_t now_s) const
+    {
+        return !old().empty() && now_s < m_old_until_s;
+    }
+
+private:
+    std::string m_texts;
+    std::int64_t m_old_until_s = 0;
+    std::uint8_t m_size = 0;
 };
 
 struct REGISTERED_T {
     DEVICE_KEY_T key;
-    std::string secret;
-    std::unique_ptr<const OLD_SECRET_T> old; // null: none
+    SECRETS_T secrets;
     LABELS_T labels;
 };
-
-// The old secret while it is valid, else null.
-const OLD_SECRET_T *validOldSecret(const REGISTERED_T &device, std::int64_t now_s);
 
 // Whether a device that has proved this secret has proved to be this one.
 bool isSecretOf(const REGISTERED_T &device, std::string_view secret, std::int64_t now_s);

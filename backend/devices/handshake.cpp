@@ -76,7 +76,7 @@ static bool readServices(const json &payload, std::vector<SERVICE_T> &services, 
 
 struct PROOF_T {
     std::int64_t signed_second = 0;
-    const std::string *secret = nullptr;
+    std::string_view secret;
 };
 
 // What was signed with which secret, if any. Takes the same time whatever the answer is.
@@ -86,15 +86,17 @@ static std::optional<PROOF_T> findProof(std::string_view sign, const REGISTERED_
                                         std::int64_t now)
 {
     if (sign.size() != SIGN_SIZE) return std::nullopt;
-    const OLD_SECRET_T *old = device == nullptr ? nullptr : validOldSecret(*device, now);
+    std::string_view current;
+    std::string_view old;
+    if (device != nullptr) current = device->secrets.current();
+    if (device != nullptr && device->secrets.hasValidOld(now)) old = device->secrets.old();
     std::optional<PROOF_T> proof;
-    for (const std::string *secret :
-         {old == nullptr ? nullptr : &old->secret, device == nullptr ? nullptr : &device->secret}) {
+    for (const std::string_view secret : {old, current}) {
         for (const std::int64_t second : {timestamp, timestamp - 1}) {
             const std::string expected =
-                signHandshake(secret == nullptr ? NO_SECRET : *secret, CLIENT_ID, key, second);
+                signHandshake(secret.empty() ? NO_SECRET : secret, CLIENT_ID, key, second);
             const bool is_equal = CRYPTO_memcmp(sign.data(), expected.data(), SIGN_SIZE) == 0;
-            if (is_equal && secret != nullptr) proof = {second, secret};
+            if (is_equal && !secret.empty()) proof = {second, secret};
         }
     }
     return proof;
@@ -139,11 +141,11 @@ static HANDSHAKE_RESULT_T checkPayload(const json &payload, std::int64_t timesta
     if (!readServices(payload, result.services, result.detail)) {
         return refuse(HANDSHAKE_MALFORMED, "service_meta is no list of services", result.device);
     }
-    result.proved_secret = *proof->secret;
-    if (result.proved_secret != known->secret) {
+    result.proved_secret = proof->secret;
+    if (result.proved_secret != known->secrets.current()) {
         result.detail += (result.detail.empty() ? "used its old secret, valid until "
                                                 : "; used its old secret, valid until ") +
-                         utcTimeText(known->old->until_s);
+                         utcTimeText(known->secrets.oldUntil());
     }
     return result;
 }

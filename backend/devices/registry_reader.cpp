@@ -203,24 +203,21 @@ private:
             if (MEMBERS[i].is_required && m_texts[i].empty())
                 throw std::runtime_error(place() + ": is missing");
         }
-        REGISTERED_T device{{m_texts[PRODUCT], m_texts[NAME]}, m_texts[SECRET], nullptr, {}};
-        device.old = takeOldSecret();
-        device.labels = std::move(m_labels);
-        devices.push_back(std::move(device));
+        devices.push_back({{m_texts[PRODUCT], m_texts[NAME]}, takeSecrets(), std::move(m_labels)});
     }
-    std::unique_ptr<const OLD_SECRET_T> takeOldSecret()
+    SECRETS_T takeSecrets()
     {
-        const bool has_secret = !m_texts[OLD_SECRET].empty();
-        if (has_secret == m_texts[OLD_UNTIL].empty()) {
-            m_key = MEMBERS[has_secret ? OLD_UNTIL : OLD_SECRET].name;
+        const bool has_old = !m_texts[OLD_SECRET].empty();
+        if (has_old == m_texts[OLD_UNTIL].empty()) {
+            m_key = MEMBERS[has_old ? OLD_UNTIL : OLD_SECRET].name;
             throw std::runtime_error(place() + ": is missing");
         }
-        if (!has_secret) return nullptr;
+        if (!has_old) return SECRETS_T(m_texts[SECRET]);
         const auto until = parseUtcTime(m_texts[OLD_UNTIL]);
         m_key = MEMBERS[OLD_UNTIL].name;
         if (!until)
             throw std::runtime_error(place() + ": must be a time such as 2027-03-01T00:00:00Z");
-        return std::make_unique<const OLD_SECRET_T>(OLD_SECRET_T{m_texts[OLD_SECRET], *until});
+        return SECRETS_T(m_texts[SECRET], m_texts[OLD_SECRET], *until);
     }
 
     std::size_t m_depth = 0;

@@ -43,8 +43,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     const DEVICE_KEY_T &device = g_registry[0].key;
     payload["product_key"] = device.product_key;
     payload["device_name"] = device.device_name;
-    payload["sign"] =
-        signHandshake(g_registry[0].secret, "quorvex_iot", device, message.header.timestamp);
+    payload["sign"] = signHandshake(g_registry[0].secrets.current(), "quorvex_iot", device,
+                                    message.header.timestamp);
     const std::string text = payload.dump(-1, ' ', false, json::error_handler_t::replace);
     message.payload = {reinterpret_cast<const std::uint8_t *>(text.data()), text.size()};
     requireSound(checkHandshake(message, g_registry, NOW), message.header);

@@ -11,7 +11,7 @@
 
 using namespace backend;
 
-static bool isWithin(const std::string &text, std::size_t limit)
+static bool isWithin(std::string_view text, std::size_t limit)
 {
     return !text.empty() && text.size() <= limit;
 }
@@ -25,7 +25,7 @@ static void requireSound(const DEVICE_REGISTRY_T &registry)
         REQUIRE(registry.indexAfter(device.key) == i + 1);
         REQUIRE(isWithin(device.key.product_key, DEVICE_NAME_MAX));
         REQUIRE(isWithin(device.key.device_name, DEVICE_NAME_MAX));
-        REQUIRE(isWithin(device.secret, SECRET_MAX_BYTES));
+        REQUIRE(isWithin(device.secrets.current(), SECRET_MAX_BYTES));
         REQUIRE(!registry.findMeant(device.key.device_name).empty());
         REQUIRE(device.labels.size() <= DEVICE_LABELS_MAX);
         for (const auto &[name, value] : device.labels) {
@@ -33,9 +33,9 @@ static void requireSound(const DEVICE_REGISTRY_T &registry)
             REQUIRE(!name.empty() && name.size() <= LABEL_NAME_MAX);
             REQUIRE(value.size() <= LABEL_VALUE_MAX && value.data()[value.size()] == '\0');
         }
-        if (!device.old) continue;
-        REQUIRE(isWithin(device.old->secret, SECRET_MAX_BYTES));
-        REQUIRE(parseUtcTime(utcTimeText(device.old->until_s)) == device.old->until_s);
+        if (device.secrets.old().empty()) continue;
+        REQUIRE(isWithin(device.secrets.old(), SECRET_MAX_BYTES));
+        REQUIRE(parseUtcTime(utcTimeText(device.secrets.oldUntil())) == device.secrets.oldUntil());
     }
 }
 

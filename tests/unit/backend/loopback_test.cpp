@@ -34,12 +34,12 @@ protected:
         SERVER_OPTIONS_T options;
         options.listen = parseEndpoint("127.0.0.1:0");
         std::deque<REGISTERED_T> devices;
-        devices.push_back({{"pk1", "dev1"}, "secret1", nullptr, {}});
-        devices.push_back({{"pk1", "dev2"}, "secret2", nullptr, {}});
+        devices.push_back({{"pk1", "dev1"}, SECRETS_T("secret1"), {}});
+        devices.push_back({{"pk1", "dev2"}, SECRETS_T("secret2"), {}});
         options.forwards = {parseForward("0=dev1/ssh"), parseForward("0=dev1/other")};
         options.control = control;
         for (int i = 0; i < more_devices; i++)
-            devices.push_back({{"pk2", std::to_string(i)}, "secret", nullptr, {}});
+            devices.push_back({{"pk2", std::to_string(i)}, SECRETS_T("secret"), {}});
         options.registry = DEVICE_REGISTRY_T(std::move(devices));
         options.limits = limits;
         server = startServer(io, std::move(options));

@@ -237,17 +237,17 @@ TEST(DeviceRegistry, FindsByKeyAndName)
             "device_secret":"s4","old_secret":"o","old_secret_until":"1970-01-02T00:00:01Z"}]})");
     std::string order;
     for (std::size_t i = 0; i < registry.size(); i++)
-        order += registry[i].secret;
+        order += registry[i].secrets.current();
     EXPECT_EQ(order, "s3s1s4s2");
     EXPECT_EQ(registry.indexAfter({"pk", "d"}), 2U);
     EXPECT_EQ(registry.indexAfter({"pk", "a"}), 1U);
     EXPECT_EQ(registry.indexAfter({"pk2", "d"}), 4U);
-    EXPECT_EQ(registry.find({"pk", "d"})->secret, "s1");
+    EXPECT_EQ(registry.find({"pk", "d"})->secrets.current(), "s1");
     EXPECT_EQ(registry.find({"pk", "c"}), nullptr);
     const std::map<const char *, const char *> found{
         {"pk:d", "s1"}, {"pk2:d", "s2"}, {"a:b:c", "s3"}, {"c", "s3"}, {"e:f", "s4"}};
     for (const auto &[name, secret] : found)
-        EXPECT_EQ(findDeviceByName(registry, name).secret, secret) << name;
+        EXPECT_EQ(findDeviceByName(registry, name).secrets.current(), secret) << name;
     for (const char *name : {"d", "f", "", ":", "pk:", "pk3:d"})
         EXPECT_THROW(findDeviceByName(registry, name), std::runtime_error) << name;
     const REGISTERED_T &last = findDeviceByName(registry, "e:f");

@@ -48,8 +48,10 @@ bool isInGroup(const json &group, const TARGET_T &target)
         return false;
     if (!group.contains("labels")) return true;
     for (const auto &[label, pattern] : group["labels"].items()) {
-        if (target.labels == nullptr || !target.labels->contains(label)) return false;
-        if (!matches(pattern, target.labels->at(label))) return false;
+        if (target.labels == nullptr) return false;
+        const auto found = target.labels->find(label);
+        if (found == target.labels->end()) return false;
+        if (!matches(pattern, std::string(found->second))) return false;
     }
     return true;
 }

@@ -496,6 +496,14 @@ json randomPolicy(DICE_T &dice)
     return file;
 }
 
+std::string labelsText(const LABELS_T &labels)
+{
+    std::string text;
+    for (const auto &[name, value] : labels)
+        text.append(name).append("=").append(value).append(" ");
+    return text;
+}
+
 } // namespace
 
 TEST(Policy, AgreesWithThePlainEvaluator)
@@ -509,7 +517,7 @@ TEST(Policy, AgreesWithThePlainEvaluator)
         for (int i = 0; i < 30; i++) {
             const DEVICE_KEY_T device{dice.pick(PRODUCTS), dice.pick(DEVICES)};
             LABELS_T labels;
-            if (dice.isOneIn(2)) labels[dice.pick(LABEL_NAMES)] = dice.pick(LABEL_VALUES);
+            if (dice.isOneIn(2)) labels.add(dice.pick(LABEL_NAMES), dice.pick(LABEL_VALUES));
             const std::string service = dice.pick(SERVICES);
             const TARGET_T target{dice.isOneIn(10) ? nullptr : &device,
                                   dice.isOneIn(4) ? nullptr : &labels, service};
@@ -523,7 +531,7 @@ TEST(Policy, AgreesWithThePlainEvaluator)
             ASSERT_EQ(summaryOf(decision), plain)
                 << "seed " << SEED << ", round " << round << ": " << who.name << " "
                 << rightName(right) << " " << device.product_key << ":" << device.device_name << "/"
-                << service << " " << json(labels) << " in " << file.dump(1);
+                << service << " " << labelsText(labels) << " in " << file.dump(1);
             ASSERT_EQ(sshAccounts(*policy, who, target), plainSshAccounts(file, who, target))
                 << "seed " << SEED << ", round " << round << ": " << file.dump(1);
         }

@@ -32,8 +32,8 @@ static void removeEnded() noexcept
 
 struct SUBSCRIPTION_T {
     explicit SUBSCRIPTION_T(EventCallback callback)
-        : subscriber(std::make_shared<SUBSCRIBER_T>(std::move(callback)))
     {
+        subscriber->callback = std::move(callback);
         g_subscribers.all.push_back(subscriber);
     }
     SUBSCRIPTION_T(const SUBSCRIPTION_T &) = delete;
@@ -43,7 +43,7 @@ struct SUBSCRIPTION_T {
         subscriber->is_ended = true;
         removeEnded();
     }
-    SubscriberPtr subscriber;
+    SubscriberPtr subscriber = std::make_shared<SUBSCRIBER_T>();
 };
 
 SubscriptionPtr subscribe(EventCallback callback)

@@ -51,7 +51,7 @@ struct OPERATOR_T {
 };
 
 struct TEXT_HASH_T {
-    using is_transparent = void;
+    using is_transparent = void; // NOLINT(readability-identifier-naming): the library asks for it
     std::size_t operator()(std::string_view text) const
     {
         return std::hash<std::string_view>{}(text);

@@ -38,7 +38,7 @@ struct NODE_T {
     std::string place;
 };
 
-using MEMBER_NAMES = std::span<const std::string_view>;
+using MemberNames = std::span<const std::string_view>;
 constexpr std::array<std::string_view, 4> ROOT_MEMBERS{"operators", "operator_groups",
                                                        "device_groups", "grants"};
 constexpr std::array<std::string_view, 4> OPERATOR_MEMBERS{"name", "accounts", "certificates",
@@ -77,7 +77,7 @@ static std::string rangeText(std::size_t least, std::size_t most)
     return "must have " + std::to_string(least) + " to " + std::to_string(most);
 }
 
-static void requireObject(const NODE_T &node, MEMBER_NAMES known)
+static void requireObject(const NODE_T &node, MemberNames known)
 {
     if (!node.value->is_object()) refuse(node.place, "must be an object");
     for (const auto &[name, value] : node.value->items()) {
@@ -211,7 +211,7 @@ static std::optional<std::int64_t> parseTime(std::string_view text)
     const int second = part(17, 2);
     if (!day.ok() || hour > 23 || minute > 59 || second > 59) return std::nullopt;
     const auto days = std::chrono::sys_days{day}.time_since_epoch().count();
-    return std::int64_t{days} * 86400 + hour * 3600 + minute * 60 + second;
+    return std::int64_t{days} * 86400 + (hour * 60 + minute) * std::int64_t{60} + second;
 }
 
 static std::int64_t timeOf(const NODE_T &node)
@@ -416,25 +416,27 @@ static const std::string &sshAccountOf(const NODE_T &node)
 }
 
 // A limit without the verb that it limits would be one that somebody relies on in vain.
+static void requireConnect(const GRANT_T &grant, const NODE_T &member)
+{
+    if ((grant.rights & rightBit(RIGHT::CONNECT)) == 0)
+        refuse(member.place, "has no effect without the verb \"connect\"");
+}
+
 static void readLimits(const NODE_T &node, GRANT_T &grant)
 {
-    const auto requireVerb = [&grant](const NODE_T &member) {
-        if ((grant.rights & rightBit(RIGHT::CONNECT)) == 0)
-            refuse(member.place, "has no effect without the verb \"connect\"");
-    };
     if (const NODE_T max = findMember(node, "max_session"); max.value != nullptr) {
         grant.max_session = durationOf(max);
-        requireVerb(max);
+        requireConnect(grant, max);
     }
     if (const NODE_T record = findMember(node, "record"); record.value != nullptr) {
         if (!record.value->is_boolean()) refuse(record.place, "must be true or false");
         grant.is_recorded = record.value->get<bool>();
-        if (grant.is_recorded) requireVerb(record);
+        if (grant.is_recorded) requireConnect(grant, record);
     }
     if (const NODE_T list = findMember(node, "ssh_accounts"); list.value != nullptr) {
         for (const NODE_T &entry : entriesOf(list, 0, LIST_MAX))
             grant.ssh_accounts.push_back(sshAccountOf(entry));
-        if (!grant.ssh_accounts.empty()) requireVerb(list);
+        if (!grant.ssh_accounts.empty()) requireConnect(grant, list);
     }
 }
 

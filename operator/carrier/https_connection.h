@@ -35,14 +35,17 @@ TlsContextPtr makeTlsContext(const SERVER_T &server);
 std::unique_ptr<HTTPS_CONNECTION_T> openConnection(const TlsContextPtr &context, const URL_T &url,
                                                    std::chrono::steady_clock::time_point end);
 
-// Starts an operation and waits for its end; start takes the handler. Nothing else may be under
-// way.
+// Starts an operation and waits for its end; start takes the handler. What it leaves behind, as a
+// timer of its own, is not waited for.
 template <class Start>
 boost::system::error_code waitFor(boost::asio::io_context &io, const Start &start)
 {
     boost::system::error_code result = boost::asio::error::would_block;
-    start([&result](boost::system::error_code error, auto &&...) { result = error; });
     io.restart();
+    start([&result, &io](boost::system::error_code error, auto &&...) {
+        result = error;
+        io.stop();
+    });
     io.run();
     return result;
 }

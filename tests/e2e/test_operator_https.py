@@ -50,7 +50,7 @@ class Office(Tunnel):
         certificate, key = certificates.paths("address")
         super().__init__(launch, certificates, home, options=(
             "--operators", home / "operators.json", "--api", f"127.0.0.1:{self.port}",
-            "--api-cert", certificate, "--api-key", key))
+            "--api-cert", certificate, "--api-key", key, "--store", home / "store"))
         self.url = f"https://127.0.0.1:{self.port}"
         self.environment = {name: value for name, value in os.environ.items() if name not in USED}
         self.environment |= {"XDG_CONFIG_HOME": str(home / "config"),
@@ -216,7 +216,7 @@ def test_ssh_and_its_copies(office):
     subprocess.run(["rsync", "-a", "-e", shell, up, f"operator@dev1:{back}-5"], check=True,
                    timeout=60 * SCALE, env=office.environment)
     assert [pathlib.Path(f"{back}-{n}").read_bytes() == COPY for n in range(1, 6)] == [True] * 5
-    line = office.audited("session_end", 0)
+    line = [line for line in office.audit() if line["event"] == "session_end"][-1]
     assert (line["who"], line["whole"]) == ("anna", True)
 
 

@@ -1,5 +1,5 @@
-// A second evaluator of operators.json, written from the rules of docs/policy.md with loops over the
-// JSON, to compare the real one with.
+// A second evaluator of operators.json, to compare the real one with: loops over the JSON, written
+// from the rules of docs/policy.md.
 #pragma once
 
 #include "backend/policy/policy.h"

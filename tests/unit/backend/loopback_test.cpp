@@ -1,5 +1,7 @@
 #include "backend/net/endpoint.h"
+#include "backend/observe/events.h"
 #include "backend/server.h"
+#include "backend/sessions/socket_client.h"
 #include "tests/unit/backend/scripted_device.h"
 
 #include <atomic>
@@ -7,6 +9,7 @@
 #include <ctime>
 #include <future>
 #include <poll.h>
+#include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 
@@ -138,6 +141,54 @@ protected:
     std::string control; // path of the control socket, if there is to be one
     int more_devices = 0;
 };
+
+TEST_F(Loopback, SessionIsCutOffWhenItsLongestTimeIsOverAndEventsTellOfIt)
+{
+    start();
+    const auto onServer = [this](std::function<void()> function) {
+        std::promise<void> done;
+        boost::asio::post(io, [&] {
+            function();
+            done.set_value();
+        });
+        done.get_future().wait();
+    };
+    std::string events;
+    SubscriptionPtr subscription;
+    onServer([&] {
+        subscription = subscribe([&](const EVENT_T &event) {
+            events += std::to_string(static_cast<int>(event.kind)) + event.device.device_name +
+                      event.service + event.reason + ", ";
+        });
+    });
+    {
+        ScriptedDevice device = connectDevice();
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+        onServer([&] {
+            boost::asio::generic::stream_protocol::socket socket(io, {AF_UNIX, SOCK_STREAM},
+                                                                 ends[0]);
+            CLIENT_T client{makeSocketClient(std::move(socket)), "anna", "", false, {}, {}};
+            client.max_session = 1s;
+            const ChannelPtr channel = findChannel(server->directory, {"pk1", "dev1"});
+            startSession(server->sessions, *channel, std::move(client), channel->services.at(0));
+        });
+        const auto request = device.receive();
+        grant(device, request ? request->id() : "", "t1");
+        const auto granted = std::chrono::steady_clock::now();
+        expectRelease(device, "t1");
+        EXPECT_GT(std::chrono::steady_clock::now() - granted, 900ms);
+        EXPECT_TRUE(isReady(ends[1], POLLIN));
+        close(ends[1]);
+    }
+    const auto deadline = std::chrono::steady_clock::now() + 5s;
+    bool has_left = false;
+    while (!has_left && std::chrono::steady_clock::now() < deadline)
+        onServer([&] { has_left = !findChannel(server->directory, {"pk1", "dev1"}); });
+    onServer([&] { subscription.reset(); });
+    EXPECT_THAT(events, testing::StartsWith("0dev1, 2dev1ssh, 3dev1sshthe longest session that a "
+                                            "grant allows is over, 1dev1"));
+}
 
 TEST_F(Loopback, RefusedHandshakeGetsItsCodeAndIsClosed)
 {

@@ -2,7 +2,7 @@
 // before anything more is read, then its body.
 // Ownership  a reader has the bytes that came behind a request, too: the next one begins with them.
 // Threads    no shared state.
-// Limits     HTTP_HEADER_MAX bytes of a header, HTTP_BODY_MAX of a body, as sent with chunks and all.
+// Limits     HTTP_HEADER_MAX bytes of a header, HTTP_BODY_MAX of a body.
 // Secrets    bytes that were read, tokens and bodies are overwritten once they are done with.
 // Failure    a fault has a status and words for the client; the connection has to end after it.
 #pragma once

@@ -236,10 +236,11 @@ static bool isOfKind(const json &value, MEMBER kind)
 
 void wipeTexts(json &request)
 {
-    for (json &value : request) {
-        if (!value.is_string()) continue;
-        std::string &text = value.get_ref<std::string &>();
-        explicit_bzero(text.data(), text.size());
+    auto *const members = request.get_ptr<json::object_t *>();
+    if (members == nullptr) return;
+    for (auto &[name, value] : *members) {
+        auto *const text = value.get_ptr<std::string *>();
+        if (text != nullptr) explicit_bzero(text->data(), text->size());
     }
 }
 

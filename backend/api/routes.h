@@ -61,7 +61,7 @@ std::variant<MATCH_T, REFUSAL_T> findRoute(const HTTP_REQUEST_T &request);
 
 // {"do":VERB,...}. The body has come.
 std::variant<nlohmann::json, REFUSAL_T> operationRequest(const ROUTE_T &route,
-                                                         const HTTP_REQUEST_T &request);
+                                                         const HTTP_REQUEST_T &http);
 
 // Overwrites what is ours of a password; the buffers of the JSON library's parser are not.
 void wipeTexts(nlohmann::json &request);

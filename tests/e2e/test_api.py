@@ -1,5 +1,6 @@
 """The HTTPS interface of the back end: who gets in, what each path answers (held against the
 document that the back end serves), and what it costs to be a nuisance."""
+import asyncio
 import base64
 import hashlib
 import http.client
@@ -152,7 +153,8 @@ def api(launch, certificates, workspace, echo):
     process = start_back_end(
         gateway, ("127.0.0.1", listen), certificates.paths(), "--operators",
         home / "operators.json", "--api", f"127.0.0.1:{port}", "--api-client-ca",
-        certificates.paths("ca")[0], "--linger", 0.5, "--store", home / "store", "--audit", home / "audit")
+        certificates.paths("ca")[0], "--linger", 0.5, "--store", home / "store", "--audit",
+        home / "audit")
     gateway.log.wait("I", "handshake response code is 0!", seconds=10)
     api = Api(port, certificates, lambda: gateway.log_beside("backend"))
     api.home, api.process, api.device = home, process, gateway.config["gw_system_devicename"]
@@ -163,13 +165,17 @@ def api(launch, certificates, workspace, echo):
     lines = [json.loads(line) for line in (home / "audit").read_text().splitlines()]
     for line in lines:
         jsonschema.Draft202012Validator(SCHEMA).validate(line)
-    assert "sign_in_refused" in {line["event"] for line in lines}
     everything = log + (home / "audit").read_text()
     for secret in (*TOKENS.values(), "hush-hush", "Bearer"):
         assert secret not in everything
 
 
 DEVICE, SERVICE = "/devices/{d}", "/devices/{d}/services/echo"
+# Paths that other tests, or those of other features, get a good answer of.
+ELSEWHERE = {"/events", "/devices/{device}/disconnect", "/devices/{device}/open", "/tokens/{id}",
+             "/devices/{device}/close-access", "/sessions/{session}",
+             "/devices/{device}/services/{service}/host-keys",
+             "/devices/{device}/services/{service}/ssh-certificate"}
 # Method, path, body, who, status.
 ANSWERS = [
     ("GET", "/openapi.json", None, None, 200),
@@ -226,6 +232,13 @@ def test_answers(api):
         assert got.status == status, (method, path, got.body)
         if status == 405:
             assert method not in got.headers["Allow"]
+    asked = {(pattern, method) for pattern, row in api.document["paths"].items() for method in row
+             if any(method.upper() == wanted and status == 200 or "connect" in pattern
+                    for wanted, path, _, _, status in ANSWERS
+                    if re.fullmatch(re.sub(r"\{\w+\}", "[^/]+", pattern), path.split("?")[0]))}
+    unasked = {(pattern, method) for pattern, row in api.document["paths"].items()
+               for method in row} - asked
+    assert {pattern for pattern, _ in unasked} <= ELSEWHERE, unasked
     assert {row["name"] for row in api.ask("GET", f"/devices/{api.device}/services",
                                            who="ben").json["services"]} == {"echo"}
     for body, status in ((b"{", 400), (b"[]", 400), (b'{"label":"\xff"}', 400),
@@ -266,6 +279,9 @@ def test_who_gets_in(api):
         with pytest.raises((ssl.SSLError, ConnectionError)):
             api.ask("GET", "/whoami", who=None, on=api.connection(certificate))
     assert api.ask("GET", "/whoami", who=None, on=api.connection("good")).status == 401
+    refused = [line for line in map(json.loads, (api.home / "audit").read_text().splitlines())
+               if line["event"] == "sign_in_refused"]
+    assert {line["reason"] for line in refused} >= {"the token is not valid"}
 
 
 def test_own_tokens(api):
@@ -381,18 +397,27 @@ def test_events_of_a_session(api):
     anna, ben = Events(api, "anna"), Events(api, "ben")
     assert (anna.status, anna.answer.headers["Content-Type"]) == (200, "text/event-stream")
 
-    async def session(service):
+    def open_session(service):
         path = f"/api/v1/devices/{api.device}/services/{service}/connect"
-        async with websockets.connect(
-                f"wss://{HOST}:{api.port}{path}", ssl=api.context(), compression=None,
-                host="127.0.0.1", server_hostname=HOST,
-                subprotocols=["remote-access.v1"],
-                extra_headers={"Authorization": "Bearer " + TOKENS["anna"]}) as socket_:
+        return websockets.connect(
+            f"wss://{HOST}:{api.port}{path}", ssl=api.context(), compression=None,
+            host="127.0.0.1", server_hostname=HOST, subprotocols=["remote-access.v1"],
+            extra_headers={"Authorization": "Bearer " + TOKENS["anna"]})
+
+    async def session(service):
+        async with open_session(service) as socket_:
             await socket_.send(b"hello")
             assert await socket_.recv() == b"hello"
             await socket_.send(json.dumps({"end": "sending"}))
             return socket_.response_headers["Remote-Access-Session"], json.loads(
                 await socket_.recv())
+
+    async def ended_by_another():
+        async with open_session("echo") as socket_:
+            number = socket_.response_headers["Remote-Access-Session"]
+            loop = asyncio.get_running_loop()
+            got = await loop.run_in_executor(None, api.ask, "DELETE", f"/sessions/{number}")
+            return got.status, json.loads(await socket_.recv())["ended"]
 
     hidden, _ = run_on_loop(session("secret"))
     number, end = run_on_loop(session("echo"))
@@ -405,6 +430,8 @@ def test_events_of_a_session(api):
     for _, data in seen:
         jsonschema.Draft202012Validator(schema).validate(data)
     assert [data["session"] for _, data in (ben.next(), ben.next())] == [number, number]
+    assert run_on_loop(ended_by_another()) == (200, "closed by anna")
+    assert [ben.next()[0] for _ in range(2)] == ["session-begun", "session-ended"]
     api.ask("POST", f"/devices/{api.device}/disconnect", {"reason": "test"})
     assert [ben.next()[0] for _ in range(2)] == ["device-disconnected", "device-connected"]
     streams = [Events(api, "ben") for _ in range(16)]

@@ -84,8 +84,7 @@ std::string statusText(unsigned status, boost::beast::string_view reason)
 std::string refusalOf(const URL_T &proxy, const http::response_header<> &header)
 {
     const std::string name = proxyName(proxy);
-    const std::string text =
-        name + " has refused: " + statusText(header.result_int(), header.reason());
+    std::string text = name + " has refused: " + statusText(header.result_int(), header.reason());
     if (header.result() != http::status::proxy_authentication_required) return text;
     return text + (proxy.user.empty() ? "; it wants an account: https_proxy=http://USER:PASSWORD@" +
                                             hostAndPort(proxy)

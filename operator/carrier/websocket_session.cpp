@@ -116,7 +116,7 @@ private:
     }
 
     // So that it does not take what has come for the whole.
-    void resetClient()
+    void resetClient() const
     {
         const linger reset{1, 0};
         (void)::setsockopt(ends_.in.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);

@@ -220,8 +220,8 @@ def test_ssh_and_its_copies(office):
     assert (line["who"], line["whole"]) == ("anna", True)
 
 
-def test_input_that_ends_and_output_that_waits(office):
-    """The request's end is told, and a reader that takes nothing for a while gets all of it."""
+def test_output_that_waits(office):
+    """A reader that takes nothing for a while gets all of it."""
     outputs = []
     for run in office.tool("connect", "dev1/http_localhost"), \
             [BIN / "remote-access", "connect", "dev1/http_localhost"]:
@@ -229,11 +229,21 @@ def test_input_that_ends_and_output_that_waits(office):
                               env=office.environment) as tool:
             tool.stdin.write(b"GET / HTTP/1.0\r\n\r\n")
             tool.stdin.flush()
-            poll(lambda tool=tool: os.path.exists(f"/proc/{tool.pid}"), 1, "it runs")
             with pytest.raises(subprocess.TimeoutExpired):  # it has more than a pipe takes
                 tool.wait(1)
             outputs.append((tool.stdout.read().partition(b"\r\n\r\n")[2] == PAGE, tool.wait(10)))
     assert outputs == [(True, 0)] * 2
+
+
+def test_last_bytes_of_the_input_arrive(office):
+    """sshd hears them, and leaves."""
+    outcomes = []
+    for run in office.tool("connect", "dev1/ssh_localhost"), \
+            [BIN / "remote-access", "connect", "dev1/ssh_localhost"]:
+        done = subprocess.run(run, input=b"no protocol\r\n", capture_output=True, check=False,
+                              env=office.environment, timeout=20 * SCALE)
+        outcomes.append((done.returncode, done.stdout[:7], done.stderr))
+    assert outcomes == [(0, b"SSH-2.0", b"")] * 2
 
 
 @pytest.mark.parametrize("number, whole", [(signal.SIGKILL, False), (signal.SIGHUP, True)])

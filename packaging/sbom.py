@@ -16,13 +16,15 @@ LICENSES = {  # of the libraries' packages, as their copyright files state them
     "libc6": "LGPL-2.1-or-later", "libgcc-s1": "GPL-3.0-or-later WITH GCC-exception-3.1",
     "libstdc++6": "GPL-3.0-or-later WITH GCC-exception-3.1",
     "libstdc++-12-dev": "GPL-3.0-or-later WITH GCC-exception-3.1", "libssl3": "Apache-2.0",
+    "libssl1.1": "OpenSSL",
     "libdbus-1-3": "AFL-2.1 OR GPL-2.0-or-later", "libcjson1": "MIT",
     "libcrypt1": "LGPL-2.1-or-later", "libmosquitto1": "EPL-2.0 OR BSD-3-Clause",
     "libsqlite3-0": "blessing",
     "libsdbus-c++1": "LGPL-2.1-or-later WITH LGPL-exception-1.1", "libboost-dev": "BSL-1.0",
     "nlohmann-json3-dev": "MIT", "libcli11-dev": "BSD-3-Clause"}
 COMPILED_IN = {"remote-access-daemon": ["libstdc++-12-dev"],
-               "remote-access-backend": ["libboost-dev", "nlohmann-json3-dev", "libcli11-dev"]}
+               "remote-access-backend": ["libboost-dev", "nlohmann-json3-dev", "libcli11-dev"],
+               "remote-access-operator": ["libboost-dev", "nlohmann-json3-dev", "libcli11-dev"]}
 TABLE = pathlib.Path(__file__).resolve().parent / "architectures"
 ROWS = [line.split(maxsplit=4) for line in TABLE.read_text().splitlines() if line[:1] != "#"]
 DEBIAN_NAMES = {machine: name for name, _, _, _, machine in ROWS}  # by the name that readelf uses

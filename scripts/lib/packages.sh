@@ -8,6 +8,12 @@ PACKAGES_BUILD=(
     libboost-dev nlohmann-json3-dev libcli11-dev libsqlite3-dev
 )
 
+# To build and to package the operators' tool alone, as in a root of another suite.
+PACKAGES_OPERATOR=(
+    g++ cmake ninja-build libssl-dev libboost-dev nlohmann-json3-dev libcli11-dev
+    dpkg-dev binutils file gzip python3
+)
+
 # To run a gateway in a sandbox and to reach it.
 PACKAGES_RUN=(
     bubblewrap dbus-daemon systemd openssl
@@ -39,7 +45,7 @@ PACKAGES_FUZZ=(
 
 # To make and check Debian packages, besides those to build.
 PACKAGES_PACKAGE=(
-    dpkg-dev binutils gzip git python3 lintian
+    dpkg-dev binutils file gzip git python3 lintian
 )
 
 # To install and boot the packages in a root of their own, besides those to make them.
@@ -65,5 +71,5 @@ PACKAGES_CROSS=(
 # Of that architecture, to link with and to run with: unpacked apart from the host's packages.
 PACKAGES_SYSROOT=(
     libc6-dev libssl-dev libdbus-1-dev libcjson-dev libcrypt-dev libsdbus-c++-dev libmosquitto-dev
-    libgtest-dev libgmock-dev
+    libboost-dev nlohmann-json3-dev libcli11-dev libgtest-dev libgmock-dev
 )

@@ -64,6 +64,12 @@ static void describeApi(CLI::App &app, COMMAND_LINE_T &line)
                    "Authority of operators' certificates, PEM; without it only tokens are taken")
         ->type_name("FILE")
         ->needs(api);
+    app.add_option("--api-rate", line.api_rate,
+                   "Requests a second that one operator may make for good; at once four times as "
+                   "many")
+        ->type_name("NUMBER")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 1000000));
 }
 
 static void describeServer(CLI::App &app, COMMAND_LINE_T &line)
@@ -147,6 +153,7 @@ SERVER_OPTIONS_T readOptions(const COMMAND_LINE_T &line)
                                     "interface is never without TLS");
     options.control = line.control;
     options.store = line.store;
+    options.limits.operator_rate = line.api_rate;
     options.limits.session_buffer = line.session_backlog_mib << 20;
     options.limits.all_buffers = line.all_backlogs_mib << 20;
     options.limits.linger_time = std::chrono::milliseconds(static_cast<long>(line.linger_s * 1000));

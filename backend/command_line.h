@@ -27,6 +27,7 @@ struct COMMAND_LINE_T {
     std::string api_cert;
     std::string api_key;
     std::string api_client_ca;
+    unsigned api_rate = 50;
     std::string audit = "-";
     std::string operators; // empty: no policy
     std::string store;

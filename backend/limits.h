@@ -49,6 +49,10 @@ struct LIMITS_T {
     std::chrono::milliseconds request_time{
         10000}; // for the header of an operator's request, and for its body
     std::chrono::milliseconds keep_alive_time{60000}; // between an operator's requests
+    // Requests that an operator may make in a second, for good, over the interface; at once four
+    // times as many.
+    double operator_rate = 50;
+
     std::chrono::milliseconds answer_time{30000};     // for an operator's program to take an answer
     std::chrono::milliseconds linger_time{
         30000}; // without data from the device, after the client has ended its sending

@@ -18,12 +18,14 @@ from harness.sandbox import BIN
 from harness.workspace import Workspace
 
 import report
-from peers import bare_tls, daemon, haproxy, loopback, ssh, stunnel
+from peers import bare_tls, daemon, haproxy, loopback, operator_way, ssh, stunnel
 from place import Place
 
 PEERS = {
     "daemon": (daemon.start, 1),
     "daemon-level-2": (daemon.start, 2),
+    "socket": (operator_way.start, "socket"),
+    "https": (operator_way.start, "https"),
     "ssh": (ssh.start,),
     "ssh-aes128": (ssh.start, "-c", "aes128-gcm@openssh.com"),
     "stunnel": (stunnel.start,),

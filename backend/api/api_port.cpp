@@ -17,7 +17,7 @@ constexpr std::size_t PLACES = 1024; // operators are fewer than devices
 constexpr std::size_t BYTES_MAX = std::size_t{64} * 1024 + HTTP_HEADER_MAX + HTTP_BODY_MAX;
 
 API_PORT_T::API_PORT_T(asio::io_context &context, OPERATIONS_T &on, const LIMITS_T &allowed)
-    : io(context), operations(on), limits(allowed)
+    : io(context), operations(on), limits(allowed), gate(allowed.operator_rate)
 {
     limits.places = std::min(limits.places, PLACES);
 }

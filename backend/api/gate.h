@@ -1,8 +1,8 @@
 // Who gets in at the interface, and how much of it an operator may have at once.
 // Limits   failed sign-ins of an address (IPv6: a /64): 10 at once, 1 a second; beyond that they
 //          are answered with 429 and leave no line. What proves an operator always gets in, so
-//          that nobody locks out others behind the same address. Requests of an operator: 200 at
-//          once, 50 a second. Connections: 256 of an operator, 4096 of all; event streams: 16 of
+//          that nobody locks out others behind the same address. Requests of an operator:
+//          LIMITS_T::operator_rate. Connections: 256 of an operator, 4096 of all; event streams: 16 of
 //          an operator.
 // Threads  the thread of the io_context.
 // Secrets  none is in any line.
@@ -51,8 +51,9 @@ constexpr std::size_t CONNECTIONS_MAX = 4096;
 constexpr std::size_t OPERATOR_STREAMS_MAX = 16;
 
 struct GATE_T {
+    explicit GATE_T(double operator_rate) : requests(4 * operator_rate, operator_rate) {}
     RateTable failures{10, 1};
-    RateTable requests{200, 50};
+    RateTable requests;
     CountsPtr connections = std::make_shared<COUNTS_T>();
     CountsPtr streams = std::make_shared<COUNTS_T>();
 };

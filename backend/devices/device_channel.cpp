@@ -33,7 +33,7 @@ constexpr std::size_t ACCOUNTS_MAX = 16;
 
 DEVICE_CHANNEL_T::DEVICE_CHANNEL_T(asio::io_context &context, const LIMITS_T &allowed,
                                    CHANNEL_EVENTS_T handlers)
-    : io(context), limits(allowed), events(std::move(handlers)), timer(context)
+    : io(context), limits(allowed), events(std::move(handlers)), timer(context), pace(context)
 {
 }
 
@@ -105,11 +105,28 @@ void sendStreamData(DEVICE_CHANNEL_T &channel, const std::string &token, OutMess
 
 static void readNext(DEVICE_CHANNEL_T &channel)
 {
-    if (channel.read_active || channel.state == CHANNEL_STATE::CHECKING ||
+    if (channel.read_active || channel.is_paced || channel.state == CHANNEL_STATE::CHECKING ||
         channel.state == CHANNEL_STATE::CLOSED)
         return;
     channel.read_active = true;
     channel.link->read();
+}
+
+void pauseReading(DEVICE_CHANNEL_T &channel, std::chrono::milliseconds pause)
+{
+    channel.is_paced = true;
+    channel.pace.expires_after(pause);
+    channel.pace.async_wait([weak = channel.weak_from_this()](const error_code &stopped) {
+        const ChannelPtr held = weak.lock();
+        if (held && !stopped) resumeReading(*held);
+    });
+}
+
+void resumeReading(DEVICE_CHANNEL_T &channel)
+{
+    if (!std::exchange(channel.is_paced, false)) return;
+    channel.pace.cancel();
+    readNext(channel);
 }
 
 void takeOffChannel(DEVICE_CHANNEL_T &channel, const ChannelStream &stream,
@@ -428,6 +445,7 @@ void closeDeviceChannel(DEVICE_CHANNEL_T &channel, std::uint16_t code, const std
                    reason.c_str());
     channel.state = CHANNEL_STATE::CLOSED;
     channel.timer.cancel();
+    channel.pace.cancel();
     for (const auto &[token, stream] : std::exchange(channel.streams, {}))
         stream->cut(DEVICE_GONE);
     for (const auto &[id, stream] : std::exchange(channel.opening, {}))

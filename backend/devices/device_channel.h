@@ -97,6 +97,8 @@ struct DEVICE_CHANNEL_T : std::enable_shared_from_this<DEVICE_CHANNEL_T> {
     std::unordered_map<std::string, ACCOUNT_REQUEST_T> accounts;
     std::list<std::string> releasing; // tokens released here whose data may still be under way
     bool read_active = false;
+    boost::asio::steady_timer pace; // until then nothing is read
+    bool is_paced = false;
     std::uint64_t next_id = 1;
     LINE_LIMIT_T fault_lines{"lines of this device"};
     RATE_LIMIT_T unknown_releases;
@@ -133,6 +135,11 @@ bool requestStream(DEVICE_CHANNEL_T &channel, const StreamPtr &stream, const SER
 // within the call unless the request cannot be sent.
 void requestAccountCheck(DEVICE_CHANNEL_T &channel, const std::string &user,
                          const std::string &password, AccountCallback answered);
+
+// Reads nothing for that long, or until resumeReading: the device's kernel then slows the device
+// down. It drops what it cannot send in time, so the pause has to be a small part of that.
+void pauseReading(DEVICE_CHANNEL_T &channel, std::chrono::milliseconds pause);
+void resumeReading(DEVICE_CHANNEL_T &channel);
 
 // message: a session's bytes with their size set.
 void sendStreamData(DEVICE_CHANNEL_T &channel, const std::string &token, OutMessagePtr message);

@@ -18,6 +18,12 @@ namespace asio = boost::asio;
 using boost::system::error_code;
 
 constexpr std::size_t KEPT_STORAGE = std::size_t{64} * 1024; // of an empty buffer
+constexpr std::size_t WRITE_PIECE = std::size_t{128} * 1024; // so that progress shows
+// A device waits 2 s by default for a message to leave, and pauses add up in what is queued before
+// one: they are a small part of that.
+constexpr std::chrono::milliseconds PACE_MIN{50};
+constexpr std::chrono::milliseconds PACE_MAX{350};
+constexpr std::chrono::seconds PACE_PROGRESS{1};
 
 SESSION_T::SESSION_T(std::shared_ptr<SESSION_TABLE_T> of, CLIENT_T from, DEVICE_CHANNEL_T &on,
                      SERVICE_T wanted)
@@ -188,6 +194,33 @@ static void clientIsFlushed(const SessionPtr &session)
 
 static void writeClient(const SessionPtr &session);
 
+static std::size_t paceStart(const SESSION_T &session)
+{
+    return session.limits.session_buffer / 4;
+}
+
+// A client that takes bytes more slowly than its device sends them would be cut off in the end.
+// The protocol cannot slow one session, so the whole channel waits a little, the longer the more
+// there is. Other sessions must not pay for a client that has stopped.
+static void paceChannel(const SESSION_T &session)
+{
+    const std::size_t start = paceStart(session);
+    const auto quiet = std::chrono::steady_clock::now() - session.progress_at;
+    if (session.channel == nullptr || session.counted <= start || quiet > PACE_PROGRESS) return;
+    const double part = static_cast<double>(session.counted - start) /
+                        static_cast<double>(session.limits.session_buffer / 2);
+    const std::chrono::duration<double, std::milli> pause =
+        PACE_MIN + (PACE_MAX - PACE_MIN) * std::min(part, 1.0);
+    pauseReading(*session.channel, std::chrono::ceil<std::chrono::milliseconds>(pause));
+}
+
+static void noteProgress(SESSION_T &session)
+{
+    session.progress_at = std::chrono::steady_clock::now();
+    if (session.channel != nullptr && session.counted <= paceStart(session))
+        resumeReading(*session.channel);
+}
+
 static void clientWritten(const SessionPtr &session, const error_code &error, std::size_t count)
 {
     session->write_active = false;
@@ -196,6 +229,7 @@ static void clientWritten(const SessionPtr &session, const error_code &error, st
     session->written += count;
     noteBacklog(*session->table, *session);
     if (session->state == SESSION_STATE::CLOSED) return;
+    if (count > 0) noteProgress(*session);
     if (session->state != SESSION_STATE::OPEN) armSessionTimer(session);
     writeClient(session);
 }
@@ -211,10 +245,12 @@ static void writeClient(const SessionPtr &session)
     }
     if (session->writing.empty()) return clientIsFlushed(session);
     session->write_active = true;
-    session->client->asyncWrite(std::span(session->writing).subspan(session->written),
-                                [session](const error_code &error, std::size_t count) {
-                                    clientWritten(session, error, count);
-                                });
+    const std::size_t left = session->writing.size() - session->written;
+    session->client->asyncWrite(
+        std::span(session->writing).subspan(session->written, std::min(left, WRITE_PIECE)),
+        [session](const error_code &error, std::size_t count) {
+            clientWritten(session, error, count);
+        });
 }
 
 // What the client takes at once need not be kept. False when that ended the session.
@@ -224,6 +260,7 @@ static bool writeAtOnce(const SessionPtr &session, std::span<const std::uint8_t>
     error_code error;
     const std::size_t count = session->client->writeSome(bytes, error);
     bytes = bytes.subspan(count);
+    if (count > 0) session->progress_at = std::chrono::steady_clock::now();
     if (!error || error == asio::error::would_block) return true;
     endSession(session, session->client->lossReason(), false);
     return false;
@@ -240,6 +277,7 @@ void SESSION_T::received(std::span<const std::uint8_t> bytes)
     if (state == SESSION_STATE::CLOSED) return;
     if (state == SESSION_STATE::LINGERING) armSessionTimer(self);
     writeClient(self);
+    paceChannel(*this);
 }
 
 static void clientEnded(const SessionPtr &session)

@@ -4,7 +4,8 @@
 //            itself.
 // Backlog    what the client does not take waits here, and the channel is read on: the session
 //            that holds more than session_buffer, or most of all when all hold more than
-//            all_buffers, is cut off alone.
+//            all_buffers, is cut off alone. A client that is only slower than its device slows the
+//            channel down before that; one that has stopped does not.
 // Threads    the thread of the io_context.
 // Half-close the protocol has none. When a client ends its sending, the session stays for what the
 //            device still sends, until the device releases it or nothing has come for linger_time.
@@ -98,6 +99,7 @@ struct SESSION_T final : ChannelStream, std::enable_shared_from_this<SESSION_T> 
     std::size_t written = 0;
     bool write_active = false;
     std::size_t counted = 0; // of these bytes, in the table's backlog
+    std::chrono::steady_clock::time_point progress_at; // when the client took bytes last
 
     OutMessagePtr message; // the storage that the next client bytes are read into
     bool read_active = false;

@@ -5,14 +5,14 @@ from harness.sandbox import Gateway, start_gateways
 from harness.waiting import poll
 
 
-def start(place, level):
+def start(place, level, *options):
     listen = free_port()
     gateway = Gateway(
         place.directory, "gateway", cloud=listen, level=level, authority=place.tls.authority,
         config={"gw_remoteaccess_trans_timeout": 2000},
         services=[{"type": "TCP", "name": "bench", "ip": "127.0.0.1", "port": place.service}])
     far = start_back_end(gateway, ("127.0.0.1", listen), place.tls.paths(),
-                         ports={"bench": place.operator})
+                         *options, ports={"bench": place.operator})
     start_gateways([gateway])
     place.keep = gateway  # it ends with its sandbox
     poll(lambda: " connected, services: " in gateway.log_beside("backend"), 20,

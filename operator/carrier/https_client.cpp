@@ -205,7 +205,10 @@ void checkAnswer(const HTTPS_CLIENT_T &client, const HTTPS_ANSWER_T &answer)
     if (!detail.empty()) {
         if (answer.status == 401) detail = url + ": " + detail + loginHint(client);
         if (!answer.retry_after.empty()) detail += "; try again in " + answer.retry_after + " s";
-        throw RequestError(detail, false);
+        RequestError error(detail, false);
+        if (answer.status == 429)
+            error.retry_after = std::chrono::seconds(std::atoi(answer.retry_after.c_str()));
+        throw error;
     }
     if (answer.status == 401) throw RequestError(url + ": " + status + loginHint(client), false);
     if (answer.status / 100 == 3)

@@ -1,6 +1,7 @@
 // What every carrier throws when a request fails.
 #pragma once
 
+#include <chrono>
 #include <stdexcept>
 #include <string>
 
@@ -9,5 +10,6 @@ struct RequestError : std::runtime_error {
         : std::runtime_error(text), is_unreachable(unreachable)
     {
     }
+    std::chrono::seconds retry_after{0}; // of a refusal that time heals; 0: of any other
     bool is_unreachable; // no back end has answered; else it has refused, with these words
 };

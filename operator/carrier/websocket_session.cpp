@@ -9,6 +9,7 @@
 #include <array>
 #include <netinet/tcp.h>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -313,10 +314,8 @@ HTTPS_ANSWER_T answerOf(const websocket::response_type &response)
     throw RequestError(url + ": no session: " + fault.message(), true);
 }
 
-} // namespace
-
-std::unique_ptr<Session> openWebSocketSession(HTTPS_CLIENT_T &client, const json &request,
-                                              SESSION_ENDS_T &ends, seconds time)
+std::unique_ptr<Session> openOnce(HTTPS_CLIENT_T &client, const json &request, SESSION_ENDS_T &ends,
+                                  seconds time)
 {
     auto session =
         std::make_unique<WebSocketSession>(takeConnection(client, steady_clock::now() + time));
@@ -340,4 +339,22 @@ std::unique_ptr<Session> openWebSocketSession(HTTPS_CLIENT_T &client, const json
     const auto id = response[SESSION_HEADER];
     session->begin(id.empty() ? "?" : std::string(id), ends);
     return session;
+}
+
+} // namespace
+
+std::unique_ptr<Session> openWebSocketSession(HTTPS_CLIENT_T &client, const json &request,
+                                              SESSION_ENDS_T &ends, seconds time)
+{
+    const auto end = steady_clock::now() + time;
+    for (;;) {
+        const auto left = std::chrono::ceil<seconds>(end - steady_clock::now());
+        try {
+            return openOnce(client, request, ends, left);
+        } catch (const RequestError &refusal) {
+            // A browser behind a forwarded port asks for many sessions at once.
+            if (refusal.retry_after <= seconds(0) || refusal.retry_after >= left) throw;
+            std::this_thread::sleep_for(refusal.retry_after);
+        }
+    }
 }

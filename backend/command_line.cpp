@@ -72,6 +72,20 @@ static void describeApi(CLI::App &app, COMMAND_LINE_T &line)
         ->check(CLI::Range(1, 1000000));
 }
 
+static void describeSsh(CLI::App &app, COMMAND_LINE_T &line)
+{
+    CLI::Option *const ca =
+        app.add_option("--ssh-ca", line.ssh_ca,
+                       "Private key that signs operators' certificates for ssh, without passphrase")
+            ->type_name("FILE");
+    app.add_option("--ssh-certificate-minutes", line.ssh_certificate_min,
+                   "How long such a certificate is good")
+        ->type_name("N")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 60))
+        ->needs(ca);
+}
+
 static void describeServer(CLI::App &app, COMMAND_LINE_T &line)
 {
     app.add_option("--listen", line.listen, "Address and port for devices; port 0: a free one")
@@ -126,6 +140,7 @@ void describeCommandLine(CLI::App &app, COMMAND_LINE_T &line)
 {
     describeServer(app, line);
     describeApi(app, line);
+    describeSsh(app, line);
     describeLimits(app, line);
     describeBackup(app, line);
     describeAdmin(
@@ -152,6 +167,10 @@ SERVER_OPTIONS_T readOptions(const COMMAND_LINE_T &line)
         throw std::invalid_argument("--api with --plain needs --api-cert and --api-key: the "
                                     "interface is never without TLS");
     options.control = line.control;
+    if (!line.ssh_ca.empty() && line.operators.empty())
+        throw std::invalid_argument("--ssh-ca needs --operators");
+    options.ssh_ca = line.ssh_ca;
+    options.certificate_life = std::chrono::minutes(line.ssh_certificate_min);
     options.store = line.store;
     options.limits.operator_rate = line.api_rate;
     options.limits.session_buffer = line.session_backlog_mib << 20;

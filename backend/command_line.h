@@ -31,6 +31,8 @@ struct COMMAND_LINE_T {
     std::string audit = "-";
     std::string operators; // empty: no policy
     std::string store;
+    std::string ssh_ca; // empty: no certificates
+    unsigned ssh_certificate_min = 5;
     std::string backup; // target; empty: no backup is asked for
     bool is_forced = false;
     std::function<void()> task; // of an administrator's subcommand, in place of serving

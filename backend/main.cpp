@@ -110,6 +110,9 @@ static void readFilesAgain(const COMMAND_LINE_T &line, SERVER_T &server, Registr
     if (server.api)
         attempt(reload, "certificate, key and authority of the interface",
                 [&] { server.api->tls = readApiCertificate(line); });
+    if (server.operations.ssh_authority)
+        attempt(reload, "authority of ssh",
+                [&] { renewSshAuthority(*server.operations.ssh_authority); });
     if (!line.operators.empty())
         attempt(reload, "operators", [&] { replacePolicy(server.operations, readPolicy(line)); });
     registry.start([&server, reload, done = std::move(done)](const RELOADED_T &result) mutable {

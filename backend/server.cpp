@@ -23,6 +23,7 @@ static void loadStore(SERVER_T &server)
     server.directory.records = loadDeviceRecords(server.store.get());
     forgetUnregistered(server.directory);
     server.directory.signatures = loadUsedSignatures(server.store.get(), wallClockMs());
+    server.operations.host_keys = loadHostKeys(server.store.get());
     server.operations.tokens = loadTokens(server.store.get(), wallClockMs() / 1000);
     logInfo("store %s: %zu devices have been there", path.c_str(),
             server.directory.records.records.size());
@@ -37,11 +38,23 @@ static void tellPolicy(const SERVER_T &server)
         logInfo("no policy: everyone who may write to the control socket may do everything");
 }
 
+static void loadSshAuthority(SERVER_T &server)
+{
+    const std::string &path = server.options.ssh_ca;
+    if (path.empty()) return;
+    server.operations.certificate_life = server.options.certificate_life;
+    server.operations.ssh_authority =
+        startSshAuthority(path, [&io = server.io](std::function<void()> function) {
+            asio::post(io, std::move(function));
+        });
+}
+
 std::unique_ptr<SERVER_T> startServer(asio::io_context &io, SERVER_OPTIONS_T options)
 {
     auto server = std::make_unique<SERVER_T>(io, std::move(options));
     server->directory.registry = std::move(server->options.registry);
     loadStore(*server);
+    loadSshAuthority(*server);
     server->operations.policy = std::move(server->options.policy);
     tellPolicy(*server);
     server->device_port = openDevicePort(io, server->directory, server->options.limits,

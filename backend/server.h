@@ -37,6 +37,8 @@ struct SERVER_OPTIONS_T {
     std::optional<boost::asio::ip::tcp::endpoint> api;
     std::shared_ptr<TLS_CONTEXT_T> api_tls; // of new connections of the interface
     std::string control;                    // path of the control socket; empty for none
+    std::string ssh_ca;                     // private key that signs certificates; empty: none
+    std::chrono::minutes certificate_life{5};
     std::string store; // of what it learns at run time; empty: a restart forgets that
     LIMITS_T limits;
 };

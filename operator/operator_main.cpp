@@ -180,11 +180,40 @@ void describeTokens(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T &
 
 void describeSsh(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T &chosen)
 {
-    CLI::App *const command = addCommand(
-        app, "ssh-config", "Print the lines for ~/.ssh/config by which ssh reaches devices",
-        showSshConfig, chosen);
+    CLI::App *command = addCommand(
+        app, "ssh", "Log in with ssh: with recorded host keys, and a certificate if there is one",
+        runSshSession, chosen);
+    command
+        ->add_option("target", options.target,
+                     "[ACCOUNT@]DEVICE, or [ACCOUNT@]DEVICE/SERVICE; what follows is for ssh")
+        ->required();
+    command
+        ->add_option("--identity", options.identity,
+                     "Your private key, with FILE.pub; default: a new one for each login")
+        ->type_name("FILE");
+    command->prefix_command();
+    command->callback([command, &options, &chosen] {
+        options.arguments = command->remaining();
+        chosen = runSshSession;
+    });
+    command = addCommand(app, "ssh-known-hosts",
+                         "Have the host keys of a device recorded or compared, and print them",
+                         showKnownHosts, chosen);
+    command->add_option("target", options.target, TARGET_HELP)->required();
+    CLI::Option *const recorded = command->add_flag(
+        "--recorded", options.recorded, "Only what is recorded; the device is not asked");
+    CLI::Option *const forget = command->add_flag(
+        "--forget", options.forget, "Forget them, after checking why they have changed");
+    CLI::Option *const append =
+        command->add_option("--append", options.file, "Add the lines that are missing in it")
+            ->type_name("FILE");
+    forget->excludes(recorded)->excludes(append);
+    command = addCommand(app, "ssh-config",
+                         "Print the lines for ~/.ssh/config by which ssh reaches devices",
+                         showSshConfig, chosen);
     command->add_option("pattern", options.pattern, "The devices' names, as \"gw-*\"; default: *")
         ->type_name("PATTERN");
+    command->add_flag("--full", options.full, "With the host keys that the back end has recorded");
 }
 
 void describe(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T &chosen)

@@ -47,10 +47,14 @@ enum class AUDIT_EVENT {
     DENIED,
     TOKEN_MAKE,
     TOKEN_REVOKE,
-    SIGN_IN_REFUSED, // over the network, before anyone is known
-    CONTINUED,       // the audit's own: a rotated file begins
-    TORN,            // the audit's own: what was written last before a crash
-    LEFT_OUT,        // the audit's own
+    HOST_KEY_FIRST,   // that a device has shown
+    HOST_KEY_CHANGED, // and was refused
+    HOST_KEY_FORGET,  // by an operator
+    SSH_CERTIFICATE,  // about to be made
+    SIGN_IN_REFUSED,  // over the network, before anyone is known
+    CONTINUED,        // the audit's own: a rotated file begins
+    TORN,             // the audit's own: what was written last before a crash
+    LEFT_OUT,         // the audit's own
 };
 
 template <class T>

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <stdexcept>
 
 #include <nlohmann/json.hpp>
 
@@ -155,6 +156,47 @@ void parseNewToken(const OPERATIONS_T & /*operations*/, const PRINCIPAL_T & /*wh
         throw OperationFault(FAULT::BAD_REQUEST, "the label of a token has at most " +
                                                      std::to_string(LABEL_MAX) + " bytes");
     arguments.days = numberOf(request, "days", USUAL_DAYS, TOKEN_DAYS_MAX);
+}
+
+static PUBLIC_KEY_T keyOf(const std::string &text, KEY_OWNER owner)
+{
+    try {
+        return parsePublicKey(text, owner);
+    } catch (const std::invalid_argument &fault) {
+        throw OperationFault(FAULT::BAD_REQUEST, fault.what());
+    }
+}
+
+static void addHostKey(ARGUMENTS_T &arguments, const json &text)
+{
+    if (!text.is_string())
+        throw OperationFault(FAULT::BAD_REQUEST, "\"keys\" of the request has something else than "
+                                                 "texts");
+    PUBLIC_KEY_T key = keyOf(text.get<std::string>(), KEY_OWNER::HOST);
+    for (const PUBLIC_KEY_T &other : arguments.host_keys)
+        if (other.type == key.type)
+            throw OperationFault(FAULT::BAD_REQUEST, "\"keys\" of the request has two " + key.type);
+    arguments.host_keys.push_back(std::move(key));
+}
+
+void parseHostKeys(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGUMENTS_T &arguments,
+                   const json &request)
+{
+    parseService(operations, who, arguments, request);
+    const auto keys = request.find("keys");
+    if (keys == request.end()) return;
+    if (!keys->is_array() || keys->empty() || keys->size() > HOST_KEYS_MAX)
+        throw OperationFault(FAULT::BAD_REQUEST, "\"keys\" of the request must be 1 to " +
+                                                     std::to_string(HOST_KEYS_MAX) + " keys");
+    for (const json &text : *keys)
+        addHostKey(arguments, text);
+}
+
+void parseKeyToSign(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGUMENTS_T &arguments,
+                    const json &request)
+{
+    parseService(operations, who, arguments, request);
+    arguments.public_key = keyOf(textOf(request, "public_key"), KEY_OWNER::USER);
 }
 
 void parseToken(const OPERATIONS_T & /*operations*/, const PRINCIPAL_T & /*who*/,

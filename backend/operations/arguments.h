@@ -4,11 +4,13 @@
 
 #include "backend/device_key.h"
 #include "backend/policy/policy.h"
+#include "backend/ssh/public_key.h"
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <nlohmann/json_fwd.hpp>
 
@@ -29,6 +31,8 @@ struct ARGUMENTS_T {
     std::int64_t days = 0;
     RIGHT right = RIGHT::CONNECT; // that is asked about
     bool is_shared = false;
+    std::vector<PUBLIC_KEY_T> host_keys; // one of a type
+    PUBLIC_KEY_T public_key;
     // Of a list
     std::string pattern; // shell pattern; empty: all
     std::string state;   // empty: all
@@ -61,6 +65,10 @@ void parseQuestion(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGUM
                    const nlohmann::json &request);
 void parseNewToken(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGUMENTS_T &arguments,
                    const nlohmann::json &request);
+void parseHostKeys(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGUMENTS_T &arguments,
+                   const nlohmann::json &request);
+void parseKeyToSign(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGUMENTS_T &arguments,
+                    const nlohmann::json &request);
 void parseToken(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGUMENTS_T &arguments,
                 const nlohmann::json &request);
 

@@ -19,6 +19,11 @@
 //        optional: "reason":TEXT
 //   {"do":"open","device":D}, {"do":"close-access","device":D}
 //   {"do":"close","session":N}                          {"ok":true}
+//   {"do":"host-keys","device":D,"service":S}           {"ok":true,"keys":[...]}
+//        optional: "keys":["TYPE BASE64",...], which the device has shown
+//   {"do":"host-keys-forget","device":D,"service":S}    {"ok":true}
+//   {"do":"ssh-certificate","device":D,"service":S,"public_key":K}
+//                                                       {"ok":true,"certificate":C,"expires":E,...}
 //   {"do":"tokens"}                                     {"ok":true,"tokens":[...]}
 //   {"do":"token-make","label":L}                       {"ok":true,"token":T,"id":I,"expires":E}
 //        optional: "days":1...366
@@ -39,6 +44,8 @@
 #include "backend/operations/session_access.h"
 #include "backend/policy/policy.h"
 #include "backend/sessions/session_table.h"
+#include "backend/ssh/certificate_authority.h"
+#include "backend/store/host_key_records.h"
 #include "backend/store/token_records.h"
 
 #include <functional>
@@ -57,6 +64,10 @@ struct OPERATIONS_T {
     PolicyPtr policy = nullptr; // null: whoever reaches the control socket may do everything
     TOKEN_RECORDS_T tokens = {};
     SESSION_OWNERS_T session_owners = {};
+    HOST_KEY_RECORDS_T host_keys = {};
+    SshAuthorityPtr ssh_authority = nullptr; // null: no certificates
+    std::chrono::seconds certificate_life{300};
+    std::uint64_t last_serial = 0; // of a certificate
     // Reads the files again; the names of those that could not be read come back, empty for none.
     std::function<void(std::function<void(const std::string &failed)>)> reload = nullptr;
 };

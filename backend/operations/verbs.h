@@ -29,6 +29,11 @@ void listSessions(OPERATIONS_T &operations, const CallPtr &call);
 void connectClient(OPERATIONS_T &operations, const CallPtr &call);
 void closeSession(OPERATIONS_T &operations, const CallPtr &call);
 
+// ssh_operations.cpp
+void learnHostKeys(OPERATIONS_T &operations, const CallPtr &call);
+void forgetShownKeys(OPERATIONS_T &operations, const CallPtr &call);
+void signKey(OPERATIONS_T &operations, const CallPtr &call);
+
 // operator_operations.cpp
 void showOperator(OPERATIONS_T &operations, const CallPtr &call);
 void answerQuestion(OPERATIONS_T &operations, const CallPtr &call);

@@ -21,6 +21,7 @@ struct ROUTE_T {
     std::string_view path; // {MEMBER} is replaced
     Members query{};
     Members body{};
+    std::string_view only_with{}; // a member: the row is for requests that have it
 };
 
 // clang-format off
@@ -36,6 +37,12 @@ constexpr auto ROUTES = std::to_array<ROUTE_T>({
     {"disconnect",   "POST",   "/devices/{device}/disconnect", {}, {"reason"}},
     {"sessions",     "GET",    "/sessions"},
     {"close",        "DELETE", "/sessions/{session}"},
+    {"host-keys",        "POST",   "/devices/{device}/services/{service}/host-keys",
+                                   {}, {"keys"}, "keys"},
+    {"host-keys",        "GET",    "/devices/{device}/services/{service}/host-keys"},
+    {"host-keys-forget", "DELETE", "/devices/{device}/services/{service}/host-keys"},
+    {"ssh-certificate",  "POST",   "/devices/{device}/services/{service}/ssh-certificate",
+                                   {}, {"public_key"}},
     {"tokens",       "GET",    "/tokens"},
     {"token-make",   "POST",   "/tokens", {}, {"label", "days"}},
     {"token-revoke", "DELETE", "/tokens/{id}"},
@@ -90,9 +97,10 @@ std::string bodyOf(const Members &members, const json &request)
 API_REQUEST_T apiRequest(const json &request)
 {
     const std::string operation = request.value("do", "");
-    const auto *const route =
-        std::find_if(ROUTES.begin(), ROUTES.end(),
-                     [&operation](const ROUTE_T &row) { return row.operation == operation; });
+    const auto *const route = std::find_if(ROUTES.begin(), ROUTES.end(), [&](const ROUTE_T &row) {
+        return row.operation == operation &&
+               (row.only_with.empty() || hasMember(request, row.only_with));
+    });
     if (route == ROUTES.end()) throw std::logic_error(operation + " has no route");
     return {std::string(route->method),
             filledPath(route->path, request) + queryOf(route->query, request),

@@ -32,6 +32,7 @@ struct HTTPS_CLIENT_T {
 namespace {
 
 constexpr std::size_t HEADER_MAX = 32768;
+constexpr unsigned NOT_BUILT_STATUS = 501;
 constexpr char PROBLEM_TYPE[] = "application/problem+json";
 constexpr char JSON_TYPE[] = "application/json";
 
@@ -205,7 +206,7 @@ void checkAnswer(const HTTPS_CLIENT_T &client, const HTTPS_ANSWER_T &answer)
     if (!detail.empty()) {
         if (answer.status == 401) detail = url + ": " + detail + loginHint(client);
         if (!answer.retry_after.empty()) detail += "; try again in " + answer.retry_after + " s";
-        RequestError error(detail, false);
+        RequestError error(detail, false, answer.status == NOT_BUILT_STATUS);
         if (answer.status == 429)
             error.retry_after = std::chrono::seconds(std::atoi(answer.retry_after.c_str()));
         throw error;

@@ -50,9 +50,15 @@ struct OPERATOR_OPTIONS_T {
     std::string token_file; // "-": standard input
     std::string certificate;
     std::string key;
-    std::string pattern;            // of names, for ssh
-    std::vector<std::string> files; // of the audit, oldest first; "-": standard input
-    std::string expected;           // the hash of a line that must be in them; may be empty
+    std::string pattern;   // of names, for ssh
+    bool full = false;     // with the host keys
+    bool recorded = false; // only what the back end has
+    bool forget = false;
+    std::string identity;               // file of a private key for ssh; empty: a new one
+    std::vector<std::string> arguments; // of ssh
+    std::string file;                   // that lines are added to; empty: they are printed
+    std::vector<std::string> files;     // of the audit, oldest first; "-": standard input
+    std::string expected;               // the hash of a line that must be in them; may be empty
 };
 
 inline std::chrono::seconds waitOf(const OPERATOR_OPTIONS_T &options, std::chrono::seconds usual)
@@ -75,6 +81,10 @@ int logIn(const OPERATOR_OPTIONS_T &options);
 int logOut(const OPERATOR_OPTIONS_T &options);
 // Lines for ssh's own configuration.
 int showSshConfig(const OPERATOR_OPTIONS_T &options);
+// Lines for ssh's files of known hosts.
+int showKnownHosts(const OPERATOR_OPTIONS_T &options);
+// Runs ssh; the exit status is ssh's.
+int runSshSession(const OPERATOR_OPTIONS_T &options);
 int verifyAccount(const OPERATOR_OPTIONS_T &options);
 int disconnectDevice(const OPERATOR_OPTIONS_T &options);
 int closeSession(const OPERATOR_OPTIONS_T &options);

@@ -1,11 +1,10 @@
 // The command that prints lines for ssh's configuration.
 #include "operator/commands/commands.h"
+#include "operator/commands/proxy_command.h"
 #include "operator/commands/requests.h"
 #include "operator/commands/table.h"
-#include "operator/settings/choose_server.h"
 #include "operator/terminal.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <fnmatch.h>
 #include <set>
@@ -47,21 +46,6 @@ std::string commonSshService(const OPERATOR_OPTIONS_T &options)
     return names.size() == 1 ? *names.begin() : "";
 }
 
-bool isPlain(const std::string &name)
-{
-    return std::all_of(name.begin(), name.end(), [](char c) {
-        return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '-' || c == '_' || c == '.';
-    });
-}
-
-// As the command line has chosen it, for the command that ssh starts.
-std::string chosenServer(const OPERATOR_OPTIONS_T &options)
-{
-    if (!options.choice.server.empty()) return " --server " + options.choice.server;
-    if (!options.choice.control.empty()) return " --control " + options.choice.control;
-    return "";
-}
-
 } // namespace
 
 int showSshConfig(const OPERATOR_OPTIONS_T &options)
@@ -69,8 +53,12 @@ int showSshConfig(const OPERATOR_OPTIONS_T &options)
     const std::string service = commonSshService(options);
     // A device chooses its services' names, and ssh gives the line to a shell.
     const std::string suffix = service.empty() || !isPlain(service) ? "" : "/" + service;
+    const std::string server = shown(serverOption(options));
     std::printf("Host %s\n    ProxyCommand remote-access%s connect %%n%s\n",
-                shown(options.pattern).c_str(), shown(chosenServer(options)).c_str(),
-                suffix.c_str());
+                shown(options.pattern).c_str(), server.c_str(), suffix.c_str());
+    // ssh starts this one without a shell, and wants its whole path.
+    if (options.full)
+        std::printf("    KnownHostsCommand %s%s ssh-known-hosts --recorded %%n%s\n",
+                    shown(toolPath()).c_str(), server.c_str(), suffix.c_str());
     return OPERATOR_DONE;
 }

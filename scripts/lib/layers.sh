@@ -3,7 +3,7 @@
 # folder, and the leaves, are open to each.
 
 declare -A LAYER_INCLUDES=(
-    [policy]='' [observe]='' [store]=''
+    [policy]='' [observe]='' [store]='' [ssh]=''
     [net]=''
     [devices]='net'
     [directory]='devices net'
@@ -13,7 +13,7 @@ declare -A LAYER_INCLUDES=(
     [admin]='devices'
     [doors]='operations directory sessions devices net'
 )
-readonly LAYER_LEAVES='policy observe store' # and the headers beside the folders
+readonly LAYER_LEAVES='policy observe store ssh' # and the headers beside the folders
 readonly LAYER_HEADERS='limits.h device_key.h labels.h utc_time.h options.h config_file.h'
 
 # check_layers: names each line of backend/ that includes what its folder must not.

@@ -41,20 +41,20 @@ async def serve_page(reader, writer):
 class Tunnel:
     """Gateway, services and back end; `ports` are those of the gateway's services, by name."""
 
-    def __init__(self, launch, certificates, home, page=serve_page, options=()):
+    def __init__(self, launch, certificates, home, page=serve_page, options=(), sshd=()):
         self.home, self.listen = home, free_port()
         self.ports, self.services = {name: free_port() for name in NAMES}, {}
-        web, sshd = free_port(), free_port()
+        web, self.sshd_port = free_port(), free_port()
         run_on_loop(asyncio.start_server(page, "127.0.0.1", web, backlog=64))
         offered = [{"type": name.split("_")[0].upper(), "name": name, "ip": "127.0.0.1",
-                    "port": web if name == "http_localhost" else sshd} for name in NAMES]
+                    "port": web if name == "http_localhost" else self.sshd_port} for name in NAMES]
         self.gateway = launch(demo={
             "cloud": self.listen, "authority": certificates.authority, "services": offered,
             "files": {"etc/shadow": f"root:{sha512(PASSWORD)}:19000:0:99999:7:::\n"}})["demo"]
         self.back_end = start_back_end(
             self.gateway, ("127.0.0.1", self.listen), certificates.paths(), "--control",
             self.home / "control", "--audit", self.home / "audit", *options, ports=self.ports)
-        start_sshd(self.gateway.beside, self.home, sshd)
+        start_sshd(self.gateway.beside, self.home, self.sshd_port, *sshd)
         self.gateway.log.wait("I", "handshake response code is 0!", seconds=10)
 
     def run(self, *command):

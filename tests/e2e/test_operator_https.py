@@ -42,15 +42,18 @@ OPERATORS = {
 class Office(Tunnel):
     """The tunnel with an API, and an operator's machine with a home of its own."""
 
-    def __init__(self, launch, certificates, home):
-        (home / "operators.json").write_text(json.dumps(OPERATORS))
+    operators = OPERATORS
+
+    def __init__(self, launch, certificates, home, options=(), sshd=()):
+        (home / "operators.json").write_text(json.dumps(self.operators))
         (home / "operators.json").chmod(0o600)
         self.port, self.ca = free_port(), home / "api-ca.pem"
         self.ca.write_text(certificates.authority)
         certificate, key = certificates.paths("address")
         super().__init__(launch, certificates, home, options=(
             "--operators", home / "operators.json", "--api", f"127.0.0.1:{self.port}",
-            "--api-cert", certificate, "--api-key", key, "--store", home / "store"))
+            "--api-cert", certificate, "--api-key", key, "--store", home / "store", *options),
+            sshd=sshd)
         self.url = f"https://127.0.0.1:{self.port}"
         self.environment = {name: value for name, value in os.environ.items() if name not in USED}
         self.environment |= {"XDG_CONFIG_HOME": str(home / "config"),

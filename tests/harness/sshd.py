@@ -11,20 +11,27 @@ Subsystem sftp internal-sftp
 _OPTIONS = ("StrictHostKeyChecking=no", "UserKnownHostsFile=/dev/null", "BatchMode=yes")
 
 
-def start_sshd(processes, home, port):
+def start_sshd(processes, home, port, *lines):
+    """With more lines of its configuration."""
     (home / "etc").mkdir()
     (home / "etc/passwd").write_text(f"operator:x:1000:1000::{home}:/bin/sh\n")
-    (home / "sshd_config").write_text(_CONFIG.format(home=home))
+    (home / "sshd_config").write_text(
+        _CONFIG.format(home=home) + "".join(f"{line}\n" for line in lines))
     for key in ("host_key", "login_key"):
         subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", home / key],
                        check=True)
+    run_sshd(processes, home, port)
+
+
+def run_sshd(processes, home, port):
+    starts = processes.log("sshd").count("Server listening")
     processes.start(
         "sshd", "bwrap", "--die-with-parent", "--unshare-user", "--uid", 1000, "--gid", 1000,
         "--unshare-pid", "--ro-bind", "/usr", "/usr", "--symlink", "usr/bin", "/bin", "--symlink",
         "usr/lib", "/lib", "--symlink", "usr/lib64", "/lib64", "--proc", "/proc", "--dev", "/dev",
         "--ro-bind", home / "etc", "/etc", "--bind", home, home,
         "/usr/sbin/sshd", "-D", "-e", "-f", home / "sshd_config", "-p", port)
-    processes.wait_for_line("sshd", "Server listening")
+    processes.wait_for_line("sshd", "Server listening", starts + 1)
 
 
 def login(program, home, *arguments):

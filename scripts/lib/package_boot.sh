@@ -26,6 +26,12 @@ audited() {
         /var/log/remote-access/audit.json
 }
 as_operator() { runuser -u op -- "$@"; }
+elsewhere() { as_operator env XDG_CONFIG_HOME=/tmp/op remote-access "$@"; }
+logs_in() {
+    elsewhere login https://localhost:8443 --ca /srv/made/ca.pem \
+        --token-file /srv/made/operator.token &&
+        elsewhere --server https://localhost:8443 devices | grep gw-001
+}
 in_use() { remote-access-ctl sessions | grep ssh_localhost; }
 # The service takes connections and says nothing.
 session_opens() {
@@ -80,6 +86,7 @@ check "a wrong password is refused" eval '! verify wrong'
 check "a session to nobody is refused" refused
 check "and audited" audited
 check "an operator may ask the back end" as_operator remote-access devices
+check "and log in over HTTPS" logs_in
 check "and read no secret" as_operator test ! -r /etc/remote-access/devices.json
 check "a session opens" session_opens
 check "an upgrade leaves the daemon that carries it alone" upgrade -eq

@@ -17,7 +17,7 @@ bare_root() {
     shift 2
     rm -rf "$root"
     debootstrap --variant=minbase "$@" "$suite" "$root" "$(debian_mirror)" &&
-        cp /etc/resolv.conf "$root/etc/" &&
+        cp /etc/resolv.conf "$root/etc/" && printf '127.0.0.1 localhost\n' >"$root/etc/hosts" &&
         printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d" &&
         chmod 755 "$root/usr/sbin/policy-rc.d"
 }
@@ -41,12 +41,13 @@ suite_build_root() {
     [ "$(cat "$root/made-for" 2>/dev/null)" != "$wanted" ] || return 0
     printf 'making a root of %s in %s\n' "$suite" "$root"
     bare_root "$suite" "$root" >"$root.log" 2>&1 || { tail -n 25 "$root.log"; return 1; }
-    printf 'deb %s %s main\n' "$(debian_mirror)" "$(suite_of_host)" \
-        >"$root/etc/apt/sources.list.d/host.list"
-    printf 'Package: %s\nPin: release n=%s\nPin-Priority: %d\n\n' \
-        '*' "$(suite_of_host)" -1 libcli11-dev "$(suite_of_host)" 500 \
-        >"$root/etc/apt/preferences.d/host"
-    [ "$suite" != "$(suite_of_host)" ] || rm "$root"/etc/apt/{preferences.d/host,sources.list.d/host.list}
+    if [ "$suite" != "$(suite_of_host)" ]; then
+        printf 'deb %s %s main\n' "$(debian_mirror)" "$(suite_of_host)" \
+            >"$root/etc/apt/sources.list.d/host.list"
+        printf 'Package: %s\nPin: release n=%s\nPin-Priority: %d\n\n' \
+            '*' "$(suite_of_host)" -1 libcli11-dev "$(suite_of_host)" 500 \
+            >"$root/etc/apt/preferences.d/host"
+    fi
     { in_root "$root" apt-get update &&
         in_root "$root" apt-get install --yes --no-install-recommends "$@"; } >"$root.log" 2>&1 ||
         { tail -n 25 "$root.log"; return 1; }

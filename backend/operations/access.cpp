@@ -18,17 +18,23 @@ DEVICE_KEY_T findDeviceFor(const OPERATIONS_T &operations, const PRINCIPAL_T &wh
                            std::string_view name)
 {
     const DEVICE_KEY_T *found = nullptr;
+    std::string hidden;
     const std::vector<DEVICE_KEY_T> meant = findDevices(operations.directory, name);
     for (const DEVICE_KEY_T &device : meant) {
-        if (decideFor(operations, who, RIGHT::LIST, &device, {}).verdict == VERDICT::UNKNOWN)
+        const DECISION_T decision = decideFor(operations, who, RIGHT::LIST, &device, {});
+        if (decision.verdict == VERDICT::UNKNOWN) {
+            hidden = who.is_operator
+                         ? "no grant covers " + device.product_key + ":" + device.device_name
+                         : decision.reason;
             continue;
+        }
         if (found != nullptr)
             throw OperationFault(FAULT::BAD_REQUEST, "several devices are named " +
                                                          std::string(name) +
                                                          ": write PRODUCT_KEY:DEVICE_NAME");
         found = &device;
     }
-    if (found == nullptr) throw OperationFault(FAULT::NOT_FOUND, noSuchDevice(name));
+    if (found == nullptr) throw OperationFault(FAULT::NOT_FOUND, noSuchDevice(name), hidden);
     return *found;
 }
 

@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace backend {
 
@@ -30,8 +31,12 @@ const FAULT_KIND_T &faultKind(FAULT fault);
 const FAULT_KIND_T *findFaultKind(std::string_view name); // null: there is none
 
 struct OperationFault : std::runtime_error {
-    OperationFault(FAULT of, const std::string &text) : std::runtime_error(text), fault(of) {}
+    OperationFault(FAULT of, const std::string &text, std::string for_audit = {})
+        : std::runtime_error(text), fault(of), recorded(std::move(for_audit))
+    {
+    }
     FAULT fault;
+    std::string recorded; // what the one who asked must not learn; empty: the text says it all
 };
 
 } // namespace backend

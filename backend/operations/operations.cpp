@@ -162,7 +162,7 @@ static void parse(const OPERATIONS_T &operations, const OPERATION_T &operation, 
     try {
         operation.parse(operations, call.who, call.arguments, request);
     } catch (const OperationFault &fault) {
-        recordDenial(operation, call, fault.what());
+        recordDenial(operation, call, fault.recorded.empty() ? fault.what() : fault.recorded);
         throw;
     }
 }

@@ -73,6 +73,7 @@ std::optional<PRINCIPAL_T> signIn(const OPERATIONS_T &operations, const CREDENTI
     who.door = DOOR::API;
     who.name = proved->operator_name;
     who.token = proved->token;
+    if (who.token.empty()) who.certificate_names = credentials.certificate_names;
     who.expires = expiryOf(operations, who);
     who.from = credentials.from;
     who.from += who.token.empty() ? ", certificate" : ", token " + labelOf(operations, who.token);
@@ -85,6 +86,7 @@ PRINCIPAL_T accountPrincipal(const OPERATIONS_T &operations, DOOR door, const st
     PRINCIPAL_T who;
     who.door = door;
     who.name = account;
+    who.account = account;
     who.from = from;
     if (!operations.policy) return who;
     const auto proved = operatorOfAccount(*operations.policy, account);
@@ -100,7 +102,12 @@ bool isStillProved(const OPERATIONS_T &operations, const PRINCIPAL_T &who)
 {
     if (!operations.policy) return true;
     if (!who.is_operator || !hasOperator(*operations.policy, who.name)) return false;
-    if (who.token.empty()) return true;
+    if (who.token.empty()) {
+        const auto proved = who.account.empty()
+                                ? operatorOfCertificate(*operations.policy, who.certificate_names)
+                                : operatorOfAccount(*operations.policy, who.account);
+        return proved && proved->operator_name == who.name;
+    }
     if (who.token.starts_with(FILE_TOKEN)) return isInFile(*operations.policy, who.name, who.token);
     const TOKEN_RECORD_T *record = findTokenById(operations.tokens, who.token);
     if (record != nullptr) return isRooted(operations, *record);

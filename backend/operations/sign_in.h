@@ -28,8 +28,9 @@ std::optional<PRINCIPAL_T> signIn(const OPERATIONS_T &operations, const CREDENTI
 PRINCIPAL_T accountPrincipal(const OPERATIONS_T &operations, DOOR door, const std::string &account,
                              const std::string &from);
 
-// False once the operator, or the token that he came with, is gone. A token that has run out
-// in the meantime is not gone: it begins nothing new, but what it began goes on.
+// False once the operator is gone, or the account, certificate or token that he came with is not
+// his any more. A token that has run out in the meantime is not gone: it begins nothing new, but
+// what it began goes on.
 bool isStillProved(const OPERATIONS_T &operations, const PRINCIPAL_T &who);
 
 } // namespace backend

@@ -33,9 +33,11 @@ enum class DOOR { CONTROL_SOCKET, FORWARDED_PORT, API };
 
 struct PRINCIPAL_T {
     DOOR door = DOOR::CONTROL_SOCKET;
-    std::string name;           // the operator; without a policy the account
-    std::string from;           // process, or address and port
-    std::string token;          // id of the token that proved it, or empty
+    std::string name;                           // the operator; without a policy the account
+    std::string from;                           // process, or address and port
+    std::string token;                          // id of the token that proved it, or empty
+    std::string account;                        // of the machine that proved it, or empty
+    std::vector<std::string> certificate_names; // that proved it
     bool is_operator = true;    // false: an account that no operator of the policy has
     std::int64_t expires = 0;   // of that token, seconds since the epoch; 0: none
     bool is_host_admin = false; // the machine's root, or the back end's own account

@@ -25,7 +25,7 @@ PACKAGES_RUN=(
 PACKAGES_TEST=(
     libgtest-dev libgmock-dev
     python3-pytest python3-jsonschema python3-websockets python3-dbus python3-gi dbus-bin iproute2
-    rsync tinyproxy-bin
+    nftables rsync tinyproxy-bin
 )
 
 # To build and run the benchmark, besides those to build and to run.

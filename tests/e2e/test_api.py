@@ -64,6 +64,7 @@ class Connection(http.client.HTTPSConnection):
 
     def connect(self):
         plain = socket.create_connection(("127.0.0.1", self.port), self.timeout)
+        plain.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.sock = self.tls.wrap_socket(plain, server_hostname=HOST)
 
 
@@ -379,6 +380,7 @@ class Events:
         self.connection = api.connection()
         self.connection.request("GET", "/api/v1/events",
                                 headers={"Authorization": "Bearer " + TOKENS.get(who, who)})
+        self.sock = self.connection.sock
         self.answer = self.connection.getresponse()
         self.status = self.answer.status
 

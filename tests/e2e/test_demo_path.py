@@ -17,7 +17,7 @@ import time
 
 import pytest
 
-from harness.backend import start_back_end
+from harness.backend import device_entry, start_back_end
 from harness.network import free_port
 from harness.sandbox import BIN, PASSWORD, REPOSITORY
 from harness.sshd import login, start_sshd
@@ -39,23 +39,32 @@ async def serve_page(reader, writer):
 
 
 class Tunnel:
-    """Gateway, services and back end; `ports` are those of the gateway's services, by name."""
+    """Gateway, services and back end; `ports` are those of the gateway's services, by name.
 
-    def __init__(self, launch, certificates, home, page=serve_page, options=(), sshd=()):
+    address   where the back end listens for gateways
+    beside    names of further gateways with the same services
+    """
+
+    def __init__(self, launch, certificates, home, page=serve_page, options=(),
+                 address="127.0.0.1", beside=(), sshd=()):
         self.home, self.listen = home, free_port()
         self.ports, self.services = {name: free_port() for name in NAMES}, {}
         web, self.sshd_port = free_port(), free_port()
         run_on_loop(asyncio.start_server(page, "127.0.0.1", web, backlog=64))
         offered = [{"type": name.split("_")[0].upper(), "name": name, "ip": "127.0.0.1",
                     "port": web if name == "http_localhost" else self.sshd_port} for name in NAMES]
-        self.gateway = launch(demo={
-            "cloud": self.listen, "authority": certificates.authority, "services": offered,
-            "files": {"etc/shadow": f"root:{sha512(PASSWORD)}:19000:0:99999:7:::\n"}})["demo"]
+        usual = {"cloud": self.listen, "authority": certificates.authority, "services": offered,
+                 "files": {"etc/shadow": f"root:{sha512(PASSWORD)}:19000:0:99999:7:::\n"}}
+        gateways = launch(demo=usual, **{
+            name: usual | {"config": {"gw_system_devicename": name}} for name in beside})
+        self.gateway = gateways["demo"]
         self.back_end = start_back_end(
-            self.gateway, ("127.0.0.1", self.listen), certificates.paths(), "--control",
-            self.home / "control", "--audit", self.home / "audit", *options, ports=self.ports)
+            self.gateway, (address, self.listen), certificates.paths(), "--control",
+            self.home / "control", "--audit", self.home / "audit", *options, ports=self.ports,
+            registered=[device_entry(gateway) for gateway in gateways.values()])
         start_sshd(self.gateway.beside, self.home, self.sshd_port, *sshd)
-        self.gateway.log.wait("I", "handshake response code is 0!", seconds=10)
+        for gateway in gateways.values():
+            gateway.log.wait("I", "handshake response code is 0!", seconds=10)
 
     def run(self, *command):
         done = subprocess.run(list(map(str, command)), capture_output=True, timeout=60 * SCALE,

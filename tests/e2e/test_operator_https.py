@@ -1,9 +1,8 @@
-"""The operator's tool on any machine: over HTTPS as over the control socket, and through a proxy."""
+"""The operator's tool on any machine: over HTTPS as over the control socket, and by a proxy."""
 import contextlib
 import hashlib
 import json
 import os
-import pathlib
 import pwd
 import shlex
 import signal
@@ -17,7 +16,7 @@ from harness.network import free_port
 from harness.sandbox import BIN, PASSWORD
 from harness.sshd import login
 from harness.waiting import SCALE, poll
-from test_demo_path import COPY, PAGE, Tunnel
+from test_demo_path import PAGE, Tunnel
 
 TOKENS = {name: "rat_" + name[0] * 43 for name in ("anna", "ben", "old")}
 USED = ("REMOTE_ACCESS_CONTROL", "REMOTE_ACCESS_SERVER", "https_proxy", "HTTPS_PROXY", "no_proxy",
@@ -44,23 +43,20 @@ class Office(Tunnel):
 
     operators = OPERATORS
 
-    def __init__(self, launch, certificates, home, options=(), sshd=()):
+    def __init__(self, launch, certificates, home, api="127.0.0.1", options=(), **more):
         (home / "operators.json").write_text(json.dumps(self.operators))
         (home / "operators.json").chmod(0o600)
         self.port, self.ca = free_port(), home / "api-ca.pem"
         self.ca.write_text(certificates.authority)
-        certificate, key = certificates.paths("address")
-        super().__init__(launch, certificates, home, options=(
-            "--operators", home / "operators.json", "--api", f"127.0.0.1:{self.port}",
-            "--api-cert", certificate, "--api-key", key, "--store", home / "store", *options),
-            sshd=sshd)
-        self.url = f"https://127.0.0.1:{self.port}"
+        certificates.issue(f"api-{home.name}", "ca", f"IP:{api}")
+        certificate, key = certificates.paths(f"api-{home.name}")
+        super().__init__(launch, certificates, home, **more, options=(
+            "--operators", home / "operators.json", "--api", f"{api}:{self.port}",
+            "--api-cert", certificate, "--api-key", key, "--store", home / "store", *options))
+        self.url = f"https://{api}:{self.port}"
         self.environment = {name: value for name, value in os.environ.items() if name not in USED}
         self.environment |= {"XDG_CONFIG_HOME": str(home / "config"),
                              "PATH": f"{BIN}:{os.environ['PATH']}"}
-        status, text = self.log_in("anna")
-        assert (status, text.splitlines()[0]) == (0, f"logged in to {self.url} as anna"), text
-
     def at_work(self, *arguments, server=None, environment=(), **options):
         """(status, output) of the tool, over HTTPS."""
         done = subprocess.run(
@@ -80,6 +76,8 @@ class Office(Tunnel):
 def office(launch, certificates, workspace):
     (workspace / "office").mkdir()
     office = Office(launch, certificates, workspace / "office")
+    status, text = office.log_in("anna")
+    assert (status, text.splitlines()[0]) == (0, f"logged in to {office.url} as anna"), text
     yield office
     log = office.gateway.log_beside("backend")
     assert office.back_end.poll() is None and "Sanitizer" not in log, log
@@ -199,29 +197,6 @@ def test_login_says_what_is_wrong(office, certificates, deaf, name, url, ca, sta
 
 
 # ---- sessions
-
-def by_name(office, program, *arguments):
-    return subprocess.run(login(program, office.home, "-o", "ProxyCommand=remote-access connect %n",
-                                *arguments), capture_output=True, timeout=60 * SCALE, check=False,
-                          env=office.environment)
-
-
-def test_ssh_and_its_copies(office):
-    up, back = office.home / "up", office.home / "back"
-    up.write_bytes(COPY)
-    done = by_name(office, "ssh", "operator@dev1", "seq 20000; exit 7")
-    assert (done.returncode, done.stdout.split()[-1]) == (7, b"20000"), done.stderr
-    for source, target in (up, f"operator@dev1:{back}-1"), (f"operator@dev1:{back}-1", f"{back}-2"):
-        assert by_name(office, "scp", source, target).returncode == 0
-    (office.home / "batch").write_text(f"put {up} {back}-3\nget {back}-3 {back}-4\n")
-    assert by_name(office, "sftp", "-b", office.home / "batch", "operator@dev1").returncode == 0
-    shell = shlex.join(login("ssh", office.home, "-o", "ProxyCommand=remote-access connect %n"))
-    subprocess.run(["rsync", "-a", "-e", shell, up, f"operator@dev1:{back}-5"], check=True,
-                   timeout=60 * SCALE, env=office.environment)
-    assert [pathlib.Path(f"{back}-{n}").read_bytes() == COPY for n in range(1, 6)] == [True] * 5
-    line = [line for line in office.audit() if line["event"] == "session_end"][-1]
-    assert (line["who"], line["whole"]) == ("anna", True)
-
 
 def test_output_that_waits(office):
     """A reader that takes nothing for a while gets all of it."""

@@ -11,10 +11,19 @@ Subsystem sftp internal-sftp
 _OPTIONS = ("StrictHostKeyChecking=no", "UserKnownHostsFile=/dev/null", "BatchMode=yes")
 
 
+def as_user(home, *options):
+    """The command that runs others as an ordinary user who sees no more than this machine's
+    programs, `home`, and what the options of bwrap add; `home`/etc is /etc there."""
+    (home / "etc").mkdir(exist_ok=True)
+    (home / "etc/passwd").write_text(f"operator:x:1000:1000::{home}:/bin/sh\n")
+    return ["bwrap", "--die-with-parent", "--unshare-user", "--uid", 1000, "--gid", 1000,
+            "--unshare-pid", "--ro-bind", "/usr", "/usr", "--symlink", "usr/bin", "/bin",
+            "--symlink", "usr/lib", "/lib", "--symlink", "usr/lib64", "/lib64", "--proc", "/proc",
+            "--dev", "/dev", "--ro-bind", home / "etc", "/etc", "--bind", home, home, *options]
+
+
 def start_sshd(processes, home, port, *lines):
     """With more lines of its configuration."""
-    (home / "etc").mkdir()
-    (home / "etc/passwd").write_text(f"operator:x:1000:1000::{home}:/bin/sh\n")
     (home / "sshd_config").write_text(
         _CONFIG.format(home=home) + "".join(f"{line}\n" for line in lines))
     for key in ("host_key", "login_key"):
@@ -26,11 +35,8 @@ def start_sshd(processes, home, port, *lines):
 def run_sshd(processes, home, port):
     starts = processes.log("sshd").count("Server listening")
     processes.start(
-        "sshd", "bwrap", "--die-with-parent", "--unshare-user", "--uid", 1000, "--gid", 1000,
-        "--unshare-pid", "--ro-bind", "/usr", "/usr", "--symlink", "usr/bin", "/bin", "--symlink",
-        "usr/lib", "/lib", "--symlink", "usr/lib64", "/lib64", "--proc", "/proc", "--dev", "/dev",
-        "--ro-bind", home / "etc", "/etc", "--bind", home, home,
-        "/usr/sbin/sshd", "-D", "-e", "-f", home / "sshd_config", "-p", port)
+        "sshd", *as_user(home), "/usr/sbin/sshd", "-D", "-e", "-f", home / "sshd_config", "-p",
+        port)
     processes.wait_for_line("sshd", "Server listening", starts + 1)
 
 

@@ -43,10 +43,10 @@ class Certificates:
         if not (directory / "index").exists():  # made by another process of this run
             (directory / "index").touch()
             for name, issued in _ISSUED.items():
-                self._issue(name, *issued)
+                self.issue(name, *issued)
         self.authority = self.text("ca")
 
-    def _issue(self, name, issuer, names, first, last):
+    def issue(self, name, issuer, names, first=-1, last=30):
         place = self.directory / name
         place.with_suffix(".conf").write_text(_ISSUER.format(directory=self.directory, name=name))
         place.with_suffix(".ext").write_text(

@@ -1,67 +1,24 @@
 #!/usr/bin/env bash
 # The inside of the demonstration, run in a sandbox by scripts/demo: starts a gateway, an MQTT
-# broker and a back end, uses the tunnel between them, and controls it from both sides.
-# Expects the project at /project and the programs in /brimlock/gateway/build/bin.
+# broker and a back end, uses the tunnel between them, and controls it from both sides. Then it stays
+# for the operator elsewhere, until it is ended.
 #
 # Usage: demo_gateway.sh [stay]
 set -euo pipefail
-# shellcheck source=SCRIPTDIR/steps.sh
-source /project/scripts/lib/steps.sh
+# shellcheck source=SCRIPTDIR/demo_parts.sh
+source /project/scripts/lib/demo_parts.sh
 
-readonly BIN=/brimlock/gateway/build/bin
-readonly CONFIG=/brimlock/gateway/build/config
-readonly LOG=/tmp/log
-readonly MATERIAL=/tmp/demo
-readonly CONTROL=$MATERIAL/control
-readonly BUS_SOCKET=/tmp/var/run/mbusd/mbusd_socket
 readonly DAEMON_NAME=iot.gateway.remote_access_daemon
 readonly DAEMON_PATH=/iot/gateway/remote_access_daemon
-readonly BACKEND_NAME=backend.demo
-readonly PRODUCT_KEY=demo DEVICE=gw-001 VERSION=1.0.0
+readonly DEVICE=gw-001 HIDDEN_DEVICE=gw-002 VERSION=1.0.0
 readonly TOPICS=/sys/$PRODUCT_KEY/$DEVICE/edge
-readonly BACKEND_PORT=7443 SSHD_PORT=2222 WEB_PORT=8080 BROKER_PORT=1883 # what listens
+readonly WEB_PORT=8080 BROKER_PORT=1883              # what listens
 readonly SSH_PORT=2022 SFTP_PORT=2023 HTTP_PORT=2080 # the tunnel's ends on the back end's side
-readonly START_S=15 USE_S=120 SWITCH_S=5             # how long a step may take
+readonly SWITCH_S=5                                  # how long a switch may take
 readonly WATCHED_S=21                                # longer than a watched thread may be silent
 readonly MIB=64
 readonly LOG_TUNNEL="$LOG/clients.log $LOG/daemon.log $LOG/backend.log"
 readonly LOG_CONTROL="$LOG/control.log $LOG/daemon.log $LOG/mqtt_bridge.log"
-
-declare -A PIDS=()
-
-# start NAME COMMAND...: in the background, its output in its log.
-start() {
-    local name=$1
-    shift
-    "$@" >"$LOG/$name.log" 2>&1 </dev/null &
-    PIDS[$name]=$!
-}
-
-logged() { grep -qs -- "$2" "$LOG/$1.log"; }
-listens() { (: <"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
-random_hex() { od -An -N "$1" -tx1 /dev/urandom | tr -d ' \n'; }
-
-make_certificates() {
-    local request=(openssl req -x509 -config "$MATERIAL/req.conf" -days 2 -noenc
-        -newkey ec -pkeyopt ec_paramgen_curve:prime256v1)
-    cat >"$MATERIAL/req.conf" <<END
-[req]
-distinguished_name = name
-[name]
-[ca]
-basicConstraints = critical, CA:TRUE
-keyUsage = critical, keyCertSign
-[server]
-basicConstraints = critical, CA:FALSE
-extendedKeyUsage = serverAuth
-subjectAltName = DNS:$BACKEND_NAME
-END
-    "${request[@]}" -extensions ca -subj '/CN=Demo CA' \
-        -keyout "$MATERIAL/ca.key" -out "$CONFIG/ca.pem" &&
-        "${request[@]}" -extensions server -subj "/CN=$BACKEND_NAME" \
-            -CA "$CONFIG/ca.pem" -CAkey "$MATERIAL/ca.key" \
-            -keyout "$MATERIAL/backend.key" -out "$MATERIAL/backend.pem"
-}
 
 make_ssh_keys() {
     ssh-keygen -q -t ed25519 -N '' -C demo -f "$MATERIAL/host_key" &&
@@ -71,18 +28,7 @@ make_ssh_keys() {
     for host in "[127.0.0.1]:"{$SSH_PORT,$SFTP_PORT,$SSHD_PORT} $DEVICE; do
         printf '%s %s\n' "$host" "$(cat "$MATERIAL/host_key.pub")"
     done >"$MATERIAL/known_hosts"
-    cat >"$MATERIAL/sshd.conf" <<END
-Port $SSHD_PORT
-ListenAddress 127.0.0.1
-HostKey $MATERIAL/host_key
-AuthorizedKeysFile $MATERIAL/authorized_keys
-PasswordAuthentication no
-KbdInteractiveAuthentication no
-UsePAM no
-PidFile none
-Subsystem sftp internal-sftp
-SetEnv PATH=/usr/sbin:/usr/bin:$BIN REMOTE_ACCESS_CONTROL=$CONTROL
-END
+    write_sshd_configuration
     install -d -m 700 "$HOME/.ssh"
     cat >"$HOME/.ssh/config" <<END
 Host *
@@ -97,23 +43,12 @@ LogLevel ERROR
 END
 }
 
-# What the gateway and the back end know about each other and what the gateway offers.
+# What the gateway is told, and what it offers.
 write_configuration() {
-    local secret
-    secret=$(random_hex 16)
-    cat >"$CONFIG/gateway.conf" <<END
-# Settings of the demonstration's gateway
-gw_system_productkey=$PRODUCT_KEY
-gw_system_devicename=$DEVICE
-gw_system_devicesecret=$secret
-# The gateway stays connected to the broker; remote access starts closed and is opened from the
-# cloud or over the bus.
-gw_system_cloud_long_connection=1
-gw_remoteaccess_cloud_host=$BACKEND_NAME
-gw_remoteaccess_cloud_port=$BACKEND_PORT
-gw_remoteaccess_cert_path=$CONFIG/ca.pem
-gw_remoteaccess_tls_type=1
-END
+    # The gateway stays connected to the broker; remote access starts closed and is opened from the
+    # cloud or over the bus.
+    (umask 077 && { cat "/tmp/settings/$DEVICE" && echo gw_system_cloud_long_connection=1; } \
+        >"$CONFIG/gateway.conf") && cp "$INSTALLED/ca.pem" "$CONFIG/ca.pem" || return 1
     cat >"$CONFIG/remote_terminal.json" <<END
 [{"type":"SSH","name":"ssh_localhost","ip":"127.0.0.1","port":$SSHD_PORT},
  {"type":"SFTP","name":"sftp_localhost","ip":"127.0.0.1","port":$SSHD_PORT},
@@ -121,10 +56,6 @@ END
 END
     # No SPECIFICATION file: an installation of unknown edition describes itself to the cloud.
     printf '%s' "$VERSION" >"$CONFIG/../VERSION"
-    cat >"$MATERIAL/devices.json" <<END
-{"devices":[{"product_key":"$PRODUCT_KEY","device_name":"$DEVICE","device_secret":"$secret"}]}
-END
-    chmod 600 "$CONFIG/gateway.conf" "$MATERIAL/devices.json"
     cat >"$MATERIAL/broker.conf" <<END
 listener $BROKER_PORT 127.0.0.1
 allow_anonymous true
@@ -133,20 +64,15 @@ END
 }
 
 prepare() {
-    make_certificates && make_ssh_keys && write_configuration &&
+    make_ssh_keys && write_configuration &&
         head -c 100000 /dev/urandom | base64 >"$MATERIAL/web/index.html" &&
         head -c "${MIB}M" /dev/urandom >"$MATERIAL/original"
 }
 
-start_bus() {
-    start bus dbus-daemon --config-file=/project/devgateway/bus/mbusd.conf --nofork --nopidfile
-    wait_for $START_S "${PIDS[bus]}" test -S "$BUS_SOCKET"
-}
-
-start_config_manager() {
-    start config_manager "$BIN/gateway_config_manager" \
-        --bus "unix:path=$BUS_SOCKET" --file "$CONFIG/gateway.conf"
-    wait_for $START_S "${PIDS[config_manager]}" logged config_manager ' offered on '
+# Two devices, of which the operator elsewhere may know one.
+install_for_demo() {
+    install_backend "$DEVICE" "$HIDDEN_DEVICE" && admit_operator "$DEVICE" || return 1
+    STEP_NOTE="devices $(administer device list | paste -sd ' '), $OPERATOR may use $DEVICE"
 }
 
 start_watchdog() {
@@ -165,19 +91,11 @@ start_mqtt_bridge() {
     wait_for $START_S "${PIDS[mqtt_bridge]}" logged mqtt_bridge 'connected to the broker'
 }
 
-start_backend() {
-    start backend "$BIN/remote_access_backend" --listen "127.0.0.1:$BACKEND_PORT" \
-        --cert "$MATERIAL/backend.pem" --key "$MATERIAL/backend.key" \
-        --devices "$MATERIAL/devices.json" --control "$CONTROL" --audit "$LOG/audit.json" \
-        --forward "$SSH_PORT=$DEVICE/ssh_localhost" \
+start_backend_with_ports() {
+    start_backend --forward "$SSH_PORT=$DEVICE/ssh_localhost" \
         --forward "$SFTP_PORT=$DEVICE/sftp_localhost" \
-        --forward "$HTTP_PORT=$DEVICE/http_localhost"
-    wait_for $START_S "${PIDS[backend]}" logged backend "http_localhost ready"
-}
-
-start_sshd() {
-    start sshd /usr/sbin/sshd -D -e -f "$MATERIAL/sshd.conf"
-    wait_for $START_S "${PIDS[sshd]}" listens $SSHD_PORT
+        --forward "$HTTP_PORT=$DEVICE/http_localhost" &&
+        wait_for $START_S "${PIDS[backend]}" logged backend "http_localhost ready"
 }
 
 start_web() {
@@ -284,7 +202,7 @@ run_command() {
 # The line that a session leaves in the audit follows its end.
 session_was_whole() {
     for _ in {1..50}; do
-        grep '"event":"session_end"' "$LOG/audit.json" | tail -n 1 |
+        grep '"event":"session_end"' "$INSTALLED/audit.json" | tail -n 1 |
             grep -F '"whole":true' && return
         sleep 0.1
     done
@@ -307,9 +225,6 @@ examine() {
     "$BIN/remote-access-ctl" wait --connected --timeout $SWITCH_S
 }
 
-# rate NANOSECONDS: of the file's transfer.
-rate() { awk -v ns="$1" -v mib=$MIB 'BEGIN { printf "%.1f MB/s", mib * 1.048576 / (ns / 1e9) }'; }
-
 # copy_both_ways PORT: to the gateway and back in one sftp session, which takes the times itself.
 copy_both_ways() {
     local times
@@ -323,7 +238,7 @@ get copy $MATERIAL/returned
 END
     timeout $USE_S sftp -P "$1" -b "$MATERIAL/batch" 127.0.0.1 || return 1
     mapfile -t times <"$MATERIAL/times"
-    STEP_NOTE="up $(rate $((times[1] - times[0]))), down $(rate $((times[2] - times[1])))"
+    STEP_NOTE="up $(rate $((times[1] - times[0])) $MIB), down $(rate $((times[2] - times[1])) $MIB)"
     # The gateway's file system is at hand here: its copy is compared in place.
     (cd / && sha256sum "$MATERIAL/original" "$HOME/copy" "$MATERIAL/returned" | tee /dev/stderr |
         awk '{ sums[$1] } END { exit NR != 3 || length(sums) != 1 }')
@@ -336,22 +251,17 @@ fetch_page() {
     cmp "$MATERIAL/page" "$MATERIAL/web/index.html"
 }
 
-# open_relay NAME PORT: forwards connections from outside to a port in here; the other relay is
-# scripts/demo's.
-open_relay() {
-    start "$1" /project/scripts/lib/relay.py "unix:/tmp/$1" "tcp:127.0.0.1:$2"
-    wait_for $START_S "${PIDS[$1]}" test -S "/tmp/$1"
-}
 open_relays() { open_relay tunnel $SSH_PORT && open_relay gateway $SSHD_PORT; }
 
 mkdir -p "$LOG" "$MATERIAL/web" "$CONFIG" "${BUS_SOCKET%/*}"
-step "$LOG/prepare.log" "certificates, keys and settings made" prepare
+step "$LOG/prepare.log" "certificates, devices and policy made" install_for_demo
+step "$LOG/prepare.log" "gateway's keys and settings made" prepare
 step "$LOG/steps.log $LOG/bus.log" "message bus started" start_bus
 step "$LOG/steps.log $LOG/watchdog.log" "watchdog started" start_watchdog
 step "$LOG/steps.log $LOG/config_manager.log" "configuration manager started" start_config_manager
 step "$LOG/steps.log $LOG/broker.log" "MQTT broker started" start_broker
 step "$LOG/steps.log $LOG/mqtt_bridge.log" "MQTT bridge started" start_mqtt_bridge
-step "$LOG/steps.log $LOG/backend.log" "back end started" start_backend
+step "$LOG/steps.log $LOG/backend.log" "back end started" start_backend_with_ports
 step "$LOG/steps.log $LOG/sshd.log" "sshd started on the gateway" start_sshd
 step "$LOG/steps.log $LOG/web.log" "web server started on the gateway" start_web
 step "$LOG/steps.log $LOG/daemon.log $LOG/mqtt_bridge.log" \
@@ -379,10 +289,8 @@ step "$LOG_CONTROL $LOG/backend.log" "switched on from the cloud, channel up" \
 step "$LOG_TUNNEL $LOG/sshd.log" "ssh through the tunnel again" run_command
 step "$LOG/steps.log $LOG/watchdog.log" "no lapse seen by the watchdog in $WATCHED_S s" \
     look_at_watchdog
+step "$LOG/steps.log $LOG/api.log" "API's port opened to the operator" open_relay api $API_PORT
 if [ "${1:-}" = stay ]; then
     step "$LOG/steps.log $LOG/tunnel.log $LOG/gateway.log" "relays to the outside open" open_relays
-    touch /tmp/ready
-    wait -n "${PIDS[@]}" || true # until one of the programs ends, or until the sandbox is ended
-    printf 'one of the programs has ended\n' >&2
-    exit 1
 fi
+serve "the gateway"

@@ -6,6 +6,8 @@
 umask 022 # a bus in folders that others may change is not used
 readonly SANDBOX_ID=1000 # whoever starts it is the user "gateway" inside
 
+# SANDBOX_HOSTS are more names of its own, SANDBOX_NAME is its host name.
+
 # sandbox_create DIR: makes what the inside sees of DIR: tmp, brimlock, home and etc.
 sandbox_create() {
     local dir=$1
@@ -34,7 +36,7 @@ sandbox_exec() {
     shift
     exec bwrap --die-with-parent --new-session \
         --unshare-user --uid "$SANDBOX_ID" --gid "$SANDBOX_ID" \
-        --unshare-net --unshare-pid --unshare-ipc --unshare-uts --hostname gateway \
+        --unshare-net --unshare-pid --unshare-ipc --unshare-uts --hostname "${SANDBOX_NAME:-gateway}" \
         --ro-bind /usr /usr --symlink usr/bin /bin --symlink usr/sbin /sbin \
         --symlink usr/lib /lib --symlink usr/lib64 /lib64 \
         --proc /proc --dev /dev \

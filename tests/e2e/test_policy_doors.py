@@ -241,6 +241,7 @@ class World:
             home / "operators.json", "--api", f"127.0.0.1:{port}", "--api-client-ca",
             certificates.paths("ca")[0], "--store", home / "store", "--audit", home / "audit",
             "--control", self.control, *forwards, registered=registered)
+        self.gateway.beside.wait_for_line("backend", "control socket")
         os.chmod(self.control, 0o666)  # whom it asks is the policy's matter here
         self.api = Api(port, certificates, lambda: self.gateway.log_beside("backend"))
         self.socket = ControlSocket(self)

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The inside of the demonstration, run in a sandbox by scripts/demo: starts a gateway, an MQTT
-# broker and a back end, uses the tunnel between them, and controls it from both sides. Then it stays
-# for the operator elsewhere, until it is ended.
+# broker and a back end, uses the tunnel between them, and controls it from both sides. Then it
+# stays for the operator elsewhere, until it is ended.
 #
 # Usage: demo_gateway.sh [stay]
 set -euo pipefail

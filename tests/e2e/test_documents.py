@@ -59,7 +59,8 @@ def run(*command):
 
 @pytest.fixture(scope="module")
 def ways_in(workspace):
-    """The ssh commands that scripts/demo --stay prints: through the tunnel, and beside it."""
+    """The ssh commands that scripts/demo --stay prints: through the tunnel, beside it, and over
+    HTTPS."""
     path = workspace / "demo"
     with open(path, "wb") as output, subprocess.Popen(
             ["setpriv", "--pdeathsig", "TERM", REPOSITORY / "scripts/demo", "--stay"],
@@ -76,7 +77,15 @@ def ways_in(workspace):
 
 
 def test_demo_tells_how_to_log_in(ways_in):
-    assert [run(*way, "hostname") for way in ways_in] == ["gateway\n"] * 2
+    assert [run(*way, "hostname") for way in ways_in] == ["gateway\n"] * 3
+
+
+def test_demo_with_several_gateways():
+    done = subprocess.run(
+        [REPOSITORY / "scripts/demo", "--gateways", "2"], stdin=subprocess.DEVNULL,
+        capture_output=True, text=True, timeout=60 * SCALE, check=False,
+        env={**os.environ, "RA_BUILD_DIR": str(BIN.parent)})
+    assert done.returncode == 0 and "2 answers" in done.stdout, done.stdout + done.stderr
 
 
 @pytest.mark.parametrize("document, commands, answers", blocks())

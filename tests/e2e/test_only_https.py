@@ -65,17 +65,21 @@ class Laptop:
             return client.connect_ex((HERE, port)) == 0
 
 
+class Headquarters(Office):
+    operators = POLICY
+
+
 @pytest.fixture(scope="module")
 def laptop(launch, certificates, workspace):
     (workspace / "headquarters").mkdir()
     (workspace / "laptop").mkdir()
     network = Namespace()
     network.join(("uplink", HERE), ("downlink", THERE))
-    office = Office(launch, certificates, workspace / "headquarters", POLICY, HERE,
-                    address="0.0.0.0", beside=["dev2"])
+    office = Headquarters(launch, certificates, workspace / "headquarters", HERE,
+                          address="0.0.0.0", beside=["dev2"])
     office.network = network
     laptop = Laptop(workspace / "laptop", office)
-    open_ = [laptop.reaches(port) for port in (office.port, office.listen, office.sshd)]
+    open_ = [laptop.reaches(port) for port in (office.port, office.listen, office.sshd_port)]
     command("nft", "-f", "-", text=RULES % office.port)
     try:
         assert open_ == [True] * 3
@@ -98,7 +102,7 @@ def laptop(launch, certificates, workspace):
 
 def test_nothing_but_https_leads_there(laptop):
     office = laptop.office
-    ports = office.port, office.listen, office.sshd
+    ports = office.port, office.listen, office.sshd_port
     assert [laptop.reaches(port) for port in ports] == [True, False, False]
     assert [socket.socket().connect_ex((HERE, port)) for port in ports] == [0] * 3  # at home
     for path in office.home / "control", "/run/remote-access/control":

@@ -57,6 +57,7 @@ class Office(Tunnel):
         self.environment = {name: value for name, value in os.environ.items() if name not in USED}
         self.environment |= {"XDG_CONFIG_HOME": str(home / "config"),
                              "PATH": f"{BIN}:{os.environ['PATH']}"}
+
     def at_work(self, *arguments, server=None, environment=(), **options):
         """(status, output) of the tool, over HTTPS."""
         done = subprocess.run(

@@ -90,6 +90,7 @@ class TrustingOffice(Office):
 def office(launch, certificates, workspace):
     (workspace / "certificates").mkdir()
     office = TrustingOffice(launch, certificates, workspace / "certificates")
+    assert office.log_in("anna")[0] == 0
     yield office
     log = office.gateway.log_beside("backend")
     assert office.back_end.poll() is None and "Sanitizer" not in log, log

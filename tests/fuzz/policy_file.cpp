@@ -37,6 +37,14 @@ PolicyPtr policyFrom(std::string_view text)
     }
 }
 
+PRINCIPAL_T principal(DOOR door, const std::string &name)
+{
+    PRINCIPAL_T who;
+    who.door = door;
+    who.name = name;
+    return who;
+}
+
 void requireAgreement(const POLICY_T &policy, const json &file, const PRINCIPAL_T &who)
 {
     for (const TARGET_T &target : g_targets) {
@@ -77,12 +85,12 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
         tokens += person.value("tokens", json::array()).size();
     }
     REQUIRE(fileTokens(*policy).size() == tokens);
-    requireAgreement(*policy, file, {DOOR::API, "nobody that can be named \"", {}, {}, false});
+    requireAgreement(*policy, file, principal(DOOR::API, "nobody that can be named \""));
     for (std::size_t i = 0; i < std::min(file["operators"].size(), OPERATORS_TRIED); i++) {
         const std::string name = file["operators"][i]["name"];
         REQUIRE(hasOperator(*policy, name));
-        requireAgreement(*policy, file, {DOOR::CONTROL_SOCKET, name, {}, {}, false});
-        requireAgreement(*policy, file, {DOOR::FORWARDED_PORT, name, {}, {}, true});
+        requireAgreement(*policy, file, principal(DOOR::CONTROL_SOCKET, name));
+        requireAgreement(*policy, file, principal(DOOR::FORWARDED_PORT, name));
     }
     return 0;
 }

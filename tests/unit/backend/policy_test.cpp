@@ -24,7 +24,10 @@ struct DEVICE_T {
 
 PRINCIPAL_T personNamed(std::string name, DOOR door = DOOR::API)
 {
-    return {door, std::move(name), {}, {}, false};
+    PRINCIPAL_T who;
+    who.door = door;
+    who.name = std::move(name);
+    return who;
 }
 
 // The file that docs/policy.md explains.

@@ -53,7 +53,7 @@ struct LIMITS_T {
     // times as many.
     double operator_rate = 50;
 
-    std::chrono::milliseconds answer_time{30000};     // for an operator's program to take an answer
+    std::chrono::milliseconds answer_time{30000}; // for an operator's program to take an answer
     std::chrono::milliseconds linger_time{
         30000}; // without data from the device, after the client has ended its sending
     std::chrono::milliseconds stall_time{

@@ -2,8 +2,8 @@
 // Limits   failed sign-ins of an address (IPv6: a /64): 10 at once, 1 a second; beyond that they
 //          are answered with 429 and leave no line. What proves an operator always gets in, so
 //          that nobody locks out others behind the same address. Requests of an operator:
-//          LIMITS_T::operator_rate. Connections: 256 of an operator, 4096 of all; event streams: 16 of
-//          an operator.
+//          LIMITS_T::operator_rate. Connections: 256 of an operator, 4096 of all; event streams:
+//          16 of an operator.
 // Threads  the thread of the io_context.
 // Secrets  none is in any line.
 #pragma once

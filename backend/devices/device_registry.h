@@ -1,6 +1,7 @@
 // The devices that may connect:
 // {"devices":[{"product_key":"..","device_name":"..","device_secret":"..",
-//              "labels":{"site":".."}, "old_secret":"..","old_secret_until":"2027-03-01T00:00:00Z"}]}
+//              "labels":{"site":".."}, "old_secret":"..",
+//              "old_secret_until":"2027-03-01T00:00:00Z"}]}
 // The last three are optional; old_secret and old_secret_until come together.
 // Limits   product key and device name 1 to 36 bytes (a device keeps no more of its own), secrets 1
 //          to 63 (a device cannot use a longer one), labels as in labels.h, file at most 256 MiB.

@@ -98,7 +98,7 @@ struct SESSION_T final : ChannelStream, std::enable_shared_from_this<SESSION_T> 
     std::vector<std::uint8_t> writing;
     std::size_t written = 0;
     bool write_active = false;
-    std::size_t counted = 0; // of these bytes, in the table's backlog
+    std::size_t counted = 0;                           // of these bytes, in the table's backlog
     std::chrono::steady_clock::time_point progress_at; // when the client took bytes last
 
     OutMessagePtr message; // the storage that the next client bytes are read into

@@ -1,4 +1,5 @@
-// The requests with one short answer: verify, disconnect, close; and what connect and forward share.
+// The requests with one short answer: verify, disconnect, close; and what connect and forward
+// share.
 #include "operator/commands/requests.h"
 
 #include "operator/terminal.h"

@@ -15,7 +15,8 @@ start_back_end() {
     "$program" --config "$1/made/backend.conf" 2>"$1/back-end.log" &
     BACK_END_PID=$!
     for _ in {1..50}; do
-        port=$(sed -nE 's/.*interface for operators ready on 127.*:([0-9]+)$/\1/p' "$1/back-end.log")
+        port=$(sed -nE 's/.*interface for operators ready on 127.*:([0-9]+)$/\1/p' \
+            "$1/back-end.log")
         [ -z "$port" ] || break
         sleep 0.1
     done
@@ -80,7 +81,8 @@ leaves_nothing() { # ROOT
         [ -d "$1$path" ] && [[ $path != *remote-access* ]] && continue
         [ ! -e "$1$path" ] || { printf 'left: %s\n' "$path"; return 1; }
     done <"$1/root/listed"
-    ! find "$1" -xdev \( -path "$1/root" -o -path "$1/var/cache/man" \) -prune -o -name '*remote*access*' -print | grep .
+    ! find "$1" -xdev \( -path "$1/root" -o -path "$1/var/cache/man" \) -prune -o \
+        -name '*remote*access*' -print | grep .
 }
 
 check_operator_roots() {
@@ -90,7 +92,8 @@ check_operator_roots() {
     check "back end started for operators" start_back_end "$folder"
     for entry in $OPERATOR_SUITES; do
         suite=${entry%%:*} root=$PWD/build/operator-root
-        package=build/packages/remote-access-operator_$(project_version)${entry#*:}_$ARCHITECTURE.deb
+        package=build/packages/remote-access-operator_$(project_version)${entry#*:}
+        package+=_$ARCHITECTURE.deb
         check "$suite: root made" operator_root "$suite" "$root"
         check "$suite: installed" install_operator "$root" "$package"
         check "$suite: the tool has the version" test \

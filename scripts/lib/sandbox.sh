@@ -36,7 +36,8 @@ sandbox_exec() {
     shift
     exec bwrap --die-with-parent --new-session \
         --unshare-user --uid "$SANDBOX_ID" --gid "$SANDBOX_ID" \
-        --unshare-net --unshare-pid --unshare-ipc --unshare-uts --hostname "${SANDBOX_NAME:-gateway}" \
+        --unshare-net --unshare-pid --unshare-ipc --unshare-uts \
+        --hostname "${SANDBOX_NAME:-gateway}" \
         --ro-bind /usr /usr --symlink usr/bin /bin --symlink usr/sbin /sbin \
         --symlink usr/lib /lib --symlink usr/lib64 /lib64 \
         --proc /proc --dev /dev \

@@ -123,7 +123,8 @@ copy_both_ways() {
 fetch_page() {
     local sums status=0
     start forward remote-access forward "$1/http_localhost" $WEB_PORT
-    wait_for $START_S "${PIDS[forward]}" listens $WEB_PORT || return 1
+    # A connection to find out whether it listens would be a session of its own.
+    wait_for $START_S "${PIDS[forward]}" logged forward ' leads to ' || return 1
     timeout $USE_S curl --silent --show-error --fail --noproxy '*' \
         --output "$HOME/page" "http://127.0.0.1:$WEB_PORT/" || status=1
     kill "${PIDS[forward]}"

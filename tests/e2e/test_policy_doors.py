@@ -571,11 +571,14 @@ def test_revoked_token_ends_what_came_of_it(world):
     other = make("dora")
     sessions = [world.token.connect(token, "gw-b-1", "ssh_a")[1]
                 for token in (first["token"], second["token"], "ben", other["token"])]
+    mark = world.mark()
     for who in "dora", "carl":  # another's is not there
         refused, same = (world.token.ask(who, "token-revoke", id=number)
                          for number in (first["id"], "0" * len(first["id"])))
         assert refused.kind == "not-found" and same.raw == refused.raw.replace(
             first["id"].encode(), b"0" * len(first["id"]))
+    assert ["is one of ben" in line["reason"] for line in world.denials(mark)] == [True, False] * 2
+    assert not world.audit("token_revoke", mark)
     assert all(session.exchange() for session in sessions)
     assert set(world.token.ask("ben", "token-revoke", id=first["id"]).json["revoked"]) == {
         first["id"], second["id"]}

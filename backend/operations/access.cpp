@@ -38,6 +38,25 @@ DEVICE_KEY_T findDeviceFor(const OPERATIONS_T &operations, const PRINCIPAL_T &wh
     return *found;
 }
 
+bool managesAll(const OPERATIONS_T &operations, const PRINCIPAL_T &who)
+{
+    return decideFor(operations, who, RIGHT::MANAGE, nullptr, {}).isAllowed();
+}
+
+void requireRevocable(const OPERATIONS_T &operations, const PRINCIPAL_T &who, const std::string &id)
+{
+    if (id.starts_with("operators.json:"))
+        throw OperationFault(FAULT::CONFLICT,
+                             "it stands in operators.json: take it out there and reload");
+    const TOKEN_RECORD_T *token = findTokenById(operations.tokens, id);
+    const std::string unknown = "no token has the id " + id;
+    if (token == nullptr) throw OperationFault(FAULT::NOT_FOUND, unknown);
+    if ((who.is_operator && token->operator_name == who.name) || managesAll(operations, who))
+        return;
+    throw OperationFault(FAULT::NOT_FOUND, unknown,
+                         "the token " + id + " is one of " + token->operator_name);
+}
+
 std::string noSuchDevice(std::string_view name)
 {
     return "no device is named " + std::string(name);

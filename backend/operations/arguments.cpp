@@ -199,10 +199,11 @@ void parseKeyToSign(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGU
     arguments.public_key = keyOf(textOf(request, "public_key"), KEY_OWNER::USER);
 }
 
-void parseToken(const OPERATIONS_T & /*operations*/, const PRINCIPAL_T & /*who*/,
-                ARGUMENTS_T &arguments, const json &request)
+void parseToken(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGUMENTS_T &arguments,
+                const json &request)
 {
     arguments.id = textOf(request, "id");
+    requireRevocable(operations, who, arguments.id);
 }
 
 } // namespace backend

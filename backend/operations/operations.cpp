@@ -111,7 +111,8 @@ static const OPERATION_T &operationOf(const json &request)
 static void recordDenial(const OPERATION_T &operation, const CALL_T &call,
                          const std::string &reason)
 {
-    if (!operation.right || operation.right == RIGHT::LIST) return;
+    const bool is_look = operation.right ? operation.right == RIGHT::LIST : !operation.record;
+    if (is_look) return;
     AuditMembers record = recordOf(call);
     record.emplace_back("do", operation.verb);
     record.emplace_back("reason", reason);

@@ -48,11 +48,6 @@ void answerQuestion(OPERATIONS_T &operations, const CallPtr &call)
 
 // ---- tokens
 
-static bool managesAll(const OPERATIONS_T &operations, const PRINCIPAL_T &who)
-{
-    return decideFor(operations, who, RIGHT::MANAGE, nullptr, {}).isAllowed();
-}
-
 void listTokens(OPERATIONS_T &operations, const CallPtr &call)
 {
     const bool sees_all = managesAll(operations, call->who);
@@ -112,14 +107,7 @@ void makeOwnToken(OPERATIONS_T &operations, const CallPtr &call)
 void revokeOwnToken(OPERATIONS_T &operations, const CallPtr &call)
 {
     const std::string &id = call->arguments.id;
-    if (id.starts_with("operators.json:"))
-        throw OperationFault(FAULT::CONFLICT,
-                             "it stands in operators.json: take it out there and reload");
-    const TOKEN_RECORD_T *token = findTokenById(operations.tokens, id);
-    const bool is_own =
-        token != nullptr && call->who.is_operator && token->operator_name == call->who.name;
-    if (token == nullptr || !(is_own || managesAll(operations, call->who)))
-        throw OperationFault(FAULT::NOT_FOUND, "no token has the id " + id);
+    requireRevocable(operations, call->who, id); // it may have gone while that was recorded
     const auto gone = std::make_shared<std::vector<std::string>>();
     *gone = revokeToken(operations.tokens, id, [call, gone](bool is_durable) {
         if (!is_durable)

@@ -17,63 +17,63 @@ constexpr std::size_t DEVICE_LABELS_MAX = 16; // of a device
 constexpr std::size_t LABEL_NAME_MAX = 64;
 constexpr std::size_t LABEL_VALUE_MAX = 255;
 
-class LABELS_T {
+class Labels {
 public:
     // Name and value. A NUL stands behind each, so that data() is a text for the C library, too.
     using value_type = std::pair<std::string_view, std::string_view>;
 
-    class const_iterator {
+    class ConstIterator {
     public:
         using iterator_category = std::input_iterator_tag;
-        using value_type = LABELS_T::value_type;
+        using value_type = Labels::value_type;
         using difference_type = std::ptrdiff_t;
         using pointer = const value_type *;
         using reference = const value_type &;
 
-        const_iterator() = default;
-        explicit const_iterator(std::string_view rest) : m_rest(rest)
+        ConstIterator() = default;
+        explicit ConstIterator(std::string_view rest) : rest_(rest)
         {
             take();
         }
         reference operator*() const
         {
-            return m_label;
+            return label_;
         }
         pointer operator->() const
         {
-            return &m_label;
+            return &label_;
         }
-        const_iterator &operator++()
+        ConstIterator &operator++()
         {
-            m_rest.remove_prefix(m_label.first.size() + m_label.second.size() + 2);
+            rest_.remove_prefix(label_.first.size() + label_.second.size() + 2);
             take();
             return *this;
         }
-        const_iterator operator++(int)
+        ConstIterator operator++(int)
         {
-            const const_iterator before = *this;
+            const ConstIterator before = *this;
             ++*this;
             return before;
         }
-        bool operator==(const const_iterator &other) const
+        bool operator==(const ConstIterator &other) const
         {
-            return m_rest.size() == other.m_rest.size();
+            return rest_.size() == other.rest_.size();
         }
 
     private:
         void take()
         {
-            if (m_rest.empty()) return;
-            const std::size_t name = m_rest.find('\0');
-            m_label.first = m_rest.substr(0, name);
-            m_label.second = m_rest.substr(name + 1, m_rest.find('\0', name + 1) - name - 1);
+            if (rest_.empty()) return;
+            const std::size_t name = rest_.find('\0');
+            label_.first = rest_.substr(0, name);
+            label_.second = rest_.substr(name + 1, rest_.find('\0', name + 1) - name - 1);
         }
-        std::string_view m_rest;
-        value_type m_label;
+        std::string_view rest_;
+        value_type label_;
     };
 
-    LABELS_T() = default;
-    LABELS_T(std::initializer_list<value_type> labels)
+    Labels() = default;
+    Labels(std::initializer_list<value_type> labels)
     {
         for (const auto &[name, value] : labels)
             add(name, value);
@@ -83,38 +83,38 @@ public:
     {
         if (find(name) != end()) return false;
         std::string text; // no larger than it has to be
-        text.reserve(m_text.size() + name.size() + value.size() + 2);
-        text.append(m_text).append(name).append(1, '\0').append(value).append(1, '\0');
-        m_text = std::move(text);
+        text.reserve(text_.size() + name.size() + value.size() + 2);
+        text.append(text_).append(name).append(1, '\0').append(value).append(1, '\0');
+        text_ = std::move(text);
         return true;
     }
-    [[nodiscard]] const_iterator find(std::string_view name) const
+    [[nodiscard]] ConstIterator find(std::string_view name) const
     {
         auto label = begin();
         while (label != end() && label->first != name)
             ++label;
         return label;
     }
-    [[nodiscard]] const_iterator begin() const
+    [[nodiscard]] ConstIterator begin() const
     {
-        return const_iterator(m_text);
+        return ConstIterator(text_);
     }
-    [[nodiscard]] const_iterator end() const
+    [[nodiscard]] ConstIterator end() const
     {
         return {};
     }
     [[nodiscard]] bool empty() const
     {
-        return m_text.empty();
+        return text_.empty();
     }
     [[nodiscard]] std::size_t size() const
     {
         return static_cast<std::size_t>(std::distance(begin(), end()));
     }
-    bool operator==(const LABELS_T &) const = default;
+    bool operator==(const Labels &) const = default;
 
 private:
-    std::string m_text; // name, NUL, value, NUL, and so on
+    std::string text_; // name, NUL, value, NUL, and so on
 };
 
 } // namespace backend

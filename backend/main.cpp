@@ -32,10 +32,10 @@ constexpr int EXIT_RUN_TIME = 1;
 constexpr int EXIT_USAGE = 2;
 constexpr auto GOODBYE_TIME = std::chrono::seconds(2);
 
-static DEVICE_REGISTRY_T readRegistry(const COMMAND_LINE_T &line)
+static DeviceRegistry readRegistry(const COMMAND_LINE_T &line)
 {
     std::vector<std::string> warnings;
-    DEVICE_REGISTRY_T registry = loadRegistry(line.devices, warnings);
+    DeviceRegistry registry = loadRegistry(line.devices, warnings);
     for (const std::string &warning : warnings)
         logWarning("%s", warning.c_str());
     return registry;

@@ -31,7 +31,7 @@ namespace backend {
 struct SERVER_OPTIONS_T {
     boost::asio::ip::tcp::endpoint listen;
     std::shared_ptr<TLS_CONTEXT_T> tls; // of new connections; null: plain ones
-    DEVICE_REGISTRY_T registry;
+    DeviceRegistry registry;
     PolicyPtr policy; // null: none
     std::vector<FORWARD_OPTION_T> forwards;
     std::optional<boost::asio::ip::tcp::endpoint> api;

@@ -16,7 +16,7 @@ namespace backend {
 
 struct DEVICE_FILE_T {
     JSON_TEXT_T json;
-    DEVICE_REGISTRY_T registry;
+    DeviceRegistry registry;
     std::map<DEVICE_KEY_T, std::size_t> places; // in the array "devices"
 
     [[nodiscard]] nlohmann::ordered_json &list()

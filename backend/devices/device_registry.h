@@ -26,64 +26,64 @@ namespace backend {
 constexpr std::size_t SECRET_MAX_BYTES = 63;
 
 // The secret and perhaps an old one, in one buffer: many devices may have both for a while.
-class SECRETS_T {
+class Secrets {
 public:
-    SECRETS_T() = default;
+    Secrets() = default;
     // old_until_s: seconds since the epoch; at that second the old one is not valid any more.
-    explicit SECRETS_T(std::string_view secret, std::string_view old = {},
-                       std::int64_t old_until_s = 0)
-        : m_old_until_s(old_until_s), m_size(static_cast<std::uint8_t>(secret.size()))
+    explicit Secrets(std::string_view secret, std::string_view old = {},
+                     std::int64_t old_until_s = 0)
+        : old_until_s_(old_until_s), size_(static_cast<std::uint8_t>(secret.size()))
     {
-        m_texts.reserve(secret.size() + old.size());
-        m_texts.append(secret).append(old);
+        texts_.reserve(secret.size() + old.size());
+        texts_.append(secret).append(old);
     }
     [[nodiscard]] std::string_view current() const
     {
-        return std::string_view(m_texts).substr(0, m_size);
+        return std::string_view(texts_).substr(0, size_);
     }
     // Empty: none.
     [[nodiscard]] std::string_view old() const
     {
-        return std::string_view(m_texts).substr(m_size);
+        return std::string_view(texts_).substr(size_);
     }
     [[nodiscard]] std::int64_t oldUntil() const
     {
-        return m_old_until_s;
+        return old_until_s_;
     }
     [[nodiscard]] bool hasValidOld(std::int64_t now_s) const
     {
-        return !old().empty() && now_s < m_old_until_s;
+        return !old().empty() && now_s < old_until_s_;
     }
 
 private:
-    std::string m_texts;
-    std::int64_t m_old_until_s = 0;
-    std::uint8_t m_size = 0;
+    std::string texts_;
+    std::int64_t old_until_s_ = 0;
+    std::uint8_t size_ = 0;
 };
 
 struct REGISTERED_T {
     DEVICE_KEY_T key;
-    SECRETS_T secrets;
-    LABELS_T labels;
+    Secrets secrets;
+    Labels labels;
 };
 
 // Whether a device that has proved this secret has proved to be this one.
 bool isSecretOf(const REGISTERED_T &device, std::string_view secret, std::int64_t now_s);
 
-class DEVICE_REGISTRY_T {
+class DeviceRegistry {
 public:
-    DEVICE_REGISTRY_T() = default;
+    DeviceRegistry() = default;
     // In the order of the file. Throws std::runtime_error for a device that stands there twice.
-    explicit DEVICE_REGISTRY_T(std::deque<REGISTERED_T> devices);
+    explicit DeviceRegistry(std::deque<REGISTERED_T> devices);
 
     [[nodiscard]] std::size_t size() const
     {
-        return m_by_key.size();
+        return by_key_.size();
     }
     // The devices in the order of their keys.
     const REGISTERED_T &operator[](std::size_t index) const
     {
-        return m_devices[m_by_key[index]];
+        return devices_[by_key_[index]];
     }
     // Null: it is not registered.
     [[nodiscard]] const REGISTERED_T *find(const DEVICE_KEY_T &key) const;
@@ -93,17 +93,17 @@ public:
     [[nodiscard]] std::vector<const REGISTERED_T *> findMeant(std::string_view name) const;
 
 private:
-    std::deque<REGISTERED_T> m_devices;
-    std::vector<std::uint32_t> m_by_key;
-    std::vector<std::uint32_t> m_by_name;
+    std::deque<REGISTERED_T> devices_;
+    std::vector<std::uint32_t> by_key_;
+    std::vector<std::uint32_t> by_name_;
 };
 
 // warnings: what an operator should know about a file that was accepted.
-DEVICE_REGISTRY_T loadRegistry(const std::string &path, std::vector<std::string> &warnings);
-DEVICE_REGISTRY_T parseRegistry(std::string_view text);
+DeviceRegistry loadRegistry(const std::string &path, std::vector<std::string> &warnings);
+DeviceRegistry parseRegistry(std::string_view text);
 
 // The device meant by "DEVICE_NAME", or by "PRODUCT_KEY:DEVICE_NAME" where the name alone is not
 // unique. Throws std::runtime_error when there is none, or more than one.
-const REGISTERED_T &findDeviceByName(const DEVICE_REGISTRY_T &registry, std::string_view name);
+const REGISTERED_T &findDeviceByName(const DeviceRegistry &registry, std::string_view name);
 
 } // namespace backend

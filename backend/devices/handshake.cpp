@@ -108,7 +108,7 @@ static HANDSHAKE_RESULT_T refuse(HANDSHAKE_CODE code, std::string detail, DEVICE
 }
 
 static HANDSHAKE_RESULT_T checkPayload(const json &payload, std::int64_t timestamp,
-                                       const DEVICE_REGISTRY_T &registry, std::int64_t now)
+                                       const DeviceRegistry &registry, std::int64_t now)
 {
     const std::string *uuid = findText(payload, "uuid");
     const std::string *key = findText(payload, "product_key");
@@ -150,7 +150,7 @@ static HANDSHAKE_RESULT_T checkPayload(const json &payload, std::int64_t timesta
     return result;
 }
 
-HANDSHAKE_RESULT_T checkHandshake(const MESSAGE_T &message, const DEVICE_REGISTRY_T &registry,
+HANDSHAKE_RESULT_T checkHandshake(const MESSAGE_T &message, const DeviceRegistry &registry,
                                   std::int64_t now)
 {
     if (message.header.type != MESSAGE_HANDSHAKE || message.header.msg_id != HANDSHAKE_ID) {

@@ -50,7 +50,7 @@ struct HANDSHAKE_RESULT_T {
 using HandshakeAnswer = std::function<void(HANDSHAKE_RESULT_T)>;
 
 // now: seconds since the epoch.
-HANDSHAKE_RESULT_T checkHandshake(const MESSAGE_T &message, const DEVICE_REGISTRY_T &registry,
+HANDSHAKE_RESULT_T checkHandshake(const MESSAGE_T &message, const DeviceRegistry &registry,
                                   std::int64_t now);
 
 // The words that go to the device with a code.

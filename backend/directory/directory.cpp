@@ -38,14 +38,14 @@ std::optional<DEVICE_VIEW_T> viewDevice(const DIRECTORY_T &directory, const DEVI
 void visitDevices(const DIRECTORY_T &directory, const std::optional<DEVICE_KEY_T> &after,
                   const std::function<bool(const DEVICE_VIEW_T &)> &visit)
 {
-    const DEVICE_REGISTRY_T &registry = directory.registry;
+    const DeviceRegistry &registry = directory.registry;
     const std::int64_t now_ms = wallClockMs();
     std::size_t at = after ? registry.indexAfter(*after) : 0;
     while (at < registry.size() && visit(viewOf(directory, registry[at], now_ms)))
         at++;
 }
 
-const LABELS_T *labelsOf(const DIRECTORY_T &directory, const DEVICE_KEY_T &device)
+const Labels *labelsOf(const DIRECTORY_T &directory, const DEVICE_KEY_T &device)
 {
     const REGISTERED_T *registered = directory.registry.find(device);
     return registered == nullptr ? nullptr : &registered->labels;
@@ -225,7 +225,7 @@ void deviceGone(DIRECTORY_T &directory, const ChannelPtr &channel, const std::st
 // walk beside the keys: a look-up for each would stop everything else for a while when there are
 // a hundred thousand.
 template <class Map, class Step>
-static void walkBeside(const Map &map, const DEVICE_REGISTRY_T &registry, Step step)
+static void walkBeside(const Map &map, const DeviceRegistry &registry, Step step)
 {
     std::size_t next = 0;
     for (const auto &[key, value] : map) {
@@ -248,7 +248,7 @@ void forgetUnregistered(DIRECTORY_T &directory)
         forgetDevice(directory.records, key);
 }
 
-DEVICE_REGISTRY_T replaceRegistry(DIRECTORY_T &directory, DEVICE_REGISTRY_T registry)
+DeviceRegistry replaceRegistry(DIRECTORY_T &directory, DeviceRegistry registry)
 {
     struct CHANGE_T {
         ChannelPtr channel;

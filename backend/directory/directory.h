@@ -32,7 +32,7 @@ constexpr auto DISPLACE_PERIOD = std::chrono::seconds(10);
 constexpr std::int64_t DUPLICATE_MARK_MS = 600'000; // how long a name stays marked
 
 struct DIRECTORY_T {
-    DEVICE_REGISTRY_T registry;
+    DeviceRegistry registry;
     DEVICE_RECORDS_T records;
     USED_SIGNATURES_T signatures;
     std::map<DEVICE_KEY_T, ChannelPtr> connected;
@@ -43,7 +43,7 @@ struct DIRECTORY_T {
 // What an operator is shown of a device.
 struct DEVICE_VIEW_T {
     const DEVICE_KEY_T *key;
-    const LABELS_T *labels;
+    const Labels *labels;
     ChannelPtr channel;            // null while it is away
     const DEVICE_RECORD_T *record; // null: it has never been there
     bool is_duplicate;
@@ -56,7 +56,7 @@ void visitDevices(const DIRECTORY_T &directory, const std::optional<DEVICE_KEY_T
                   const std::function<bool(const DEVICE_VIEW_T &)> &visit);
 
 // Null for a device without labels, and for one that is not registered.
-const LABELS_T *labelsOf(const DIRECTORY_T &directory, const DEVICE_KEY_T &device);
+const Labels *labelsOf(const DIRECTORY_T &directory, const DEVICE_KEY_T &device);
 
 // The devices that a name may mean: "DEVICE_NAME", or "PRODUCT_KEY:DEVICE_NAME".
 std::vector<DEVICE_KEY_T> findDevices(const DIRECTORY_T &directory, std::string_view name);
@@ -80,7 +80,7 @@ void deviceGone(DIRECTORY_T &directory, const ChannelPtr &channel, const std::st
 // has proved, is cut off; one with an old secret that is still valid stays. What is known of
 // devices that have been taken out is forgotten. Returns the registry from before, whose end takes
 // a while when it is large.
-DEVICE_REGISTRY_T replaceRegistry(DIRECTORY_T &directory, DEVICE_REGISTRY_T registry);
+DeviceRegistry replaceRegistry(DIRECTORY_T &directory, DeviceRegistry registry);
 
 // The records of devices that the registry does not have.
 void forgetUnregistered(DIRECTORY_T &directory);

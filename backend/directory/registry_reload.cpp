@@ -15,7 +15,7 @@ struct RegistryReload::STATE_T : std::enable_shared_from_this<STATE_T> {
     {
     }
     void begin();
-    void finish(RELOADED_T result, DEVICE_REGISTRY_T registry);
+    void finish(RELOADED_T result, DeviceRegistry registry);
 
     boost::asio::io_context &io;
     DIRECTORY_T &directory;
@@ -33,7 +33,7 @@ void RegistryReload::STATE_T::begin()
     asked = std::exchange(waiting, {});
     const auto read = [state = weak_from_this(), file = path, &context = io] {
         RELOADED_T result;
-        DEVICE_REGISTRY_T registry;
+        DeviceRegistry registry;
         try {
             registry = loadRegistry(file, result.warnings);
         } catch (const std::exception &fault) {
@@ -52,13 +52,13 @@ void RegistryReload::STATE_T::begin()
     }
 }
 
-void RegistryReload::STATE_T::finish(RELOADED_T result, DEVICE_REGISTRY_T registry)
+void RegistryReload::STATE_T::finish(RELOADED_T result, DeviceRegistry registry)
 {
     const auto keep = shared_from_this();
     is_reading = false;
     const auto answers = std::exchange(asked, {});
     if (result.fault.empty()) {
-        DEVICE_REGISTRY_T before = replaceRegistry(directory, std::move(registry));
+        DeviceRegistry before = replaceRegistry(directory, std::move(registry));
         // Freeing a large one takes a while, too.
         if (thread.joinable()) thread.join();
         try {
@@ -74,19 +74,19 @@ void RegistryReload::STATE_T::finish(RELOADED_T result, DEVICE_REGISTRY_T regist
 
 RegistryReload::RegistryReload(boost::asio::io_context &io, DIRECTORY_T &directory,
                                std::string path)
-    : m_state(std::make_shared<STATE_T>(io, directory, std::move(path)))
+    : state_(std::make_shared<STATE_T>(io, directory, std::move(path)))
 {
 }
 
 RegistryReload::~RegistryReload()
 {
-    if (m_state->thread.joinable()) m_state->thread.join();
+    if (state_->thread.joinable()) state_->thread.join();
 }
 
 void RegistryReload::start(ReloadAnswer done)
 {
-    m_state->waiting.push_back(std::move(done));
-    if (!m_state->is_reading) m_state->begin();
+    state_->waiting.push_back(std::move(done));
+    if (!state_->is_reading) state_->begin();
 }
 
 } // namespace backend

@@ -83,7 +83,7 @@ static bool isAnyMatch(const std::vector<PATTERN_T> &patterns, const std::string
                        [&text](const PATTERN_T &pattern) { return isMatch(pattern, text); });
 }
 
-static bool hasLabels(const DEVICE_GROUP_T &group, const LABELS_T *labels)
+static bool hasLabels(const DEVICE_GROUP_T &group, const Labels *labels)
 {
     return std::all_of(group.labels.begin(), group.labels.end(), [labels](const auto &wanted) {
         if (labels == nullptr) return false;

@@ -46,7 +46,7 @@ struct PRINCIPAL_T {
 // What a right is wanted for. Labels may be null: there are none.
 struct TARGET_T {
     const DEVICE_KEY_T *device = nullptr; // null: every device
-    const LABELS_T *labels = nullptr;
+    const Labels *labels = nullptr;
     std::string_view service; // empty: the device as such
 };
 

@@ -14,7 +14,7 @@ using nlohmann::json;
 namespace {
 
 constexpr std::int64_t NOW = 1600000000;
-const DEVICE_REGISTRY_T g_registry = parseRegistry(
+const DeviceRegistry g_registry = parseRegistry(
     R"({"devices":[{"product_key":"pk1","device_name":"dev1","device_secret":"secret1"}]})");
 
 void requireSound(const HANDSHAKE_RESULT_T &result, const HEADER_T &header)

@@ -1,6 +1,6 @@
 // The file of devices: whatever is accepted can be found again, within the limits, in order.
 // Under test: backend/devices/registry_reader.cpp
-// Under test: backend/devices/device_registry.cpp(parse|find|index|DEVICE_REGISTRY_T|refuse)
+// Under test: backend/devices/device_registry.cpp(parse|find|index|DeviceRegistry|refuse)
 // Under test: backend/utc_time.cpp
 #include "backend/devices/device_registry.h"
 #include "backend/utc_time.h"
@@ -16,7 +16,7 @@ static bool isWithin(std::string_view text, std::size_t limit)
     return !text.empty() && text.size() <= limit;
 }
 
-static void requireSound(const DEVICE_REGISTRY_T &registry)
+static void requireSound(const DeviceRegistry &registry)
 {
     for (std::size_t i = 0; i < registry.size(); i++) {
         const REGISTERED_T &device = registry[i];

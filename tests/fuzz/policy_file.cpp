@@ -19,7 +19,7 @@ namespace {
 constexpr std::size_t OPERATORS_TRIED = 4;
 const DEVICE_KEY_T g_device{"PK1", "gw-1"};
 const DEVICE_KEY_T g_other{"PK2", "gw-b-2"};
-const LABELS_T g_labels{{"site", "berlin"}, {"zone", "z"}};
+const Labels g_labels{{"site", "berlin"}, {"zone", "z"}};
 const std::array<TARGET_T, 6> g_targets{{{&g_device, nullptr, {}},
                                          {&g_device, &g_labels, "ssh_localhost"},
                                          {&g_other, &g_labels, {}},

@@ -34,13 +34,13 @@ protected:
         SERVER_OPTIONS_T options;
         options.listen = parseEndpoint("127.0.0.1:0");
         std::deque<REGISTERED_T> devices;
-        devices.push_back({{"pk1", "dev1"}, SECRETS_T("secret1"), {}});
-        devices.push_back({{"pk1", "dev2"}, SECRETS_T("secret2"), {}});
+        devices.push_back({{"pk1", "dev1"}, Secrets("secret1"), {}});
+        devices.push_back({{"pk1", "dev2"}, Secrets("secret2"), {}});
         options.forwards = {parseForward("0=dev1/ssh"), parseForward("0=dev1/other")};
         options.control = control;
         for (int i = 0; i < more_devices; i++)
-            devices.push_back({{"pk2", std::to_string(i)}, SECRETS_T("secret"), {}});
-        options.registry = DEVICE_REGISTRY_T(std::move(devices));
+            devices.push_back({{"pk2", std::to_string(i)}, Secrets("secret"), {}});
+        options.registry = DeviceRegistry(std::move(devices));
         options.limits = limits;
         server = startServer(io, std::move(options));
         port = listenEndpoint(*server).port();

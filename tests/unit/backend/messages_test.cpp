@@ -230,7 +230,7 @@ TEST(DeviceRegistry, FaultsNameTheirPlace)
 
 TEST(DeviceRegistry, FindsByKeyAndName)
 {
-    const DEVICE_REGISTRY_T registry = parseRegistry(
+    const DeviceRegistry registry = parseRegistry(
         "{\"devices\":[" + entry("pk2", "d", "s2") + "," + entry("pk", "d", "s1") + "," +
         entry("a:b", "c", "s3") + "," +
         R"({"labels":{"site":"berlin","rack":""},"x":1,"product_key":"pk","device_name":"e:f",
@@ -260,7 +260,7 @@ TEST(DeviceRegistry, FindsByKeyAndName)
     EXPECT_TRUE(isSecretOf(last, "s4", 86401));
 }
 
-static HANDSHAKE_RESULT_T shakeHands(const DEVICE_REGISTRY_T &registry, const std::string &secret,
+static HANDSHAKE_RESULT_T shakeHands(const DeviceRegistry &registry, const std::string &secret,
                                      std::int64_t now)
 {
     const std::string payload =
@@ -275,7 +275,7 @@ static HANDSHAKE_RESULT_T shakeHands(const DEVICE_REGISTRY_T &registry, const st
 
 TEST(Handshake, TakesTheOldSecretUntilItsTime)
 {
-    const DEVICE_REGISTRY_T registry =
+    const DeviceRegistry registry =
         parseRegistry(with(R"("old_secret":"o","old_secret_until":"2027-03-01T00:00:00Z")"));
     constexpr std::int64_t UNTIL = 1803859200; // date -d 2027-03-01T00:00:00Z +%s
     EXPECT_EQ(shakeHands(registry, "s", UNTIL - 1).detail, "");
@@ -314,7 +314,7 @@ static HANDSHAKE_RESULT_T checkPatched(const std::string &patch, std::int64_t he
         "sign":"c7a6db3f0f11ef0ce104f068a6fe085758fdf9ecd772d0f4c2a78810e1939bd3"})");
     payload.merge_patch(nlohmann::json::parse(patch));
     const std::string text = payload.dump();
-    static const DEVICE_REGISTRY_T registry =
+    static const DeviceRegistry registry =
         parseRegistry("{\"devices\":[" + entry("pk1", "dev1", "secret1") + "]}");
     return checkHandshake({{MESSAGE_HANDSHAKE, header_time, id, ""}, bytesOf(text)}, registry, now);
 }

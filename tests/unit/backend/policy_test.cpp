@@ -19,7 +19,7 @@ namespace {
 
 struct DEVICE_T {
     DEVICE_KEY_T key;
-    LABELS_T labels;
+    Labels labels;
 };
 
 PRINCIPAL_T personNamed(std::string name, DOOR door = DOOR::API)
@@ -499,7 +499,7 @@ json randomPolicy(DICE_T &dice)
     return file;
 }
 
-std::string labelsText(const LABELS_T &labels)
+std::string labelsText(const Labels &labels)
 {
     std::string text;
     for (const auto &[name, value] : labels)
@@ -519,7 +519,7 @@ TEST(Policy, AgreesWithThePlainEvaluator)
         const PolicyPtr policy = parsePolicy(file.dump());
         for (int i = 0; i < 30; i++) {
             const DEVICE_KEY_T device{dice.pick(PRODUCTS), dice.pick(DEVICES)};
-            LABELS_T labels;
+            Labels labels;
             if (dice.isOneIn(2)) labels.add(dice.pick(LABEL_NAMES), dice.pick(LABEL_VALUES));
             const std::string service = dice.pick(SERVICES);
             const TARGET_T target{dice.isOneIn(10) ? nullptr : &device,

@@ -31,21 +31,21 @@ public:
         using reference = const value_type &;
 
         const_iterator() = default;
-        explicit const_iterator(std::string_view rest) : m_rest(rest)
+        explicit const_iterator(std::string_view rest) : rest_(rest)
         {
             take();
         }
         reference operator*() const
         {
-            return m_label;
+            return label_;
         }
         pointer operator->() const
         {
-            return &m_label;
+            return &label_;
         }
         const_iterator &operator++()
         {
-            m_rest.remove_prefix(m_label.first.size() + m_label.second.size() + 2);
+            rest_.remove_prefix(label_.first.size() + label_.second.size() + 2);
             take();
             return *this;
         }
@@ -57,19 +57,19 @@ public:
         }
         bool operator==(const const_iterator &other) const
         {
-            return m_rest.size() == other.m_rest.size();
+            return rest_.size() == other.rest_.size();
         }
 
     private:
         void take()
         {
-            if (m_rest.empty()) return;
-            const std::size_t name = m_rest.find('\0');
-            m_label.first = m_rest.substr(0, name);
-            m_label.second = m_rest.substr(name + 1, m_rest.find('\0', name + 1) - name - 1);
+            if (rest_.empty()) return;
+            const std::size_t name = rest_.find('\0');
+            label_.first = rest_.substr(0, name);
+            label_.second = rest_.substr(name + 1, rest_.find('\0', name + 1) - name - 1);
         }
-        std::string_view m_rest;
-        value_type m_label;
+        std::string_view rest_;
+        value_type label_;
     };
 
     LABELS_T() = default;
@@ -83,9 +83,9 @@ public:
     {
         if (find(name) != end()) return false;
         std::string text; // no larger than it has to be
-        text.reserve(m_text.size() + name.size() + value.size() + 2);
-        text.append(m_text).append(name).append(1, '\0').append(value).append(1, '\0');
-        m_text = std::move(text);
+        text.reserve(text_.size() + name.size() + value.size() + 2);
+        text.append(text_).append(name).append(1, '\0').append(value).append(1, '\0');
+        text_ = std::move(text);
         return true;
     }
     [[nodiscard]] const_iterator find(std::string_view name) const
@@ -97,7 +97,7 @@ public:
     }
     [[nodiscard]] const_iterator begin() const
     {
-        return const_iterator(m_text);
+        return const_iterator(text_);
     }
     [[nodiscard]] const_iterator end() const
     {
@@ -105,7 +105,7 @@ public:
     }
     [[nodiscard]] bool empty() const
     {
-        return m_text.empty();
+        return text_.empty();
     }
     [[nodiscard]] std::size_t size() const
     {
@@ -114,7 +114,7 @@ public:
     bool operator==(const LABELS_T &) const = default;
 
 private:
-    std::string m_text; // name, NUL, value, NUL, and so on
+    std::string text_; // name, NUL, value, NUL, and so on
 };
 
 } // namespace backend

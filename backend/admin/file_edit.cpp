@@ -27,23 +27,23 @@ constexpr auto LOCK_PAUSE = std::chrono::milliseconds(20);
 class FILE_T {
 public:
     FILE_T(const std::string &path, int flags, mode_t mode = 0)
-        : m_fd(open(path.c_str(), flags | O_CLOEXEC, mode))
+        : fd_(open(path.c_str(), flags | O_CLOEXEC, mode))
     {
-        if (m_fd < 0) failOn(path, ": ");
+        if (fd_ < 0) failOn(path, ": ");
     }
     FILE_T(const FILE_T &) = delete;
     FILE_T &operator=(const FILE_T &) = delete;
     ~FILE_T()
     {
-        close(m_fd);
+        close(fd_);
     }
     [[nodiscard]] int fd() const
     {
-        return m_fd;
+        return fd_;
     }
 
 private:
-    int m_fd;
+    int fd_;
 };
 
 static std::string readAll(const FILE_T &file, const std::string &path)

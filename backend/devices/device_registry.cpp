@@ -66,42 +66,42 @@ static void refuseDoubles(const std::deque<REGISTERED_T> &devices,
 }
 
 DEVICE_REGISTRY_T::DEVICE_REGISTRY_T(std::deque<REGISTERED_T> devices)
-    : m_devices(std::move(devices)), m_by_key(m_devices.size())
+    : devices_(std::move(devices)), by_key_(devices_.size())
 {
-    std::iota(m_by_key.begin(), m_by_key.end(), 0);
+    std::iota(by_key_.begin(), by_key_.end(), 0);
     const auto is_before = [this](std::uint32_t left, std::uint32_t right) {
-        const auto order = m_devices[left].key <=> m_devices[right].key;
+        const auto order = devices_[left].key <=> devices_[right].key;
         return order == 0 ? left < right : order < 0;
     };
     // Most files are in order.
-    if (!std::is_sorted(m_by_key.begin(), m_by_key.end(), is_before))
-        std::sort(m_by_key.begin(), m_by_key.end(), is_before);
-    refuseDoubles(m_devices, m_by_key);
-    m_by_name = m_by_key;
+    if (!std::is_sorted(by_key_.begin(), by_key_.end(), is_before))
+        std::sort(by_key_.begin(), by_key_.end(), is_before);
+    refuseDoubles(devices_, by_key_);
+    by_name_ = by_key_;
     const auto has_less_name = [this](std::uint32_t left, std::uint32_t right) {
-        return m_devices[left].key.device_name < m_devices[right].key.device_name;
+        return devices_[left].key.device_name < devices_[right].key.device_name;
     };
-    if (!std::is_sorted(m_by_name.begin(), m_by_name.end(), has_less_name))
-        std::sort(m_by_name.begin(), m_by_name.end(), has_less_name);
+    if (!std::is_sorted(by_name_.begin(), by_name_.end(), has_less_name))
+        std::sort(by_name_.begin(), by_name_.end(), has_less_name);
 }
 
 const REGISTERED_T *DEVICE_REGISTRY_T::find(const DEVICE_KEY_T &key) const
 {
-    const auto found = std::lower_bound(m_by_key.begin(), m_by_key.end(), key,
+    const auto found = std::lower_bound(by_key_.begin(), by_key_.end(), key,
                                         [this](std::uint32_t index, const DEVICE_KEY_T &wanted) {
-                                            return m_devices[index].key < wanted;
+                                            return devices_[index].key < wanted;
                                         });
-    if (found == m_by_key.end() || m_devices[*found].key != key) return nullptr;
-    return &m_devices[*found];
+    if (found == by_key_.end() || devices_[*found].key != key) return nullptr;
+    return &devices_[*found];
 }
 
 std::size_t DEVICE_REGISTRY_T::indexAfter(const DEVICE_KEY_T &key) const
 {
-    const auto found = std::upper_bound(m_by_key.begin(), m_by_key.end(), key,
+    const auto found = std::upper_bound(by_key_.begin(), by_key_.end(), key,
                                         [this](const DEVICE_KEY_T &wanted, std::uint32_t index) {
-                                            return wanted < m_devices[index].key;
+                                            return wanted < devices_[index].key;
                                         });
-    return static_cast<std::size_t>(found - m_by_key.begin());
+    return static_cast<std::size_t>(found - by_key_.begin());
 }
 
 std::vector<const REGISTERED_T *> DEVICE_REGISTRY_T::findMeant(std::string_view name) const
@@ -113,13 +113,13 @@ std::vector<const REGISTERED_T *> DEVICE_REGISTRY_T::findMeant(std::string_view 
             find({std::string(name.substr(0, colon)), std::string(name.substr(colon + 1))});
         if (device != nullptr) return {device};
     }
-    auto found = std::lower_bound(m_by_name.begin(), m_by_name.end(), name,
+    auto found = std::lower_bound(by_name_.begin(), by_name_.end(), name,
                                   [this](std::uint32_t index, std::string_view wanted) {
-                                      return m_devices[index].key.device_name < wanted;
+                                      return devices_[index].key.device_name < wanted;
                                   });
     std::vector<const REGISTERED_T *> meant;
-    for (; found != m_by_name.end() && m_devices[*found].key.device_name == name; ++found)
-        meant.push_back(&m_devices[*found]);
+    for (; found != by_name_.end() && devices_[*found].key.device_name == name; ++found)
+        meant.push_back(&devices_[*found]);
     return meant;
 }
 

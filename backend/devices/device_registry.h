@@ -32,33 +32,33 @@ public:
     // old_until_s: seconds since the epoch; at that second the old one is not valid any more.
     explicit SECRETS_T(std::string_view secret, std::string_view old = {},
                        std::int64_t old_until_s = 0)
-        : m_old_until_s(old_until_s), m_size(static_cast<std::uint8_t>(secret.size()))
+        : old_until_s_(old_until_s), size_(static_cast<std::uint8_t>(secret.size()))
     {
-        m_texts.reserve(secret.size() + old.size());
-        m_texts.append(secret).append(old);
+        texts_.reserve(secret.size() + old.size());
+        texts_.append(secret).append(old);
     }
     [[nodiscard]] std::string_view current() const
     {
-        return std::string_view(m_texts).substr(0, m_size);
+        return std::string_view(texts_).substr(0, size_);
     }
     // Empty: none.
     [[nodiscard]] std::string_view old() const
     {
-        return std::string_view(m_texts).substr(m_size);
+        return std::string_view(texts_).substr(size_);
     }
     [[nodiscard]] std::int64_t oldUntil() const
     {
-        return m_old_until_s;
+        return old_until_s_;
     }
     [[nodiscard]] bool hasValidOld(std::int64_t now_s) const
     {
-        return !old().empty() && now_s < m_old_until_s;
+        return !old().empty() && now_s < old_until_s_;
     }
 
 private:
-    std::string m_texts;
-    std::int64_t m_old_until_s = 0;
-    std::uint8_t m_size = 0;
+    std::string texts_;
+    std::int64_t old_until_s_ = 0;
+    std::uint8_t size_ = 0;
 };
 
 struct REGISTERED_T {
@@ -78,12 +78,12 @@ public:
 
     [[nodiscard]] std::size_t size() const
     {
-        return m_by_key.size();
+        return by_key_.size();
     }
     // The devices in the order of their keys.
     const REGISTERED_T &operator[](std::size_t index) const
     {
-        return m_devices[m_by_key[index]];
+        return devices_[by_key_[index]];
     }
     // Null: it is not registered.
     [[nodiscard]] const REGISTERED_T *find(const DEVICE_KEY_T &key) const;
@@ -93,9 +93,9 @@ public:
     [[nodiscard]] std::vector<const REGISTERED_T *> findMeant(std::string_view name) const;
 
 private:
-    std::deque<REGISTERED_T> m_devices;
-    std::vector<std::uint32_t> m_by_key;
-    std::vector<std::uint32_t> m_by_name;
+    std::deque<REGISTERED_T> devices_;
+    std::vector<std::uint32_t> by_key_;
+    std::vector<std::uint32_t> by_name_;
 };
 
 // warnings: what an operator should know about a file that was accepted.

@@ -77,8 +77,8 @@ public:
     {
         if (in_labels()) {
             takeLabel(text);
-        } else if (in_device() && m_member) {
-            m_texts[*m_member] = checked(text, 1, MEMBERS[*m_member].limit);
+        } else if (in_device() && member_) {
+            texts_[*member_] = checked(text, 1, MEMBERS[*member_].limit);
         } else {
             value();
         }
@@ -86,48 +86,48 @@ public:
     }
     bool start_object(std::size_t /*size*/)
     {
-        const bool is_device = m_depth == IN_LIST && m_in_devices;
-        const bool is_labels = in_device() && m_key == LABELS;
-        if (m_depth != 0 && !is_device && !is_labels) value();
+        const bool is_device = depth_ == IN_LIST && in_devices_;
+        const bool is_labels = in_device() && key_ == LABELS;
+        if (depth_ != 0 && !is_device && !is_labels) value();
         enter();
-        m_in_labels |= is_labels;
-        if (is_device) m_texts = {};
-        if (is_device) m_labels = {};
-        m_keys[m_depth].clear();
+        in_labels_ |= is_labels;
+        if (is_device) texts_ = {};
+        if (is_device) labels_ = {};
+        keys_[depth_].clear();
         return true;
     }
     bool key(std::string &name)
     {
-        const bool is_new = m_keys[m_depth].insert(name).second;
-        if (m_depth == IN_ROOT || in_device()) m_key = name;
-        if (in_labels()) m_label = name;
+        const bool is_new = keys_[depth_].insert(name).second;
+        if (depth_ == IN_ROOT || in_device()) key_ = name;
+        if (in_labels()) label_ = name;
         if (!is_new) throw std::runtime_error(place() + ": stands there twice");
-        m_member.reset();
+        member_.reset();
         if (!in_device()) return true;
         for (std::size_t i = 0; i < MEMBERS.size(); i++)
-            if (name == MEMBERS[i].name) m_member = i;
+            if (name == MEMBERS[i].name) member_ = i;
         return true;
     }
     bool end_object()
     {
         if (in_device()) takeDevice();
-        if (in_labels()) m_in_labels = false;
-        m_depth--;
+        if (in_labels()) in_labels_ = false;
+        depth_--;
         return true;
     }
     bool start_array(std::size_t /*size*/)
     {
-        const bool is_list = m_depth == IN_ROOT && m_key == DEVICES;
+        const bool is_list = depth_ == IN_ROOT && key_ == DEVICES;
         if (!is_list) value();
         has_list |= is_list;
-        m_in_devices |= is_list;
+        in_devices_ |= is_list;
         enter();
         return true;
     }
     bool end_array()
     {
-        m_depth--;
-        if (m_depth == IN_ROOT) m_in_devices = false;
+        depth_--;
+        if (depth_ == IN_ROOT) in_devices_ = false;
         return true;
     }
     [[noreturn]] static bool parse_error(std::size_t /*position*/, const std::string & /*token*/,
@@ -143,35 +143,35 @@ public:
 private:
     [[nodiscard]] bool in_device() const
     {
-        return m_in_devices && m_depth == IN_DEVICE;
+        return in_devices_ && depth_ == IN_DEVICE;
     }
     [[nodiscard]] bool in_labels() const
     {
-        return m_in_labels && m_depth == IN_LABELS;
+        return in_labels_ && depth_ == IN_LABELS;
     }
     [[nodiscard]] std::string place() const
     {
-        if (!m_in_devices) return m_key;
+        if (!in_devices_) return key_;
         std::string text = "devices[" + std::to_string(devices.size()) + "]";
-        if (m_depth >= IN_DEVICE) text += "." + m_key;
-        if (in_labels()) text += "." + m_label;
+        if (depth_ >= IN_DEVICE) text += "." + key_;
+        if (in_labels()) text += "." + label_;
         return text;
     }
     void enter()
     {
-        m_depth++;
-        if (m_depth > DEPTH_MAX) throw std::runtime_error(place() + ": is nested too deep");
+        depth_++;
+        if (depth_ > DEPTH_MAX) throw std::runtime_error(place() + ": is nested too deep");
     }
     // A value of another kind than is looked for, or one that is ignored.
     bool value()
     {
-        if (m_depth == 0) throw std::runtime_error(NOT_ROOT);
-        if (m_depth == IN_ROOT && m_key == DEVICES) throw std::runtime_error(NOT_ROOT);
-        if (m_depth == IN_LIST && m_in_devices)
+        if (depth_ == 0) throw std::runtime_error(NOT_ROOT);
+        if (depth_ == IN_ROOT && key_ == DEVICES) throw std::runtime_error(NOT_ROOT);
+        if (depth_ == IN_LIST && in_devices_)
             throw std::runtime_error(place() + ": must be an object");
-        if (in_labels() || (in_device() && m_member))
+        if (in_labels() || (in_device() && member_))
             throw std::runtime_error(place() + ": must be a text");
-        if (in_device() && m_key == LABELS)
+        if (in_device() && key_ == LABELS)
             throw std::runtime_error(place() + ": must be an object");
         return true;
     }
@@ -187,48 +187,48 @@ private:
     }
     void takeLabel(const std::string &value)
     {
-        if (m_label.empty() || m_label.size() > LABEL_NAME_MAX || !isPlainText(m_label))
+        if (label_.empty() || label_.size() > LABEL_NAME_MAX || !isPlainText(label_))
             throw std::runtime_error(place() +
                                      ": the name of a label must be a plain text of 1 to " +
                                      std::to_string(LABEL_NAME_MAX) + " bytes");
-        (void)m_labels.add(m_label, checked(value, 0, LABEL_VALUE_MAX));
-        if (m_keys[m_depth].size() > DEVICE_LABELS_MAX)
+        (void)labels_.add(label_, checked(value, 0, LABEL_VALUE_MAX));
+        if (keys_[depth_].size() > DEVICE_LABELS_MAX)
             throw std::runtime_error(place() + ": more than " + std::to_string(DEVICE_LABELS_MAX) +
                                      " labels");
     }
     void takeDevice()
     {
         for (std::size_t i = 0; i < MEMBERS.size(); i++) {
-            m_key = MEMBERS[i].name;
-            if (MEMBERS[i].is_required && m_texts[i].empty())
+            key_ = MEMBERS[i].name;
+            if (MEMBERS[i].is_required && texts_[i].empty())
                 throw std::runtime_error(place() + ": is missing");
         }
-        devices.push_back({{m_texts[PRODUCT], m_texts[NAME]}, takeSecrets(), std::move(m_labels)});
+        devices.push_back({{texts_[PRODUCT], texts_[NAME]}, takeSecrets(), std::move(labels_)});
     }
     SECRETS_T takeSecrets()
     {
-        const bool has_old = !m_texts[OLD_SECRET].empty();
-        if (has_old == m_texts[OLD_UNTIL].empty()) {
-            m_key = MEMBERS[has_old ? OLD_UNTIL : OLD_SECRET].name;
+        const bool has_old = !texts_[OLD_SECRET].empty();
+        if (has_old == texts_[OLD_UNTIL].empty()) {
+            key_ = MEMBERS[has_old ? OLD_UNTIL : OLD_SECRET].name;
             throw std::runtime_error(place() + ": is missing");
         }
-        if (!has_old) return SECRETS_T(m_texts[SECRET]);
-        const auto until = parseUtcTime(m_texts[OLD_UNTIL]);
-        m_key = MEMBERS[OLD_UNTIL].name;
+        if (!has_old) return SECRETS_T(texts_[SECRET]);
+        const auto until = parseUtcTime(texts_[OLD_UNTIL]);
+        key_ = MEMBERS[OLD_UNTIL].name;
         if (!until)
             throw std::runtime_error(place() + ": must be a time such as 2027-03-01T00:00:00Z");
-        return SECRETS_T(m_texts[SECRET], m_texts[OLD_SECRET], *until);
+        return SECRETS_T(texts_[SECRET], texts_[OLD_SECRET], *until);
     }
 
-    std::size_t m_depth = 0;
-    bool m_in_devices = false;
-    bool m_in_labels = false;
-    std::string m_key;                             // of the root or the device
-    std::string m_label;                           // the name
-    std::optional<std::size_t> m_member;           // of the device, that comes next
-    std::array<std::string, TEXT_MEMBERS> m_texts; // of the device; empty: not there
-    LABELS_T m_labels;
-    std::array<std::set<std::string>, DEPTH_MAX + 1> m_keys; // of the object at each depth
+    std::size_t depth_ = 0;
+    bool in_devices_ = false;
+    bool in_labels_ = false;
+    std::string key_;                             // of the root or the device
+    std::string label_;                           // the name
+    std::optional<std::size_t> member_;           // of the device, that comes next
+    std::array<std::string, TEXT_MEMBERS> texts_; // of the device; empty: not there
+    LABELS_T labels_;
+    std::array<std::set<std::string>, DEPTH_MAX + 1> keys_; // of the object at each depth
 };
 // NOLINTEND(readability-identifier-naming)
 

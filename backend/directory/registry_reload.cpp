@@ -74,19 +74,19 @@ void RegistryReload::STATE_T::finish(RELOADED_T result, DEVICE_REGISTRY_T regist
 
 RegistryReload::RegistryReload(boost::asio::io_context &io, DIRECTORY_T &directory,
                                std::string path)
-    : m_state(std::make_shared<STATE_T>(io, directory, std::move(path)))
+    : state_(std::make_shared<STATE_T>(io, directory, std::move(path)))
 {
 }
 
 RegistryReload::~RegistryReload()
 {
-    if (m_state->thread.joinable()) m_state->thread.join();
+    if (state_->thread.joinable()) state_->thread.join();
 }
 
 void RegistryReload::start(ReloadAnswer done)
 {
-    m_state->waiting.push_back(std::move(done));
-    if (!m_state->is_reading) m_state->begin();
+    state_->waiting.push_back(std::move(done));
+    if (!state_->is_reading) state_->begin();
 }
 
 } // namespace backend

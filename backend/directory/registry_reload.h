@@ -38,7 +38,7 @@ public:
 
 private:
     struct STATE_T;
-    std::shared_ptr<STATE_T> m_state;
+    std::shared_ptr<STATE_T> state_;
 };
 
 } // namespace backend

@@ -158,6 +158,15 @@ static void sayGoodbye(asio::io_context &io)
     }
 }
 
+static void readOnSignal(asio::signal_set &changes, const std::function<void()> &read)
+{
+    changes.async_wait([&changes, read](const boost::system::error_code &error, int) {
+        if (error) return;
+        read();
+        readOnSignal(changes, read);
+    });
+}
+
 static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
 {
     const AuditEnd audit_end;
@@ -186,14 +195,8 @@ static void run(const COMMAND_LINE_T &line, SERVER_OPTIONS_T options)
         tidy.stop();
         stopServer(*server);
     });
-    const std::function<void()> wait_for_change = [&] {
-        changes.async_wait([&](const boost::system::error_code &error, int) {
-            if (error) return;
-            readFilesAgain(line, *server, registry_reload, [](const std::string &) {});
-            wait_for_change();
-        });
-    };
-    wait_for_change();
+    readOnSignal(changes,
+                 [&] { readFilesAgain(line, *server, registry_reload, [](const auto &) {}); });
     runHandlers(io);
     sayGoodbye(io);
 }

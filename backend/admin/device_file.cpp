@@ -57,6 +57,7 @@ std::vector<const REGISTERED_T *> findLabelled(const DEVICE_FILE_T &file,
                                                const std::vector<std::string> &where)
 {
     std::vector<LABEL_CHANGE_T> wanted;
+    wanted.reserve(where.size());
     for (const std::string &text : where)
         wanted.push_back(parseLabel(text));
     std::vector<const REGISTERED_T *> found(file.places.size());

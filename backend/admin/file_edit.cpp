@@ -24,16 +24,16 @@ constexpr auto LOCK_PAUSE = std::chrono::milliseconds(20);
     throw std::runtime_error(path + what + strerror(errno));
 }
 
-class FILE_T {
+class OpenFile {
 public:
-    FILE_T(const std::string &path, int flags, mode_t mode = 0)
+    OpenFile(const std::string &path, int flags, mode_t mode = 0)
         : fd_(open(path.c_str(), flags | O_CLOEXEC, mode))
     {
         if (fd_ < 0) failOn(path, ": ");
     }
-    FILE_T(const FILE_T &) = delete;
-    FILE_T &operator=(const FILE_T &) = delete;
-    ~FILE_T()
+    OpenFile(const OpenFile &) = delete;
+    OpenFile &operator=(const OpenFile &) = delete;
+    ~OpenFile()
     {
         close(fd_);
     }
@@ -46,7 +46,7 @@ private:
     int fd_;
 };
 
-static std::string readAll(const FILE_T &file, const std::string &path)
+static std::string readAll(const OpenFile &file, const std::string &path)
 {
     struct stat status {};
     if (fstat(file.fd(), &status) != 0) failOn(path, ": ");
@@ -64,7 +64,7 @@ static std::string readAll(const FILE_T &file, const std::string &path)
     return text;
 }
 
-static void writeAll(const FILE_T &file, const std::string &path, std::string_view text)
+static void writeAll(const OpenFile &file, const std::string &path, std::string_view text)
 {
     while (!text.empty()) {
         const ssize_t count = write(file.fd(), text.data(), text.size());
@@ -76,7 +76,7 @@ static void writeAll(const FILE_T &file, const std::string &path, std::string_vi
 }
 
 // Whether the path still leads to this file: another editor may have replaced it.
-static bool isStill(const FILE_T &file, const std::string &path)
+static bool isStill(const OpenFile &file, const std::string &path)
 {
     struct stat here {};
     struct stat there {};
@@ -84,11 +84,11 @@ static bool isStill(const FILE_T &file, const std::string &path)
     return here.st_dev == there.st_dev && here.st_ino == there.st_ino;
 }
 
-static std::unique_ptr<FILE_T> lockFile(const std::string &path)
+static std::unique_ptr<OpenFile> lockFile(const std::string &path)
 {
     const auto end = std::chrono::steady_clock::now() + EDIT_WAIT;
     for (;;) {
-        auto file = std::make_unique<FILE_T>(path, O_RDONLY | O_NONBLOCK);
+        auto file = std::make_unique<OpenFile>(path, O_RDONLY | O_NONBLOCK);
         if (flock(file->fd(), LOCK_EX | LOCK_NB) == 0) {
             if (isStill(*file, path)) return file;
             continue;
@@ -115,13 +115,13 @@ struct NEW_FILE_T {
     std::string path; // empty once it has: from then on the name is the next editor's
 };
 
-static void replaceFile(const std::string &path, const FILE_T &old, const std::string &text)
+static void replaceFile(const std::string &path, const OpenFile &old, const std::string &text)
 {
     struct stat status {};
     if (fstat(old.fd(), &status) != 0) failOn(path, ": ");
     NEW_FILE_T part(path + ".new");
     {
-        const FILE_T file(part.path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, S_IRUSR | S_IWUSR);
+        const OpenFile file(part.path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, S_IRUSR | S_IWUSR);
         struct stat made {};
         if (fstat(file.fd(), &made) != 0) failOn(part.path, ": ");
         const bool is_same = made.st_uid == status.st_uid && made.st_gid == status.st_gid;
@@ -137,7 +137,7 @@ static void replaceFile(const std::string &path, const FILE_T &old, const std::s
 
 std::string readFile(const std::string &path)
 {
-    return readAll(FILE_T(path, O_RDONLY | O_NONBLOCK), path);
+    return readAll(OpenFile(path, O_RDONLY | O_NONBLOCK), path);
 }
 
 void editFile(const std::string &path, const std::function<std::string(std::string)> &edit)
@@ -154,7 +154,7 @@ void editFile(const std::string &path, const std::function<std::string(std::stri
 
 void makeFile(const std::string &path, unsigned mode, std::string_view text)
 {
-    const FILE_T file(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, S_IRUSR | S_IWUSR);
+    const OpenFile file(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, S_IRUSR | S_IWUSR);
     try {
         writeAll(file, path, text);
         if (fchmod(file.fd(), mode) != 0) failOn(path, ": ");
@@ -168,7 +168,7 @@ void syncFolderOf(const std::string &path)
 {
     const std::size_t slash = path.rfind('/');
     const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    const FILE_T file(folder, O_RDONLY | O_DIRECTORY);
+    const OpenFile file(folder, O_RDONLY | O_DIRECTORY);
     if (fsync(file.fd()) != 0) failOn(folder, " cannot be written: ");
 }
 

@@ -9,6 +9,8 @@
 
 namespace backend {
 
+// The library does not say that its move throws nothing.
+// NOLINTNEXTLINE(bugprone-exception-escape)
 struct JSON_TEXT_T {
     nlohmann::ordered_json root;
     int indent = 2; // -1: all on one line

@@ -17,7 +17,7 @@ struct TOKEN_T {
     std::string removed; // label; empty: one is made
 };
 // The token goes to standard output, alone and once.
-void changeTokens(const INSTALLATION_T &installation, const TOKEN_T &token);
+void changeTokens(const INSTALLATION_T &installation, const TOKEN_T &wanted);
 
 // As the file has it.
 nlohmann::ordered_json tokenEntry(const std::string &token, const std::string &label, int days);

@@ -53,6 +53,10 @@ static void runConnect(const ConnectionPtr &connection, const SessionSocketPtr &
             if (!held->is_handed_over) sendReply(held, operationReply(answer));
         });
     connection->timer.cancel(); // the operation has its own limits
+    whenLost(*socket, [call](const char *reason) {
+        const SessionPtr session = call->session.lock();
+        if (session) endSession(session, reason, false);
+    });
     runOperation(connection->port->operations, call, request);
 }
 

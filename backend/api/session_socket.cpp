@@ -177,6 +177,11 @@ public:
         leave();
     }
 
+    void whenLost(std::function<void(const char *reason)> lost)
+    {
+        lost_ = std::move(lost);
+    }
+
     const char *lossReason() const
     {
         return loss_;
@@ -245,6 +250,13 @@ private:
     {
         loss_ = reason;
         shut();
+        const auto lost = std::exchange(lost_, nullptr);
+        if (!lost) return;
+        try { // not within what the library or the session is doing
+            asio::post(stream_->get_executor(), [lost, reason] { lost(reason); });
+        } catch (const std::exception &) { // no memory: the session ends by its own time
+            return;
+        }
     }
 
     // A read or a write has failed.
@@ -431,6 +443,7 @@ private:
     std::string text_; // of a control message that has come in part
     std::array<char, 1024> unwanted_;
     const char *loss_ = LOST;
+    std::function<void(const char *reason)> lost_;
     bool is_taken_ = false;
     bool is_writing_ = false;
     bool is_pinging_ = false;
@@ -493,6 +506,11 @@ SessionSocketPtr makeSessionSocket(std::shared_ptr<TlsStream> stream, const Upgr
 SessionClientPtr takeSessionClient(const SessionSocketPtr &socket)
 {
     return socket->take() ? std::make_unique<SessionSocketClient>(socket) : nullptr;
+}
+
+void whenLost(SessionSocket &socket, std::function<void(const char *reason)> lost)
+{
+    socket.whenLost(std::move(lost));
 }
 
 void openSessionSocket(const SessionSocketPtr &socket, const std::string &number)

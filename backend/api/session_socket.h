@@ -19,6 +19,7 @@
 
 #include "backend/sessions/session_client.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -53,5 +54,9 @@ SessionClientPtr takeSessionClient(const SessionSocketPtr &socket);
 // Answers the request: the session with this number is open. Does nothing when the session has
 // ended meanwhile and its door has been told.
 void openSessionSocket(const SessionSocketPtr &socket, const std::string &number);
+
+// lost is called at most once, with the reason, when the connection is lost once the session is
+// open: the session itself may have nothing under way that would tell it.
+void whenLost(SessionSocket &socket, std::function<void(const char *reason)> lost);
 
 } // namespace backend

@@ -22,7 +22,7 @@ constexpr std::size_t IN_LIST = 2;
 constexpr std::size_t IN_DEVICE = 3;
 constexpr std::size_t IN_LABELS = 4;
 
-static const std::string NOT_ROOT = "must be an object with the array \"devices\"";
+constexpr char NOT_ROOT[] = "must be an object with the array \"devices\"";
 
 struct TEXT_MEMBER_T {
     const char *name;

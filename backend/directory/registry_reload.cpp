@@ -15,6 +15,7 @@ struct RegistryReload::STATE_T : std::enable_shared_from_this<STATE_T> {
     {
     }
     void begin();
+    void freeBeside(DeviceRegistry registry);
     void finish(RELOADED_T result, DeviceRegistry registry);
 
     boost::asio::io_context &io;
@@ -52,20 +53,23 @@ void RegistryReload::STATE_T::begin()
     }
 }
 
+// Freeing a large one takes a while, too.
+void RegistryReload::STATE_T::freeBeside(DeviceRegistry registry)
+{
+    if (thread.joinable()) thread.join();
+    try {
+        thread = std::thread([gone = std::move(registry)] {});
+    } catch (const std::system_error &) { // freed here
+        return;
+    }
+}
+
 void RegistryReload::STATE_T::finish(RELOADED_T result, DeviceRegistry registry)
 {
     const auto keep = shared_from_this();
     is_reading = false;
     const auto answers = std::exchange(asked, {});
-    if (result.fault.empty()) {
-        DeviceRegistry before = replaceRegistry(directory, std::move(registry));
-        // Freeing a large one takes a while, too.
-        if (thread.joinable()) thread.join();
-        try {
-            thread = std::thread([gone = std::move(before)] {});
-        } catch (const std::system_error &) { // freed here
-        }
-    }
+    if (result.fault.empty()) freeBeside(replaceRegistry(directory, std::move(registry)));
     result.devices = directory.registry.size();
     for (const ReloadAnswer &answer : answers)
         answer(result);

@@ -24,11 +24,14 @@ public:
 
     class ConstIterator {
     public:
+        // Names that the standard library looks for.
+        // NOLINTBEGIN(readability-identifier-naming)
         using iterator_category = std::input_iterator_tag;
         using value_type = Labels::value_type;
         using difference_type = std::ptrdiff_t;
         using pointer = const value_type *;
         using reference = const value_type &;
+        // NOLINTEND(readability-identifier-naming)
 
         ConstIterator() = default;
         explicit ConstIterator(std::string_view rest) : rest_(rest)

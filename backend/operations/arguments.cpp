@@ -1,5 +1,6 @@
 #include "backend/operations/arguments.h"
 
+#include "backend/devices/protocol.h"
 #include "backend/observe/uuid.h"
 #include "backend/operations/access.h"
 #include "backend/operations/fault.h"
@@ -16,6 +17,7 @@ namespace backend {
 using nlohmann::json;
 
 constexpr std::size_t LABEL_MAX = 64;
+constexpr std::size_t PATTERN_MAX = 255; // as in the policy: to compare with it takes time
 
 static std::string optionalText(const json &request, const char *name)
 {
@@ -81,6 +83,9 @@ void parseList(const OPERATIONS_T & /*operations*/, const PRINCIPAL_T & /*who*/,
     static constexpr auto STATES =
         std::to_array<std::string_view>({"", "connected", "not answering", "away"});
     arguments.pattern = optionalText(request, "pattern");
+    if (arguments.pattern.size() > PATTERN_MAX)
+        throw OperationFault(FAULT::BAD_REQUEST, "\"pattern\" of the request has at most " +
+                                                     std::to_string(PATTERN_MAX) + " bytes");
     arguments.state = optionalText(request, "state");
     if (std::find(STATES.begin(), STATES.end(), arguments.state) == STATES.end())
         throw OperationFault(FAULT::BAD_REQUEST,
@@ -155,6 +160,9 @@ void parseNewToken(const OPERATIONS_T & /*operations*/, const PRINCIPAL_T & /*wh
     if (arguments.label.size() > LABEL_MAX)
         throw OperationFault(FAULT::BAD_REQUEST, "the label of a token has at most " +
                                                      std::to_string(LABEL_MAX) + " bytes");
+    if (!isPlainText(arguments.label))
+        throw OperationFault(FAULT::BAD_REQUEST,
+                             "the label holds a quote, backslash or control character");
     arguments.days = numberOf(request, "days", USUAL_DAYS, TOKEN_DAYS_MAX);
 }
 

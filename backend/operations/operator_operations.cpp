@@ -87,6 +87,9 @@ void makeOwnToken(OPERATIONS_T &operations, const CallPtr &call)
 {
     if (!operations.policy || !call->who.is_operator)
         throw OperationFault(FAULT::CONFLICT, "tokens are for operators of operators.json");
+    // It would outlive the certificate.
+    if (!call->who.certificate_names.empty())
+        throw OperationFault(FAULT::DENIED, "a certificate cannot make a token");
     const std::string reason = whyNoMore(operations.tokens, call->who.name, nowSeconds());
     if (!reason.empty()) throw OperationFault(FAULT::CONFLICT, reason);
     const std::string token = makeToken();

@@ -130,6 +130,11 @@ void learnHostKeys(OPERATIONS_T &operations, const CallPtr &call)
     requireStore(operations);
     if (call->arguments.host_keys.empty()) return answerKeys(operations, *call);
     if (settleKnown(operations, *call)) return;
+    // Keys are shown in a session, so the device is there and offers the service. Without this,
+    // names of services that do not exist would use up the places of those that do.
+    const DEVICE_KEY_T &device = *call->arguments.device;
+    if (findService(*channelOf(operations, device), call->arguments.service) == nullptr)
+        throw OperationFault(FAULT::NOT_FOUND, noSuchService(device, call->arguments.service));
     if (hasMostServices(operations.host_keys, placeOf(*call)))
         throw OperationFault(FAULT::CONFLICT, "the host keys of " +
                                                   std::to_string(HOST_KEY_SERVICES_MAX) +

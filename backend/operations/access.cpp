@@ -45,7 +45,7 @@ bool managesAll(const OPERATIONS_T &operations, const PRINCIPAL_T &who)
 
 void requireRevocable(const OPERATIONS_T &operations, const PRINCIPAL_T &who, const std::string &id)
 {
-    if (id.starts_with("operators.json:"))
+    if (id.starts_with(FILE_TOKEN))
         throw OperationFault(FAULT::CONFLICT,
                              "it stands in operators.json: take it out there and reload");
     const TOKEN_RECORD_T *token = findTokenById(operations.tokens, id);

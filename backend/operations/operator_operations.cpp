@@ -58,7 +58,7 @@ void listTokens(OPERATIONS_T &operations, const CallPtr &call)
     if (operations.policy) {
         for (const FILE_TOKEN_T &token : fileTokens(*operations.policy)) {
             if (!is_shown(token.operator_name)) continue;
-            tokens.push_back({{"id", "operators.json:" + token.label},
+            tokens.push_back({{"id", token.id},
                               {"operator", token.operator_name},
                               {"label", token.label},
                               {"made", nullptr},

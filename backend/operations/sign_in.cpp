@@ -3,19 +3,21 @@
 #include "backend/operations/operations.h"
 #include "backend/policy/token_text.h"
 
-#include <algorithm>
+#include <utility>
 
 namespace backend {
 
-constexpr std::string_view FILE_TOKEN = "operators.json:";
+static std::optional<FILE_TOKEN_T> findFileToken(const POLICY_T &policy, std::string_view id)
+{
+    for (FILE_TOKEN_T &token : fileTokens(policy))
+        if (token.id == id) return std::move(token);
+    return std::nullopt;
+}
 
-// Whether the file still has the token, named as PROVED_T::token does.
 static bool isInFile(const POLICY_T &policy, std::string_view operator_name, std::string_view id)
 {
-    const auto tokens = fileTokens(policy);
-    return std::any_of(tokens.begin(), tokens.end(), [&](const FILE_TOKEN_T &token) {
-        return token.operator_name == operator_name && std::string(FILE_TOKEN) + token.label == id;
-    });
+    const auto token = findFileToken(policy, id);
+    return token && token->operator_name == operator_name;
 }
 
 // A token made with one of the file goes with it.
@@ -46,7 +48,7 @@ static std::optional<PROVED_T> operatorBehind(const OPERATIONS_T &operations,
 
 static std::string labelOf(const OPERATIONS_T &operations, const std::string &token)
 {
-    if (token.starts_with(FILE_TOKEN)) return token.substr(FILE_TOKEN.size());
+    if (const auto of_file = findFileToken(*operations.policy, token)) return of_file->label;
     const TOKEN_RECORD_T *record = findTokenById(operations.tokens, token);
     return record == nullptr ? token : record->label;
 }
@@ -55,10 +57,8 @@ static std::int64_t expiryOf(const OPERATIONS_T &operations, const PRINCIPAL_T &
 {
     const TOKEN_RECORD_T *record = findTokenById(operations.tokens, who.token);
     if (record != nullptr) return record->expires;
-    for (const FILE_TOKEN_T &token : fileTokens(*operations.policy))
-        if (token.operator_name == who.name && std::string(FILE_TOKEN) + token.label == who.token)
-            return token.expires;
-    return 0;
+    const auto of_file = findFileToken(*operations.policy, who.token);
+    return of_file ? of_file->expires : 0;
 }
 
 std::optional<PRINCIPAL_T> signIn(const OPERATIONS_T &operations, const CREDENTIALS_T &credentials)

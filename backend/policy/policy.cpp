@@ -1,6 +1,7 @@
 #include "backend/policy/policy.h"
 
 #include "backend/policy/policy_data.h"
+#include "backend/policy/token_text.h"
 
 #include <algorithm>
 #include <array>
@@ -228,6 +229,12 @@ std::optional<PROVED_T> operatorOfAccount(const POLICY_T &policy, std::string_vi
     return PROVED_T{policy.operators[found->second].name, {}};
 }
 
+static std::string fileTokenId(const TOKEN_T &token)
+{
+    constexpr std::size_t DIGITS = 16;
+    return std::string(FILE_TOKEN) + hexText(token.hash).substr(0, DIGITS);
+}
+
 std::optional<PROVED_T> operatorOfToken(const POLICY_T &policy, const SHA256_T &hash,
                                         std::int64_t now)
 {
@@ -236,7 +243,7 @@ std::optional<PROVED_T> operatorOfToken(const POLICY_T &policy, const SHA256_T &
     for (const TOKEN_T &token : policy.tokens)
         if (CRYPTO_memcmp(token.hash.data(), hash.data(), hash.size()) == 0) found = &token;
     if (found == nullptr || now >= found->expires) return std::nullopt;
-    return PROVED_T{policy.operators[found->owner].name, "operators.json:" + found->label};
+    return PROVED_T{policy.operators[found->owner].name, fileTokenId(*found)};
 }
 
 std::optional<PROVED_T> operatorOfCertificate(const POLICY_T &policy,
@@ -263,7 +270,8 @@ std::vector<FILE_TOKEN_T> fileTokens(const POLICY_T &policy)
     std::vector<FILE_TOKEN_T> tokens;
     tokens.reserve(policy.tokens.size());
     for (const TOKEN_T &token : policy.tokens)
-        tokens.push_back({policy.operators[token.owner].name, token.label, token.expires});
+        tokens.push_back(
+            {fileTokenId(token), policy.operators[token.owner].name, token.label, token.expires});
     return tokens;
 }
 

@@ -92,7 +92,7 @@ using SHA256_T = std::array<std::uint8_t, 32>;
 
 struct PROVED_T {
     std::string operator_name;
-    std::string token; // "operators.json:LABEL" for a token, else empty
+    std::string token; // FILE_TOKEN_T::id of a token, else empty
 };
 
 std::optional<PROVED_T> operatorOfAccount(const POLICY_T &policy, std::string_view account);
@@ -105,8 +105,12 @@ std::optional<PROVED_T> operatorOfCertificate(const POLICY_T &policy,
                                               const std::vector<std::string> &names);
 bool hasOperator(const POLICY_T &policy, std::string_view name);
 
-// The tokens of the file, for lists.
+constexpr std::string_view FILE_TOKEN = "operators.json:"; // how the ids of its tokens begin
+
+// The tokens of the file. What hangs on one of them must not come back to life with the next one of
+// the same label: the id has the beginning of the hash.
 struct FILE_TOKEN_T {
+    std::string id;
     std::string operator_name;
     std::string label;
     std::int64_t expires = 0; // seconds since the epoch

@@ -194,7 +194,7 @@ TEST(Policy, FindsTheOperatorBehindAProof)
     const json entry = json::parse(exampleText())["operators"][1]["tokens"][0];
     SHA256_T hash = hashFrom(entry["sha256"].get<std::string>());
     EXPECT_EQ(nameOf(operatorOfToken(*policy, hash, token.expires - 1)),
-              "ben/operators.json:laptop");
+              "ben/operators.json:88d4266fd4e6338d");
     EXPECT_EQ(nameOf(operatorOfToken(*policy, hash, token.expires)), "nobody");
     hash.back() ^= 1;
     EXPECT_EQ(nameOf(operatorOfToken(*policy, hash, 0)), "nobody");

@@ -112,7 +112,7 @@ def test_entry_of_the_ssh_configuration(ways_in):
 @pytest.mark.parametrize("manual", [name for name in MANUALS if name != "remote_access_daemon.8"])
 def test_options_are_told_alike(manual):
     program = BIN / manual.rpartition(".")[0]
-    commands = set(re.findall(r"^\.Cm ([a-z]+(?: [a-z]+)*)", MANUALS[manual], re.M))
+    commands = set(re.findall(r"^\.(?:It )?Cm ([a-z-]+(?: [a-z-]+)*)", MANUALS[manual], re.M))
     helped = "".join(run(program, *words.split(), "--help") for words in ["", *commands])
     options = set(re.findall(r"\B--([a-z-]+)", helped)) - {"help", "version"}
     assert options == set(re.findall(r"Fl -([a-z-]+)", MANUALS[manual]))

@@ -120,6 +120,8 @@ static void keepGuarded(OPERATIONS_T &operations, const CallPtr &call)
         keepShown(operations, call);
     } catch (const OperationFault &fault) {
         refuse(*call, fault.fault, fault.what());
+    } catch (const std::exception &fault) {
+        refuse(*call, FAULT::UNAVAILABLE, fault.what());
     }
 }
 

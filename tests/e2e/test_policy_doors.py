@@ -589,8 +589,10 @@ def test_revoked_token_ends_what_came_of_it(world):
     assert sessions[3].ended() == NO_PROOF
     third = make("ben")
     late = world.token.connect(third["token"], "gw-b-1", "ssh_a")[1]
-    with world.changed(lambda policy: operator_of(policy, "ben").pop("tokens")):
+    successor = [token_entry(new_token())]  # has the label of the one before
+    with world.changed(lambda policy: operator_of(policy, "ben").update(tokens=successor)):
         assert late.ended() == NO_PROOF
+        assert world.token.ask(third["token"], "whoami").kind == "unauthenticated"
     for session in sessions:
         session.close()
 

@@ -49,7 +49,7 @@ public:
             take();
             return *this;
         }
-        ConstIterator operator++(int)
+        ConstIterator operator++(int) // NOLINT(cert-dcl21-cpp): as iterators are
         {
             const ConstIterator before = *this;
             ++*this;
@@ -99,6 +99,7 @@ public:
     {
         return ConstIterator(text_);
     }
+    // NOLINTNEXTLINE(readability-convert-member-functions-to-static): as containers are
     [[nodiscard]] ConstIterator end() const
     {
         return {};

@@ -52,7 +52,7 @@ public:
             take();
             return *this;
         }
-        ConstIterator operator++(int)
+        ConstIterator operator++(int) // NOLINT(cert-dcl21-cpp): as iterators are
         {
             const ConstIterator before = *this;
             ++*this;
@@ -102,6 +102,7 @@ public:
     {
         return ConstIterator(text_);
     }
+    // NOLINTNEXTLINE(readability-convert-member-functions-to-static): as containers are
     [[nodiscard]] ConstIterator end() const
     {
         return {};

@@ -1,6 +1,6 @@
 """The daemon's way with the operator's tool in front: `remote-access forward`, whose clients'
-sockets go to the back end over its control socket, or whose bytes go over a WebSocket of its interface.
-The far side's figures are the back end's alone."""
+sockets go to the back end over its control socket, or whose bytes go over a WebSocket of its
+interface. The far side's figures are the back end's alone."""
 import hashlib
 import json
 

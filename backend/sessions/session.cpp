@@ -202,23 +202,25 @@ static std::size_t paceStart(const SESSION_T &session)
 // A client that takes bytes more slowly than its device sends them would be cut off in the end.
 // The protocol cannot slow one session, so the whole channel waits a little, the longer the more
 // there is. Other sessions must not pay for a client that has stopped.
-static void paceChannel(const SESSION_T &session)
+static void paceChannel(SESSION_T &session)
 {
     const std::size_t start = paceStart(session);
     const auto quiet = std::chrono::steady_clock::now() - session.progress_at;
     if (session.channel == nullptr || session.counted <= start || quiet > PACE_PROGRESS) return;
-    const double part = static_cast<double>(session.counted - start) /
-                        static_cast<double>(session.limits.session_buffer / 2);
+    const double part = 2 * static_cast<double>(session.counted - start) /
+                        static_cast<double>(session.limits.session_buffer);
     const std::chrono::duration<double, std::milli> pause =
         PACE_MIN + (PACE_MAX - PACE_MIN) * std::min(part, 1.0);
+    session.is_pacing = true;
     pauseReading(*session.channel, std::chrono::ceil<std::chrono::milliseconds>(pause));
 }
 
 static void noteProgress(SESSION_T &session)
 {
     session.progress_at = std::chrono::steady_clock::now();
-    if (session.channel != nullptr && session.counted <= paceStart(session))
-        resumeReading(*session.channel);
+    if (!session.is_pacing || session.counted > paceStart(session)) return;
+    session.is_pacing = false; // another one's pause is none of its business
+    if (session.channel != nullptr) resumeReading(*session.channel);
 }
 
 static void clientWritten(const SessionPtr &session, const error_code &error, std::size_t count)

@@ -100,6 +100,7 @@ struct SESSION_T final : ChannelStream, std::enable_shared_from_this<SESSION_T> 
     bool write_active = false;
     std::size_t counted = 0;                           // of these bytes, in the table's backlog
     std::chrono::steady_clock::time_point progress_at; // when the client took bytes last
+    bool is_pacing = false;                            // the channel waits for its client
 
     OutMessagePtr message; // the storage that the next client bytes are read into
     bool read_active = false;

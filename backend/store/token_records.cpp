@@ -63,7 +63,7 @@ std::string whyNoMore(TOKEN_RECORDS_T &tokens, std::string_view operator_name, s
     return "an operator has at most " + std::to_string(TOKENS_PER_OPERATOR) + " tokens";
 }
 
-void addToken(TOKEN_RECORDS_T &tokens, TOKEN_RECORD_T token, StoreCallback answered)
+void addToken(TOKEN_RECORDS_T &tokens, TOKEN_RECORD_T token, const StoreCallback &answered)
 {
     STORE_WRITE_T write{ADD_SQL,
                         {token.id, token.operator_name, token.label, hexText(token.hash),

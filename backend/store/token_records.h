@@ -45,7 +45,7 @@ const TOKEN_RECORD_T *findTokenById(const TOKEN_RECORDS_T &tokens, std::string_v
 std::string whyNoMore(TOKEN_RECORDS_T &tokens, std::string_view operator_name, std::int64_t now);
 
 // It can be used once it is on the disk.
-void addToken(TOKEN_RECORDS_T &tokens, TOKEN_RECORD_T token, StoreCallback answered);
+void addToken(TOKEN_RECORDS_T &tokens, TOKEN_RECORD_T token, const StoreCallback &answered);
 
 // With those that were made with it, however far. They prove nothing from now on, also when
 // the store cannot be written. Returns their ids; answered comes with the store's answer.

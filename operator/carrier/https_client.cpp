@@ -33,6 +33,7 @@ namespace {
 
 constexpr std::size_t HEADER_MAX = 32768;
 constexpr unsigned NOT_BUILT_STATUS = 501;
+constexpr unsigned TOO_MANY_STATUS = 429;
 constexpr char PROBLEM_TYPE[] = "application/problem+json";
 constexpr char JSON_TYPE[] = "application/json";
 
@@ -206,10 +207,11 @@ void checkAnswer(const HTTPS_CLIENT_T &client, const HTTPS_ANSWER_T &answer)
     if (!detail.empty()) {
         if (answer.status == 401) detail = url + ": " + detail + loginHint(client);
         if (!answer.retry_after.empty()) detail += "; try again in " + answer.retry_after + " s";
-        RequestError error(detail, false, answer.status == NOT_BUILT_STATUS);
-        if (answer.status == 429)
-            error.retry_after = std::chrono::seconds(std::atoi(answer.retry_after.c_str()));
-        throw error;
+        const bool is_early = answer.status == TOO_MANY_STATUS;
+        throw RequestError(
+            detail, false, answer.status == NOT_BUILT_STATUS,
+            std::chrono::seconds(is_early ? std::strtol(answer.retry_after.c_str(), nullptr, 10)
+                                          : 0));
     }
     if (answer.status == 401) throw RequestError(url + ": " + status + loginHint(client), false);
     if (answer.status / 100 == 3)

@@ -6,11 +6,13 @@
 #include <string>
 
 struct RequestError : std::runtime_error {
-    RequestError(const std::string &text, bool unreachable, bool not_built = false)
-        : std::runtime_error(text), is_unreachable(unreachable), is_not_built(not_built)
+    RequestError(const std::string &text, bool unreachable, bool not_built = false,
+                 std::chrono::seconds retry = std::chrono::seconds(0))
+        : std::runtime_error(text), retry_after(retry), is_unreachable(unreachable),
+          is_not_built(not_built)
     {
     }
-    std::chrono::seconds retry_after{0}; // of a refusal that time heals; 0: of any other
+    std::chrono::seconds retry_after; // of a refusal that time heals; 0: of any other
     bool is_unreachable; // no back end has answered; else it has refused, with these words
     bool is_not_built;   // this back end does not do it for anybody
 };

@@ -118,7 +118,7 @@ std::string readLine(const std::string &path)
 
 std::string newKey(const std::string &folder)
 {
-    const std::string path = folder + "/key";
+    std::string path = folder + "/key";
     CHILD_T child;
     child.command = {"ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-C", "", "-f", path};
     child.environment = {"PATH=/usr/bin:/bin", "LC_ALL=C"};

@@ -21,6 +21,7 @@ from test_demo_path import Tunnel
 SCHEMA = json.loads((REPOSITORY / "docs/audit.schema.json").read_text())
 # What only other conditions than this run's cause.
 ELSEWHERE = {"device_duplicate", "device_replaced", "denied", "left_out", "sign_in_refused",
+             "host_key_first", "host_key_changed", "host_key_forget", "ssh_certificate",
              "token_make", "token_revoke"}
 
 

@@ -43,9 +43,17 @@ template <class Call> static auto guardedStream(const EventStreamPtr &stream, Ca
 
 static const char *nameOf(EVENT kind)
 {
-    constexpr std::array<const char *, 4> NAMES{"device-connected", "device-disconnected",
-                                                "session-begun", "session-ended"};
-    return NAMES[static_cast<std::size_t>(kind)];
+    switch (kind) {
+    case EVENT::DEVICE_CONNECTED:
+        return "device-connected";
+    case EVENT::DEVICE_DISCONNECTED:
+        return "device-disconnected";
+    case EVENT::SESSION_BEGUN:
+        return "session-begun";
+    case EVENT::SESSION_ENDED:
+        return "session-ended";
+    }
+    return "";
 }
 
 static std::string textOf(const EVENT_T &event)

@@ -9,8 +9,8 @@ namespace backend {
 
 static std::optional<FILE_TOKEN_T> findFileToken(const POLICY_T &policy, std::string_view id)
 {
-    for (FILE_TOKEN_T &token : fileTokens(policy))
-        if (token.id == id) return std::move(token);
+    for (const FILE_TOKEN_T &token : fileTokens(policy))
+        if (token.id == id) return token;
     return std::nullopt;
 }
 

@@ -99,10 +99,13 @@ static std::optional<std::string_view> takeField(std::string_view &rest)
 // A positive number without needless zeros.
 static bool isNumber(std::string_view field, std::size_t least, std::size_t most)
 {
-    if (field.empty() || (static_cast<unsigned char>(field[0]) & 0x80U) != 0) return false;
-    if (field[0] == '\0') {
-        field.remove_prefix(1);
-        if (field.empty() || (static_cast<unsigned char>(field[0]) & 0x80U) == 0) return false;
+    const auto is_negative = [](std::string_view number) {
+        return (static_cast<unsigned char>(number.front()) & 0x80U) != 0;
+    };
+    if (field.empty() || is_negative(field)) return false;
+    if (field.front() == '\0') {
+        const std::string_view rest = field.substr(1); // a zero says that it is not negative
+        return !rest.empty() && is_negative(rest) && rest.size() >= least && rest.size() <= most;
     }
     return field.size() >= least && field.size() <= most;
 }

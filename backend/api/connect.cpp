@@ -53,8 +53,10 @@ static void runConnect(const ConnectionPtr &connection, const SessionSocketPtr &
             if (!held->is_handed_over) sendReply(held, operationReply(answer));
         });
     connection->timer.cancel(); // the operation has its own limits
-    whenLost(*socket, [call](const char *reason) {
-        const SessionPtr session = call->session.lock();
+    // The call keeps the socket, so the socket must not keep the call.
+    whenLost(*socket, [weak = std::weak_ptr(call)](const char *reason) {
+        const CallPtr held = weak.lock();
+        const SessionPtr session = held ? held->session.lock() : nullptr;
         if (session) endSession(session, reason, false);
     });
     runOperation(connection->port->operations, call, request);

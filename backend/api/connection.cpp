@@ -10,7 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include <boost/asio/write.hpp>
-#include <strings.h>
+#include <openssl/crypto.h>
 
 namespace backend {
 
@@ -47,7 +47,7 @@ CONNECTION_T::CONNECTION_T(ApiPortPtr of, tcp::socket socket, PlacePtr its_place
 CONNECTION_T::~CONNECTION_T()
 {
     port->connections.erase(this);
-    explicit_bzero(in.data(), in.size());
+    OPENSSL_cleanse(in.data(), in.size()); // null while nothing was read
 }
 
 void logConnectionGivenUp(const char *reason) noexcept
@@ -349,7 +349,7 @@ static void readRequest(const ConnectionPtr &connection)
 static void take(const ConnectionPtr &connection, std::size_t count)
 {
     connection->reader.feed({connection->in.data(), count});
-    explicit_bzero(connection->in.data(), count);
+    OPENSSL_cleanse(connection->in.data(), count);
     if (connection->match.route != nullptr) return readBody(connection);
     if (connection->is_waiting) {
         connection->is_waiting = false;

@@ -124,10 +124,10 @@ int takeHeader(REMOTE_PROXY_T *proxy, PROXY_HEADER_T *header)
 }
 
 // The receive buffer holds what there is of one message, to its end.
-void processMessage(REMOTE_PROXY_T *proxy)
+void processMessage(REMOTE_PROXY_T *proxy, PROXY_HEADER_T &header)
 {
     DATA_BUFFER_T &buffer = proxy->recv_buffer;
-    PROXY_HEADER_T header{};
+    *getBufferWritePointer(&buffer) = '\0'; // behind it may be bytes of a longer one
     if (takeHeader(proxy, &header) != 0) return;
     if (!stepToPayload(&buffer, header)) {
         RA_WARN_FOR(DISPATCH, "payload length info is error!payloadlen:%d, datalen:%d",
@@ -135,6 +135,16 @@ void processMessage(REMOTE_PROXY_T *proxy)
         return;
     }
     routeMessage(proxy, header);
+}
+
+// Service data come by the thousand, and the next message overwrites them. Of anything else, as of a
+// password, no byte stays.
+void emptyReceiveBuffer(DATA_BUFFER_T &buffer, const PROXY_HEADER_T &header)
+{
+    if (header.msg_type == MSG_TYPE_DATA_DOWN)
+        rewindDataBuffer(&buffer, 0);
+    else
+        resetDataBuffer(&buffer);
 }
 
 // The payload's lines come by the thousand, unlike those of a session's end.
@@ -167,8 +177,9 @@ void cloudDataProc(REMOTE_PROXY_T *proxy)
             if (result == CHANNEL_READ_NO_PAYLOAD) ++messages;
             continue;
         }
-        processMessage(proxy);
-        resetDataBuffer(&buffer);
+        PROXY_HEADER_T header{};
+        processMessage(proxy, header);
+        emptyReceiveBuffer(buffer, header);
         feedProxyWatchdog(); // one message may cost a second, and there may be many
         (void)lookAtPeer(proxy);
         ++messages;

@@ -139,10 +139,10 @@ bool isAlive(noPollConn *conn)
 // behind them.
 bool flushPendingWrite(noPollConn *conn)
 {
+    if (nopoll_conn_pending_write_bytes(conn) == 0) return true;
     std::int64_t attempt_end = nowMilliseconds();
     const std::int64_t end = attempt_end + std::int64_t{FLUSH_ATTEMPTS} * ATTEMPT_MS;
     do {
-        if (nopoll_conn_pending_write_bytes(conn) == 0) return true;
         // Libraries differ in what a completed write returns; that nothing is pending afterwards
         // says it in all.
         (void)nopoll_conn_complete_pending_write(conn);

@@ -6,7 +6,11 @@
 #include "utility/message_id.h"
 #include "utility/text.h"
 
+#include <algorithm>
+#include <array>
+#include <charconv>
 #include <cinttypes>
+#include <cstring>
 #include <ctime>
 
 namespace {
@@ -14,6 +18,52 @@ namespace {
 constexpr char HEADER_FORMAT[] = "{\"msg_type\": %d,\"payload_len\": %d,\"msg_id\": "
                                  "\"%s\",\"timestamp\":%" PRId64 ",\"token\":\"%s\"}\r\n\r\n";
 constexpr char RESPONSE_FORMAT[] = "{\"code\": %d, \"message\": \"%s\"}\r\n\r\n%s";
+
+// The texts of a format around its conversions, each of which ends with its letter.
+template <std::size_t N> consteval std::array<std::string_view, N> textsOf(std::string_view format)
+{
+    std::array<std::string_view, N> texts;
+    for (std::string_view &text : texts) {
+        text = format.substr(0, format.find('%'));
+        format.remove_prefix(std::min(format.find_first_of("ds", text.size()), format.size() - 1) +
+                             1);
+    }
+    return texts;
+}
+constexpr auto HEADER_TEXTS = textsOf<6>(HEADER_FORMAT);
+static_assert(HEADER_TEXTS.back() == "\"}\r\n\r\n");
+
+// A number in decimal.
+struct DIGITS_T {
+    char bytes[20];
+    std::size_t length;
+
+    explicit DIGITS_T(std::int64_t number) noexcept
+        : length{static_cast<std::size_t>(
+              std::to_chars(std::begin(bytes), std::end(bytes), number).ptr - bytes)}
+    {
+    }
+    operator std::string_view() const noexcept
+    {
+        return {bytes, length};
+    }
+};
+
+// As the formatter would: returns the length of all texts, and dst takes what fits, with NULs to
+// its end.
+int joinTexts(std::span<char> dst, std::span<const std::string_view> texts)
+{
+    std::size_t length = 0;
+    std::size_t total = 0;
+    for (const std::string_view text : texts) {
+        const std::size_t taken = std::min(text.size(), dst.size() - 1 - length);
+        std::memcpy(dst.data() + length, text.data(), taken);
+        length += taken;
+        total += text.size();
+    }
+    std::memset(dst.data() + length, 0, dst.size() - length);
+    return static_cast<int>(total);
+}
 
 // The formatter's limit stays one byte below the buffer, so that a built text always leaves a spare
 // NUL behind it.
@@ -24,30 +74,32 @@ std::span<char> belowLast(std::span<char> dst)
 
 // A numeric field is converted from the value's text whatever its JSON type, so a quoted number
 // counts too.
-bool takeNumber(std::string_view span, const char *key, std::int32_t *field)
+bool takeNumber(const JSON_VALUE_T &value, std::int32_t *field)
 {
-    const JSON_VALUE_T value = json_lookup(span, key);
     if (value.text.data() == nullptr) return false;
     *field = parse_int32(value.text);
     return true;
 }
 
-template <std::size_t N> void takeText(std::string_view span, const char *key, char (&field)[N])
+template <std::size_t N> void takeText(const JSON_VALUE_T &value, char (&field)[N])
 {
-    const JSON_VALUE_T value = json_lookup(span, key);
     if (value.text.data() != nullptr) copy_text(field, value.text);
 }
 
 // Fills the record from the span "{" to "}". False when a mandatory field is missing.
 bool takeFields(std::string_view span, PROXY_HEADER_T *header)
 {
-    if (!takeNumber(span, "msg_type", &header->msg_type)) return false;
-    (void)takeNumber(span, "service_type", &header->service_type);
-    if (!takeNumber(span, "payload_len", &header->payload_len)) return false;
-    takeText(span, "msg_id", header->msg_id);
-    const JSON_VALUE_T timestamp = json_lookup(span, "timestamp");
+    constexpr std::string_view KEYS[] = {"msg_type", "service_type", "payload_len",
+                                         "msg_id",   "timestamp",    "token"};
+    JSON_VALUE_T values[std::size(KEYS)];
+    json_lookup_each(span, KEYS, values);
+    const auto &[msg_type, service_type, payload_len, msg_id, timestamp, token] = values;
+    if (!takeNumber(msg_type, &header->msg_type)) return false;
+    (void)takeNumber(service_type, &header->service_type);
+    if (!takeNumber(payload_len, &header->payload_len)) return false;
+    takeText(msg_id, header->msg_id);
     if (timestamp.text.data() != nullptr) header->timestamp = parse_clamped32(timestamp.text);
-    takeText(span, "token", header->token);
+    takeText(token, header->token);
     header->header_len = static_cast<std::int32_t>(span.size()) + HEADER_SEPARATOR_LEN;
     return true;
 }
@@ -72,9 +124,15 @@ int spliceProxyProtocolHeader(std::span<char> dst, int msg_type, std::int32_t pa
     if (dst.empty()) return 0;
     const char *const id = msg_id != nullptr ? msg_id : generateMsgId();
     const char *const session = token != nullptr ? token : "";
+    const DIGITS_T type{msg_type};
+    const DIGITS_T length{payload_len};
+    const DIGITS_T time{std::time(nullptr)};
     dst.back() = '\0';
-    return format_text(belowLast(dst), HEADER_FORMAT, msg_type, payload_len, id,
-                       static_cast<std::int64_t>(std::time(nullptr)), session);
+    if (dst.size() == 1) return 0;
+    const auto &[text_type, text_length, text_id, text_time, text_session, text_end] = HEADER_TEXTS;
+    const std::string_view texts[] = {text_type, type, text_length,  length,  text_id, id,
+                                      text_time, time, text_session, session, text_end};
+    return joinTexts(belowLast(dst), texts);
 }
 
 int spliceProxyProtocolResponsePayload(std::span<char> dst, int code, const char *second_part,

@@ -40,14 +40,14 @@ void sendDataUp(REMOTE_PROXY_T *proxy, const char *session_id, int length)
         RA_ERROR_FOR(DATA_UP, "join content before buffer error");
         return;
     }
+    const char *const message = getBufferReadPointer(&buffer);
     const std::int32_t total = getBufferDataLength(&buffer);
     const GatheredLogLines gathered;
     RA_INFO_FOR(DATA_UP, "local service data to cloud header:%s", header.data());
     RA_INFO_FOR(DATA_UP, "local service data to cloud headlen:%d, payloadlen:%d, bufferLen:%d",
                 header_len, length, total);
-    RA_INFO_FOR(DATA_UP, "local service data to cloud packet:%.*s", header_len, buffer.data);
-    const int written =
-        writeCloudProxyChannel(proxy->conn, buffer.data, total, proxy->trans_timeout);
+    RA_INFO_FOR(DATA_UP, "local service data to cloud packet:%.*s", header_len, message);
+    const int written = writeCloudProxyChannel(proxy->conn, message, total, proxy->trans_timeout);
     if (written != total) RA_WARN_FOR(DATA_UP, "send to cloud failed! writenLen:%d ", written);
 }
 
@@ -122,9 +122,10 @@ void localServiceDataProc(REMOTE_PROXY_T *proxy, SESSION_NODE_T *session)
 {
     RA_DEBUG("recv local service data!");
     DATA_BUFFER_T &buffer = proxy->send_buffer;
-    resetDataBuffer(&buffer);
+    rewindDataBuffer(&buffer, DATA_HEADER_ROOM); // the header comes in front: no byte moves for it
     const auto room = static_cast<std::size_t>(buffer.capacity - DATA_HEADER_ROOM);
-    const auto received = static_cast<int>(::recv(session->socket_fd, buffer.data, room, 0));
+    const auto received =
+        static_cast<int>(::recv(session->socket_fd, getBufferWritePointer(&buffer), room, 0));
     const int error = errno;
     if (received > 0) {
         sendDataUp(proxy, session->session_id, received);

@@ -50,6 +50,12 @@ int resetDataBuffer(DATA_BUFFER_T *buffer) noexcept
     return 0;
 }
 
+void rewindDataBuffer(DATA_BUFFER_T *buffer, std::int32_t offset) noexcept
+{
+    buffer->read_offset = offset;
+    buffer->write_offset = offset;
+}
+
 int appendDataBuffer(DATA_BUFFER_T *buffer, const void *bytes, std::int32_t length) noexcept
 {
     if (length < 0 || !fits(buffer, buffer->write_offset, length)) return -1;
@@ -114,6 +120,11 @@ int joinContentBeforeBuffer(const void *bytes, std::int32_t length, DATA_BUFFER_
     const std::int32_t content = getBufferDataLength(buffer);
     // Refused before the content moves: past this point nothing can fail.
     if (length < 0 || content < 0 || (bytes == nullptr && length > 0)) return -1;
+    if (length > 0 && buffer->read_offset >= length) {
+        buffer->read_offset -= length;
+        std::memcpy(getBufferReadPointer(buffer), bytes, static_cast<std::size_t>(length));
+        return 0;
+    }
     if (moveBufferContent(buffer, length) != 0) return -1;
     resetBufferReadPointer(buffer);
     resetBufferWritePointer(buffer);

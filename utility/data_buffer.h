@@ -24,6 +24,9 @@ struct DATA_BUFFER_T {
 void freeDataBuffer(DATA_BUFFER_T *buffer) noexcept;
 // Offsets to 0, storage to zeros.
 int resetDataBuffer(DATA_BUFFER_T *buffer) noexcept;
+// Offsets to `offset`, which lies within the capacity; the storage keeps its bytes. For a message
+// that overwrites what it uses: clearing 50 KB takes as long as masking half of them.
+void rewindDataBuffer(DATA_BUFFER_T *buffer, std::int32_t offset) noexcept;
 [[nodiscard]] int appendDataBuffer(DATA_BUFFER_T *buffer, const void *bytes,
                                    std::int32_t length) noexcept;
 char *getBufferReadPointer(const DATA_BUFFER_T *buffer) noexcept;
@@ -35,6 +38,7 @@ int moveBufferReadPointer(DATA_BUFFER_T *buffer, std::int32_t count) noexcept;
 [[nodiscard]] int moveBufferContent(DATA_BUFFER_T *buffer, std::int32_t count) noexcept;
 void resetBufferReadPointer(DATA_BUFFER_T *buffer) noexcept;
 void resetBufferWritePointer(DATA_BUFFER_T *buffer) noexcept;
-// Puts length bytes in front of the unread content of a buffer whose read_offset is 0.
+// Puts length bytes in front of the unread content: in the room there, or, in a buffer whose
+// read_offset is 0, by shifting the content.
 [[nodiscard]] int joinContentBeforeBuffer(const void *bytes, std::int32_t length,
                                           DATA_BUFFER_T *buffer) noexcept;

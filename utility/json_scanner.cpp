@@ -143,6 +143,24 @@ int match_key(const char *key, std::size_t key_len, const char *value, std::size
     return JSON_VISIT_STOP;
 }
 
+struct KEY_MATCHES_T {
+    std::span<const std::string_view> wanted;
+    JSON_VALUE_T *found;
+};
+
+int match_keys(const char *key, std::size_t key_len, const char *value, std::size_t value_len,
+               std::int32_t type, void *user)
+{
+    const auto *const matches = static_cast<KEY_MATCHES_T *>(user);
+    const std::string_view name{key, key_len};
+    for (std::size_t i = 0; i < matches->wanted.size(); ++i) {
+        JSON_VALUE_T &found = matches->found[i];
+        if (found.text.data() == nullptr && name.starts_with(matches->wanted[i]))
+            found = {{value, value_len}, type};
+    }
+    return VISIT_CONTINUE;
+}
+
 const char *find_start(int mode, const char *text, const char *end)
 {
     if (text == nullptr) return nullptr;
@@ -228,4 +246,13 @@ JSON_VALUE_T json_lookup(std::string_view text, const char *key) noexcept
     const char *value = json_get_value(text.data(), text.size(), key, &length, &type);
     if (value == nullptr) return {{}, JSON_TYPE_NONE};
     return {{value, length}, type};
+}
+
+void json_lookup_each(std::string_view text, std::span<const std::string_view> keys,
+                      JSON_VALUE_T *values) noexcept
+{
+    for (std::size_t i = 0; i < keys.size(); ++i)
+        values[i] = {{}, JSON_TYPE_NONE};
+    KEY_MATCHES_T matches{keys, values};
+    (void)json_foreach_member(text.data(), text.size(), match_keys, &matches);
 }

@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string_view>
 
 enum JSON_TYPE : std::int32_t {
@@ -54,3 +55,6 @@ struct JSON_VALUE_T {
     std::int32_t type;
 };
 JSON_VALUE_T json_lookup(std::string_view text, const char *key) noexcept;
+// json_lookup of each key, in one walk. values has room for as many records as there are keys.
+void json_lookup_each(std::string_view text, std::span<const std::string_view> keys,
+                      JSON_VALUE_T *values) noexcept;

@@ -1,7 +1,7 @@
-// Random identifiers for messages and sessions: letters and digits drawn with rand(), which the
-// daemon never seeds, so every run produces the same sequence. They are names, not secrets.
+// Random identifiers for messages and sessions: letters and digits in the sequence of rand(), which
+// the daemon never seeds, so every run produces the same one. They are names, not secrets.
 //
-// Threads  generateMsgId and rand() keep process-wide state: the proxy thread alone calls them.
+// Threads  the sequence and the shared buffer are process-wide: the proxy thread alone uses them.
 #pragma once
 
 #include <cstddef>

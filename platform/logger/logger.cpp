@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -38,6 +39,7 @@ struct LOG_LINE_T {
     char bytes[LINE_ROOM + HEAD_SIZE + escaped_size(LOG_TEXT_MAX) + sizeof LOG_CUT_MARK];
     std::size_t length;
 };
+static_assert(escaped_size(LOG_TEXT_MAX) >= TEXT_SIZE);
 static_assert(sizeof LOG_LINE_T::bytes <= GATHER_SIZE);
 
 constinit std::atomic<int> g_min_level{LEVEL_NOTHING};
@@ -72,18 +74,45 @@ void put_head(LOG_LINE_T &line, int level, const char *file, const char *functio
     put(line, ": ");
 }
 
+constexpr bool is_plain(char c)
+{
+    return c >= ' ' && c <= '~';
+}
+
+// How many characters there are before the first that is not plain: eight at a time, as nearly all
+// texts are plain to their end.
+std::size_t plain_length(std::string_view text)
+{
+    constexpr std::uint64_t ONES = 0x0101010101010101;
+    constexpr std::uint64_t TOP_BITS = ONES << 7;
+    std::size_t length = 0;
+    for (std::uint64_t word = 0; length + sizeof word <= text.size(); length += sizeof word) {
+        std::memcpy(&word, text.data() + length, sizeof word);
+        const std::uint64_t below_space = (word - ONES * ' ') & ~word;
+        const std::uint64_t above_tilde = (word + ONES) | word;
+        if (((below_space | above_tilde) & TOP_BITS) != 0) break;
+    }
+    while (length < text.size() && is_plain(text[length]))
+        ++length;
+    return length;
+}
+
 __attribute__((format(printf, 2, 0))) void put_text(LOG_LINE_T &line, const char *format,
                                                     std::va_list arguments)
 {
-    char text[TEXT_SIZE];
-    const int formatted = std::vsnprintf(text, sizeof text, format, arguments);
+    char *const place = line.bytes + line.length; // it stays there as far as nothing is escaped
+    const int formatted = std::vsnprintf(place, TEXT_SIZE, format, arguments);
     std::string_view stored{format}; // without a text, its format still says what it was
     if (formatted >= 0) {
-        stored = {text, std::min(static_cast<std::size_t>(formatted), sizeof text - 1)};
+        stored = {place, std::min<std::size_t>(static_cast<std::size_t>(formatted), TEXT_SIZE - 1)};
     }
     bool cut = false;
     const std::string_view bounded = bound_log_text(stored, &cut);
-    line.length += escape_log_text(bounded, line.bytes + line.length);
+    const std::size_t plain = formatted >= 0 ? plain_length(bounded) : 0;
+    char rest[TEXT_SIZE];
+    const std::size_t left = std::min(bounded.size() - plain, sizeof rest);
+    std::memcpy(rest, bounded.data() + plain, left);
+    line.length += plain + escape_log_text({rest, left}, place + plain);
     if (cut) put(line, LOG_CUT_MARK);
 }
 
@@ -140,11 +169,6 @@ bool is_control(std::string_view character)
     return character == "\xE2\x80\xA8" || character == "\xE2\x80\xA9";
 }
 
-constexpr bool is_plain(char c)
-{
-    return c >= ' ' && c <= '~';
-}
-
 char *put_escaped_byte(char *dst, char c)
 {
     *dst++ = '\\';
@@ -174,8 +198,7 @@ std::size_t escape_log_text(std::string_view text, char *dst) noexcept
 {
     const char *const start = dst;
     while (!text.empty()) {
-        const auto run = static_cast<std::size_t>(
-            std::find_if_not(text.begin(), text.end(), is_plain) - text.begin());
+        const std::size_t run = plain_length(text);
         std::memcpy(dst, text.data(), run);
         dst += run;
         text.remove_prefix(run);

@@ -181,10 +181,10 @@ QUEUED failToQueue(noPollConn &conn, noPollDebugLevel level, const char *reason)
 QUEUED queueRecord(noPollConn &conn)
 {
     FAILURE_T failure{};
-    const std::size_t buffered = bytesOf(conn.wire.in).size();
+    const int reads_left = conn.wire.reads_left;
     const TLS_WRITE result = writeTls(conn.tls, conn.wire, bytesOf(conn.frame), failure);
     consumeBytes(conn.frame, bytesOf(conn.frame).size());
-    if (bytesOf(conn.wire.in).size() != buffered) conn.starved = false; // TLS has read more
+    if (conn.wire.reads_left != reads_left) conn.starved = false; // TLS has read more
     if (result == TLS_WRITE::NOT_TAKEN) return QUEUED::NOT_TAKEN;
     if (result == TLS_WRITE::DONE) return QUEUED::YES;
     return failToQueue(conn, NOPOLL_LEVEL_WARNING, failure.text);
@@ -293,11 +293,13 @@ bool pushOut(noPollConn &conn)
 
 bool pushOutPatiently(noPollConn &conn)
 {
-    const int64_t end = monotonicMs() + PATIENCE_MS;
+    int64_t end = 0; // most often the socket takes all at once, and the clock is not asked
     while (pushOut(conn)) {
-        const std::size_t pending = bytesOf(conn.wire.tx).size();
-        const int64_t deadline = std::min(end, monotonicMs() + STALL_MS);
-        if (pending == 0 || pollUntil(conn.wire.socket.get(), POLLOUT, deadline) == 0) return true;
+        if (bytesOf(conn.wire.tx).empty()) return true;
+        const int64_t now = monotonicMs();
+        if (end == 0) end = now + PATIENCE_MS;
+        const int64_t deadline = std::min(end, now + STALL_MS);
+        if (pollUntil(conn.wire.socket.get(), POLLOUT, deadline) == 0) return true;
     }
     return false;
 }

@@ -319,10 +319,8 @@ void nopoll_msg_unref(noPollMsg *msg)
 int nopoll_conn_read_pending(noPollConn *conn)
 {
     if (!conn || conn->ended || conn->starved) return 0;
-    const std::size_t in_tls =
-        conn->tls_on ? static_cast<std::size_t>(SSL_pending(conn->tls.ssl.get())) : 0;
-    return static_cast<int>(ws::bytesOf(conn->rx).size() + in_tls +
-                            ws::bytesOf(conn->wire.in).size());
+    const int in_tls = conn->tls_on ? ws::pendingTls(conn->tls) : 0;
+    return static_cast<int>(ws::bytesOf(conn->rx).size()) + in_tls;
 }
 
 int nopoll_conn_send_binary(noPollConn *conn, const char *content, long length)

@@ -28,28 +28,25 @@ int writeToQueue(BIO *bio, const char *src, int size)
     return -1;
 }
 
-int readFromQueue(BIO *bio, char *dst, int size)
+int readFromSocket(BIO *bio, char *dst, int size)
 {
     BIO_clear_retry_flags(bio);
     WIRE_T &wire = wireOf(bio);
-    if (bytesOf(wire.in).empty()) {
-        // The peer may be waiting for what we have to say first, in the handshake and at a change
-        // of keys.
-        if (!flushWire(wire)) return -1;
-        if (!reserveBytes(wire.in, INPUT_SIZE)) {
-            wire.error = ENOMEM;
-            return -1;
-        }
-        const int got = receiveFromWire(wire, {wire.in.data.get() + wire.in.end, INPUT_SIZE});
-        if (got == 0) BIO_set_retry_read(bio);
-        if (got <= 0) return wire.ended_by_peer ? 0 : -1;
-        wire.in.end += static_cast<std::size_t>(got);
-    }
-    const auto bytes = bytesOf(wire.in);
-    const std::size_t taken = std::min(bytes.size(), static_cast<std::size_t>(size));
-    std::memcpy(dst, bytes.data(), taken);
-    consumeBytes(wire.in, taken);
-    return static_cast<int>(taken);
+    // The peer may be waiting for what we have to say first, in the handshake and at a change of
+    // keys.
+    if (!flushWire(wire)) return -1;
+    const int got =
+        receiveFromWire(wire, {reinterpret_cast<uint8_t *>(dst), static_cast<std::size_t>(size)});
+    if (got == 0) BIO_set_retry_read(bio);
+    if (got > 0) return got;
+    return wire.ended_by_peer ? 0 : -1;
+}
+
+// Before each call of TLS: what an earlier one left there would pass for its reason. Looking costs
+// less than clearing, which visits every entry.
+void forgetErrors()
+{
+    if (ERR_peek_error() != 0) ERR_clear_error();
 }
 
 long controlQueue(BIO *bio, int command, long /*number*/, void * /*pointer*/)
@@ -145,7 +142,7 @@ bool attachWire(TLS_LINK_T &link, WIRE_T &wire)
     link.method.reset(BIO_meth_new(BIO_TYPE_SOURCE_SINK, "wire"));
     BIO_METHOD *const method = link.method.get();
     if (!method || BIO_meth_set_write(method, writeToQueue) != 1 ||
-        BIO_meth_set_read(method, readFromQueue) != 1 ||
+        BIO_meth_set_read(method, readFromSocket) != 1 ||
         BIO_meth_set_ctrl(method, controlQueue) != 1)
         return false;
     BIO *bio = BIO_new(method);
@@ -170,13 +167,15 @@ bool failHandshake(const TLS_LINK_T &link, const WIRE_T &wire, FAILURE_T &failur
 bool prepareTls(TLS_LINK_T &link, const TLS_SETTINGS_T &settings, const char *server_name,
                 WIRE_T &wire, FAILURE_T &failure)
 {
-    ERR_clear_error();
+    forgetErrors();
     link.context.reset(SSL_CTX_new(TLS_client_method()));
     SSL_CTX *const context = link.context.get();
     if (!context || SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION) != 1)
         return fail(failure, "TLS cannot be set up: %s", tlsFault(wire));
     SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION);
     SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
+    SSL_CTX_set_read_ahead(context, 1); // a system call for 64 KB instead of two for a record
+    SSL_CTX_set_default_read_buffer_len(context, INPUT_SIZE);
     orderCiphers(context);
     if (!loadFiles(context, settings, failure)) return false;
     link.ssl.reset(SSL_new(context));
@@ -189,7 +188,7 @@ bool shakeHands(TLS_LINK_T &link, WIRE_T &wire, int64_t deadline_ms, FAILURE_T &
 {
     for (;;) {
         wire.reads_left = READS_PER_CALL;
-        ERR_clear_error();
+        forgetErrors();
         const int result = SSL_connect(link.ssl.get());
         if (result == 1) {
             link.established = true;
@@ -210,7 +209,7 @@ bool shakeHands(TLS_LINK_T &link, WIRE_T &wire, int64_t deadline_ms, FAILURE_T &
 TLS_WRITE writeTls(TLS_LINK_T &link, const WIRE_T &wire, std::span<const uint8_t> bytes,
                    FAILURE_T &failure)
 {
-    ERR_clear_error();
+    forgetErrors();
     std::size_t written = 0;
     if (SSL_write_ex(link.ssl.get(), bytes.data(), bytes.size(), &written) == 1)
         return TLS_WRITE::DONE;
@@ -223,7 +222,7 @@ TLS_WRITE writeTls(TLS_LINK_T &link, const WIRE_T &wire, std::span<const uint8_t
 
 int readTls(TLS_LINK_T &link, const WIRE_T &wire, std::span<uint8_t> dst, FAILURE_T &failure)
 {
-    ERR_clear_error();
+    forgetErrors();
     std::size_t got = 0;
     if (SSL_read_ex(link.ssl.get(), dst.data(), dst.size(), &got) == 1)
         return static_cast<int>(got);
@@ -238,10 +237,16 @@ int readTls(TLS_LINK_T &link, const WIRE_T &wire, std::span<uint8_t> dst, FAILUR
     return -1;
 }
 
+int pendingTls(const TLS_LINK_T &link)
+{
+    const int decrypted = SSL_pending(link.ssl.get());
+    return decrypted > 0 ? decrypted : SSL_has_pending(link.ssl.get());
+}
+
 void shutDownTls(TLS_LINK_T &link)
 {
     if (!link.established) return;
-    ERR_clear_error();
+    forgetErrors();
     SSL_shutdown(link.ssl.get());
     link.established = false;
 }

@@ -10,12 +10,6 @@
 
 namespace ws {
 
-std::span<uint8_t> bytesOf(BYTE_QUEUE_T &queue)
-{
-    if (!queue.data) return {};
-    return {queue.data.get() + queue.start, queue.end - queue.start};
-}
-
 bool reserveBytes(BYTE_QUEUE_T &queue, std::size_t more)
 {
     if (queue.data && queue.capacity - queue.end >= more) return true;

@@ -17,6 +17,7 @@
 namespace ws {
 
 inline constexpr std::size_t QUEUE_LIMIT = std::size_t{17} * 1024 * 1024;
+// What TLS takes from the socket at a time, into a buffer of its own.
 inline constexpr std::size_t INPUT_SIZE = std::size_t{64} * 1024;
 // Reads from the socket within one receive call. It bounds the time that a flood of control frames
 // or of TLS housekeeping can hold the caller; what is left stays in the socket, where select sees
@@ -34,7 +35,11 @@ struct BYTE_QUEUE_T {
     std::size_t end = 0;
 };
 
-std::span<uint8_t> bytesOf(BYTE_QUEUE_T &queue);
+inline std::span<uint8_t> bytesOf(BYTE_QUEUE_T &queue)
+{
+    if (!queue.data) return {};
+    return {queue.data.get() + queue.start, queue.end - queue.start};
+}
 // Room for `more` bytes behind the end; false at the limit and when memory is out. Moves what is
 // queued.
 [[nodiscard]] bool reserveBytes(BYTE_QUEUE_T &queue, std::size_t more);
@@ -43,7 +48,6 @@ void consumeBytes(BYTE_QUEUE_T &queue, std::size_t count);
 
 struct WIRE_T {
     UniqueFd socket;
-    BYTE_QUEUE_T in; // over TLS: records as they came
     BYTE_QUEUE_T tx; // as it goes to the socket
     int reads_left = 0;
     bool ended_by_peer = false;

@@ -61,6 +61,8 @@ TEST_F(Dispatch, WorksOnlyInTheStateOfEachType)
         {256, "m1", CONNECTED, unknown + "256 "},
     };
     const UniqueFd far = addSession("s1");
+    (void)receive(wire(22, "m1", "s1", std::string(200, 'x'))); // which stays in no later text
+    EXPECT_EQ(std::string(200, 'x'), drain(far.get()));
     for (const auto &row : rows) {
         setChannelState(&proxy, row.state);
         proxy.ping_count = 2;

@@ -101,4 +101,8 @@ TEST_F(DataBuffer, JoinPutsTheHeaderInFront)
     expect("payload", 0, 7);
     ASSERT_EQ(0, joinContentBeforeBuffer("hea", 3, &buffer));
     expect("heapayload", 0, 10);
+    rewindDataBuffer(&buffer, 4);
+    ASSERT_EQ(0, appendDataBuffer(&buffer, "body", 4));
+    ASSERT_EQ(0, joinContentBeforeBuffer("top", 3, &buffer)); // no byte of the body moves
+    expect("htopbodyad", 1, 8);
 }

@@ -61,17 +61,25 @@ TEST(SocketOwner, IsThatOfAConnectedPeerOnly)
     }
 }
 
-TEST(MessageId, DrawsFromTheUnseededGenerator)
+TEST(MessageId, DrawsTheSequenceOfTheUnseededGenerator)
 {
     char text[3] = "xx";
     EXPECT_STREQ("xx", randomString(text, 0));
     EXPECT_STREQ("", randomString(text, 1));
     EXPECT_EQ('x', text[1]);
-    std::srand(1); // the state of a process that never seeds
     const char *shared = generateMsgId();
     EXPECT_STREQ("PKdhtXMmr18n2L9K88eMlGn7CcctT9", shared);
+    std::srand(1); // the state of a process that never seeds
+    for (int i = 0; i < 30; ++i)
+        (void)std::rand();
+    const std::string alphabet = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    for (int i = 0; i < 1000; ++i) {
+        std::string expected(30, ' ');
+        for (char &character : expected)
+            character = alphabet[static_cast<std::size_t>(std::rand()) % alphabet.size()];
+        ASSERT_EQ(expected, generateMsgId());
+    }
     EXPECT_EQ(shared, generateMsgId());
-    EXPECT_STRNE("PKdhtXMmr18n2L9K88eMlGn7CcctT9", shared);
 }
 
 TEST(ThreadHandle, StartsInStateZeroOnly)

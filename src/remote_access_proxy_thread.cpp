@@ -8,6 +8,7 @@
 #include "src/proxy.h"
 #include "src/watchdog_feed.h"
 #include "utility/alternate_stack.h"
+#include "utility/file_pages.h"
 
 #include <unistd.h>
 
@@ -38,7 +39,10 @@ void countHeartbeat(REMOTE_PROXY_T *proxy)
 void runOnePass(REMOTE_PROXY_T *proxy, REMOTE_ACCESS_CONFIG_T *record)
 {
     syncProxyConfig(proxy, record);
+    const bool was_connected = channelState(proxy) == CHANNEL_STATE_CONNECTED;
     runChannelState(proxy, record->remote_access_switch.load(std::memory_order_relaxed));
+    // An opening uses most of OpenSSL, an open channel little of it.
+    if (!was_connected && channelState(proxy) == CHANNEL_STATE_CONNECTED) release_file_pages();
     feedProxyWatchdog();
     countHeartbeat(proxy);
 }

@@ -11,7 +11,7 @@ INSTRUMENTED = re.search(rb"__[at]san_init", (BIN / "remote_access_daemon").read
 
 @dataclass
 class Footprint:
-    resident_kb: int
+    own_kb: int  # memory that no file backs: a file's pages come and go with their use
     descriptors: int
     threads: int
     blocks: int  # of the heap, that have not been freed; 0 unless the daemon was started COUNTED
@@ -25,8 +25,8 @@ def _counters(gateway):
 def held_by(pid, blocks=0):
     process = f"/proc/{pid}"
     with open(f"{process}/smaps_rollup", encoding="ascii") as rollup:
-        resident_kb = int(re.search(r"^Rss:\s+(\d+) kB", rollup.read(), re.MULTILINE)[1])
-    return Footprint(resident_kb, len(os.listdir(f"{process}/fd")),
+        own_kb = int(re.search(r"^Anonymous:\s+(\d+) kB", rollup.read(), re.MULTILINE)[1])
+    return Footprint(own_kb, len(os.listdir(f"{process}/fd")),
                      len(os.listdir(f"{process}/task")), blocks)
 
 

@@ -183,7 +183,7 @@ def measure_reconnects(links, count):
 
     def sum_up(side):
         held = [pair[side] for pair in pairs]
-        return Footprint(round(sum(one.resident_kb for one in held) / len(held)),
+        return Footprint(round(sum(one.own_kb for one in held) / len(held)),
                          max(one.descriptors for one in held), max(one.threads for one in held),
                          max(one.blocks for one in held))
     uneven = [pair for pair in pairs if not is_even(*pair)]
@@ -219,7 +219,7 @@ def measure_allocations(link, port):
 
 
 def footprint_row(what, before, after):
-    pairs = ((before.resident_kb, after.resident_kb), (before.blocks, after.blocks),
+    pairs = ((before.own_kb, after.own_kb), (before.blocks, after.blocks),
              (before.descriptors, after.descriptors), (before.threads, after.threads))
     return f"| {what} | " + " | ".join(f"{old} → {new}" for old, new in pairs) + " |"
 
@@ -227,7 +227,8 @@ def footprint_row(what, before, after):
 def report(arguments, sessions, reconnects, back_end, counted, refusals):
     each = arguments.reconnects // GATEWAYS
     lines = [
-        "| What a daemon holds before and after | RSS, KB | heap blocks | descriptors | threads |",
+        "| What a daemon holds before and after | own memory, KB | heap blocks | descriptors "
+        "| threads |",
         "|---|---|---|---|---|",
         footprint_row(f"{arguments.sessions} sessions over TLS, released by the back end, closed "
                       "or reset by the service", *sessions),
@@ -247,18 +248,18 @@ def report(arguments, sessions, reconnects, back_end, counted, refusals):
 
 def judge(sessions, reconnects, back_end, counted):
     before, after = sessions
-    if after.resident_kb - before.resident_kb > SESSIONS_RISE_KB:
-        yield f"RSS rose by more than {SESSIONS_RISE_KB} KB over the sessions"
+    if after.own_kb - before.own_kb > SESSIONS_RISE_KB:
+        yield f"own memory rose by more than {SESSIONS_RISE_KB} KB over the sessions"
     if not is_even(before, after):
         yield "blocks, descriptors or threads are left over from the sessions"
     before, after, uneven = reconnects
-    if after.resident_kb - before.resident_kb > RECONNECTS_RISE_KB:
-        yield f"RSS rose by more than {RECONNECTS_RISE_KB} KB over the reconnections"
+    if after.own_kb - before.own_kb > RECONNECTS_RISE_KB:
+        yield f"own memory rose by more than {RECONNECTS_RISE_KB} KB over the reconnections"
     if uneven:
         yield f"blocks, descriptors or threads are left over from the reconnections: {uneven}"
     before, after = back_end
-    if after.resident_kb - before.resident_kb > BACK_END_RISE_KB:
-        yield f"the back end's RSS rose by more than {BACK_END_RISE_KB} KB"
+    if after.own_kb - before.own_kb > BACK_END_RISE_KB:
+        yield f"the back end's own memory rose by more than {BACK_END_RISE_KB} KB"
     if before.descriptors != after.descriptors:
         yield "descriptors of the back end are left over"
     for transport, directions in counted.items():

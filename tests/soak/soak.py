@@ -175,10 +175,10 @@ def minute_line(soak, pair, start):
     held = held_by(pair.gateway.daemon.pid)
     expected, others = warnings_of(pair)
     print(f"{time.monotonic() - start:6.0f} s  {soak.done} sessions ({soak.aborted} aborted), "
-          f"up {soak.up / 1e6:.0f} MB, down {soak.down / 1e6:.0f} MB, RSS {held.resident_kb} "
+          f"up {soak.up / 1e6:.0f} MB, down {soak.down / 1e6:.0f} MB, own memory {held.own_kb} "
           f"kB, {held.descriptors} descriptors, {held.threads} threads, warnings {expected} "
           f"expected, {len(others)} others, {len(soak.faults)} faults", flush=True)
-    return held.resident_kb
+    return held.own_kb
 
 
 async def run_for(seconds, soak, pair, listener):
@@ -231,7 +231,7 @@ def main():
         growth = asyncio.run(run_for(options.minutes * 60, soak, pair, listener))
         faults = soak.faults + left_over(pair, idle)
         if growth > GROWTH_LIMIT_KB:
-            faults.append(f"RSS has grown by {growth} kB since the first line")
+            faults.append(f"own memory has grown by {growth} kB since the first line")
         faults += warnings_of(pair)[1]
         faults += [line for line in pair.gateway.log_beside("backend").splitlines()
                    if re.search(r" [WE] ", line) and not EXPECTED_BACK_END.search(line)]

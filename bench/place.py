@@ -8,12 +8,14 @@ from harness.waiting import poll
 
 class Place(ProcessGroup):
     """`service` is where the load's service will listen on the gateway; the peer has to make it
-    reachable at `operator`. `tls` holds the run's throw-away certificates."""
+    reachable at `operator`. `tls` holds the run's throw-away certificates. `gateway` and `far` are
+    the processes to measure on either side. `bare` is for a load that is its own way."""
 
     def __init__(self, workspace, name, tls):
         super().__init__(workspace / name)
         self.name, self.tls = name, tls
         self.service, self.operator = free_port(), free_port()
+        self.gateway, self.far, self.bare = [], [], ()
         self.directory.mkdir()
 
     def write(self, name, text):

@@ -1,8 +1,6 @@
 """The start of the reference back end."""
 import json
 
-from .sandbox import BIN
-
 DEVICE_KEYS = ("product_key", "device_name", "device_secret")
 
 
@@ -26,7 +24,7 @@ def start_back_end(gateway, listen, certificate, *options, ports=(), registered=
                 for part in ("--forward", f"{port}={name}/{service}")]
     starts = gateway.log_beside("backend").count("listening on")
     process = gateway.spawn_beside(
-        "backend", BIN / "remote_access_backend", "--listen", "{}:{}".format(*listen), "--cert",
+        "backend", gateway.binaries / "remote_access_backend", "--listen", "{}:{}".format(*listen), "--cert",
         certificate[0], "--key", certificate[1], "--devices", devices, *forwards, *options)
     gateway.beside.wait_for_line("backend", "listening on", starts + 1)
     return process

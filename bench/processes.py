@@ -1,6 +1,7 @@
 """What the system knows of a process: memory, CPU time, switches, processors."""
 import os
 import pathlib
+import re
 import time
 
 
@@ -34,3 +35,10 @@ def run_on(pids, processors):
     for pid in pids:
         for task in threads(pid):
             os.sched_setaffinity(task, processors)
+
+
+def wakeups(pid):
+    """Of all threads; None where the kernel does not count them."""
+    texts = [pathlib.Path(f"/proc/{pid}/task/{task}/sched").read_text() for task in threads(pid)]
+    found = [re.search(r"nr_wakeups\s*:\s*(\d+)", text) for text in texts]
+    return None if None in found else sum(int(match[1]) for match in found)

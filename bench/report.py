@@ -2,20 +2,20 @@
 import statistics
 
 import machine
-from figures import ASKED, ASKED_MICRO, FIGURES, SETS, SUBJECT
+from figures import ASKED, ASKED_MICRO, BULK, FIGURES, SETS, SUBJECT
 from intervals import Interval, median_interval, verdict
 
 FORMAT = 1  # of a result file
 
 
-def _figure(value):
+def figure(value):
     return f"{value:.0f}" if abs(value) >= 100 or value == 0 else f"{value:.3g}"
 
 
-def _with_ends(interval, factor=1):
+def with_ends(interval, factor=1):
     ends = "" if interval.low is None else (
-        f" [{_figure(interval.low * factor)}, {_figure(interval.high * factor)}]")
-    return _figure(interval.median * factor) + ends
+        f" [{figure(interval.low * factor)}, {figure(interval.high * factor)}]")
+    return figure(interval.median * factor) + ends
 
 
 # ---- what is asked
@@ -53,7 +53,7 @@ def _asked_grid(result, rows):
         cells = []
         for name in sets:
             interval = asked_interval(result, name, row)
-            cells.append(f"{_with_ends(interval)} {verdict(interval, row.bound, better)}"
+            cells.append(f"{with_ends(interval)} {verdict(interval, row.bound, better)}"
                          if interval else "-")
         if any(cell != "-" for cell in cells):
             sign = "<=" if better == "less" else ">="
@@ -62,21 +62,21 @@ def _asked_grid(result, rows):
         if name in result["micro"]:
             interval = median_interval(result["micro"][name]["ns"])
             yield [f"{name}, ns", f"<= {bound}",
-                   f"{_with_ends(interval)} {verdict(interval, bound)}",
+                   f"{with_ends(interval)} {verdict(interval, bound)}",
                    *["-"] * (len(sets) - 1)]
 
 
 # ---- all figures of a set
 
-def _pair_cell(pairs, figure):
+def _pair_cell(pairs, row):
     """The peer's median, the daemon's in terms of it, and whether that is ahead or behind."""
     theirs = statistics.median(pair[1] for pair in pairs)
     ratios = [pair[0] / pair[1] for pair in pairs if pair[1]]
     if not ratios:
-        return _figure(theirs * figure.factor)
+        return figure(theirs * row.factor)
     interval = median_interval(ratios)
-    word = {"met": " ahead", "not met": " behind"}.get(verdict(interval, 1, figure.better), "")
-    return f"{_figure(theirs * figure.factor)}: {_with_ends(interval)}{word}"
+    word = {"met": " ahead", "not met": " behind"}.get(verdict(interval, 1, row.better), "")
+    return f"{figure(theirs * row.factor)}: {with_ends(interval)}{word}"
 
 
 def _set_grid(result, set_name, rows):
@@ -84,7 +84,7 @@ def _set_grid(result, set_name, rows):
     yield ["", SUBJECT, *peers]
     for key in rows:
         if key in own:
-            yield [FIGURES[key].label, _figure(statistics.median(own[key]) * FIGURES[key].factor),
+            yield [FIGURES[key].label, figure(statistics.median(own[key]) * FIGURES[key].factor),
                    *(_pair_cell(found[key], FIGURES[key]) if key in found else "-"
                      for found in peers.values())]
 
@@ -92,13 +92,33 @@ def _set_grid(result, set_name, rows):
 def _idle_grid(result):
     yield ["", *result["idle"]]
     for key in ("rss_idle", "rss_peak", "idle_cpu", "idle_switches"):
-        yield [FIGURES[key].label, *(_figure(of[key]) for of in result["idle"].values())]
+        yield [FIGURES[key].label, *(figure(of[key]) for of in result["idle"].values())]
+
+
+_COUNTS = {"calls": "system calls per MB", "voluntary": "waits per MB",
+           "nonvoluntary": "involuntary switches per MB", "wakeups": "wake-ups per MB",
+           "instructions": "instructions per byte", "cycles": "cycles per byte"}
+
+
+def _count_cell(found, key):
+    names = ", ".join(f"{name} {figure(value)}" for name, value in found["by_name"].items()) \
+        if key == "calls" and key in found else ""
+    return (figure(found[key]) if key in found else "-") + (f" ({names})" if names else "")
+
+
+def _count_grid(result):
+    yield ["", *result["counts"]]
+    for kind in BULK:
+        for key, label in _COUNTS.items():
+            if any(key in of[kind] for of in result["counts"].values()):
+                yield [f"{kind}: {label}",
+                       *(_count_cell(of[kind], key) for of in result["counts"].values())]
 
 
 def _micro_grid(result):
     yield ["", "ns", "GB/s"]
     for name, row in result["micro"].items():
-        yield [name.replace("/", ", "), _with_ends(median_interval(row["ns"])),
+        yield [name.replace("/", ", "), with_ends(median_interval(row["ns"])),
                f"{row['gbs']:.1f}" if "gbs" in row else "-"]
 
 
@@ -119,27 +139,29 @@ def _tables(result, rows):
     tables = [("What is asked", _asked_grid(result, rows))]
     tables += [(f"{SETS[name].title.capitalize()}", _set_grid(result, name, rows))
                for name in SETS if name in result["sets"]]
+    tables += [("Counts of the gateway's processes", _count_grid(result))] \
+        if result["counts"] else []
     tables += [("At rest", _idle_grid(result))] if result["idle"] else []
     tables += [("Pieces of the work for a message", _micro_grid(result))] if result["micro"] else []
     return [(title, found) for title, grid in tables if len(found := list(grid)) > 1]
 
 
-def _plain(rows):
+def plain(rows):
     widths = [max(map(len, column)) for column in zip(*rows)]
     return "\n".join(row[0].ljust(widths[0]) + "".join(
         f"  {cell:>{width}}" for cell, width in zip(row[1:], widths[1:])) for row in rows)
 
 
-def _markdown(rows):
+def markdown_table(rows):
     rows = [rows[0], ["---"] * len(rows[0]), *rows[1:]]
     return "".join(f"| {' | '.join(row)} |\n" for row in rows)
 
 
 def text(result, rows):
     return "\n\n".join((_describe(result), *(
-        f"{title}\n{_plain(grid)}" for title, grid in _tables(result, rows))))
+        f"{title}\n{plain(grid)}" for title, grid in _tables(result, rows))))
 
 
 def markdown(result):
     return f"{_describe(result)}\n\n" + "\n".join(
-        f"### {title}\n\n{_markdown(grid)}" for title, grid in _tables(result, list(FIGURES)))
+        f"### {title}\n\n{markdown_table(grid)}" for title, grid in _tables(result, list(FIGURES)))

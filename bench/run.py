@@ -18,6 +18,7 @@ from harness.workspace import Workspace
 
 import machine
 import report
+from counts import count
 from figures import FIGURES, SETS, SUBJECT
 from peers import bare_tls, daemon, haproxy, loopback, operator_way, ssh, stunnel
 from place import Place
@@ -37,8 +38,10 @@ PEERS = {
     "tls-aes128": (bare_tls.start, "aes128"),
     "tls-aes256": (bare_tls.start, "aes256"),
 }
-QUICK_PEERS = ("ssh-aes128", "stunnel", "tls-aes128")
 OLD = "old"  # the peer of --against
+# What is counted, if it runs: whose threads last, so that their switches can be read afterwards.
+COUNTED = (SUBJECT, "daemon-level-2", OLD, "ssh", "ssh-aes128")
+QUICK_PEERS = ("ssh-aes128", "stunnel", "tls-aes128")
 PAIRS, QUICK_PAIRS = 15, 6
 WINDOW_MS, QUICK_WINDOW_MS = 250, 150
 SETTLE_S, IDLE_S, QUICK_IDLE_S = 2, 12, 2
@@ -76,7 +79,7 @@ def measure(options, workspace):
     places = list(start_peers(options, workspace))
     subject, *peers = places
     result = {"format": report.FORMAT, "machine": machine.describe(), "pairs": options.pairs,
-              "window_ms": options.window_ms, "idle": {}}
+              "window_ms": options.window_ms, "idle": {}, "counts": {}}
     with_process = [place for place in places if place.gateway]
     if any(FIGURES[row].kind is None for row in options.rows):
         print("peers are up; looking at them idle", file=sys.stderr)
@@ -84,6 +87,10 @@ def measure(options, workspace):
     samples = Samples()
     for set_name in options.sets:
         run_set(set_name, subject, peers, options, samples)
+    if options.counts:
+        print("counting", file=sys.stderr)
+        result["counts"] = count([place for place in with_process
+                                  if place.name in COUNTED])
     for name, figures in result["idle"].items():
         pid = next(place.gateway[0] for place in places if place.name == name)
         figures["rss_peak"] = status(pid, "VmHWM") / 1000
@@ -133,17 +140,21 @@ def parse_options():
                         help=f"only these of {', '.join(SETS)}")
     parser.add_argument("--against", type=pathlib.Path, metavar="BUILD_DIR",
                         help="compare with the daemon and the back end of another build")
+    parser.add_argument("--counts", action="store_true",
+                        help="count only: system calls, switches, instructions for each MB")
     documents.add_option(parser)
     options = parser.parse_args()
     options.whole = not (options.quick or options.peers or options.rows or options.sets
-                         or options.against)
+                         or options.against or options.counts)
     # What is named gets as many pairs as what something is asked of.
     options.full = [*(options.peers or ()), *([OLD] if options.against else ())]
     options.peers = (options.full if options.full else
                      list(QUICK_PEERS) if options.quick else peers)
-    options.sets = options.sets or (["usual"] if options.quick or not options.whole else list(SETS))
-    options.micro = options.rows is None and not options.full
-    options.rows = options.rows or list(FIGURES)
+    options.sets = options.sets or ([] if options.counts else list(SETS) if options.whole else
+                                    ["usual"])
+    options.micro = options.whole or options.quick
+    options.rows = options.rows or ([] if options.counts else list(FIGURES))
+    options.counts = options.counts or options.whole
     options.pairs = options.pairs or (QUICK_PAIRS if options.quick else PAIRS)
     options.window_ms = options.window_ms or (QUICK_WINDOW_MS if options.quick else WINDOW_MS)
     return options

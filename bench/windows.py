@@ -20,7 +20,8 @@ def run_window(place, kind, window_ms, cost="usual", processor=-1):
     load = (["tls", kind, window_ms, processor, *place.bare] if place.bare else
             ["way", kind, window_ms, cost, place.service, place.operator,
              *(",".join(map(str, pids)) or 0 for pids in (place.gateway, place.far))])
-    done = subprocess.run([BIN / "bench_load", *map(str, load)], capture_output=True, text=True,
+    wrapper = place.wrapper if place.bare else ()
+    done = subprocess.run([*wrapper, BIN / "bench_load", *map(str, load)], capture_output=True, text=True,
                           check=False, timeout=LOAD_TIMEOUT_S)
     if done.returncode != 0:
         raise SystemExit(f"{place.name}, {kind}: {done.stderr.strip()}")

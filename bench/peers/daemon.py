@@ -9,11 +9,11 @@ def start(place, level, *options, binaries=BIN):
     listen = free_port()
     gateway = Gateway(
         place.directory, "gateway", cloud=listen, level=level, authority=place.tls.authority,
-        binaries=binaries,
+        binaries=binaries, system=place.system,
         config={"gw_remoteaccess_trans_timeout": 2000},
         services=[{"type": "TCP", "name": "bench", "ip": "127.0.0.1", "port": place.service}])
     far = start_back_end(gateway, ("127.0.0.1", listen), place.tls.paths(),
-                         *options, ports={"bench": place.operator})
+                         *options, ports={"bench": place.operator}, wrapper=place.wrapper)
     start_gateways([gateway])
     place.keep = gateway  # it ends with its sandbox
     poll(lambda: " connected, services: " in gateway.log_beside("backend"), 20,

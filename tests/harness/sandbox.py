@@ -161,16 +161,17 @@ class Gateway:
     watched        the watchdog feeds are recorded
     command        what to run instead of the daemon itself
     binaries       the folder of the daemon, the back end and the gateway's modules
+    system         the root whose /usr the daemon sees
     prepare        called with the root directory before anything starts
     ends, strays   statuses and a pattern of stray lines to be expected
     """
 
     def __init__(self, directory, name, cloud=1, config=(), files=(), authority=None,
                  services=None, level=0, bus=True, manager=True,
-                 watched=False, command=COMMAND, binaries=BIN, prepare=None, ends=(),
-                 strays="(?!)"):
+                 watched=False, command=COMMAND, binaries=BIN, system="", prepare=None,
+                 ends=(), strays="(?!)"):
         self.name, self.root, self.command = name, directory / name, command
-        self.binaries = binaries
+        self.binaries, self.system = binaries, system
         self.config = {**CONFIG, "gw_remoteaccess_cloud_port": cloud, **(TLS if authority else {}),
                        **dict(config)}
         given = {CA_FILE: authority, f"{CONFIG_DIR}/logger.conf": f"level={level}\n",
@@ -201,7 +202,7 @@ class Gateway:
     def sandbox(self):
         """The bwrap command up to its own options' end."""
         return ["bwrap", "--die-with-parent", "--unshare-pid", "--unshare-ipc", "--unshare-uts",
-                "--ro-bind", "/usr", "/usr", "--symlink", "usr/bin", "/bin", "--symlink", "usr/lib",
+                "--ro-bind", f"{self.system}/usr", "/usr", "--symlink", "usr/bin", "/bin", "--symlink", "usr/lib",
                 "/lib", "--symlink", "usr/lib64", "/lib64", "--proc", "/proc", "--dev", "/dev",
                 "--ro-bind", f"{self.root}/etc", "/etc", "--bind", f"{self.root}/tmp", "/tmp",
                 "--bind", f"{self.root}/brimlock", "/brimlock", "--ro-bind", self.binaries,

@@ -6,15 +6,27 @@ from harness.processes import ProcessGroup
 from harness.waiting import poll
 
 
+# A command behind it finds another system's /usr; it stays the same process.
+IN_SYSTEM = ("unshare", "--mount", "sh", "-c", 'mount --bind "$0/usr" /usr && exec "$@"')
+
+
 class Place(ProcessGroup):
     """`service` is where the load's service will listen on the gateway; the peer has to make it
-    reachable at `operator`. `tls` holds the run's throw-away certificates."""
+    reachable at `operator`. `tls` holds the run's throw-away certificates. `gateway` and `far` are
+    the processes to measure on either side. `bare` is for a load that is its own way.
+    `system` is another root whose /usr its programs get, and so its libraries."""
 
-    def __init__(self, workspace, name, tls):
+    def __init__(self, workspace, name, tls, system=""):
         super().__init__(workspace / name)
         self.name, self.tls = name, tls
         self.service, self.operator = free_port(), free_port()
+        self.gateway, self.far, self.bare = [], [], ()
+        self.system = system
+        self.wrapper = (*IN_SYSTEM, system) if system else ()
         self.directory.mkdir()
+
+    def start(self, name, *command):
+        return super().start(name, *self.wrapper, *command)
 
     def write(self, name, text):
         (self.directory / name).write_text(text)

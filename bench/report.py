@@ -1,107 +1,167 @@
 """The tables of a run, for the terminal and for docs/performance.md."""
-import datetime
-import os
-import pathlib
-import subprocess
+import statistics
 
-SUBJECT = "daemon"
+import machine
+from figures import ASKED, ASKED_MICRO, BULK, FIGURES, SETS, SUBJECT
+from intervals import Interval, median_interval, verdict
 
-# What a row shows: its label, the factor to its unit, and one key or two for "p50 / p99".
-ROWS = [
-    ("MB/s down, 1 session", 1, "mbs_down1"),
-    ("MB/s up, 1 session", 1, "mbs_up1"),
-    ("MB/s down, 8 sessions", 1, "mbs_down8"),
-    ("MB/s up, 8 sessions", 1, "mbs_up8"),
-    ("slowest of 8, % of its share, down", 1, "share_down8"),
-    ("slowest of 8, % of its share, up", 1, "share_up8"),
-    ("gateway CPU s/GB down, 1 session", 1, "cpu_down1"),
-    ("gateway CPU s/GB up, 1 session", 1, "cpu_up1"),
-    ("gateway CPU s/GB down, 8 sessions", 1, "cpu_down8"),
-    ("gateway CPU s/GB up, 8 sessions", 1, "cpu_up8"),
-    ("far side CPU s/GB down, 1 session", 1, "far_down1"),
-    ("far side CPU s/GB up, 1 session", 1, "far_up1"),
-    ("far side CPU s/GB down, 8 sessions", 1, "far_down8"),
-    ("far side CPU s/GB up, 8 sessions", 1, "far_up8"),
-    ("round trip us, p50", 1, "rtt_p50"),
-    ("round trip us, p99", 1, "rtt_p99"),
-    ("round trip beside bulk down ms, p50", 1e-3, "rtt_down_p50"),
-    ("round trip beside bulk down ms, p99", 1e-3, "rtt_down_p99"),
-    ("round trip beside bulk up ms, p50", 1e-3, "rtt_up_p50"),
-    ("round trip beside bulk up ms, p99", 1e-3, "rtt_up_p99"),
-    ("open ms, p50", 1, "open_p50"),
-    ("open ms, p99", 1, "open_p99"),
-    ("RSS MB, idle", 1, "rss_idle"),
-    ("RSS MB, peak", 1, "rss_peak"),
-    ("idle CPU %", 1, "idle_cpu"),
-    ("idle context switches/s", 1, "idle_switches"),
-    ("bulk bytes lost", 1, "lost"),
-]
+FORMAT = 1  # of a result file
 
 
-def _figure(value):
-    return f"{value:.0f}" if value >= 100 or value == 0 else f"{value:.3g}"
+def figure(value):
+    return f"{value:.0f}" if abs(value) >= 100 or value == 0 else f"{value:.3g}"
 
 
-def _cell(peers, name, key, factor):
-    """The median, and what the daemon's is in terms of it."""
-    value, subject = peers[name].get(key), peers.get(SUBJECT, {}).get(key)
-    if value is None:
-        return "-"
-    ratio = f" ({subject / value:.2f}x)" if name != SUBJECT and subject and value else ""
-    return _figure(value * factor) + ratio
+def with_ends(interval, factor=1):
+    ends = "" if interval.low is None else (
+        f" [{figure(interval.low * factor)}, {figure(interval.high * factor)}]")
+    return figure(interval.median * factor) + ends
 
 
-def _grid(result):
-    peers = result["peers"]
-    yield ["", *peers]
-    for label, factor, key in ROWS:
-        cells = [_cell(peers, name, key, factor) for name in peers]
+# ---- what is asked
+
+def asked_interval(result, set_name, row):
+    """The interval of a row of figures.ASKED; None where it was not measured."""
+    own = result["own"].get(set_name, {}).get(row.figure, [])
+    if row.peer:
+        pairs = result["sets"].get(set_name, {}).get(row.peer, {}).get(row.figure, [])
+        ratios = [ours / theirs for ours, theirs in pairs if theirs]
+    elif row.own:
+        ratios = [ours / other for ours, other
+                  in zip(own, result["own"].get(set_name, {}).get(row.own, [])) if other]
+    elif FIGURES[row.figure].kind is None:
+        value = result["idle"].get(SUBJECT, {}).get(row.figure)
+        return Interval(value, value, value, 1) if value and set_name == "usual" else None
+    else:
+        ratios = [value * FIGURES[row.figure].factor for value in own]
+    return median_interval(ratios) if ratios else None
+
+
+def _asked_label(row):
+    against = (f" against {row.peer}" if row.peer else
+               f" against its own {FIGURES[row.own].label}" if row.own else "")
+    return FIGURES[row.figure].label + against
+
+
+def _asked_grid(result, rows):
+    sets = [name for name in SETS if name in result["own"]] or ["usual"]
+    yield ["asked", "", *(SETS[name].title for name in sets)]
+    for row in ASKED:
+        if row.figure not in rows:
+            continue
+        better = FIGURES[row.figure].better
+        cells = []
+        for name in sets:
+            interval = asked_interval(result, name, row)
+            cells.append(f"{with_ends(interval)} {verdict(interval, row.bound, better)}"
+                         if interval else "-")
         if any(cell != "-" for cell in cells):
-            yield [label, *cells]
+            sign = "<=" if better == "less" else ">="
+            yield [_asked_label(row), f"{sign} {row.bound:g}", *cells]
+    for name, bound in ASKED_MICRO.items():
+        if name in result["micro"]:
+            interval = median_interval(result["micro"][name]["ns"])
+            yield [f"{name}, ns", f"<= {bound}",
+                   f"{with_ends(interval)} {verdict(interval, bound)}",
+                   *["-"] * (len(sets) - 1)]
+
+
+# ---- all figures of a set
+
+def _pair_cell(pairs, row):
+    """The peer's median, the daemon's in terms of it, and whether that is ahead or behind."""
+    theirs = statistics.median(pair[1] for pair in pairs)
+    ratios = [pair[0] / pair[1] for pair in pairs if pair[1]]
+    if not ratios:
+        return figure(theirs * row.factor)
+    interval = median_interval(ratios)
+    word = {"met": " ahead", "not met": " behind"}.get(verdict(interval, 1, row.better), "")
+    return f"{figure(theirs * row.factor)}: {with_ends(interval)}{word}"
+
+
+def _set_grid(result, set_name, rows):
+    peers, own = result["sets"].get(set_name, {}), result["own"].get(set_name, {})
+    yield ["", SUBJECT, *peers]
+    for key in rows:
+        if key in own:
+            yield [FIGURES[key].label, figure(statistics.median(own[key]) * FIGURES[key].factor),
+                   *(_pair_cell(found[key], FIGURES[key]) if key in found else "-"
+                     for found in peers.values())]
+
+
+def _idle_grid(result):
+    yield ["", *result["idle"]]
+    for key in ("rss_idle", "rss_peak", "idle_cpu", "idle_switches"):
+        yield [FIGURES[key].label, *(figure(of[key]) for of in result["idle"].values())]
+
+
+_COUNTS = {"calls": "system calls per MB", "voluntary": "waits per MB",
+           "nonvoluntary": "involuntary switches per MB", "wakeups": "wake-ups per MB",
+           "instructions": "instructions per byte", "cycles": "cycles per byte"}
+
+
+def _count_cell(found, key):
+    names = ", ".join(f"{name} {figure(value)}" for name, value in found["by_name"].items()) \
+        if key == "calls" and key in found else ""
+    return (figure(found[key]) if key in found else "-") + (f" ({names})" if names else "")
+
+
+def _count_grid(result):
+    yield ["", *result["counts"]]
+    for kind in BULK:
+        for key, label in _COUNTS.items():
+            if any(key in of[kind] for of in result["counts"].values()):
+                yield [f"{kind}: {label}",
+                       *(_count_cell(of[kind], key) for of in result["counts"].values())]
 
 
 def _micro_grid(result):
     yield ["", "ns", "GB/s"]
-    for row in result["micro"]:
-        rate = row.get("bytes_per_second")
-        yield [row["name"].replace("/", ", "), _figure(row["cpu_time"]),
-               f"{rate / 1e9:.1f}" if rate else "-"]
+    for name, row in result["micro"].items():
+        yield [name.replace("/", ", "), with_ends(median_interval(row["ns"])),
+               f"{row['gbs']:.1f}" if "gbs" in row else "-"]
 
 
-def _plain(grid):
-    rows = list(grid)
+def _lost(result):
+    lost = sum(sum(own.get("lost", [])) for own in result["own"].values())
+    return f"Bulk bytes lost by the daemon: {lost:.0f}."
+
+
+def _describe(result):
+    loads = result["load"]
+    return (f"{machine.text(result['machine'])}\n{result['pairs']} pairs of windows of "
+            f"{result['window_ms']} ms; load average {min(loads):.1f} to {max(loads):.1f}. "
+            f"{_lost(result)}" if loads else machine.text(result["machine"]))
+
+
+def _tables(result, rows):
+    """(title, grid) of every table that has something in it."""
+    tables = [("What is asked", _asked_grid(result, rows))]
+    tables += [(f"{SETS[name].title.capitalize()}", _set_grid(result, name, rows))
+               for name in SETS if name in result["sets"]]
+    tables += [("Counts of the gateway's processes", _count_grid(result))] \
+        if result["counts"] else []
+    tables += [("At rest", _idle_grid(result))] if result["idle"] else []
+    tables += [("Pieces of the work for a message", _micro_grid(result))] if result["micro"] else []
+    return [(title, found) for title, grid in tables if len(found := list(grid)) > 1]
+
+
+def plain(rows):
     widths = [max(map(len, column)) for column in zip(*rows)]
     return "\n".join(row[0].ljust(widths[0]) + "".join(
         f"  {cell:>{width}}" for cell, width in zip(row[1:], widths[1:])) for row in rows)
 
 
-def _markdown(grid):
-    rows = list(grid)
-    rows.insert(1, ["---"] * len(rows[0]))
+def markdown_table(rows):
+    rows = [rows[0], ["---"] * len(rows[0]), *rows[1:]]
     return "".join(f"| {' | '.join(row)} |\n" for row in rows)
 
 
-def _describe(result):
-    loads = ", ".join(f"{load:.1f}" for load in result["load"])
-    return (f"{result['machine']}\nMedians of {result['rounds']} rounds; load average at the start "
-            f"of each: {loads}.")
-
-
-def describe_machine():
-    def first(*command):
-        return subprocess.run(command, capture_output=True, text=True,
-                              check=False).stdout.split("\n")[0]
-    cpus = pathlib.Path("/proc/cpuinfo").read_text().splitlines()
-    model = next((line.split(":")[1].strip() for line in cpus if "model name" in line), "?")
-    versions = "; ".join((first("openssl", "version").split(" (")[0],
-                          first("sh", "-c", "ssh -V 2>&1").split(",")[0]))
-    today = datetime.datetime.now(datetime.timezone.utc).date()
-    return f"{today}, {os.cpu_count()} x {model}, Linux {os.uname().release}; {versions}."
-
-
-def text(result):
-    return "\n\n".join((_describe(result), _plain(_grid(result)), _plain(_micro_grid(result))))
+def text(result, rows):
+    return "\n\n".join((_describe(result), *(
+        f"{title}\n{plain(grid)}" for title, grid in _tables(result, rows))))
 
 
 def markdown(result):
-    return f"{_describe(result)}\n\n{_markdown(_grid(result))}\n{_markdown(_micro_grid(result))}"
+    return f"{_describe(result)}\n\n" + "\n".join(
+        f"### {title}\n\n{markdown_table(grid)}" for title, grid in _tables(result, list(FIGURES)))

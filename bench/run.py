@@ -1,14 +1,13 @@
 #!/usr/bin/python3
-"""Measures the daemon beside its peers, in alternating rounds, in a network of its own.
+"""Measures the daemon beside its peers, in pairs of short windows, in a network of its own.
 
-Every peer is started once; then each round loads them one after the other, so that what disturbs
-the machine disturbs them alike. The result is the median over the rounds.
+Every peer is started once. Each figure of a peer is compared with the daemon's of the window
+directly before or after, and the result is the median of these ratios with its interval: what
+disturbs the machine disturbs both, and how sure a ratio is shows in the interval.
 """
 import argparse
 import json
-import os
 import pathlib
-import statistics
 import subprocess
 import sys
 import time
@@ -17,12 +16,17 @@ from harness import documents, network
 from harness.sandbox import BIN
 from harness.workspace import Workspace
 
+import machine
 import report
+from counts import count
+from figures import FIGURES, SETS, SUBJECT
 from peers import bare_tls, daemon, haproxy, loopback, operator_way, ssh, stunnel
 from place import Place
+from processes import cpu_seconds, status, switches
+from schedule import Samples, run_set
 
 PEERS = {
-    "daemon": (daemon.start, 1),
+    SUBJECT: (daemon.start, 1),
     "daemon-level-2": (daemon.start, 2),
     "socket": (operator_way.start, "socket"),
     "https": (operator_way.start, "https"),
@@ -34,115 +38,140 @@ PEERS = {
     "tls-aes128": (bare_tls.start, "aes128"),
     "tls-aes256": (bare_tls.start, "aes256"),
 }
-WINDOW_MS, QUICK_WINDOW_MS = 1000, 300
+OLD = "old"  # the peer of --against
+# What is counted, if it runs: whose threads last, so that their switches can be read afterwards.
+COUNTED = (SUBJECT, "daemon-level-2", OLD, "ssh", "ssh-aes128")
+QUICK_PEERS = ("ssh-aes128", "stunnel", "tls-aes128")
+PAIRS, QUICK_PAIRS = 15, 6
+WINDOW_MS, QUICK_WINDOW_MS = 250, 150
 SETTLE_S, IDLE_S, QUICK_IDLE_S = 2, 12, 2
-LOAD_TIMEOUT_S = 120
-
-
-def status(pid, field):
-    """A field of a process that is a number, in kB where it has a unit."""
-    text = pathlib.Path(f"/proc/{pid}/status").read_text()
-    return int(next(line for line in text.splitlines() if line.startswith(f"{field}:")).split()[1])
-
-
-def usage(pid):
-    """CPU seconds and context switches so far, of all threads."""
-    switches = sum(status(f"{pid}/task/{task}", f"{kind}_ctxt_switches")
-                   for task in os.listdir(f"/proc/{pid}/task")
-                   for kind in ("voluntary", "nonvoluntary"))
-    return time.clock_gettime(~pid << 3 | 2), switches  # the clock of another process
 
 
 def measure_idle(places, seconds):
+    """By peer and figure."""
+    def usage(place):
+        pid = place.gateway[0]
+        return cpu_seconds(pid), sum(switches(pid, kind) for kind in ("voluntary", "nonvoluntary"))
+
     time.sleep(SETTLE_S)
-    before = {place.name: usage(place.pid) for place in places}
+    before = {place: usage(place) for place in places}
     time.sleep(seconds)
+    figures = {}
     for place in places:
-        cpu, switches = (after - start for after, start
-                         in zip(usage(place.pid), before[place.name]))
-        place.figures = {"rss_idle": [status(place.pid, "VmRSS") / 1000],
-                         "idle_cpu": [100 * cpu / seconds],
-                         "idle_switches": [switches / seconds]}
+        cpu, count = (after - start for after, start in zip(usage(place), before[place]))
+        figures[place.name] = {"rss_idle": status(place.gateway[0], "VmRSS") / 1000,
+                               "idle_cpu": 100 * cpu / seconds, "idle_switches": count / seconds}
+    return figures
 
 
-def load(place, window_ms):
-    """One round of one peer."""
-    command = [BIN / "bench_load", *place.load, window_ms]
-    done = subprocess.run(list(map(str, command)), capture_output=True, text=True, check=False,
-                          timeout=LOAD_TIMEOUT_S)
-    if done.returncode != 0:
-        raise SystemExit(f"{place.name}: {done.stderr.strip()}")
-    for line in done.stdout.splitlines():
-        name, value = line.split()
-        place.figures.setdefault(name, []).append(float(value))
-
-
-def start_peers(names, workspace):
-    for name in names:
+def start_peers(options, workspace):
+    for name in [SUBJECT, *options.peers]:
         place = Place(workspace.directory, name, workspace.certificates)
-        start, *arguments = PEERS[name]
-        place.load, place.figures = None, {}
-        place.pid, far = start(place, *arguments)
-        place.load = place.load or ("way", place.service, place.operator, place.pid, far)
+        if name == OLD:
+            place.gateway, place.far = daemon.start(place, 1, binaries=options.against / "bin")
+        else:
+            start, *arguments = PEERS[name]
+            place.gateway, place.far = start(place, *arguments)
         yield place
 
 
 def measure(options, workspace):
-    places = list(start_peers(options.peers, workspace))
-    with_process = [place for place in places if place.pid]
-    print("peers are up; looking at them idle", file=sys.stderr)
-    measure_idle(with_process, QUICK_IDLE_S if options.quick else IDLE_S)
-    loads = []
-    for number in range(options.rounds):
-        print(f"round {number + 1} of {options.rounds}", file=sys.stderr)
-        loads.append(os.getloadavg()[0])
-        shift = number % len(places)
-        for place in places[shift:] + places[:shift]:
-            load(place, QUICK_WINDOW_MS if options.quick else WINDOW_MS)
-    for place in with_process:
-        place.figures["rss_peak"] = [status(place.pid, "VmHWM") / 1000]
-    medians = {place.name: {name: statistics.median(values)
-                            for name, values in place.figures.items()} for place in places}
-    return {"machine": report.describe_machine(), "rounds": options.rounds, "load": loads,
-            "peers": medians, "samples": {place.name: place.figures for place in places}}
+    places = list(start_peers(options, workspace))
+    subject, *peers = places
+    result = {"format": report.FORMAT, "machine": machine.describe(), "pairs": options.pairs,
+              "window_ms": options.window_ms, "idle": {}, "counts": {}}
+    with_process = [place for place in places if place.gateway]
+    if any(FIGURES[row].kind is None for row in options.rows):
+        print("peers are up; looking at them idle", file=sys.stderr)
+        result["idle"] = measure_idle(with_process, QUICK_IDLE_S if options.quick else IDLE_S)
+    samples = Samples()
+    for set_name in options.sets:
+        run_set(set_name, subject, peers, options, samples)
+    if options.counts:
+        print("counting", file=sys.stderr)
+        result["counts"] = count([place for place in with_process
+                                  if place.name in COUNTED])
+    for name, figures in result["idle"].items():
+        pid = next(place.gateway[0] for place in places if place.name == name)
+        figures["rss_peak"] = status(pid, "VmHWM") / 1000
+    return result | {"sets": samples.pairs, "own": samples.own, "load": samples.load}
 
 
 def measure_micro(quick):
     done = subprocess.run([BIN / "bench_micro", "--benchmark_format=json",
-                           f"--benchmark_min_time={0.02 if quick else 0.3}"],
+                           "--benchmark_enable_random_interleaving",
+                           f"--benchmark_repetitions={3 if quick else 9}",
+                           f"--benchmark_min_time={0.01 if quick else 0.05}"],
                           capture_output=True, text=True, check=True)
-    return [{key: row[key] for key in ("name", "cpu_time", "bytes_per_second") if key in row}
-            for row in json.loads(done.stdout)["benchmarks"]]
+    samples = {}
+    for row in json.loads(done.stdout)["benchmarks"]:
+        if row["run_type"] == "iteration":
+            found = samples.setdefault(row["run_name"], {"ns": []})
+            found["ns"].append(row["cpu_time"])
+            if "bytes_per_second" in row:
+                found["gbs"] = row["bytes_per_second"] / 1e9
+    return samples
+
+
+def names_of(known):
+    def split(text):
+        names = text.split(",")
+        if unknown := set(names) - set(known):
+            raise argparse.ArgumentTypeError(f"unknown: {', '.join(unknown)}; "
+                                             f"known: {', '.join(known)}")
+        return names
+    return split
 
 
 def parse_options():
     parser = argparse.ArgumentParser(prog="scripts/bench", description=__doc__.split("\n", 1)[0])
-    parser.add_argument("--rounds", type=int, metavar="N", help="how often (5; with --quick 1)")
+    peers = [name for name in PEERS if name != SUBJECT]
+    parser.add_argument("--pairs", type=int, metavar="N",
+                        help=f"of windows for each row ({PAIRS}; with --quick {QUICK_PAIRS})")
+    parser.add_argument("--window", type=int, metavar="MS", dest="window_ms",
+                        help=f"length of each ({WINDOW_MS}; with --quick {QUICK_WINDOW_MS})")
     parser.add_argument("--json", type=pathlib.Path, metavar="FILE", help="all samples go there")
-    parser.add_argument("--quick", action="store_true", help="short windows, rough figures")
-    parser.add_argument("--peers", default=",".join(PEERS), metavar="NAME,...",
-                        help=f"only these of {', '.join(PEERS)}")
+    parser.add_argument("--quick", action="store_true", help="a minute, rough figures")
+    parser.add_argument("--peers", type=names_of(peers), metavar="NAME,...",
+                        help=f"only these of {', '.join(peers)}")
+    parser.add_argument("--rows", type=names_of(FIGURES), metavar="NAME,...",
+                        help=f"only these of {', '.join(FIGURES)}")
+    parser.add_argument("--sets", type=names_of(SETS), metavar="NAME,...",
+                        help=f"only these of {', '.join(SETS)}")
+    parser.add_argument("--against", type=pathlib.Path, metavar="BUILD_DIR",
+                        help="compare with the daemon and the back end of another build")
+    parser.add_argument("--counts", action="store_true",
+                        help="count only: system calls, switches, instructions for each MB")
     documents.add_option(parser)
     options = parser.parse_args()
-    options.peers = options.peers.split(",")
-    if not set(options.peers) <= set(PEERS):
-        parser.error(f"the peers are {', '.join(PEERS)}")
-    options.rounds = options.rounds or (1 if options.quick else 5)
+    options.whole = not (options.quick or options.peers or options.rows or options.sets
+                         or options.against or options.counts)
+    # What is named gets as many pairs as what something is asked of.
+    options.full = [*(options.peers or ()), *([OLD] if options.against else ())]
+    options.peers = (options.full if options.full else
+                     list(QUICK_PEERS) if options.quick else peers)
+    options.sets = options.sets or ([] if options.counts else list(SETS) if options.whole else
+                                    ["usual"])
+    options.micro = options.whole or options.quick
+    options.rows = options.rows or ([] if options.counts else list(FIGURES))
+    options.counts = options.counts or options.whole
+    options.pairs = options.pairs or (QUICK_PAIRS if options.quick else PAIRS)
+    options.window_ms = options.window_ms or (QUICK_WINDOW_MS if options.quick else WINDOW_MS)
     return options
 
 
 def main():
     options = parse_options()
-    renewed = not (options.quick or options.print) and options.peers == list(PEERS)
+    renewed = options.whole and not options.print
     if renewed:
         documents.refuse_under_load("performance.md")
     network.enter_private_network()
     with Workspace() as workspace:
         result = measure(options, workspace)  # what it started ends with this process
-    result["micro"] = measure_micro(options.quick)
+    result["micro"] = measure_micro(options.quick) if options.micro else {}
     if options.json:
-        options.json.write_text(json.dumps(result, indent=1))
-    print(report.text(result))
+        options.json.write_text(json.dumps(result))
+    print(report.text(result, options.rows))
     if renewed:
         documents.replace_section("performance.md", "figures", report.markdown(result))
 

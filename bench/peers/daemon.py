@@ -1,20 +1,21 @@
 """The daemon in its sandbox, with a bus and a configuration manager, and the reference back end."""
 from harness.backend import start_back_end
 from harness.network import free_port
-from harness.sandbox import Gateway, start_gateways
+from harness.sandbox import BIN, Gateway, start_gateways
 from harness.waiting import poll
 
 
-def start(place, level, *options):
+def start(place, level, *options, binaries=BIN):
     listen = free_port()
     gateway = Gateway(
         place.directory, "gateway", cloud=listen, level=level, authority=place.tls.authority,
+        binaries=binaries, system=place.system,
         config={"gw_remoteaccess_trans_timeout": 2000},
         services=[{"type": "TCP", "name": "bench", "ip": "127.0.0.1", "port": place.service}])
     far = start_back_end(gateway, ("127.0.0.1", listen), place.tls.paths(),
-                         *options, ports={"bench": place.operator})
+                         *options, ports={"bench": place.operator}, wrapper=place.wrapper)
     start_gateways([gateway])
     place.keep = gateway  # it ends with its sandbox
     poll(lambda: " connected, services: " in gateway.log_beside("backend"), 20,
          lambda: gateway.log_beside("backend"))
-    return gateway.daemon.pid, far.pid
+    return [gateway.daemon.pid], [far.pid]

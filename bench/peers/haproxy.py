@@ -21,4 +21,4 @@ def start(place):
         return pid
 
     between = free_port()
-    return (relay("gateway", between, place.service), relay("far", place.operator, between))
+    return [relay("gateway", between, place.service)], [relay("far", place.operator, between)]

@@ -3,4 +3,4 @@
 
 def start(place):
     place.operator = place.service
-    return 0, 0
+    return [], []

@@ -2,12 +2,15 @@
 from harness.network import free_port
 from harness.sshd import login, start_sshd
 
+from processes import with_children
+
 
 def start(place, *options):
     port = free_port()
     start_sshd(place, place.directory, port)
+    server = place.running["sshd"].pid
     gateway = place.start("ssh", *login(
         "ssh", place.directory, "-N", *options, "-o", "ExitOnForwardFailure=yes", "-p", port, "-R",
         f"127.0.0.1:{place.operator}:127.0.0.1:{place.service}", "operator@127.0.0.1"))
     place.wait_for_port(place.operator)
-    return gateway.pid, 0  # the far side is several processes
+    return [gateway.pid], with_children(server)

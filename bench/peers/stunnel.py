@@ -23,5 +23,5 @@ def start(place):
     between, (certificate, key) = free_port(), place.tls.paths()
     gateway = proxy("gateway", GATEWAY, accept=between, connect=place.service,
                     certificate=certificate, key=key)
-    return gateway, proxy("far", FAR, accept=place.operator, connect=between, host=HOST,
-                          authority=place.tls.directory / "ca.pem")
+    return [gateway], [proxy("far", FAR, accept=place.operator, connect=between, host=HOST,
+                          authority=place.tls.directory / "ca.pem")]

@@ -33,6 +33,11 @@ PACKAGES_BENCH=(
     libbenchmark-dev stunnel4 haproxy iproute2
 )
 
+# To measure the channel's cryptography alone, as on a small board.
+PACKAGES_CRYPTO=(
+    g++ libssl-dev
+)
+
 # To check the code statically, besides those to build, to test and to measure.
 PACKAGES_LINT=(
     clang-tidy clang-format cppcheck shellcheck pyflakes3

@@ -160,14 +160,18 @@ class Gateway:
     bus, manager   whether they are there from the start
     watched        the watchdog feeds are recorded
     command        what to run instead of the daemon itself
+    binaries       the folder of the daemon, the back end and the gateway's modules
+    system         the root whose /usr the daemon sees
     prepare        called with the root directory before anything starts
     ends, strays   statuses and a pattern of stray lines to be expected
     """
 
     def __init__(self, directory, name, cloud=1, config=(), files=(), authority=None,
                  services=None, level=0, bus=True, manager=True,
-                 watched=False, command=COMMAND, prepare=None, ends=(), strays="(?!)"):
+                 watched=False, command=COMMAND, binaries=BIN, system="", prepare=None,
+                 ends=(), strays="(?!)"):
         self.name, self.root, self.command = name, directory / name, command
+        self.binaries, self.system = binaries, system
         self.config = {**CONFIG, "gw_remoteaccess_cloud_port": cloud, **(TLS if authority else {}),
                        **dict(config)}
         given = {CA_FILE: authority, f"{CONFIG_DIR}/logger.conf": f"level={level}\n",
@@ -198,10 +202,10 @@ class Gateway:
     def sandbox(self):
         """The bwrap command up to its own options' end."""
         return ["bwrap", "--die-with-parent", "--unshare-pid", "--unshare-ipc", "--unshare-uts",
-                "--ro-bind", "/usr", "/usr", "--symlink", "usr/bin", "/bin", "--symlink", "usr/lib",
+                "--ro-bind", f"{self.system}/usr", "/usr", "--symlink", "usr/bin", "/bin", "--symlink", "usr/lib",
                 "/lib", "--symlink", "usr/lib64", "/lib64", "--proc", "/proc", "--dev", "/dev",
                 "--ro-bind", f"{self.root}/etc", "/etc", "--bind", f"{self.root}/tmp", "/tmp",
-                "--bind", f"{self.root}/brimlock", "/brimlock", "--ro-bind", BIN,
+                "--bind", f"{self.root}/brimlock", "/brimlock", "--ro-bind", self.binaries,
                 f"/{INSTALLED}/bin", "--clearenv", "--setenv", "ASAN_OPTIONS",
                 "quarantine_size_mb=1", *(("--ro-bind", *EMULATOR[-1:] * 2) if EMULATOR else ())]
 
@@ -222,7 +226,7 @@ class Gateway:
         if not (self.root / "config.txt").exists():
             keys = (f"{key}={value}\n" for key, value in self.config.items() if value is not None)
             self.put("config.txt", "".join(keys))
-        self.spawn_beside("manager", BIN / "gateway_config_manager", "--bus", self.address,
+        self.spawn_beside("manager", self.binaries / "gateway_config_manager", "--bus", self.address,
                            "--file", self.root / "config.txt")
         if self.watched:
             self.spawn_beside("feeds", "dbus-monitor", "--address", self.address,
@@ -274,7 +278,8 @@ class Gateway:
 def start_gateways(gateways):
     """Bring several up side by side, each step for all of them before the next."""
     for program in ("remote_access_daemon", "gateway_config_manager"):
-        assert (BIN / program).exists(), f"not built: {BIN / program} (RA_BUILD_DIR says where)"
+        for path in {gateway.binaries / program for gateway in gateways}:
+            assert path.exists(), f"not built: {path} (RA_BUILD_DIR says where)"
     for gateway in gateways:
         if gateway.bus:
             gateway.start_bus()

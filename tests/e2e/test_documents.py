@@ -22,7 +22,8 @@ DOCUMENTS = {path.name: path.read_text() for path in
 MANUALS = {path.name: path.read_text() for path in sorted(REPOSITORY.glob("packaging/man/*"))}
 FOLDERS = {path.name for path in REPOSITORY.iterdir() if path.is_dir()} - {".git", "build"}
 # Names in the documents that nothing in the tree has.
-FOREIGN = {"IPAddressAllow", "OPENSSL_ia32cap", "epoll_wait", "perf", "prlimit", "strace",
+FOREIGN = {"IPAddressAllow", "MADV_PAGEOUT", "MADV_RANDOM", "M_ARENA_MAX", "OPENSSL_ia32cap",
+           "epoll_wait", "perf", "prlimit", "strace",
            "tcp_rmem", "tcp_wmem", "tlsv1", "UeaZr47xPftos38CdA1lQymRGumnKg"}
 
 

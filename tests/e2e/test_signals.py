@@ -117,13 +117,13 @@ def library_start(pid):
 
 
 def test_fault_of_the_proxy_thread(daemon):
-    """rand(), which draws the next session's identifier, is made to write to address 0."""
+    """inet_ntop(), which the next session needs, is made to write to address 0."""
     gateway, channel = daemon
-    here = ctypes.cast(ctypes.CDLL(None).rand, ctypes.c_void_p).value
+    here = ctypes.cast(ctypes.CDLL(None).inet_ntop, ctypes.c_void_p).value
     pid = gateway.daemon.pid
     with open(f"/proc/{pid}/mem", "r+b", buffering=0) as memory:
         memory.seek(here - library_start("self") + library_start(pid))
         memory.write(FAULTING_CODE[platform.machine()])
     channel.send(NEW_SESSION, b"{}")
     frames = check_backtrace(gateway)
-    assert any("libc.so.6(rand" in frame for frame in frames) and len(frames) > 4, frames
+    assert any("libc.so.6(inet_ntop" in frame for frame in frames) and len(frames) > 4, frames

@@ -123,7 +123,7 @@ def test_host_keys_outlive_a_restart(office):
     office.gateway.beside.start(
         "second", program, "--listen", "127.0.0.1:0", "--plain", "--devices",
         office.gateway.root / "devices.json", "--store", copy, "--control", office.home / "second")
-    office.gateway.beside.wait_for_line("second", "listening on")
+    office.gateway.beside.wait_for_line("second", "control socket")
     service = {"device": "dev1", "service": "ssh_localhost"}
     key, = office.ask_socket({"do": "host-keys", **service}, "second")["keys"]
     assert f"{key['type']} {key['key']} " in (office.home / "host_key.pub").read_text()
@@ -199,7 +199,7 @@ def test_changed_host_key_is_refused(office):
     office.show_other_host_key()
     status, text = office.at_work("ssh-known-hosts", "dev1")
     assert status == 1 and f"the host key of {SERVICE} has changed: someone may be" in text, text
-    line, = office.events("host_key_changed")
+    line, = poll(lambda: office.events("host_key_changed"), 10, "the line of the changed key")
     assert line["known"] == known != line["keys"] and line["who"] == "anna"
     status, text = office.ssh("dev1", "true")
     assert status == 255 and "Host key verification failed" in text, text

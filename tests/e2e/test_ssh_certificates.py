@@ -218,7 +218,7 @@ def test_broken_authority(office):
                             ((office.home / "locked").read_bytes(), "has a passphrase")):
             (office.home / "ca").write_bytes(text)
             assert office.reload() == "authority of ssh"
-            assert words in office.gateway.log_beside("backend")
+            office.gateway.beside.wait_for_line("backend", words)
             assert office.ssh("dev1", "echo in") == (0, "in\n")
         done = subprocess.run(
             [BIN / "remote_access_backend", "--listen", "127.0.0.1:0", "--plain", "--devices",

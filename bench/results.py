@@ -116,7 +116,7 @@ def include(path):
     try:
         keep(path.stem, json.loads(path.read_text(encoding="utf-8")))
     except (OSError, ValueError, KeyError, TypeError, AttributeError) as error:
-        raise BadResult(f"{path.name}: {error!r}") from error
+        raise BadResult(f"{path.name}: no samples of scripts/bench --json: {error!r}") from error
 
 
 def markdown():

@@ -12,7 +12,6 @@ class Interval:
     median: float
     low: float | None  # None: too few samples
     high: float | None
-    count: int
 
 
 def median_interval(samples, confidence=CONFIDENCE):
@@ -26,7 +25,7 @@ def median_interval(samples, confidence=CONFIDENCE):
         rank += 1
     ordered = sorted(samples)
     ends = (ordered[rank - 1], ordered[count - rank]) if rank else (None, None)
-    return Interval(statistics.median(ordered), *ends, count)
+    return Interval(statistics.median(ordered), *ends)
 
 
 def verdict(interval, bound, better="less"):

@@ -1,11 +1,10 @@
 """The tables of a run, for the terminal and for docs/performance.md."""
 import statistics
 
+import asked
 import machine
-from figures import ASKED, ASKED_MICRO, BULK, FIGURES, SETS, SUBJECT
-from intervals import Interval, median_interval, verdict
-
-FORMAT = 1  # of a result file
+from figures import BULK, FIGURES, SETS, SUBJECT
+from intervals import median_interval, verdict
 
 
 def figure(value):
@@ -18,52 +17,23 @@ def with_ends(interval, factor=1):
     return figure(interval.median * factor) + ends
 
 
-# ---- what is asked
-
-def asked_interval(result, set_name, row):
-    """The interval of a row of figures.ASKED; None where it was not measured."""
-    own = result["own"].get(set_name, {}).get(row.figure, [])
-    if row.peer:
-        pairs = result["sets"].get(set_name, {}).get(row.peer, {}).get(row.figure, [])
-        ratios = [ours / theirs for ours, theirs in pairs if theirs]
-    elif row.own:
-        ratios = [ours / other for ours, other
-                  in zip(own, result["own"].get(set_name, {}).get(row.own, [])) if other]
-    elif FIGURES[row.figure].kind is None:
-        value = result["idle"].get(SUBJECT, {}).get(row.figure)
-        return Interval(value, value, value, 1) if value and set_name == "usual" else None
-    else:
-        ratios = [value * FIGURES[row.figure].factor for value in own]
-    return median_interval(ratios) if ratios else None
+def verdict_cell(interval, row):
+    return f"{with_ends(interval)} {verdict(interval, row.bound, row.better)}" if interval else "-"
 
 
-def _asked_label(row):
-    against = (f" against {row.peer}" if row.peer else
-               f" against its own {FIGURES[row.own].label}" if row.own else "")
-    return FIGURES[row.figure].label + against
+def asked_grid(titles, columns):
+    """A line for each row that is asked, of what each column's dictionary has of it."""
+    yield ["asked", "", *titles]
+    for name, row in asked.ROWS.items():
+        if any(name in column for column in columns):
+            yield [row.label, row.wanted,
+                   *(verdict_cell(column.get(name), row) for column in columns)]
 
 
-def _asked_grid(result, rows):
+def _asked_of(result):
     sets = [name for name in SETS if name in result["own"]] or ["usual"]
-    yield ["asked", "", *(SETS[name].title for name in sets)]
-    for row in ASKED:
-        if row.figure not in rows:
-            continue
-        better = FIGURES[row.figure].better
-        cells = []
-        for name in sets:
-            interval = asked_interval(result, name, row)
-            cells.append(f"{with_ends(interval)} {verdict(interval, row.bound, better)}"
-                         if interval else "-")
-        if any(cell != "-" for cell in cells):
-            sign = "<=" if better == "less" else ">="
-            yield [_asked_label(row), f"{sign} {row.bound:g}", *cells]
-    for name, bound in ASKED_MICRO.items():
-        if name in result["micro"]:
-            interval = median_interval(result["micro"][name]["ns"])
-            yield [f"{name}, ns", f"<= {bound}",
-                   f"{with_ends(interval)} {verdict(interval, bound)}",
-                   *["-"] * (len(sets) - 1)]
+    return asked_grid([SETS[name].title for name in sets],
+                      [asked.measured(result, name) for name in sets])
 
 
 # ---- all figures of a set
@@ -136,7 +106,7 @@ def _describe(result):
 
 def _tables(result, rows):
     """(title, grid) of every table that has something in it."""
-    tables = [("What is asked", _asked_grid(result, rows))]
+    tables = [("What is asked", _asked_of(result))]
     tables += [(f"{SETS[name].title.capitalize()}", _set_grid(result, name, rows))
                for name in SETS if name in result["sets"]]
     tables += [("Counts of the gateway's processes", _count_grid(result))] \

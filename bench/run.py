@@ -18,6 +18,7 @@ from harness.workspace import Workspace
 
 import machine
 import report
+import results
 from counts import count
 from figures import FIGURES, SETS, SUBJECT
 from peers import bare_tls, daemon, haproxy, loopback, operator_way, ssh, stunnel
@@ -78,7 +79,7 @@ def start_peers(options, workspace):
 def measure(options, workspace):
     places = list(start_peers(options, workspace))
     subject, *peers = places
-    result = {"format": report.FORMAT, "machine": machine.describe(), "pairs": options.pairs,
+    result = {"machine": machine.describe(), "pairs": options.pairs,
               "window_ms": options.window_ms, "idle": {}, "counts": {}}
     with_process = [place for place in places if place.gateway]
     if any(FIGURES[row].kind is None for row in options.rows):
@@ -100,7 +101,7 @@ def measure(options, workspace):
 def measure_micro(quick):
     done = subprocess.run([BIN / "bench_micro", "--benchmark_format=json",
                            "--benchmark_enable_random_interleaving",
-                           f"--benchmark_repetitions={3 if quick else 9}",
+                           f"--benchmark_repetitions={6 if quick else 9}",
                            f"--benchmark_min_time={0.01 if quick else 0.05}"],
                           capture_output=True, text=True, check=True)
     samples = {}
@@ -110,7 +111,7 @@ def measure_micro(quick):
             found["ns"].append(row["cpu_time"])
             if "bytes_per_second" in row:
                 found["gbs"] = row["bytes_per_second"] / 1e9
-    return samples
+    return dict(sorted(samples.items()))
 
 
 def names_of(known):
@@ -142,6 +143,12 @@ def parse_options():
                         help="compare with the daemon and the back end of another build")
     parser.add_argument("--counts", action="store_true",
                         help="count only: system calls, switches, instructions for each MB")
+    parser.add_argument("--machine", metavar="NAME",
+                        help="keep the result as docs/performance/NAME.json and renew the table of "
+                        "machines, but not this document's own figures")
+    parser.add_argument("--include", type=pathlib.Path, nargs="+", metavar="FILE",
+                        help="measure nothing: keep these files of --json in docs/performance/ and "
+                        "renew the table of machines")
     documents.add_option(parser)
     options = parser.parse_args()
     options.whole = not (options.quick or options.peers or options.rows or options.sets
@@ -160,8 +167,26 @@ def parse_options():
     return options
 
 
+def renew(options, result):
+    results.keep(options.machine or results.name_of(result["machine"]), result)
+    if not options.machine:
+        documents.replace_section("performance.md", "figures", report.markdown(result))
+    documents.replace_section("performance.md", "machines", results.markdown())
+
+
+def include(files):
+    for path in files:
+        results.include(path)
+    documents.replace_section("performance.md", "machines", results.markdown())
+
+
 def main():
     options = parse_options()
+    if options.include:
+        try:
+            return include(options.include)
+        except results.BadResult as error:
+            raise SystemExit(f"{error}") from error
     renewed = options.whole and not options.print
     if renewed:
         documents.refuse_under_load("performance.md")
@@ -173,7 +198,8 @@ def main():
         options.json.write_text(json.dumps(result))
     print(report.text(result, options.rows))
     if renewed:
-        documents.replace_section("performance.md", "figures", report.markdown(result))
+        renew(options, result)
+    return None
 
 
 if __name__ == "__main__":

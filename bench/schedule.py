@@ -20,7 +20,7 @@ def plan(set_name, subject, peers, options):
         for kind in conditions.kinds:
             wanted = any(FIGURES[row].kind == kind for row in options.rows)
             asked = is_asked(peer.name, kind) or peer.name in options.full
-            if peer is subject or not wanted or not can_carry(peer, kind):
+            if peer is subject or not wanted or not can_carry(peer, kind, conditions.cost):
                 continue
             if asked or not conditions.only_asked and not options.quick:
                 yield peer, kind, options.pairs if asked else min(FEW, options.pairs)

@@ -79,6 +79,11 @@ def crypto(system=None):
                           check=True).stdout
 
 
+def markdown(cryptography, rows):
+    return "\n".join([*(f"```\n{text}```\n" for text in cryptography),
+                      report.markdown_table(rows)])
+
+
 def main():
     parser = argparse.ArgumentParser(prog="scripts/bench --root DIR", description=__doc__)
     parser.add_argument("root", type=pathlib.Path, metavar="DIR", help="the other system")
@@ -97,8 +102,7 @@ def main():
     rows = list(grid(samples))
     print("\n".join([*cryptography, report.plain(rows)]))
     if not options.print:
-        documents.replace_section("performance.md", "systems", "```\n{}\n```\n```\n{}\n```\n\n{}"
-                                  .format(*cryptography, report.markdown_table(rows)))
+        documents.replace_section("performance.md", "systems", markdown(cryptography, rows))
 
 
 if __name__ == "__main__":

@@ -11,8 +11,9 @@ LOAD_TIMEOUT_S = 60
 BARE_KINDS = ("down1", "up1")
 
 
-def can_carry(place, kind):
-    return not place.bare or kind in BARE_KINDS
+def can_carry(place, kind, cost="usual"):
+    """A bare connection has one session, and no load whose cost could change."""
+    return not place.bare or kind in BARE_KINDS and cost == "usual"
 
 
 def run_window(place, kind, window_ms, cost="usual", processor=-1):
@@ -21,8 +22,8 @@ def run_window(place, kind, window_ms, cost="usual", processor=-1):
             ["way", kind, window_ms, cost, place.service, place.operator,
              *(",".join(map(str, pids)) or 0 for pids in (place.gateway, place.far))])
     wrapper = place.wrapper if place.bare else ()
-    done = subprocess.run([*wrapper, BIN / "bench_load", *map(str, load)], capture_output=True, text=True,
-                          check=False, timeout=LOAD_TIMEOUT_S)
+    done = subprocess.run([*wrapper, BIN / "bench_load", *map(str, load)], capture_output=True,
+                          text=True, check=False, timeout=LOAD_TIMEOUT_S)
     if done.returncode != 0:
         raise SystemExit(f"{place.name}, {kind}: {done.stderr.strip()}")
     return {name: float(value) for name, value in map(str.split, done.stdout.splitlines())}

@@ -20,7 +20,7 @@ struct FLOW_T {
 };
 using Flows = std::vector<std::unique_ptr<FLOW_T>>;
 
-// Two threads for each session. cheap: the sender copies nothing and the receiver wakes up rarely.
+// Two threads for each session. cheap: the receivers wake up rarely, for large reads.
 Flows startFlows(const std::vector<SESSION_T> &sessions, bool down, bool cheap);
 // What each has received so far.
 std::vector<std::uint64_t> receivedBy(const Flows &flows);

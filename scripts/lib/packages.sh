@@ -30,7 +30,7 @@ PACKAGES_TEST=(
 
 # To build and run the benchmark, besides those to build and to run.
 PACKAGES_BENCH=(
-    libbenchmark-dev stunnel4 haproxy iproute2
+    libbenchmark-dev stunnel4 haproxy iproute2 strace linux-perf
 )
 
 # To measure the channel's cryptography alone, as on a small board.

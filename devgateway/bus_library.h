@@ -16,6 +16,8 @@ namespace bus_library {
 #if __has_include(<sdbus-c++/VTableItems.h>)
 
 using ServiceName = sdbus::ServiceName;
+using InterfaceName = sdbus::InterfaceName;
+using MemberName = sdbus::MemberName;
 
 template <class Handler>
 [[nodiscard]] sdbus::Slot add_match(sdbus::IConnection &bus, const char *rule, Handler handler)
@@ -71,6 +73,8 @@ inline void publish(sdbus::IObject & /*object*/) {} // done with each of its mem
 #else
 
 using ServiceName = std::string;
+using InterfaceName = std::string;
+using MemberName = std::string;
 
 template <class Handler>
 [[nodiscard]] sdbus::Slot add_match(sdbus::IConnection &bus, const char *rule, Handler handler)

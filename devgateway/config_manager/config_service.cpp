@@ -87,7 +87,8 @@ void notify(CONFIG_SERVICE_T &service, const std::string &name, const std::strin
             const std::string &value)
 {
     sdbus::IProxy &module = module_named(service, name);
-    auto notice = module.createMethodCall(name.c_str(), NOTICE_METHOD);
+    auto notice = module.createMethodCall(bus_library::InterfaceName{name},
+                                          bus_library::MemberName{NOTICE_METHOD});
     notice << key << value;
     if (service.unanswered >= UNANSWERED_MAX) {
         notice.dontExpectReply();

@@ -217,7 +217,8 @@ void deliver(BRIDGE_T &bridge, const BROKER_EVENT_T &message)
         return;
     }
     for (const std::string &subscriber : subscribers_of(bridge.subscriptions, message.topic)) {
-        auto signal = bridge.object->createSignal(BRIDGE_NAME, MESSAGE_SIGNAL);
+        auto signal = bridge.object->createSignal(bus_library::InterfaceName{BRIDGE_NAME},
+                                                  bus_library::MemberName{MESSAGE_SIGNAL});
         signal << message.topic << message.payload;
         signal.setDestination(subscriber);
         bridge.object->emitSignal(signal);

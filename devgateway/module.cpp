@@ -1,4 +1,5 @@
 #include "devgateway/module.h"
+#include "devgateway/bus_library.h"
 
 #include "common/log.h"
 #include "utility/bus_address.h"
@@ -11,7 +12,6 @@
 #include <cstring>
 #include <getopt.h>
 #include <poll.h>
-#include <sdbus-c++/sdbus-c++.h>
 #include <stdexcept>
 #include <sys/signalfd.h>
 #include <vector>
@@ -106,7 +106,7 @@ bool wait_for_work(sdbus::IConnection &bus, int stop_fd, int timeout_ms, pollfd 
         throw sdbus::createError(errno, "waiting failed");
     }
     if (own != nullptr) own->revents = sources[2].revents;
-    for (int i = 0; i < HANDLED_AT_ONCE && bus.processPendingRequest(); ++i) {
+    for (int i = 0; i < HANDLED_AT_ONCE && bus_library::handle_one(bus); ++i) {
     }
     return sources[1].revents == 0;
 }

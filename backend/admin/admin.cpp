@@ -160,8 +160,8 @@ static void describeLabel(const CONTEXT_T &context, CLI::App &device)
     CLI::App *command = addCommand(context, device, "label", "Change labels of devices");
     const auto label = std::make_shared<LABEL_T>();
     command
-        ->add_option("NAME|LABEL=VALUE|LABEL-", label->arguments,
-                     "Devices, labels that they get, and labels that they lose")
+        ->add_option("NAME|CHANGE", label->arguments,
+                     "Devices, labels that they get (LABEL=VALUE) or lose (LABEL-)")
         ->required();
     addWhere(command, label->change.meant.where, "--where");
     addDry(command, label->change);

@@ -1,13 +1,13 @@
 #include "devgateway/config_manager/config_service.h"
 
 #include "common/log.h"
+#include "devgateway/bus_library.h"
 #include "devgateway/module.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <map>
-#include <sdbus-c++/sdbus-c++.h>
 #include <set>
 #include <tuple>
 #include <utility>
@@ -75,7 +75,8 @@ sdbus::IProxy &module_named(CONFIG_SERVICE_T &service, const std::string &name)
     if (!proxy) {
         std::string path = "/" + name;
         std::replace(path.begin(), path.end(), '.', '/');
-        proxy = sdbus::createProxy(service.bus, name, path);
+        proxy = sdbus::createProxy(service.bus, bus_library::ServiceName{name},
+                                   sdbus::ObjectPath{path});
     }
     return *proxy;
 }
@@ -86,17 +87,16 @@ void notify(CONFIG_SERVICE_T &service, const std::string &name, const std::strin
             const std::string &value)
 {
     sdbus::IProxy &module = module_named(service, name);
-    auto notice = module.createMethodCall(name, NOTICE_METHOD);
+    auto notice = module.createMethodCall(bus_library::InterfaceName{name},
+                                          bus_library::MemberName{NOTICE_METHOD});
     notice << key << value;
     if (service.unanswered >= UNANSWERED_MAX) {
         notice.dontExpectReply();
         module.callMethod(notice);
         return;
     }
-    const auto answered = [&service](sdbus::MethodReply &, const sdbus::Error *) {
-        --service.unanswered; // or its time is over
-    };
-    module.callMethod(notice, answered, NOTICE_TIMEOUT);
+    const auto answered = [&service] { --service.unanswered; };
+    bus_library::call_async(module, notice, answered, NOTICE_TIMEOUT);
     ++service.unanswered;
 }
 
@@ -166,28 +166,20 @@ std::int32_t answer_subscribe(CONFIG_SERVICE_T &service, const std::string &modu
 
 std::unique_ptr<sdbus::IObject> offer_methods(CONFIG_SERVICE_T &service)
 {
-    auto object = sdbus::createObject(service.bus, SERVICE_PATH);
-    object->registerMethod("get")
-        .onInterface(SERVICE_NAME)
-        .withInputParamNames("key")
-        .withOutputParamNames("result", "value")
-        .implementedAs([&service](const std::string &key) { return answer_get(service, key); });
-    object->registerMethod("set")
-        .onInterface(SERVICE_NAME)
-        .withInputParamNames("key", "value")
-        .withOutputParamNames("result")
-        .implementedAs([&service](const std::string &key, const std::string &value) {
-            return answer_set(service, key, value);
+    auto object = sdbus::createObject(service.bus, sdbus::ObjectPath{SERVICE_PATH});
+    bus_library::offer_method(
+        *object, SERVICE_NAME, "get", {"key"}, {"result", "value"},
+        [&service](const std::string &key) { return answer_get(service, key); });
+    bus_library::offer_method(*object, SERVICE_NAME, "set", {"key", "value"}, {"result"},
+                              [&service](const std::string &key, const std::string &value) {
+                                  return answer_set(service, key, value);
+                              });
+    bus_library::offer_method(
+        *object, SERVICE_NAME, "subscribe", {"module", "key", "flag"}, {"result"},
+        [&service](const std::string &module, const std::string &key, std::int32_t flag) {
+            return answer_subscribe(service, module, key, flag);
         });
-    object->registerMethod("subscribe")
-        .onInterface(SERVICE_NAME)
-        .withInputParamNames("module", "key", "flag")
-        .withOutputParamNames("result")
-        .implementedAs(
-            [&service](const std::string &module, const std::string &key, std::int32_t flag) {
-                return answer_subscribe(service, module, key, flag);
-            });
-    object->finishRegistration();
+    bus_library::publish(*object);
     return object;
 }
 
@@ -203,7 +195,7 @@ int serve_config(const std::string &bus_address, CONFIG_STORE_T &store, CONFIG_S
         recall_subscriptions(service);
         const auto object = offer_methods(service);
         step = "taking the name";
-        bus->requestName(SERVICE_NAME);
+        bus->requestName(bus_library::ServiceName{SERVICE_NAME});
         RA_INFO("%zu keys of %s offered on %s", store.places.size(), store.path.c_str(),
                 bus_address.c_str());
         step = "serving the bus";

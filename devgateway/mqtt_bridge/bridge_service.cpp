@@ -1,6 +1,7 @@
 #include "devgateway/mqtt_bridge/bridge_service.h"
 
 #include "common/log.h"
+#include "devgateway/bus_library.h"
 #include "devgateway/module.h"
 #include "devgateway/mqtt_bridge/subscriptions.h"
 #include "utility/monotonic_clock.h"
@@ -9,7 +10,6 @@
 #include <algorithm>
 #include <mosquitto.h>
 #include <poll.h>
-#include <sdbus-c++/sdbus-c++.h>
 #include <utility>
 
 namespace {
@@ -153,34 +153,24 @@ void take_close(BRIDGE_T &bridge, const Answer &answer)
 std::unique_ptr<sdbus::IObject> offer_methods(BRIDGE_T &bridge, sdbus::IConnection &bus)
 {
     using std::string;
-    auto object = sdbus::createObject(bus, BRIDGE_PATH);
-    object->registerMethod("subscribe")
-        .onInterface(BRIDGE_NAME)
-        .withInputParamNames("topic", "subscriber", "qos")
-        .withOutputParamNames("answer")
-        .implementedAs([&bridge](Answer &&answer, string topic, string subscriber,
-                                 std::int32_t qos) {
+    auto object = sdbus::createObject(bus, sdbus::ObjectPath{BRIDGE_PATH});
+    bus_library::offer_method(
+        *object, BRIDGE_NAME, "subscribe", {"topic", "subscriber", "qos"}, {"answer"},
+        [&bridge](Answer &&answer, string topic, string subscriber, std::int32_t qos) {
             take_subscribe(bridge, std::move(answer), std::move(topic), std::move(subscriber), qos);
         });
-    object->registerMethod("publish")
-        .onInterface(BRIDGE_NAME)
-        .withInputParamNames("topic", "payload", "qos")
-        .withOutputParamNames("answer")
-        .implementedAs([&bridge](Answer &&answer, string topic, string payload, std::int32_t qos) {
+    bus_library::offer_method(
+        *object, BRIDGE_NAME, "publish", {"topic", "payload", "qos"}, {"answer"},
+        [&bridge](Answer &&answer, string topic, string payload, std::int32_t qos) {
             take_publish(bridge, std::move(answer), std::move(topic), std::move(payload), qos);
         });
-    object->registerMethod("open_cloud_channel")
-        .onInterface(BRIDGE_NAME)
-        .withOutputParamNames("answer")
-        .implementedAs([&bridge](Answer &&answer) { take_open(bridge, std::move(answer)); });
-    object->registerMethod("close_cloud_channel")
-        .onInterface(BRIDGE_NAME)
-        .withOutputParamNames("answer")
-        .implementedAs([&bridge](Answer &&answer) { take_close(bridge, answer); });
-    object->registerSignal(MESSAGE_SIGNAL)
-        .onInterface(BRIDGE_NAME)
-        .withParameters<string, string>("topic", "payload");
-    object->finishRegistration();
+    bus_library::offer_method(*object, BRIDGE_NAME, "open_cloud_channel", {}, {"answer"},
+                              [&bridge](Answer &&answer) { take_open(bridge, std::move(answer)); });
+    bus_library::offer_method(*object, BRIDGE_NAME, "close_cloud_channel", {}, {"answer"},
+                              [&bridge](Answer &&answer) { take_close(bridge, answer); });
+    bus_library::offer_signal<string, string>(*object, BRIDGE_NAME, MESSAGE_SIGNAL,
+                                              {"topic", "payload"});
+    bus_library::publish(*object);
     return object;
 }
 
@@ -227,7 +217,8 @@ void deliver(BRIDGE_T &bridge, const BROKER_EVENT_T &message)
         return;
     }
     for (const std::string &subscriber : subscribers_of(bridge.subscriptions, message.topic)) {
-        auto signal = bridge.object->createSignal(BRIDGE_NAME, MESSAGE_SIGNAL);
+        auto signal = bridge.object->createSignal(bus_library::InterfaceName{BRIDGE_NAME},
+                                                  bus_library::MemberName{MESSAGE_SIGNAL});
         signal << message.topic << message.payload;
         signal.setDestination(subscriber);
         bridge.object->emitSignal(signal);
@@ -298,7 +289,7 @@ int serve_bridge(const char *bus_address, BROKER_LINK_T &link, int stop_fd)
         bridge.object = offer_methods(bridge, *bus);
         open_broker(link, now_ms());
         step = "taking the name";
-        bus->requestName(BRIDGE_NAME);
+        bus->requestName(bus_library::ServiceName{BRIDGE_NAME});
         RA_INFO("bridging the bus at %s", bus_address);
         step = "serving the bus";
         run_bridge(bridge, *bus, stop_fd);

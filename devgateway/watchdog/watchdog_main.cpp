@@ -6,6 +6,7 @@
 //          are broadcast signals: interface iot.gateway.watchdog, member feed_dog, string module,
 //          string thread, int32 seconds. A signal of another shape is a warning.
 #include "common/log.h"
+#include "devgateway/bus_library.h"
 #include "devgateway/module.h"
 #include "devgateway/watchdog/lapse_table.h"
 #include "utility/handles.h"
@@ -13,7 +14,6 @@
 
 #include <cinttypes>
 #include <cstdlib>
-#include <sdbus-c++/sdbus-c++.h>
 
 namespace {
 
@@ -60,18 +60,15 @@ void receive_feed(LAPSE_TABLE_T &table, sdbus::Message &feed)
     bool fits = false;
     try {
         feed >> module >> thread >> timeout_s;
-        const bool complete = static_cast<bool>(feed);
-        std::string type;
-        std::string contents;
-        feed.peekType(type, contents);
-        fits = complete && type == std::string(1, '\0'); // nothing behind them
+        fits = static_cast<bool>(feed) && bus_library::is_at_end(feed); // nothing behind them
     } catch (const sdbus::Error &) {
         // Other types than a feed's.
     }
     if (fits) {
         take_feed(table, module, thread, timeout_s);
     } else {
-        RA_WARN("a feed of another shape came from %s", feed.getSender().c_str());
+        const std::string sender = feed.getSender();
+        RA_WARN("a feed of another shape came from %s", sender.c_str());
     }
 }
 
@@ -91,10 +88,10 @@ int serve_watchdog(const char *bus_address, int stop_fd)
     try {
         LAPSE_TABLE_T table;
         const auto bus = connect_bus(bus_address);
-        const auto feeds = bus->addMatch(
-            FEED_MATCH, [&table](sdbus::Message &feed) { receive_feed(table, feed); });
+        const auto feeds = bus_library::add_match(
+            *bus, FEED_MATCH, [&table](auto &&feed) { receive_feed(table, feed); });
         step = "taking the name";
-        bus->requestName(WATCHDOG_NAME);
+        bus->requestName(bus_library::ServiceName{WATCHDOG_NAME});
         RA_INFO("watching the feeds on %s", bus_address);
         step = "serving the bus";
         watch(*bus, table, stop_fd);

@@ -164,11 +164,10 @@ void checkService(const OPERATOR_OPTIONS_T &options, const json &request)
         ask(options.back_end, {{"do", "services"}, {"device", request.at("device")}},
             waitOf(options, ANSWER_TIME));
     const json &services = answer.at("services");
-    if (std::none_of(services.begin(), services.end(), [&request](const json &service) {
-            return service.value("name", "") == request.at("service");
-        }))
-        throw RequestError(
-            request.value("device", "") + " does not offer " + request.value("service", ""), false);
+    const std::string name = request.value("service", "");
+    if (std::none_of(services.begin(), services.end(),
+                     [&name](const json &service) { return service.value("name", "") == name; }))
+        throw RequestError(request.value("device", "") + " does not offer " + name, false);
 }
 
 } // namespace

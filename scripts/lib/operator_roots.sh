@@ -1,15 +1,12 @@
 # shellcheck shell=bash
 # Installs the operators' package in a fresh root of each Debian that it is for, and logs in from
-# there to a back end of this machine over HTTPS. Needs root.sh, and check of scripts/test-packages.
-
-# The suites, and the mark at the version of the package that each takes.
-readonly OPERATOR_SUITES='bullseye:~deb11 bookworm: trixie:'
+# there to a back end of this machine over HTTPS. Needs root.sh, suites.sh, and check and package_of
+# of scripts/test-packages.
 
 # start_back_end FOLDER: of the package in build/packages. Leaves BACK_END_PID and BACK_END_URL.
 start_back_end() {
     local program=$1/usr/sbin/remote_access_backend port=''
-    dpkg-deb --extract "build/packages/remote-access-backend_$(project_version)_$ARCHITECTURE.deb" \
-        "$1" || return
+    dpkg-deb --extract "$(package_of backend "$(suite_of_host)")" "$1" || return
     "$program" --listen 127.0.0.1:0 --api 127.0.0.1:0 init "$1/made" --operator anna &&
         "$program" --config "$1/made/backend.conf" device add gw-001 --product demo || return
     "$program" --config "$1/made/backend.conf" 2>"$1/back-end.log" &
@@ -85,15 +82,12 @@ leaves_nothing() { # ROOT
         -name '*remote*access*' -print | grep .
 }
 
-check_operator_roots() {
-    local entry suite root package folder
+check_operator_roots() { # SUITE...: whose packages are built
+    local suite root=$PWD/build/operator-root package folder
     folder=$(mktemp -d)
-    check "operators' package built for Debian 11" scripts/package --suite bullseye
     check "back end started for operators" start_back_end "$folder"
-    for entry in $OPERATOR_SUITES; do
-        suite=${entry%%:*} root=$PWD/build/operator-root
-        package=build/packages/remote-access-operator_$(project_version)${entry#*:}
-        package+=_$ARCHITECTURE.deb
+    for suite in "$@"; do
+        package=$(package_of operator "$suite")
         check "$suite: root made" operator_root "$suite" "$root"
         check "$suite: installed" install_operator "$root" "$package"
         check "$suite: the tool has the version" test \

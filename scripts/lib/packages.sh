@@ -45,7 +45,7 @@ PACKAGES_LINT=(
 
 # To run the fuzz targets, besides those to build.
 PACKAGES_FUZZ=(
-    clang-14 libclang-rt-14-dev llvm-14 python3
+    clang libclang-rt-dev llvm python3
 )
 
 # To make and check Debian packages, besides those to build.

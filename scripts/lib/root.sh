@@ -1,8 +1,5 @@
 # shellcheck shell=bash
-# Fresh roots of Debian, of any suite, below build/. Needs root, and debootstrap.
-
-# suite_of_host: this machine's own, as bookworm.
-suite_of_host() { (. /etc/os-release && printf '%s\n' "$VERSION_CODENAME"); }
+# Fresh roots of Debian, of any suite, below build/. Needs root, debootstrap and suites.sh.
 
 # debian_mirror: where this machine gets its own suite from.
 debian_mirror() {
@@ -32,8 +29,8 @@ in_root() {
 }
 
 # suite_build_root SUITE PACKAGE...: build/root-SUITE with the packages, where it stays until their
-# list changes. Command lines are read with the library of this machine's suite, which is headers
-# only: Debian 11 has none.
+# list changes. A suite for operators alone has no library that reads command lines: it takes this
+# machine's, which is headers only.
 suite_build_root() {
     local suite=$1 root=$PWD/build/root-$1 wanted
     shift
@@ -41,7 +38,7 @@ suite_build_root() {
     [ "$(cat "$root/made-for" 2>/dev/null)" != "$wanted" ] || return 0
     printf 'making a root of %s in %s\n' "$suite" "$root"
     bare_root "$suite" "$root" >"$root.log" 2>&1 || { tail -n 25 "$root.log"; return 1; }
-    if [ "$suite" != "$(suite_of_host)" ]; then
+    if [ "$(packages_for "$suite")" = operator ]; then
         printf 'deb %s %s main\n' "$(debian_mirror)" "$(suite_of_host)" \
             >"$root/etc/apt/sources.list.d/host.list"
         printf 'Package: %s\nPin: release n=%s\nPin-Priority: %d\n\n' \

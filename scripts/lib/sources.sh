@@ -19,6 +19,10 @@ interpreted() {
             { nextfile }'
 }
 
+# can_judge_layout: each version of clang-format lays some code out in another way. Debian 12's is
+# the one that decides.
+can_judge_layout() { clang-format --version | grep -q ' version 14\.'; }
+
 cpp_files() { files_named '*.cpp' '*.h'; }
 shell_files() { interpreted sh && files_named '*.sh'; }
 python_files() { interpreted python && files_named '*.py'; }

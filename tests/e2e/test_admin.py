@@ -11,7 +11,7 @@ import subprocess
 import time
 
 import pytest
-import websockets
+from websockets.legacy import client
 
 from harness.network import free_port
 from harness.processes import ProcessGroup
@@ -73,7 +73,7 @@ class Installation:
         async def send():
             trusted = ssl.create_default_context(cafile=self.folder / "ca.pem")
             trusted.verify_flags |= ssl.VERIFY_X509_STRICT
-            link = await websockets.connect(f"wss://127.0.0.1:{self.port}/", ssl=trusted,
+            link = await client.connect(f"wss://127.0.0.1:{self.port}/", ssl=trusted,
                                             server_hostname=host, ping_interval=None)
             await link.send(handshake(name, secret))
             answer = await asyncio.wait_for(link.recv(), 5 * SCALE)

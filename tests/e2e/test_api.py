@@ -15,7 +15,7 @@ from types import SimpleNamespace
 
 import jsonschema
 import pytest
-import websockets
+from websockets.legacy import client
 
 from harness.backend import start_back_end
 from harness.network import free_port
@@ -401,7 +401,7 @@ def test_events_of_a_session(api):
 
     def open_session(service):
         path = f"/api/v1/devices/{api.device}/services/{service}/connect"
-        return websockets.connect(
+        return client.connect(
             f"wss://{HOST}:{api.port}{path}", ssl=api.context(), compression=None,
             host="127.0.0.1", server_hostname=HOST, subprotocols=["remote-access.v1"],
             extra_headers={"Authorization": "Bearer " + TOKENS["anna"]})

@@ -9,7 +9,7 @@ import subprocess
 
 import jsonschema
 import pytest
-import websockets
+from websockets.legacy import client
 
 from harness.backend import start_back_end
 from harness.network import free_port
@@ -29,7 +29,7 @@ async def send_nonsense(port):
     """A WebSocket client that is no device."""
     context = ssl.create_default_context()
     context.check_hostname, context.verify_mode = False, ssl.CERT_NONE
-    async with websockets.connect(f"wss://127.0.0.1:{port}/", ssl=context) as stranger:
+    async with client.connect(f"wss://127.0.0.1:{port}/", ssl=context) as stranger:
         await stranger.send(b"nonsense\r\n\r\n")
         await stranger.recv()
 

@@ -15,7 +15,7 @@ import subprocess
 import urllib.request
 
 import pytest
-import websockets
+from websockets.legacy import client
 
 from harness.waiting import SCALE, poll
 from harness.waiting import run as run_on_loop
@@ -96,7 +96,7 @@ class Browser:
         self.ids = itertools.count(1)
 
     async def _connect(self, url):
-        return await websockets.connect(url, max_size=None, ping_interval=None)
+        return await client.connect(url, max_size=None, ping_interval=None)
 
     async def _ask(self, method, arguments):
         number = next(self.ids)

@@ -12,7 +12,7 @@ import subprocess
 import time
 
 import pytest
-import websockets
+from websockets.legacy import client
 
 from harness.cloud import HANDSHAKE_ID
 from harness.processes import ProcessGroup
@@ -58,7 +58,7 @@ class Program:
 
     async def send(self, message, address="127.0.0.1"):
         """The connection, and the answer to this as the first message."""
-        link = await websockets.connect(f"ws://127.0.0.1:{self.port}/", ping_interval=None,
+        link = await client.connect(f"ws://127.0.0.1:{self.port}/", ping_interval=None,
                                         local_addr=(address, 0))
         await link.send(message)
         answer = await asyncio.wait_for(link.recv(), 5 * SCALE)
@@ -101,7 +101,7 @@ def test_a_signature_counts_once(program):
         program.start()
         assert (await program.send(first))[1] == REFUSED
         for _ in range(20):  # gone before the store has answered
-            link = await websockets.connect(f"ws://127.0.0.1:{program.port}/")
+            link = await client.connect(f"ws://127.0.0.1:{program.port}/")
             await link.send(handshake())
             link.transport.abort()
         while b'"connected":true' in program.ask("devices"):

@@ -62,12 +62,11 @@ void requireAgreement(const POLICY_T &policy, const json &file, const PRINCIPAL_
 
 void requireProof(const POLICY_T &policy, const json &person)
 {
+    const std::string wanted = person["name"];
     for (const json &account : person.value("accounts", json::array()))
-        REQUIRE(operatorOfAccount(policy, account.get<std::string>())->operator_name ==
-                person["name"]);
+        REQUIRE(operatorOfAccount(policy, account.get<std::string>())->operator_name == wanted);
     for (const json &name : person.value("certificates", json::array()))
-        REQUIRE(operatorOfCertificate(policy, {name.get<std::string>()})->operator_name ==
-                person["name"]);
+        REQUIRE(operatorOfCertificate(policy, {name.get<std::string>()})->operator_name == wanted);
 }
 
 } // namespace

@@ -10,6 +10,7 @@ from dataclasses import dataclass
 
 import websockets
 from websockets.frames import Frame, Opcode
+from websockets.legacy import server
 
 from .network import free_port
 from .waiting import LOOP, poll, run
@@ -155,12 +156,12 @@ class BackEnd:
         self._server = run(self._serve(tls))
 
     async def _serve(self, tls):
-        return await websockets.serve(
+        return await server.serve(
             self._channel, "127.0.0.1", self.port, ssl=tls, max_size=None, max_queue=None,
             compression=None, ping_interval=None)
 
-    async def _channel(self, ws, path):
-        channel = Channel(ws, path)
+    async def _channel(self, ws):
+        channel = Channel(ws, ws.path)
         self.channels.append(channel)
         try:
             async for raw in ws:

@@ -1,5 +1,5 @@
-// What the versions 1 and 2 of sdbus-c++ name differently, under one name for the modules. Debian 12
-// has the one, Debian 13 the other.
+// What the versions 1 and 2 of sdbus-c++ name differently, under one name for the modules. Debian
+// 12 has the one, Debian 13 the other.
 //
 // Threads  as the library's own calls: the thread of the connection.
 // Errors   sdbus::Error, as the library throws it.
@@ -48,23 +48,24 @@ inline bool is_at_end(const sdbus::Message &message)
 
 // Methods and signals of an interface are offered between createObject and publish.
 template <class Function>
-void offer_method(sdbus::IObject &object, const char *interface, const char *name,
-                  std::vector<std::string> inputs, std::vector<std::string> outputs,
+void offer_method(sdbus::IObject &object, const char *interface, const char *member,
+                  const std::vector<std::string> &inputs, const std::vector<std::string> &outputs,
                   Function function)
 {
     object
-        .addVTable(sdbus::registerMethod(name)
-                       .withInputParamNames(std::move(inputs))
-                       .withOutputParamNames(std::move(outputs))
+        .addVTable(sdbus::registerMethod(member)
+                       .withInputParamNames(inputs)
+                       .withOutputParamNames(outputs)
                        .implementedAs(std::move(function)))
         .forInterface(interface);
 }
 
 template <class... Arguments>
-void offer_signal(sdbus::IObject &object, const char *interface, const char *name,
+void offer_signal(sdbus::IObject &object, const char *interface, const char *member,
                   std::vector<std::string> arguments)
 {
-    object.addVTable(sdbus::registerSignal(name).withParameters<Arguments...>(std::move(arguments)))
+    object
+        .addVTable(sdbus::registerSignal(member).withParameters<Arguments...>(std::move(arguments)))
         .forInterface(interface);
 }
 
@@ -104,22 +105,22 @@ inline bool is_at_end(const sdbus::Message &message)
 }
 
 template <class Function>
-void offer_method(sdbus::IObject &object, const char *interface, const char *name,
-                  std::vector<std::string> inputs, std::vector<std::string> outputs,
+void offer_method(sdbus::IObject &object, const char *interface, const char *member,
+                  const std::vector<std::string> &inputs, const std::vector<std::string> &outputs,
                   Function function)
 {
-    object.registerMethod(name)
+    object.registerMethod(member)
         .onInterface(interface)
-        .withInputParamNames(std::move(inputs))
-        .withOutputParamNames(std::move(outputs))
+        .withInputParamNames(inputs)
+        .withOutputParamNames(outputs)
         .implementedAs(std::move(function));
 }
 
 template <class... Arguments>
-void offer_signal(sdbus::IObject &object, const char *interface, const char *name,
+void offer_signal(sdbus::IObject &object, const char *interface, const char *member,
                   std::vector<std::string> arguments)
 {
-    object.registerSignal(name).onInterface(interface).template withParameters<Arguments...>(
+    object.registerSignal(member).onInterface(interface).template withParameters<Arguments...>(
         std::move(arguments));
 }
 

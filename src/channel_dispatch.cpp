@@ -137,8 +137,8 @@ void processMessage(REMOTE_PROXY_T *proxy, PROXY_HEADER_T &header)
     routeMessage(proxy, header);
 }
 
-// Service data come by the thousand, and the next message overwrites them. Of anything else, as of a
-// password, no byte stays.
+// Service data come by the thousand, and the next message overwrites them. Of anything else, as of
+// a password, no byte stays.
 void emptyReceiveBuffer(DATA_BUFFER_T &buffer, const PROXY_HEADER_T &header)
 {
     if (header.msg_type == MSG_TYPE_DATA_DOWN)

@@ -35,7 +35,7 @@ static_assert(HEADER_TEXTS.back() == "\"}\r\n\r\n");
 
 // A number in decimal.
 struct DIGITS_T {
-    char bytes[20];
+    char bytes[20]{};
     std::size_t length;
 
     explicit DIGITS_T(std::int64_t number) noexcept

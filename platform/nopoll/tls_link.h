@@ -50,8 +50,8 @@ enum class TLS_WRITE { DONE, NOT_TAKEN, FAILED };
 // Bytes received, 0 for nothing now, -1 for the end.
 [[nodiscard]] int readTls(TLS_LINK_T &link, const WIRE_T &wire, std::span<uint8_t> dst,
                           FAILURE_T &failure);
-// More than 0 while bytes that TLS has taken from the socket wait for readTls: decrypted ones, or of a
-// record that may be incomplete.
+// More than 0 while bytes that TLS has taken from the socket wait for readTls: decrypted ones, or
+// of a record that may be incomplete.
 [[nodiscard]] int pendingTls(const TLS_LINK_T &link);
 // Appends the closing alert.
 void shutDownTls(TLS_LINK_T &link);

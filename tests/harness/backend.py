@@ -26,7 +26,8 @@ def start_back_end(gateway, listen, certificate, *options, ports=(), registered=
                 for part in ("--forward", f"{port}={name}/{service}")]
     starts = gateway.log_beside("backend").count("listening on")
     process = gateway.spawn_beside(
-        "backend", *wrapper, gateway.binaries / "remote_access_backend", "--listen", "{}:{}".format(*listen), "--cert",
-        certificate[0], "--key", certificate[1], "--devices", devices, *forwards, *options)
+        "backend", *wrapper, gateway.binaries / "remote_access_backend",
+        "--listen", "{}:{}".format(*listen), "--cert", certificate[0], "--key", certificate[1],
+        "--devices", devices, *forwards, *options)
     gateway.beside.wait_for_line("backend", "listening on", starts + 1)
     return process

@@ -202,8 +202,9 @@ class Gateway:
     def sandbox(self):
         """The bwrap command up to its own options' end."""
         return ["bwrap", "--die-with-parent", "--unshare-pid", "--unshare-ipc", "--unshare-uts",
-                "--ro-bind", f"{self.system}/usr", "/usr", "--symlink", "usr/bin", "/bin", "--symlink", "usr/lib",
-                "/lib", "--symlink", "usr/lib64", "/lib64", "--proc", "/proc", "--dev", "/dev",
+                "--ro-bind", f"{self.system}/usr", "/usr", "--symlink", "usr/bin", "/bin",
+                "--symlink", "usr/lib", "/lib", "--symlink", "usr/lib64", "/lib64",
+                "--proc", "/proc", "--dev", "/dev",
                 "--ro-bind", f"{self.root}/etc", "/etc", "--bind", f"{self.root}/tmp", "/tmp",
                 "--bind", f"{self.root}/brimlock", "/brimlock", "--ro-bind", self.binaries,
                 f"/{INSTALLED}/bin", "--clearenv", "--setenv", "ASAN_OPTIONS",
@@ -226,8 +227,8 @@ class Gateway:
         if not (self.root / "config.txt").exists():
             keys = (f"{key}={value}\n" for key, value in self.config.items() if value is not None)
             self.put("config.txt", "".join(keys))
-        self.spawn_beside("manager", self.binaries / "gateway_config_manager", "--bus", self.address,
-                           "--file", self.root / "config.txt")
+        self.spawn_beside("manager", self.binaries / "gateway_config_manager",
+                           "--bus", self.address, "--file", self.root / "config.txt")
         if self.watched:
             self.spawn_beside("feeds", "dbus-monitor", "--address", self.address,
                                "type='signal',interface='iot.gateway.watchdog'")

@@ -126,10 +126,11 @@ TEST(TlsStream, CarriesEveryByteHoweverRecordsAreCut)
     pair.pumpUntil([&] { return got.size() >= sent.size(); }, piece);
     EXPECT_EQ(got, sent);
 
-    const std::array<asio::const_buffer, 4> parts{
-        asio::buffer(sent.data(), 3), asio::buffer(sent.data(), 0),
-        asio::buffer(sent.data() + 3, 40000), asio::buffer(sent.data() + 40003, 9997)};
-    for (int round = 0; round < 10; round++) {
+    constexpr std::size_t RECORD = 16384;
+    for (const std::size_t cut : {std::size_t{3}, RECORD - 1, RECORD, RECORD + 1, 2 * RECORD}) {
+        const std::array<asio::const_buffer, 4> parts{
+            asio::buffer(sent.data(), cut), asio::buffer(sent.data(), 0),
+            asio::buffer(sent.data() + cut, 40000 - cut), asio::buffer(sent.data() + 40000, 10000)};
         std::size_t written = 0;
         got.clear();
         pair.stream->async_write_some(

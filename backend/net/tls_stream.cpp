@@ -236,32 +236,35 @@ bool TlsStream::encryptRecord(const void *bytes, std::size_t size)
     return false;
 }
 
-// What is smaller than a record is put together with its neighbours. Returns how much was taken; 0
-// with a fault.
+// What is smaller than a record is put together with its neighbours, except at the end. Returns how
+// much was taken; 0 with a fault.
 std::size_t TlsStream::encrypt(std::span<const asio::const_buffer> buffers)
 {
     if (fault_ && fault_ != asio::error::eof) return 0;
     ERR_clear_error();
-    if (asio::buffer_size(buffers) >= BLOCK_USE_MIN) out_.reserve(BLOCK_SIZE); // one block
+    const std::size_t all = std::min(asio::buffer_size(buffers), WRITE_MAX);
+    if (all >= BLOCK_USE_MIN) out_.reserve(BLOCK_SIZE); // one block
     std::array<std::uint8_t, RECORD_MAX> joined;
     std::size_t used = 0;
     std::size_t taken = 0;
     for (asio::const_buffer rest : buffers) {
-        rest = asio::buffer(rest, WRITE_MAX - taken);
+        rest = asio::buffer(rest, all - taken);
         taken += rest.size();
         while (rest.size() > 0) {
-            const bool is_whole = used == 0 && rest.size() >= RECORD_MAX;
             const std::size_t count = std::min(rest.size(), RECORD_MAX - used);
+            const bool is_last = taken == all && count == rest.size();
+            const bool is_whole = used == 0 && (count == RECORD_MAX || is_last);
             const void *record = is_whole ? rest.data() : joined.data();
             if (!is_whole) memcpy(joined.data() + used, rest.data(), count);
-            used = (used + count) % RECORD_MAX;
+            used += count;
             rest += count;
-            if (used == 0 && !encryptRecord(record, RECORD_MAX)) return 0;
+            if (used < RECORD_MAX && !is_last) continue;
+            if (!encryptRecord(record, used)) return 0;
+            used = 0;
         }
     }
-    const bool is_done = used == 0 || encryptRecord(joined.data(), used);
-    OPENSSL_cleanse(joined.data(), used); // all of a message that carries a password
-    return is_done ? taken : 0;
+    if (all < RECORD_MAX) OPENSSL_cleanse(joined.data(), all); // it may have carried a password
+    return taken;
 }
 
 } // namespace backend

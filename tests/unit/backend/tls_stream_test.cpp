@@ -126,10 +126,12 @@ TEST(TlsStream, CarriesEveryByteHoweverRecordsAreCut)
     pair.pumpUntil([&] { return got.size() >= sent.size(); }, piece);
     EXPECT_EQ(got, sent);
 
-    const std::array<asio::const_buffer, 4> parts{
-        asio::buffer(sent.data(), 3), asio::buffer(sent.data(), 0),
-        asio::buffer(sent.data() + 3, 40000), asio::buffer(sent.data() + 40003, 9997)};
-    for (int round = 0; round < 10; round++) {
+    constexpr std::size_t RECORD = 16384;
+    for (const std::size_t last : {std::size_t{40000}, 3 * RECORD, 3 * RECORD + 500}) {
+        const std::array<asio::const_buffer, 4> parts{
+            asio::buffer(sent.data(), 3), asio::buffer(sent.data(), 0),
+            asio::buffer(sent.data() + 3, last - 3),
+            asio::buffer(sent.data() + last, sent.size() - last)};
         std::size_t written = 0;
         got.clear();
         pair.stream->async_write_some(

@@ -26,23 +26,18 @@ constexpr useconds_t PASS_PERIOD_US = 300'000;
 constexpr useconds_t START_POLL_US = 1000;
 constexpr int START_POLLS = 1000;
 
-struct DELAY_WORKER_T {
-    int initialised;          // for the thread that starts and releases the worker
-    DBusConnection *bus_conn; // owned; the worker thread's, between init and release
-    LIST_LINK_T task_list;    // owns its tasks
-    pthread_mutex_t list_lock;
-    int task_count;
-    THREAD_HANDLE_T worker_thread;
-};
-
 // List and lock are usable at all times, so that a call before init or after release finds an empty
 // list instead of a null link or a destroyed lock.
-constinit DELAY_WORKER_T g_delay_worker = {0,
-                                           nullptr,
-                                           {&g_delay_worker.task_list, &g_delay_worker.task_list},
-                                           PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP,
-                                           0,
-                                           {}};
+struct DELAY_WORKER_T {
+    int initialised = 0;                // for the thread that starts and releases the worker
+    DBusConnection *bus_conn = nullptr; // owned; the worker thread's, between init and release
+    LIST_LINK_T task_list{&task_list, &task_list}; // owns its tasks
+    pthread_mutex_t list_lock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+    int task_count = 0;
+    THREAD_HANDLE_T worker_thread = {};
+};
+
+constinit DELAY_WORKER_T g_delay_worker;
 
 static_assert(std::is_standard_layout_v<TASK_NODE_T>);
 

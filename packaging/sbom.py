@@ -12,17 +12,21 @@ import re
 import subprocess
 import sys
 
+COMPILER = re.match(r"\d+", subprocess.run(["g++", "-dumpversion"], check=True, text=True,
+                                           capture_output=True).stdout)[0]
+CXX_LIBRARY = f"libstdc++-{COMPILER}-dev"
 LICENSES = {  # of the libraries' packages, as their copyright files state them
     "libc6": "LGPL-2.1-or-later", "libgcc-s1": "GPL-3.0-or-later WITH GCC-exception-3.1",
     "libstdc++6": "GPL-3.0-or-later WITH GCC-exception-3.1",
-    "libstdc++-12-dev": "GPL-3.0-or-later WITH GCC-exception-3.1", "libssl3": "Apache-2.0",
+    CXX_LIBRARY: "GPL-3.0-or-later WITH GCC-exception-3.1", "libssl3": "Apache-2.0",
     "libssl1.1": "OpenSSL",
     "libdbus-1-3": "AFL-2.1 OR GPL-2.0-or-later", "libcjson1": "MIT",
     "libcrypt1": "LGPL-2.1-or-later", "libmosquitto1": "EPL-2.0 OR BSD-3-Clause",
     "libsqlite3-0": "blessing",
-    "libsdbus-c++1": "LGPL-2.1-or-later WITH LGPL-exception-1.1", "libboost-dev": "BSL-1.0",
+    "libsdbus-c++1": "LGPL-2.1-or-later WITH LGPL-exception-1.1",
+    "libsdbus-c++2": "LGPL-2.1-or-later WITH LGPL-exception-1.1", "libboost-dev": "BSL-1.0",
     "nlohmann-json3-dev": "MIT", "libcli11-dev": "BSD-3-Clause"}
-COMPILED_IN = {"remote-access-daemon": ["libstdc++-12-dev"],
+COMPILED_IN = {"remote-access-daemon": [CXX_LIBRARY],
                "remote-access-backend": ["libboost-dev", "nlohmann-json3-dev", "libcli11-dev"],
                "remote-access-operator": ["libboost-dev", "nlohmann-json3-dev", "libcli11-dev"]}
 TABLE = pathlib.Path(__file__).resolve().parent / "architectures"
@@ -92,7 +96,7 @@ def main(package, version, root):
     time = datetime.datetime.fromtimestamp(int(os.environ.get("SOURCE_DATE_EPOCH", "0")),
                                            datetime.timezone.utc)
     entries = [entry(package, version, "Apache-2.0"),
-               *(entry(name, number, LICENSES[name]) for name, number in sorted(libraries))]
+               *(entry(name, number, LICENSES[name.removesuffix("t64")]) for name, number in sorted(libraries))]
     digest = hashlib.sha256("".join(str(item) for item in entries).encode()).hexdigest()
     document = {
         "spdxVersion": "SPDX-2.3", "dataLicense": "CC0-1.0", "SPDXID": "SPDXRef-DOCUMENT",

@@ -74,7 +74,7 @@ class Installation:
             trusted = ssl.create_default_context(cafile=self.folder / "ca.pem")
             trusted.verify_flags |= ssl.VERIFY_X509_STRICT
             link = await client.connect(f"wss://127.0.0.1:{self.port}/", ssl=trusted,
-                                            server_hostname=host, ping_interval=None)
+                                        server_hostname=host, ping_interval=None)
             await link.send(handshake(name, secret))
             answer = await asyncio.wait_for(link.recv(), 5 * SCALE)
             return link, json.loads(answer.partition(b"\r\n\r\n")[2])

@@ -8,7 +8,10 @@ HOST = "cloud.test"  # in every sandbox's hosts file, and so is "eu." before it
 _ISSUER = """[ca]\ndefault_ca=here\n[here]\ndatabase={directory}/index\nnew_certs_dir={directory}
 certificate={directory}/{name}.pem\nprivate_key={directory}/{name}.key\ndefault_md=sha256
 policy=any\nunique_subject=no\nrand_serial=yes\n[any]\ncommonName=supplied\n"""
-_AUTHORITY = "basicConstraints=critical,CA:TRUE\nsubjectKeyIdentifier=hash"
+# What strict clients ask for, as Python is from 3.13 on.
+_AUTHORITY = """basicConstraints=critical,CA:TRUE
+keyUsage=critical,digitalSignature,keyCertSign\nsubjectKeyIdentifier=hash"""
+_OF_ISSUER = "authorityKeyIdentifier=keyid\n"
 # The issuer (None: it signs itself), subjectAltName, and from which day to which the certificate is
 # good. The faults step the clock, so what is good is so on the day before, too.
 _ISSUED = {
@@ -50,8 +53,8 @@ class Certificates:
         place = self.directory / name
         place.with_suffix(".conf").write_text(_ISSUER.format(directory=self.directory, name=name))
         place.with_suffix(".ext").write_text(
-            _AUTHORITY if not issuer else f"subjectAltName={names}" if names else
-            "keyUsage=digitalSignature")
+            _AUTHORITY if not issuer else _OF_ISSUER +
+            (f"subjectAltName={names}" if names else "keyUsage=digitalSignature"))
         _openssl("req", "-new", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
                  "-nodes", "-keyout", f"{place}.key", "-out", f"{place}.csr",
                  "-subj", f"/CN={HOST if issuer else name}")

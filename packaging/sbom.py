@@ -96,7 +96,8 @@ def main(package, version, root):
     time = datetime.datetime.fromtimestamp(int(os.environ.get("SOURCE_DATE_EPOCH", "0")),
                                            datetime.timezone.utc)
     entries = [entry(package, version, "Apache-2.0"),
-               *(entry(name, number, LICENSES[name.removesuffix("t64")]) for name, number in sorted(libraries))]
+               *(entry(name, number, LICENSES[name.removesuffix("t64")])
+                 for name, number in sorted(libraries))]
     digest = hashlib.sha256("".join(str(item) for item in entries).encode()).hexdigest()
     document = {
         "spdxVersion": "SPDX-2.3", "dataLicense": "CC0-1.0", "SPDXID": "SPDXRef-DOCUMENT",

@@ -64,6 +64,8 @@ def describe():
         "hypervisor": "yes" if "hypervisor" in flags else "no",
         "memory_mb": round(os.sysconf("SC_PAGE_SIZE") * os.sysconf("SC_PHYS_PAGES") / 1e6),
         "kernel": os.uname().release,
+        # Of all peers' connections: bbr's timers cost a tenth of a busy tunnel on loopback.
+        "congestion": _read(pathlib.Path("/proc/sys/net/ipv4/tcp_congestion_control")) or "?",
         "system": platform.freedesktop_os_release().get("PRETTY_NAME", "?"),
         "openssl": ssl.OPENSSL_VERSION,
         "ssh": _first_line("ssh", "-V").split(",")[0],
@@ -77,5 +79,6 @@ def text(machine):
     return (f"{machine['date']}, {machine['processors']} x {machine['model']} "
             f"({machine['architecture']}; {' '.join(machine['flags'])}), {siblings}; {caches}; "
             f"governor {machine['governor']}; virtual: {machine['hypervisor']}; "
-            f"{machine['memory_mb']} MB; Linux {machine['kernel']}, {machine['system']}; "
+            f"{machine['memory_mb']} MB; Linux {machine['kernel']}, TCP {machine['congestion']}, "
+            f"{machine['system']}; "
             f"{machine['openssl']}; {machine['ssh']}.")

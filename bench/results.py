@@ -14,8 +14,8 @@ from intervals import Interval
 
 FOLDER = DOCS / "performance"
 FORMAT = 1
-_TEXTS = ("date", "model", "architecture", "governor", "hypervisor", "kernel", "system", "openssl",
-          "ssh")
+_TEXTS = ("date", "model", "architecture", "governor", "hypervisor", "kernel", "congestion",
+          "system", "openssl", "ssh")
 _LISTS = ("siblings", "flags")
 
 

@@ -123,28 +123,29 @@ int takeHeader(REMOTE_PROXY_T *proxy, PROXY_HEADER_T *header)
     return 0;
 }
 
-// The receive buffer holds what there is of one message, to its end.
-void processMessage(REMOTE_PROXY_T *proxy, PROXY_HEADER_T &header)
+// Behind the message may be bytes of a longer one. A message without a separator lets the read
+// offset come to lie up to the separator's length behind its end.
+void endText(DATA_BUFFER_T &buffer)
+{
+    const std::int32_t room = buffer.capacity - buffer.write_offset;
+    std::memset(getBufferWritePointer(&buffer), 0,
+                static_cast<std::size_t>(std::min(HEADER_SEPARATOR_LEN, room)) + 1);
+}
+
+// The receive buffer holds what there is of one message, to its end. True for service data.
+bool processMessage(REMOTE_PROXY_T *proxy)
 {
     DATA_BUFFER_T &buffer = proxy->recv_buffer;
-    *getBufferWritePointer(&buffer) = '\0'; // behind it may be bytes of a longer one
-    if (takeHeader(proxy, &header) != 0) return;
+    PROXY_HEADER_T header{};
+    endText(buffer);
+    if (takeHeader(proxy, &header) != 0) return false;
     if (!stepToPayload(&buffer, header)) {
         RA_WARN_FOR(DISPATCH, "payload length info is error!payloadlen:%d, datalen:%d",
                     header.payload_len, getBufferDataLength(&buffer));
-        return;
+        return false;
     }
     routeMessage(proxy, header);
-}
-
-// Service data come by the thousand, and the next message overwrites them. Of anything else, as of
-// a password, no byte stays.
-void emptyReceiveBuffer(DATA_BUFFER_T &buffer, const PROXY_HEADER_T &header)
-{
-    if (header.msg_type == MSG_TYPE_DATA_DOWN)
-        rewindDataBuffer(&buffer, 0);
-    else
-        resetDataBuffer(&buffer);
+    return header.msg_type == MSG_TYPE_DATA_DOWN;
 }
 
 // The payload's lines come by the thousand, unlike those of a session's end.
@@ -177,9 +178,12 @@ void cloudDataProc(REMOTE_PROXY_T *proxy)
             if (result == CHANNEL_READ_NO_PAYLOAD) ++messages;
             continue;
         }
-        PROXY_HEADER_T header{};
-        processMessage(proxy, header);
-        emptyReceiveBuffer(buffer, header);
+        // Service data come by the thousand, and the next message overwrites them. Of anything
+        // else, as of a password, no byte stays.
+        if (processMessage(proxy))
+            rewindDataBuffer(&buffer, 0);
+        else
+            resetDataBuffer(&buffer);
         feedProxyWatchdog(); // one message may cost a second, and there may be many
         (void)lookAtPeer(proxy);
         ++messages;

@@ -31,6 +31,7 @@ constexpr std::int32_t MESSAGE_BUFFER_SIZE = 51200; // a whole message, header i
 constexpr std::int32_t HEADER_BUFFER_SIZE = 1024;   // a header with its separator, and its NUL
 constexpr std::int32_t HEADER_SEPARATOR_LEN = 4;    // CR LF CR LF
 constexpr std::int32_t DATA_HEADER_ROOM = 1028;     // kept free in front of service data
+static_assert(DATA_HEADER_ROOM >= HEADER_BUFFER_SIZE);
 constexpr std::int32_t MAX_SESSIONS = 32;
 constexpr std::size_t SESSION_ID_SIZE = 64; // also that of a message id; 63 characters are kept
 

@@ -42,12 +42,29 @@ void *pointer_to(std::uintptr_t address) noexcept
     return reinterpret_cast<void *>(address); // NOLINT(performance-no-int-to-ptr)
 }
 
-// Under the loader's lock. Its list, unlike /proc/self/maps, tells the parts of an object that
-// another thread is just loading from those that it has yet to relocate.
+bool has_relocated_code(const dl_phdr_info &object) noexcept
+{
+    for (std::size_t i = 0; i < object.dlpi_phnum; ++i) {
+        if (object.dlpi_phdr[i].p_type != PT_DYNAMIC) continue;
+        const auto *entry = static_cast<const ElfW(Dyn) *>(
+            pointer_to(object.dlpi_addr + object.dlpi_phdr[i].p_vaddr));
+        for (; entry->d_tag != DT_NULL; ++entry) {
+            if (entry->d_tag == DT_TEXTREL) return true;
+            if (entry->d_tag == DT_FLAGS && (entry->d_un.d_val & DF_TEXTREL) != 0) return true;
+        }
+    }
+    return false;
+}
+
+// Under the loader's lock. Its list names the parts of each object, so that a writable one is never
+// touched, not even before it has been relocated or after it was made read-only. The loader may
+// still be relocating an object that another thread loads: its code is left alone where that is
+// relocated, too.
 int release_object(dl_phdr_info *object, std::size_t /*size*/, void *argument)
 {
     const int pagemap = *static_cast<const int *>(argument);
     if (std::strncmp(object->dlpi_name, "linux-", 6) == 0) return 0; // the kernel's own, no file
+    if (has_relocated_code(*object)) return 0;
     const auto page_size = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
     // Backwards, because the first part has the headers that are read here.
     for (std::size_t i = object->dlpi_phnum; i-- > 0;) {

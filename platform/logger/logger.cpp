@@ -39,7 +39,7 @@ struct LOG_LINE_T {
     char bytes[LINE_ROOM + HEAD_SIZE + escaped_size(LOG_TEXT_MAX) + sizeof LOG_CUT_MARK];
     std::size_t length;
 };
-static_assert(escaped_size(LOG_TEXT_MAX) >= TEXT_SIZE);
+static_assert(escaped_size(LOG_TEXT_MAX) >= TEXT_SIZE); // a text is formatted in its line
 static_assert(sizeof LOG_LINE_T::bytes <= GATHER_SIZE);
 
 constinit std::atomic<int> g_min_level{LEVEL_NOTHING};
@@ -100,7 +100,9 @@ std::size_t plain_length(std::string_view text)
 __attribute__((format(printf, 2, 0))) void put_text(LOG_LINE_T &line, const char *format,
                                                     std::va_list arguments)
 {
-    char *const place = line.bytes + line.length; // it stays there as far as nothing is escaped
+    // Formatted where it will stand. From the first character that is not plain on it is copied
+    // aside and escaped.
+    char *const place = line.bytes + line.length;
     const int formatted = std::vsnprintf(place, TEXT_SIZE, format, arguments);
     std::string_view stored{format}; // without a text, its format still says what it was
     if (formatted >= 0) {

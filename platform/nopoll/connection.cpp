@@ -181,10 +181,10 @@ QUEUED failToQueue(noPollConn &conn, noPollDebugLevel level, const char *reason)
 QUEUED queueRecord(noPollConn &conn)
 {
     FAILURE_T failure{};
-    const int reads_left = conn.wire.reads_left;
+    const std::uint64_t received = conn.wire.received;
     const TLS_WRITE result = writeTls(conn.tls, conn.wire, bytesOf(conn.frame), failure);
     consumeBytes(conn.frame, bytesOf(conn.frame).size());
-    if (conn.wire.reads_left != reads_left) conn.starved = false; // TLS has read more
+    if (conn.wire.received != received) conn.starved = false; // TLS has read more
     if (result == TLS_WRITE::NOT_TAKEN) return QUEUED::NOT_TAKEN;
     if (result == TLS_WRITE::DONE) return QUEUED::YES;
     return failToQueue(conn, NOPOLL_LEVEL_WARNING, failure.text);

@@ -97,8 +97,8 @@ int nopoll_msg_get_payload_size(noPollMsg *msg);
 const unsigned char *nopoll_msg_get_payload(noPollMsg *msg);
 nopoll_bool nopoll_msg_is_final(noPollMsg *msg);
 void nopoll_msg_unref(noPollMsg *msg);
-// Bytes already taken from the socket that the next nopoll_conn_get_msg can make progress on:
-// select does not see them.
+// More than 0 while bytes already taken from the socket may let the next nopoll_conn_get_msg make
+// progress: select does not see them.
 int nopoll_conn_read_pending(noPollConn *conn);
 
 // Sending, one binary frame each. The length when all went to the socket; the payload bytes that

@@ -1,8 +1,9 @@
 // TLS between a connection and its wire.
 //
-// Buffering  records go through a BIO over the wire's two queues: writing only appends to `tx`
-//            (it never blocks, so a message is one system call whatever number of records it
-//            takes), reading takes from `in` and refills it from the socket.
+// Buffering  records go through a BIO over the wire: writing only appends to `tx` (it never blocks,
+//            so a message is one system call whatever number of records it takes), reading takes
+//            up to 64 KB from the socket into a buffer of OpenSSL's, where select does not see
+//            them (pendingTls).
 // Ownership  a TLS_LINK_T borrows its wire, which must outlive it.
 // Identity   TLS 1.2 or later. With verification on, nothing but the given CA file is trusted,
 //            and the certificate must carry the server's name or address. The one exception is

@@ -102,7 +102,10 @@ int receiveFromWire(WIRE_T &wire, std::span<uint8_t> dst)
     do {
         got = recv(wire.socket.get(), dst.data(), dst.size(), MSG_DONTWAIT);
     } while (got < 0 && errno == EINTR);
-    if (got > 0) return static_cast<int>(got);
+    if (got > 0) {
+        wire.received += static_cast<uint64_t>(got);
+        return static_cast<int>(got);
+    }
     if (got < 0 && errno == EAGAIN) return 0;
     wire.ended_by_peer = got == 0;
     wire.error = got == 0 ? 0 : errno;

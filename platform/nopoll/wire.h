@@ -50,6 +50,7 @@ struct WIRE_T {
     UniqueFd socket;
     BYTE_QUEUE_T tx; // as it goes to the socket
     int reads_left = 0;
+    uint64_t received = 0; // bytes from the socket, in all
     bool ended_by_peer = false;
     int error = 0; // errno of the failure that broke the socket
 };

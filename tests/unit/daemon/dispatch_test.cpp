@@ -63,6 +63,8 @@ TEST_F(Dispatch, WorksOnlyInTheStateOfEachType)
     const UniqueFd far = addSession("s1");
     (void)receive(wire(22, "m1", "s1", std::string(200, 'x'))); // which stays in no later text
     EXPECT_EQ(std::string(200, 'x'), drain(far.get()));
+    EXPECT_EQ("1 recv release session response.payload:",
+              receive(R"({"msg_type":0,"payload_len":"-4"})")); // ends before its separator
     for (const auto &row : rows) {
         setChannelState(&proxy, row.state);
         proxy.ping_count = 2;

@@ -390,16 +390,13 @@ private:
                              }));
     }
 
-    // The library reads on until the client's close frame, and then its TLS may have a word to say:
-    // nothing that is under way to the client is lost to a reset.
+    // The library reads on until the client closes too, so that what is under way to it is not lost
+    // to a reset.
     void sendClose(std::uint16_t code, const std::string &reason)
     {
         socket_->async_close(websocket::close_reason(static_cast<websocket::close_code>(code),
                                                      {reason.data(), reason.size()}),
-                             handler([](SessionSocket &self, const error_code &error) {
-                                 if (error) return self.shut();
-                                 self.takeRest();
-                             }));
+                             handler([](SessionSocket &self, const error_code &) { self.shut(); }));
     }
 
     // The client breaks the protocol of sessions.
@@ -418,12 +415,6 @@ private:
         loss_ = reason;
         state_ = STATE::CLOSING;
         endAfter(limits_.drain_time);
-        takeRest();
-    }
-
-    // Until the client closes its side, or the time is over.
-    void takeRest()
-    {
         error_code ignored;
         stream_->next_layer().shutdown(asio::socket_base::shutdown_send, ignored);
         dropBytes();

@@ -23,7 +23,8 @@ MANUALS = {path.name: path.read_text() for path in sorted(REPOSITORY.glob("packa
 FOLDERS = {path.name for path in REPOSITORY.iterdir() if path.is_dir()} - {".git", "build"}
 # Names in the documents that nothing in the tree has.
 FOREIGN = {"IPAddressAllow", "MADV_PAGEOUT", "MADV_RANDOM", "M_ARENA_MAX", "OPENSSL_ia32cap",
-           "epoll_wait", "perf", "prlimit", "strace",
+           "PerSourcePenaltyExemptList", "SO_BUF_LOCK", "TCP_MAXSEG", "epoll_wait", "perf",
+           "prlimit", "sched_setattr", "strace",
            "tcp_rmem", "tcp_wmem", "tlsv1", "UeaZr47xPftos38CdA1lQymRGumnKg"}
 
 

@@ -123,7 +123,7 @@ def test_host_keys_outlive_a_restart(office):
     office.gateway.beside.start(
         "second", program, "--listen", "127.0.0.1:0", "--plain", "--devices",
         office.gateway.root / "devices.json", "--store", copy, "--control", office.home / "second")
-    office.gateway.beside.wait_for_line("second", "control socket")
+    office.gateway.beside.wait_for_line("second", f"{office.home / 'second'} ready")
     service = {"device": "dev1", "service": "ssh_localhost"}
     key, = office.ask_socket({"do": "host-keys", **service}, "second")["keys"]
     assert f"{key['type']} {key['key']} " in (office.home / "host_key.pub").read_text()

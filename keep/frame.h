@@ -28,14 +28,16 @@ enum class FRAME : std::uint8_t {
 
 enum class REFUSAL : std::uint8_t {
     VERSION = 1,  // of the opening or of HELLO; a plain session is the way out
-    FULL = 2,     // too many sessions, or no memory; a plain session is the way out
+    FULL = 2,     // no room, or it cannot be kept; a plain session is the way out
     SERVICE = 3,  // not in the gateway's list, or it takes no connection
     UNKNOWN = 4,  // nothing to resume: ended, forgotten, or another operator's
     ENDED = 5,    // the session is over; the text says why
 };
 
-// The sender has more to send than the receiver's window lets through.
+// Flags. Of DATA: the sender has more than the receiver's window lets through. Of ACK: to be
+// answered at once.
 constexpr std::uint8_t WINDOW_IS_SHORT = 1;
+constexpr std::uint8_t ANSWER_WANTED = 2;
 
 struct FRAME_T {
     FRAME kind = FRAME::ACK;

@@ -170,7 +170,7 @@ void KeptSessions::flushLocal(KEPT_SESSION_T &session)
         if (count < 0) return localBroke(session, errno);
         incoming.dropTo(incoming.begin() + static_cast<std::uint64_t>(count));
     }
-    if (!session.stream.has_peer_end) return;
+    if (!session.stream.has_peer_end || session.stream.is_peer_end_passed) return;
     if (!session.is_local_done) (void)::shutdown(session.local.get(), SHUT_WR);
     session.is_local_done = true;
     session.stream.is_peer_end_passed = true;

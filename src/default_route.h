@@ -1,9 +1,9 @@
 // The address of the machine that hosts the gateway: the gateway's default route.
 #pragma once
 
+#include "utility/route_table.h"
+
 #include <cstddef>
-#include <cstdint>
-#include <cstdio>
 
 constexpr std::size_t HOST_ADDRESS_SIZE = 24;
 
@@ -11,7 +11,3 @@ constexpr std::size_t HOST_ADDRESS_SIZE = 24;
 // 172.17.0.1 when there is none. 0 when a route was found, and also when the table could not be
 // opened (out is unchanged then); -1 when the fallback was used.
 int getDefaultGatewayAddr(char (&out)[HOST_ADDRESS_SIZE]);
-
-// Reads a route table as the kernel prints it: true and the gateway, in network byte order in
-// memory, for the first line whose destination is 00000000. No other column is looked at.
-bool findDefaultRoute(std::FILE *table, std::uint32_t *gateway);

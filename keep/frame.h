@@ -32,6 +32,7 @@ enum class REFUSAL : std::uint8_t {
     SERVICE = 3,  // not in the gateway's list, or it takes no connection
     UNKNOWN = 4,  // nothing to resume: ended, forgotten, or another operator's
     ENDED = 5,    // the session is over; the text says why
+    WHOLE = 6,    // it is over, and both streams had arrived with their ends
 };
 
 // Flags. Of DATA: the sender has more than the receiver's window lets through. Of ACK: to be

@@ -1,16 +1,16 @@
 // How much may be under way, so that the queue in front of a session stays short: delay-based
 // congestion control. What is sent counts as under way until it is acknowledged. The time that
 // takes, less the shortest time seen (the base), is what it has waited in queues. Once a round trip
-// the window is multiplied by
-//     (base + target) / (base + the least wait of the round),
-// which moves it in one or two rounds to where the queue is the target's length, whatever the rate
-// is, and shares a line evenly among several such windows: FAST TCP (D. Wei and others, IEEE/ACM
-// Transactions on Networking 14(6), 2006). LEDBAT (RFC 6817) has the same target and signal, but
-// moves by a constant per round trip, so it takes minutes to find a fast line. While the queue is
-// almost empty the window doubles, as in a slow start.
+//   while the queue is empty   the window grows by what is acknowledged, as in a slow start;
+//   otherwise                  what is acknowledged comes at the line's own rate, and
+//                              window = rate * (base + target)
+// so the queue has the target's length after a round or two, whatever the rate is. LEDBAT (RFC
+// 6817) has the same signal and target, but moves its window by a constant per round trip: it takes
+// minutes to find a fast line, and to leave one that has become slow.
 // The least wait of a round counts, so that a few late acknowledgements (a retransmission, a busy
-// machine) do not shrink it. A standing queue would become part of the base in time; so, when none
-// has been seen empty for PROBE_AFTER, the window closes for a moment and the base is seen again.
+// machine) do not shrink the window. A standing queue would become part of the base in time; so,
+// when it has not been seen empty for PROBE_AFTER, the window is for a moment less than what the line
+// itself holds, and the base is seen again.
 // Threads  each is one thread's. Times are passed in.
 #pragma once
 
@@ -26,19 +26,16 @@ using Time = Clock::time_point;
 using Seconds = std::chrono::duration<double>;
 
 constexpr Seconds TARGET_WAIT{0.1};
-constexpr Seconds CHUNK_TIME{0.05}; // that one chunk takes at the measured rate, at most
-constexpr std::size_t CHUNK_MIN = 256;
+constexpr Seconds PIECE_TIME{0.05}; // that one piece takes at the measured rate, at most
+constexpr std::size_t PIECE_MIN = 256;
+constexpr std::size_t PIECE_MAX = std::size_t{64} * 1024;
 
 // The shortest round trip of the last one to two minutes.
 class BaseTime {
 public:
     void see(Seconds round_trip, Time now) noexcept;
-    Seconds get() const noexcept;
     // unknown: what it is before anything has been seen.
-    Seconds getOr(Seconds unknown) const noexcept
-    {
-        return since_ ? get() : unknown;
-    }
+    Seconds getOr(Seconds unknown) const noexcept;
 
 private:
     Seconds current_{1e9};
@@ -50,23 +47,25 @@ class Pace {
 public:
     // Bytes that may be sent now.
     std::size_t room(Time now) const noexcept;
-    // The largest piece that does not hold up others for more than CHUNK_TIME.
-    std::size_t chunk() const noexcept;
+    // What is sent in one go: small against the window, so that it is filled evenly, and so that
+    // others need not wait for long.
+    std::size_t piece(Time now) const noexcept;
     // Something waits for room: the window is what limits.
     void isShort() noexcept
     {
-        was_short_ = true;
+        is_short_ = true;
     }
     void sent(std::size_t count) noexcept
     {
         under_way_ += count;
     }
-    // Acknowledged, or lost with their carrier.
-    void gone(std::size_t count) noexcept
+    void acknowledged(std::size_t count) noexcept;
+    // With their carrier.
+    void lost(std::size_t count) noexcept
     {
         under_way_ -= count;
     }
-    // What an acknowledgement has shown.
+    // What an acknowledgement has shown, once it has been counted.
     void see(Seconds round_trip, Seconds base, Time now) noexcept;
 
     std::size_t underWay() const noexcept
@@ -82,16 +81,23 @@ public:
 
 private:
     void endRound(Time now) noexcept;
+    void probe(double rate, Time now) noexcept;
 
     double window_ = 8192;
     std::size_t under_way_ = 0;
+    bool is_growing_ = true;
+    bool is_short_ = false;
     Seconds round_trip_{0}; // of the last round, with its wait; 0: not known
+
+    // Of this round
+    std::optional<Time> began_;
+    double acknowledged_ = 0;
     Seconds least_wait_{1e9};
-    Seconds base_of_least_{0};
-    std::optional<Time> round_began_;
-    bool was_short_ = false;
-    std::optional<Time> last_empty_; // when the queue was seen (almost) empty
+    Seconds base_{0}; // of the least wait
+
+    std::optional<Time> last_empty_; // when the queue was seen almost empty
     Time probing_until_{};
+    double probing_window_ = 0;
 };
 
 } // namespace keep

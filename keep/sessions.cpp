@@ -9,7 +9,7 @@
 namespace keep {
 
 constexpr std::size_t READ_AHEAD = INITIAL_WINDOW; // of what has not been sent
-constexpr auto GREETING_TIME = std::chrono::seconds(15);
+constexpr auto GREETING_TIME = std::chrono::seconds(8);
 constexpr auto CLOSING_TIME = std::chrono::seconds(5);
 constexpr auto WIDE_TIME = std::chrono::seconds(10); // that a wide window stays without bytes
 
@@ -57,8 +57,8 @@ void KeptSessions::attach(KEPT_SESSION_T &session, UniqueFd carrier,
 void KeptSessions::giveUp(KEPT_SESSION_T &session, const char *why)
 {
     queue_.leave(session);
-    pace_.gone(session.pace.underWay());
-    session.pace.gone(session.pace.underWay());
+    pace_.lost(session.pace.underWay());
+    session.pace.lost(session.pace.underWay());
     session.marks.clear();
     session.ack_due.reset();
     session.asked_since.reset();
@@ -67,6 +67,9 @@ void KeptSessions::giveUp(KEPT_SESSION_T &session, const char *why)
     loseCarrier(session.stream);
     session.state = KEPT_STATE::AWAY;
     session.since = now_;
+    // The operator's end has everything; only that it is done has not come.
+    if (session.side == SIDE::KEEPER && isWhole(session.stream))
+        return close(session, KEPT_END::WHOLE, BOTH_DONE);
     if (why != nullptr && session.events.lost) session.events.lost(session, why);
 }
 
@@ -81,8 +84,8 @@ void KeptSessions::close(KEPT_SESSION_T &session, KEPT_END how, const std::strin
 {
     if (session.state == KEPT_STATE::CLOSING || session.state == KEPT_STATE::OVER) return;
     queue_.leave(session);
-    pace_.gone(session.pace.underWay());
-    session.pace.gone(session.pace.underWay());
+    pace_.lost(session.pace.underWay());
+    session.pace.lost(session.pace.underWay());
     session.stream.outgoing.dropTo(session.stream.outgoing.end());
     session.stream.incoming.dropTo(session.stream.incoming.end());
     session.end = how;
@@ -113,7 +116,7 @@ void KeptSessions::finishIfWhole(KEPT_SESSION_T &session)
         !isWhole(session.stream) || !session.is_local_done)
         return;
     sendOne(session, FRAME::DONE);
-    close(session, KEPT_END::WHOLE, "both ends are done");
+    close(session, KEPT_END::WHOLE, BOTH_DONE);
 }
 
 // ---- the local connection

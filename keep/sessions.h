@@ -17,6 +17,7 @@
 
 namespace keep {
 
+constexpr char BOTH_DONE[] = "both ends are done";
 constexpr std::size_t KEEPER_BUDGET = std::size_t{4} << 20;
 
 class KeptSessions {
@@ -97,7 +98,6 @@ private:
     void sendAcknowledgements();
     void askForAnswers();
     void ask(KEPT_SESSION_T &session);
-    std::size_t quantum() const;
 
     std::size_t budget_;
     std::list<std::unique_ptr<KEPT_SESSION_T>> sessions_;

@@ -104,7 +104,9 @@ const char *KeptSessions::greet(KEPT_SESSION_T &session, const FRAME_T &frame,
     const bool is_keeper = session.side == SIDE::KEEPER;
     if (!is_keeper && frame.kind == FRAME::REFUSED && !payload.empty()) {
         session.refusal = static_cast<REFUSAL>(payload[0]);
-        close(session, KEPT_END::REFUSED, textOf(payload.subspan(1)));
+        const bool is_whole =
+            session.refusal == REFUSAL::WHOLE && session.stream.is_peer_end_passed;
+        close(session, is_whole ? KEPT_END::WHOLE : KEPT_END::REFUSED, textOf(payload.subspan(1)));
         return nullptr;
     }
     if (frame.kind != (is_keeper ? FRAME::HELLO : FRAME::WELCOME) || payload.empty())
@@ -134,8 +136,8 @@ bool KeptSessions::acknowledge(KEPT_SESSION_T &session, const FRAME_T &frame)
         session.asked_since.reset();
     const auto count =
         std::min<std::uint64_t>(stream.outgoing.begin() - before, session.pace.underWay());
-    session.pace.gone(static_cast<std::size_t>(count));
-    pace_.gone(static_cast<std::size_t>(count));
+    session.pace.acknowledged(static_cast<std::size_t>(count));
+    pace_.acknowledged(static_cast<std::size_t>(count));
     std::optional<Time> at;
     for (; !session.marks.empty() && session.marks.front().end <= frame.acknowledged;
          session.marks.pop_front())
@@ -143,8 +145,9 @@ bool KeptSessions::acknowledge(KEPT_SESSION_T &session, const FRAME_T &frame)
     if (!at) return true;
     const Seconds round_trip = now_ - *at;
     session.base.see(round_trip, now_);
-    session.pace.see(round_trip, session.base.get(), now_);
-    pace_.see(round_trip, session.base.get(), now_);
+    const Seconds base = session.base.getOr(round_trip);
+    session.pace.see(round_trip, base, now_);
+    pace_.see(round_trip, base, now_);
     return true;
 }
 
@@ -172,7 +175,7 @@ const char *KeptSessions::takeKind(KEPT_SESSION_T &session, const FRAME_T &frame
         return nullptr;
     case FRAME::DONE:
         if (session.side != SIDE::KEEPER || !isWhole(stream)) return UNEXPECTED;
-        close(session, KEPT_END::WHOLE, "both ends are done");
+        close(session, KEPT_END::WHOLE, BOTH_DONE);
         return nullptr;
     case FRAME::ACK:
         if ((frame.flags & ANSWER_WANTED) != 0) session.ack_due = now_;

@@ -10,7 +10,6 @@ namespace keep {
 
 namespace {
 
-constexpr std::size_t TURN_MAX = std::size_t{64} * 1024;
 constexpr std::size_t SPARSE_MAX = 512; // a keystroke that need not wait for room
 constexpr std::size_t MARKS_MAX = 256;
 constexpr std::uint64_t ACK_AT_ONCE = std::uint64_t{128} * 1024;
@@ -29,34 +28,23 @@ bool hasSomething(const KEPT_SESSION_T &session)
     return sendable(session.stream) > 0 || isEndDue(session.stream);
 }
 
-// Pieces are small against the window, so that it is filled evenly.
-std::size_t pieceOf(const Pace &pace)
-{
-    return std::clamp(std::min(pace.chunk(), pace.window() / 4), CHUNK_MIN, TURN_MAX);
-}
-
 } // namespace
-
-std::size_t KeptSessions::quantum() const
-{
-    return pieceOf(pace_);
-}
 
 // Bytes that may be sent now; 0 for none. Room for a part of a piece is no room: many small frames
 // would cost more than they bring.
 std::size_t KeptSessions::allowed(KEPT_SESSION_T &session, bool is_fresh)
 {
     const std::size_t wanted =
-        static_cast<std::size_t>(std::min<std::uint64_t>(sendable(session.stream), TURN_MAX));
+        static_cast<std::size_t>(std::min<std::uint64_t>(sendable(session.stream), PIECE_MAX));
     if (wanted == 0) return 1; // the end alone
     if (is_fresh && wanted <= SPARSE_MAX) return wanted;
     const std::size_t own = session.pace.room(now_);
     const std::size_t all = pace_.room(now_);
-    if (own < std::min(wanted, pieceOf(session.pace))) {
+    if (own < std::min(wanted, session.pace.piece(now_))) {
         session.pace.isShort();
         return 0;
     }
-    if (all < std::min(wanted, quantum())) {
+    if (all < std::min(wanted, pace_.piece(now_))) {
         pace_.isShort();
         return 0;
     }
@@ -79,10 +67,10 @@ bool KeptSessions::sendTurn(KEPT_SESSION_T &session)
 void KeptSessions::sendAll()
 {
     for (const auto &session : sessions_)
-        if (maySend(*session) && hasSomething(*session)) queue_.add(*session, quantum());
+        if (maySend(*session) && hasSomething(*session)) queue_.add(*session, pace_.piece(now_));
     std::size_t skipped = 0;
     while (skipped < queue_.size()) {
-        KEPT_SESSION_T *const session = queue_.front(quantum());
+        KEPT_SESSION_T *const session = queue_.front(pace_.piece(now_));
         if (session == nullptr) return;
         if (!maySend(*session)) {
             queue_.leave(*session);

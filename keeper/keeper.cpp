@@ -252,7 +252,9 @@ bool Keeper::join(INCOMER_T &incomer, KEPT_SESSION_T &session, const FRAME_T &he
     if (told.who != incomer.opening.who || told.service != incomer.opening.service)
         return refuse(incomer, REFUSAL::UNKNOWN, "the gateway does not have the session any more");
     if (session.state == KEPT_STATE::CLOSING || session.state == KEPT_STATE::OVER)
-        return refuse(incomer, REFUSAL::ENDED, session.reason);
+        return refuse(incomer,
+                      session.end == KEPT_END::WHOLE ? REFUSAL::WHOLE : REFUSAL::ENDED,
+                      session.reason);
     // One that was under way for long must not displace the one that works.
     if (hello.acknowledged < session.stream.outgoing.begin() ||
         hello.acknowledged > session.stream.most_sent) {
@@ -367,7 +369,7 @@ void Keeper::lookAtTimes()
                           "nobody came back for " + secondsText(settings_.away_time));
     });
     sessions_.sweep([&](const KEPT_SESSION_T &session) {
-        const bool is_unwanted = session.end == KEPT_END::WHOLE || over > REMEMBERED_MAX ||
+        const bool is_unwanted = over > REMEMBERED_MAX ||
                                  now - session.since >= settings_.away_time;
         if (!is_unwanted) return false;
         if (over > 0) --over;

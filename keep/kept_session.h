@@ -62,10 +62,9 @@ struct KEPT_SESSION_T {
 
     KEPT_STREAM_T stream;
     CARRIER_T carrier;
-    UniqueFd local;
+    UniqueFd local; // the operator's may come when the session is greeted first
     bool is_local_read = false; // its end has been read
     bool is_local_done = false; // it has been told the other stream's end, or takes no more
-    bool is_early = false;      // bytes go to the first carrier before it is greeted
     bool is_shut = false;       // the carrier has been told the end
 
     FLOW_T flow;

@@ -39,7 +39,6 @@ void KeptSessions::attach(KEPT_SESSION_T &session, UniqueFd carrier,
                           std::span<const std::uint8_t> bytes)
 {
     now_ = Clock::now();
-    const bool is_first = !session.was_greeted && session.stream.most_sent == 0;
     if (session.carrier.fd) giveUp(session, nullptr);
     session.carrier.fd = std::move(carrier);
     keepPartial(session.carrier, bytes);
@@ -47,7 +46,6 @@ void KeptSessions::attach(KEPT_SESSION_T &session, UniqueFd carrier,
     session.since = now_;
     if (session.side == SIDE::KEEPER) return;
     const std::array<std::uint8_t, 1> version{PROTOCOL_VERSION};
-    session.is_early = is_first;
     sendOne(session, FRAME::HELLO, version);
 }
 
@@ -63,7 +61,6 @@ void KeptSessions::giveUp(KEPT_SESSION_T &session, const char *why)
     session.ack_due.reset();
     session.asked_since.reset();
     session.carrier = {};
-    session.is_early = false;
     loseCarrier(session.stream);
     session.state = KEPT_STATE::AWAY;
     session.since = now_;
@@ -137,9 +134,7 @@ void KeptSessions::localBroke(KEPT_SESSION_T &session, int error)
 bool KeptSessions::mayReadLocal(const KEPT_SESSION_T &session) const
 {
     const KEPT_STREAM_T &stream = session.stream;
-    if (session.is_local_read || session.state == KEPT_STATE::CLOSING ||
-        session.state == KEPT_STATE::OVER)
-        return false;
+    if (session.is_local_read || !session.local) return false;
     return unsent(stream) < READ_AHEAD &&
            (stream.outgoing.size() < READ_AHEAD || stored_ < budget_);
 }

@@ -111,10 +111,7 @@ const char *KeptSessions::greet(KEPT_SESSION_T &session, const FRAME_T &frame,
     }
     if (frame.kind != (is_keeper ? FRAME::HELLO : FRAME::WELCOME) || payload.empty())
         return UNEXPECTED;
-    const bool is_fitting = session.is_early ? takeAcknowledgement(session.stream, frame)
-                                             : resumeStream(session.stream, frame);
-    if (!is_fitting) return UNEXPECTED;
-    session.is_early = false;
+    if (!resumeStream(session.stream, frame)) return UNEXPECTED;
     session.was_greeted = true;
     session.carrier.is_greeted = true;
     session.state = KEPT_STATE::RUNNING;

@@ -17,12 +17,6 @@ constexpr Seconds ASK_WAIT_MIN{1};
 constexpr Seconds ASK_WAIT_MAX{15};
 constexpr auto DEAF_TIME = std::chrono::seconds(30);
 
-bool maySend(const KEPT_SESSION_T &session)
-{
-    return session.state == KEPT_STATE::RUNNING ||
-           (session.state == KEPT_STATE::GREETING && session.is_early);
-}
-
 bool hasSomething(const KEPT_SESSION_T &session)
 {
     return sendable(session.stream) > 0 || isEndDue(session.stream);
@@ -67,12 +61,12 @@ bool KeptSessions::sendTurn(KEPT_SESSION_T &session)
 void KeptSessions::sendAll()
 {
     for (const auto &session : sessions_)
-        if (maySend(*session) && hasSomething(*session)) queue_.add(*session, pace_.piece(now_));
+        if (session->state == KEPT_STATE::RUNNING && hasSomething(*session)) queue_.add(*session, pace_.piece(now_));
     std::size_t skipped = 0;
     while (skipped < queue_.size()) {
         KEPT_SESSION_T *const session = queue_.front(pace_.piece(now_));
         if (session == nullptr) return;
-        if (!maySend(*session)) {
+        if (session->state != KEPT_STATE::RUNNING) {
             queue_.leave(*session);
         } else if (!hasSomething(*session)) {
             queue_.rest();

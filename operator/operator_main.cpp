@@ -18,6 +18,8 @@ namespace {
 constexpr char DEVICE_HELP[] = "Its name, or PRODUCT_KEY:NAME";
 constexpr char TARGET_HELP[] = "DEVICE/SERVICE; DEVICE alone for its only service of ssh";
 
+constexpr char NO_KEEP_HELP[] = "End with the line, also where the device could keep the session";
+
 using COMMAND_FUNC_T = int (*)(const OPERATOR_OPTIONS_T &);
 
 CLI::App *addCommand(CLI::App &app, const char *name, const char *help, COMMAND_FUNC_T run,
@@ -88,11 +90,13 @@ void describeSessions(CLI::App &app, OPERATOR_OPTIONS_T &options, COMMAND_FUNC_T
         ->excludes(port);
     command->add_flag("--shared", options.shared,
                       "Serve every account of this machine, not only your own");
+    command->add_flag("--no-keep", options.no_keep, NO_KEEP_HELP);
     command = addCommand(app, "connect",
                          "Connect standard input and output to a service, for ssh's ProxyCommand",
                          connectStreams, chosen);
     command->add_option("target", options.target, TARGET_HELP)->required();
     command->add_flag("--progress", options.progress, "Show bytes and rates on standard error");
+    command->add_flag("--no-keep", options.no_keep, NO_KEEP_HELP);
     command = addCommand(app, "close", "Cut off an open session", closeSession, chosen);
     command->add_option("session", options.session, "Its identifier, as in \"sessions\"")
         ->required();

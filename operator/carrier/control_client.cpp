@@ -136,9 +136,12 @@ std::optional<json> nextAnswer(CONTROL_CLIENT_T &client, seconds time)
     const json answer = json::parse(client.received.substr(0, line), nullptr, false);
     client.received.erase(0, line + 1);
     if (!answer.is_object()) throw RequestError("the back end's answer is no JSON object", true);
-    if (!answer.value("ok", true))
-        throw RequestError(answer.value("error", "refused"), false,
-                           answer.value("kind", "") == "not-implemented");
+    if (!answer.value("ok", true)) {
+        RequestError refusal(answer.value("error", "refused"), false,
+                             answer.value("kind", "") == "not-implemented");
+        refusal.kind = answer.value("kind", "");
+        throw refusal;
+    }
     return answer;
 }
 

@@ -1,6 +1,7 @@
 #include "operator/carrier/control_session.h"
 
 #include "operator/carrier/control_client.h"
+#include "operator/carrier/copy_stream.h"
 
 #include <array>
 #include <cerrno>
@@ -13,38 +14,13 @@ using nlohmann::json;
 
 namespace {
 
-constexpr std::size_t COPY_SIZE = 65536;
-
-bool writeWhole(int fd, const char *bytes, std::size_t size)
-{
-    while (size > 0) {
-        const ssize_t count = ::write(fd, bytes, size);
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) return false;
-        bytes += count;
-        size -= static_cast<std::size_t>(count);
-    }
-    return true;
-}
-
-// False when something could not be written.
-bool copyStream(int from, int to, std::atomic<std::uint64_t> &count)
-{
-    std::array<char, COPY_SIZE> bytes;
-    for (;;) {
-        const ssize_t got = ::read(from, bytes.data(), bytes.size());
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) return true;
-        if (!writeWhole(to, bytes.data(), static_cast<std::size_t>(got))) return false;
-        count += static_cast<std::uint64_t>(got);
-    }
-}
-
 class ControlSession : public Session {
 public:
     // own: the end of a pair that is here; none where the back end has the client's socket.
-    ControlSession(CONTROL_CLIENT_T client, std::string id, UniqueFd own, std::chrono::seconds time)
-        : client_{std::move(client)}, id_{std::move(id)}, own_{std::move(own)}, time_{time}
+    ControlSession(CONTROL_CLIENT_T client, const json &opened, UniqueFd own,
+                   std::chrono::seconds time)
+        : client_{std::move(client)}, id_{opened.value("session", "?")},
+          is_kept_{opened.value("kept", false)}, own_{std::move(own)}, time_{time}
     {
     }
 
@@ -59,6 +35,16 @@ public:
     const std::string &id() const override
     {
         return id_;
+    }
+
+    bool isKept() const override
+    {
+        return is_kept_;
+    }
+
+    void abandon() override
+    {
+        (void)::shutdown(client_.socket.get(), SHUT_RDWR);
     }
 
     SESSION_END_T carry(SESSION_COUNTS_T &counts) override
@@ -83,13 +69,17 @@ private:
     SESSION_END_T waitForEnd(std::chrono::seconds time)
     {
         const auto end = nextAnswer(client_, time);
-        if (!end) return {"the back end went away", false, 0, 0, 0};
-        return {end->value("ended", ""), end->value("whole", false), end->value("bytes_up", 0.0),
-                end->value("bytes_down", 0.0), 0};
+        if (!end) return {.reason = "the back end went away"};
+        return {.reason = end->value("ended", ""),
+                .is_whole = end->value("whole", false),
+                .bytes_up = end->value("bytes_up", 0.0),
+                .bytes_down = end->value("bytes_down", 0.0),
+                .is_final = end->value("final", false)};
     }
 
     CONTROL_CLIENT_T client_;
     std::string id_;
+    bool is_kept_;
     UniqueFd own_;
     SESSION_ENDS_T ends_;
     std::chrono::seconds time_;
@@ -114,8 +104,8 @@ std::unique_ptr<Session> openControlSession(const std::string &path, const json 
     theirs.reset();
     const auto opened = nextAnswer(client, time);
     if (!opened) throw RequestError("the back end went away", true);
-    auto session = std::make_unique<ControlSession>(
-        std::move(client), opened->value("session", "?"), std::move(own), time);
+    auto session =
+        std::make_unique<ControlSession>(std::move(client), *opened, std::move(own), time);
     session->takeEnds(ends);
     return session;
 }

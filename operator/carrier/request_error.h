@@ -15,4 +15,5 @@ struct RequestError : std::runtime_error {
     std::chrono::seconds retry_after; // of a refusal that time heals; 0: of any other
     bool is_unreachable; // no back end has answered; else it has refused, with these words
     bool is_not_built;   // this back end does not do it for anybody
+    std::string kind;    // of a refusal, as backend/operations/fault.h names it; may be empty
 };

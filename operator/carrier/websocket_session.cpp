@@ -12,6 +12,7 @@
 #include <thread>
 
 #include <boost/asio/posix/stream_descriptor.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/websocket/ssl.hpp>
 #include <boost/beast/websocket/stream.hpp>
@@ -29,6 +30,7 @@ namespace {
 
 constexpr char SUBPROTOCOL[] = "remote-access.v1";
 constexpr char SESSION_HEADER[] = "Remote-Access-Session";
+constexpr char KEPT_HEADER[] = "Remote-Access-Kept";
 constexpr char NO_MORE[] = R"({"end":"sending"})";
 constexpr std::size_t COPY_SIZE = 65536;
 constexpr std::size_t FRAME_ROOM = 16; // for a header, so that a frame is sent as one piece
@@ -66,9 +68,10 @@ public:
         return connection_->io;
     }
 
-    void begin(std::string id, SESSION_ENDS_T &ends)
+    void begin(std::string id, bool is_kept, SESSION_ENDS_T &ends)
     {
         id_ = std::move(id);
+        is_kept_ = is_kept;
         in_ = openInput(ends.in.get());
         out_ = openOutput(ends.out ? ends.out.get() : ends.in.get());
         input_.assign(in_.fd.release());
@@ -79,6 +82,16 @@ public:
     const std::string &id() const override
     {
         return id_;
+    }
+
+    bool isKept() const override
+    {
+        return is_kept_;
+    }
+
+    void abandon() override
+    {
+        asio::post(io(), [this] { endWith("it was given up"); });
     }
 
     SESSION_END_T carry(SESSION_COUNTS_T &counts) override
@@ -172,6 +185,7 @@ private:
         if (!message.is_object() || !message.contains("ended") || has_ended_) return;
         end_.reason = message.value("ended", "");
         end_.is_whole = message.value("whole", false);
+        end_.is_final = message.value("final", false);
         end_.bytes_up = message.value("bytes_up", 0.0);
         end_.bytes_down = message.value("bytes_down", 0.0);
         has_ended_ = true;
@@ -277,6 +291,7 @@ private:
     asio::posix::stream_descriptor output_;
     asio::steady_timer watch_;
     std::string id_;
+    bool is_kept_ = false;
     SESSION_COUNTS_T *counts_ = nullptr;
     SESSION_END_T end_;
     steady_clock::time_point last_heard_;
@@ -337,7 +352,7 @@ std::unique_ptr<Session> openOnce(HTTPS_CLIENT_T &client, const json &request, S
     });
     if (fault) tellFailure(client, fault, response, time);
     const auto id = response[SESSION_HEADER];
-    session->begin(id.empty() ? "?" : std::string(id), ends);
+    session->begin(id.empty() ? "?" : std::string(id), !response[KEPT_HEADER].empty(), ends);
     return session;
 }
 

@@ -66,7 +66,7 @@ int connectStreams(const OPERATOR_OPTIONS_T &options)
     (void)std::signal(SIGHUP, SIG_IGN);
     SESSION_ENDS_T ends{copyOf(STDIN_FILENO), copyOf(STDOUT_FILENO)};
     if (!ends.in || !ends.out) throw std::runtime_error("standard input or output is closed");
-    const auto session = openSession(options.back_end, request, ends, time);
+    const auto session = openUsualSession(options, request, ends, time);
 
     SESSION_COUNTS_T counts;
     OPERATOR_STATUS status = OPERATOR_REFUSED;

@@ -81,7 +81,7 @@ void forwardOne(const OPERATOR_OPTIONS_T &options, const json &request, UniqueFd
     try {
         const auto start = steady_clock::now();
         const auto time = waitOf(options, DEVICE_ANSWER_TIME);
-        const auto session = openSession(options.back_end, request, ends, time);
+        const auto session = openUsualSession(options, request, ends, time);
         const std::string id = shown(session->id());
         std::printf("%s opened\n", id.c_str());
         (void)std::fflush(stdout);

@@ -2,6 +2,7 @@
 // share.
 #include "operator/commands/requests.h"
 
+#include "operator/kept/kept_session.h"
 #include "operator/terminal.h"
 
 #include <cstdio>
@@ -58,6 +59,15 @@ json connectRequest(const OPERATOR_OPTIONS_T &options, std::chrono::seconds time
             {"device", target.device},
             {"service", target.service.empty() ? onlySshService(options, target.device, time)
                                                : target.service}};
+}
+
+std::unique_ptr<Session> openUsualSession(const OPERATOR_OPTIONS_T &options, const json &request,
+                                          SESSION_ENDS_T &ends, std::chrono::seconds time)
+{
+    std::unique_ptr<Session> session;
+    if (!options.no_keep)
+        session = openKeptSession(options.back_end, request, ends, time, options.target);
+    return session ? std::move(session) : openSession(options.back_end, request, ends, time);
 }
 
 int verifyAccount(const OPERATOR_OPTIONS_T &options)

@@ -3,6 +3,7 @@
 
 #include "operator/commands/commands.h"
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -20,3 +21,9 @@ std::vector<std::string> sshServices(const nlohmann::json &services);
 // For the target DEVICE/SERVICE, or DEVICE for its only service of ssh, which is asked for; throws
 // std::invalid_argument for another text.
 nlohmann::json connectRequest(const OPERATOR_OPTIONS_T &options, std::chrono::seconds time);
+
+// The session that a "connect" asks for: a kept one where the device and the options have it so, else
+// a plain one. Takes the ends, as openSession() does.
+std::unique_ptr<Session> openUsualSession(const OPERATOR_OPTIONS_T &options,
+                                          const nlohmann::json &request, SESSION_ENDS_T &ends,
+                                          std::chrono::seconds time);

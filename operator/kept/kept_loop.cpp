@@ -1,0 +1,80 @@
+#include "operator/kept/kept_loop.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <mutex>
+#include <stdexcept>
+#include <sys/eventfd.h>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace kept_loop {
+
+namespace {
+
+constexpr std::size_t BUDGET = std::size_t{64} << 20;
+constexpr auto PASS_TIME = std::chrono::milliseconds(1000);
+
+using Task = std::function<void(keep::KeptSessions &)>;
+
+class Loop {
+public:
+    Loop() : wake_{::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)}
+    {
+        if (!wake_) throw std::runtime_error(std::strerror(errno));
+        // Signals are for the thread that waits for connections.
+        sigset_t all;
+        sigset_t before;
+        sigfillset(&all);
+        (void)::pthread_sigmask(SIG_SETMASK, &all, &before);
+        std::thread([this] { run(); }).detach();
+        (void)::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    }
+
+    void post(Task task)
+    {
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            tasks_.push_back(std::move(task));
+        }
+        const std::uint64_t one = 1;
+        (void)!::write(wake_.get(), &one, sizeof one); // full: it is awake
+    }
+
+private:
+    [[noreturn]] void run()
+    {
+        for (;;) {
+            pollfd wake{wake_.get(), POLLIN, 0};
+            sessions_.pass({&wake, 1}, PASS_TIME);
+            std::uint64_t count = 0;
+            (void)!::read(wake_.get(), &count, sizeof count);
+            std::vector<Task> tasks;
+            {
+                const std::lock_guard<std::mutex> lock(mutex_);
+                tasks.swap(tasks_);
+            }
+            for (const Task &task : tasks)
+                task(sessions_);
+            sessions_.sweep([](const keep::KEPT_SESSION_T &) { return true; });
+        }
+    }
+
+    UniqueFd wake_;
+    keep::KeptSessions sessions_{BUDGET};
+    std::mutex mutex_;
+    std::vector<Task> tasks_;
+};
+
+} // namespace
+
+void post(std::function<void(keep::KeptSessions &)> task)
+{
+    static Loop *const loop = new Loop; // its thread outlives what exit() tears down
+    loop->post(std::move(task));
+}
+
+} // namespace kept_loop

@@ -41,10 +41,9 @@ void KeptSessions::attach(KEPT_SESSION_T &session, UniqueFd carrier,
     now_ = Clock::now();
     if (session.carrier.fd) giveUp(session, nullptr);
     session.carrier.fd = std::move(carrier);
-    keepPartial(session.carrier, bytes);
     session.state = KEPT_STATE::GREETING;
     session.since = now_;
-    if (session.side == SIDE::KEEPER) return;
+    if (session.side == SIDE::KEEPER) return takeBytes(session, bytes);
     const std::array<std::uint8_t, 1> version{PROTOCOL_VERSION};
     sendOne(session, FRAME::HELLO, version);
 }

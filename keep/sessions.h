@@ -76,6 +76,7 @@ private:
 
     // sessions_receive.cpp
     void readFrames(KEPT_SESSION_T &session);
+    void takeBytes(KEPT_SESSION_T &session, std::span<const std::uint8_t> bytes);
     const char *takeFrames(KEPT_SESSION_T &session, std::span<const std::uint8_t> &bytes);
     const char *takeOne(KEPT_SESSION_T &session, const FRAME_T &frame,
                         std::span<const std::uint8_t> payload);

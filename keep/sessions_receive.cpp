@@ -67,13 +67,18 @@ void KeptSessions::readFrames(KEPT_SESSION_T &session)
         return;
     }
     if (reading.fault != nullptr) return giveUp(session, reading.fault);
-    auto bytes = reading.bytes;
+    takeBytes(session, reading.bytes);
+}
+
+void KeptSessions::takeBytes(KEPT_SESSION_T &session, std::span<const std::uint8_t> bytes)
+{
     delivery_.clear();
     const char *const fault = takeFrames(session, bytes);
     if (session.local) deliver(session);
     if (session.state == KEPT_STATE::CLOSING || session.state == KEPT_STATE::OVER) return;
     if (fault != nullptr) return giveUp(session, fault);
     keepPartial(session.carrier, bytes);
+    finishIfWhole(session);
 }
 
 const char *KeptSessions::takeFrames(KEPT_SESSION_T &session, std::span<const std::uint8_t> &bytes)
@@ -176,7 +181,6 @@ const char *KeptSessions::takeKind(KEPT_SESSION_T &session, const FRAME_T &frame
         return nullptr;
     case FRAME::ACK:
         if ((frame.flags & ANSWER_WANTED) != 0) session.ack_due = now_;
-        finishIfWhole(session);
         return nullptr;
     case FRAME::HELLO:
     case FRAME::WELCOME:

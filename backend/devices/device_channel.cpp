@@ -2,6 +2,7 @@
 
 #include "backend/net/endpoint.h"
 #include "backend/observe/metrics.h"
+#include "keep/opening.h"
 
 #include <algorithm>
 #include <array>
@@ -467,8 +468,27 @@ const SERVICE_T *findService(const DEVICE_CHANNEL_T &channel, const std::string 
 {
     const auto found =
         std::find_if(channel.services.begin(), channel.services.end(),
-                     [&name](const SERVICE_T &service) { return service.name == name; });
+                     [&name](const SERVICE_T &service) {
+                         return service.name == name && !isKeeper(service);
+                     });
     return found == channel.services.end() ? nullptr : &*found;
+}
+
+bool isKeeper(const SERVICE_T &service)
+{
+    return service.type == keep::KEEPER_TYPE;
+}
+
+const SERVICE_T *findKeeper(const DEVICE_CHANNEL_T &channel)
+{
+    const auto found = std::find_if(channel.services.begin(), channel.services.end(), isKeeper);
+    return found == channel.services.end() ? nullptr : &*found;
+}
+
+std::size_t countServices(const DEVICE_CHANNEL_T &channel)
+{
+    const auto keepers = std::count_if(channel.services.begin(), channel.services.end(), isKeeper);
+    return channel.services.size() - static_cast<std::size_t>(keepers);
 }
 
 bool makeRoomForStream(DEVICE_CHANNEL_T &channel)

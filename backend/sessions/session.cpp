@@ -5,6 +5,7 @@
 #include "backend/observe/audit.h"
 #include "backend/observe/events.h"
 #include "backend/observe/log.h"
+#include "backend/sessions/keeper_notice.h"
 #include "backend/sessions/session_table.h"
 
 #include <algorithm>
@@ -84,7 +85,8 @@ static void finishSession(const SessionPtr &session, bool is_whole, bool is_orde
     session->longest.reset();
     session->table->backlog -= std::exchange(session->counted, 0);
     session->client->close(
-        {session->end_reason.c_str(), is_whole, session->bytes_up, session->bytes_down},
+        {session->end_reason.c_str(), is_whole, session->bytes_up, session->bytes_down,
+         session->is_final},
         is_orderly);
     leaveChannel(*session, false);
     recordEnd(*session);
@@ -110,6 +112,14 @@ void endSession(const SessionPtr &session, const std::string &reason, bool is_or
             reason.c_str());
     leaveChannel(*session, true);
     finishSession(session, false, is_orderly);
+}
+
+void endSessionForGood(const SessionPtr &session, const std::string &reason)
+{
+    const ChannelPtr channel = session->channel ? session->channel->shared_from_this() : nullptr;
+    session->is_final = session->origin.kept.has_value();
+    endSession(session, reason, false);
+    if (session->is_final && channel) tellKeeper(*channel, *session->origin.kept);
 }
 
 static void armSessionTimer(const SessionPtr &session);
@@ -345,7 +355,9 @@ void openSession(const SessionPtr &session)
         return session->cut("refused: too many clients of this device");
     session->state = SESSION_STATE::OPENING;
     session->requested = std::chrono::steady_clock::now();
-    if (!requestStream(*session->channel, session, session->service))
+    const SERVICE_T &asked =
+        session->origin.kept ? session->origin.kept->keeper : session->service;
+    if (!requestStream(*session->channel, session, asked))
         return session->cut("the device disconnected");
     if (session->state == SESSION_STATE::OPENING) armSessionTimer(session);
 }
@@ -359,7 +371,7 @@ static void limitSession(const SessionPtr &session)
         [weak = std::weak_ptr<SESSION_T>(session)](const error_code &stopped) {
             const SessionPtr over = weak.lock();
             if (!stopped && over)
-                endSession(over, "the longest session that a grant allows is over", false);
+                endSessionForGood(over, "the longest session that a grant allows is over");
         });
 }
 
@@ -370,6 +382,7 @@ void SESSION_T::opened(const std::string &given)
     const SessionPtr self = shared_from_this();
     armSessionTimer(self);
     limitSession(self);
+    if (origin.kept) sendOpening(*channel, token, origin.kept->opening);
     logInfo("session %s opened: %s", number.c_str(), label.c_str());
     if (origin.opened) origin.opened(*this);
     publishSession(*this, EVENT::SESSION_BEGUN);

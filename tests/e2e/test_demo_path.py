@@ -43,16 +43,18 @@ class Tunnel:
 
     address   where the back end listens for gateways
     beside    names of further gateways with the same services
+    offers    further services of the gateway
     """
 
     def __init__(self, launch, certificates, home, page=serve_page, options=(),
-                 address="127.0.0.1", beside=(), sshd=()):
+                 address="127.0.0.1", beside=(), sshd=(), offers=()):
         self.home, self.listen = home, free_port()
         self.ports, self.services = {name: free_port() for name in NAMES}, {}
         web, self.sshd_port = free_port(), free_port()
         run_on_loop(asyncio.start_server(page, "127.0.0.1", web, backlog=64))
         offered = [{"type": name.split("_")[0].upper(), "name": name, "ip": "127.0.0.1",
                     "port": web if name == "http_localhost" else self.sshd_port} for name in NAMES]
+        offered += offers
         usual = {"cloud": self.listen, "authority": certificates.authority, "services": offered,
                  "files": {"etc/shadow": f"root:{sha512(PASSWORD)}:19000:0:99999:7:::\n"}}
         gateways = launch(demo=usual, **{

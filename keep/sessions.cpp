@@ -64,7 +64,7 @@ void KeptSessions::giveUp(KEPT_SESSION_T &session, const char *why)
     session.state = KEPT_STATE::AWAY;
     session.since = now_;
     // The operator's end has everything; only that it is done has not come.
-    if (session.side == SIDE::KEEPER && isWhole(session.stream))
+    if (why != nullptr && session.side == SIDE::KEEPER && isWhole(session.stream))
         return close(session, KEPT_END::WHOLE, BOTH_DONE);
     if (why != nullptr && session.events.lost) session.events.lost(session, why);
 }

@@ -188,13 +188,13 @@ void carryLine(const LinePtr &line, NEW_CARRIER_T carrier)
     attach(line, std::move(carrier.own));
     SESSION_COUNTS_T counts;
     const SESSION_END_T end = carrier.session->carry(counts);
-    std::unique_lock<std::mutex> lock(line->mutex);
-    line->carrier = nullptr;
-    if (end.is_final) {
-        lock.unlock();
-        giveUp(line, end.reason);
-        lock.lock();
+    {
+        const std::lock_guard<std::mutex> lock(line->mutex);
+        line->carrier = nullptr;
     }
+    carrier.session.reset(); // with its end of the pair, by which the loop notices
+    if (end.is_final) giveUp(line, end.reason);
+    std::unique_lock<std::mutex> lock(line->mutex);
     line->changed.wait(lock, [&] { return line->is_lost || line->is_over; });
 }
 

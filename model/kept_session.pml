@@ -52,6 +52,7 @@
 #define HELLO 3
 #define WELCOME 4
 #define REFUSED 5 /* unknown, or over */
+#define REFUSED_WHOLE 14 /* over, and both streams had arrived */
 #define ACK 6
 #define ASK 7 /* an ACK that is to be answered at once */
 #define END 8
@@ -102,11 +103,8 @@ byte at_keeper[CARRIERS];
 byte outcome = RUNNING; /* at the operator's end */
 bit waiting;            /* for WELCOME or REFUSED */
 bit welcomed;           /* once */
-bit begun;              /* a carrier has said BEGIN */
-bit early;              /* this one carries DATA before WELCOME */
 byte session = ABSENT;  /* at the keeper */
-bit connected;          /* the keeper has connected to the service for this key */
-bit expired;            /* more time has passed than the keeper remembers a session that is over */
+bit was_whole;          /* one that is over */
 
 byte drops = DROPS, losses = LOSSES, breaks = BREAKS, absences = ABSENCES, repeats = REPEATS;
 
@@ -255,7 +253,15 @@ inline close_at_keeper(c)
     drain(PIPE(c, OPERATOR));
     at_keeper[c] = CLOSED;
     if
-    :: side[KEEPER].carrier == c -> leave(KEEPER)
+    :: side[KEEPER].carrier == c ->
+        leave(KEEPER);
+        if
+        :: session == RUNNING && ALL_GIVEN(KEEPER) && ALL_ACKED(KEEPER) ->
+            /* The operator's end has everything; only that it is done has not come. */
+            session = OVER;
+            was_whole = 1
+        :: else
+        fi
     :: else
     fi;
     clear(c)
@@ -404,10 +410,10 @@ inline forget_end(e)
 
 /* ---- The operator's end ---- */
 
-#ifdef MISTAKE_DATA_BEFORE_WELCOME
-#define EARLY true
+#ifdef MISTAKE_BEGUN_AGAIN
+#define OPENING BEGIN
 #else
-#define EARLY early
+#define OPENING (welcomed -> RESUME : BEGIN)
 #endif
 
 inline open_carrier(c)
@@ -416,19 +422,15 @@ inline open_carrier(c)
     open[c] = 1;
     at_keeper[c] = FRESH;
     forget_end(OPERATOR);
-    kind = (welcomed -> RESUME : BEGIN);
+    kind = OPENING;
     put(c, OPERATOR, kind, 0, 0, 0);
     side[OPERATOR].sent = side[OPERATOR].acked;
     frame(OPERATOR, HELLO);
     waiting = 1;
-    early = !begun;
-    if
-    :: EARLY ->
-        side[OPERATOR].ready = 1;
-        side[OPERATOR].edge = side[OPERATOR].acked + BUFFER
-    :: else
-    fi;
-    begun = 1
+#ifdef MISTAKE_DATA_BEFORE_WELCOME
+    side[OPERATOR].ready = 1;
+    side[OPERATOR].edge = side[OPERATOR].acked + BUFFER
+#endif
 }
 
 inline fail_at_operator()
@@ -444,6 +446,23 @@ inline fault_at_operator(c)
     close_at_operator()
 }
 
+inline finish_at_operator()
+{
+    outcome = WHOLE;
+    /* A session ends as whole only if both streams are, up to the local connections. */
+    assert(ALL_GIVEN(OPERATOR) && ALL_GIVEN(KEEPER));
+    if
+    :: side[OPERATOR].carrier != NO_CARRIER ->
+        if
+        :: side[OPERATOR].ready -> frame(OPERATOR, DONE)
+        :: else
+        fi;
+        other = side[OPERATOR].carrier;
+        CLOSE_BEHIND(other, close_at_operator())
+    :: else
+    fi
+}
+
 inline take_answer(c)
 {
     if
@@ -452,16 +471,13 @@ inline take_answer(c)
         waiting = 0;
         welcomed = 1;
         side[OPERATOR].ready = 1;
-        if
-        :: !early ->
 #ifdef MISTAKE_RESUMED_FROM_SENT
-            side[OPERATOR].sent = side[OPERATOR].top
+        side[OPERATOR].sent = side[OPERATOR].top
 #else
-            side[OPERATOR].sent = acked
+        side[OPERATOR].sent = acked
 #endif
-        :: else
-        fi
     :: element == REFUSED -> fail_at_operator()
+    :: element == REFUSED_WHOLE && ALL_GIVEN(OPERATOR) -> finish_at_operator()
     :: else -> fault_at_operator(c)
     fi
 }
@@ -489,23 +505,6 @@ inline read_at_operator(c)
     fi
 }
 
-inline finish_at_operator()
-{
-    outcome = WHOLE;
-    /* A session ends as whole only if both streams are, up to the local connections. */
-    assert(ALL_GIVEN(OPERATOR) && ALL_GIVEN(KEEPER));
-    if
-    :: side[OPERATOR].carrier != NO_CARRIER ->
-        if
-        :: side[OPERATOR].ready -> frame(OPERATOR, DONE)
-        :: else
-        fi;
-        other = side[OPERATOR].carrier;
-        CLOSE_BEHIND(other, close_at_operator())
-    :: else
-    fi
-}
-
 /* ---- The keeper ---- */
 
 inline use(c, answer)
@@ -514,7 +513,9 @@ inline use(c, answer)
     :: side[KEEPER].carrier != NO_CARRIER ->
 #ifndef MISTAKE_OLDER_CARRIER_READ
         other = side[KEEPER].carrier;
-        close_at_keeper(other)
+        side[KEEPER].carrier = NO_CARRIER; /* its place is taken */
+        close_at_keeper(other);
+        leave(KEEPER)
 #else
         skip
 #endif
@@ -541,9 +542,11 @@ inline join_session(c)
 {
     if
     :: session == ABSENT && at_keeper[c] == BEGINNING ->
-        /* The service is connected to once for a key: no byte reaches it twice. */
-        assert(!connected);
-        connected = 1;
+        /* A service that has been given bytes of a session is not connected to again for it. */
+        assert(side[KEEPER].given == 0);
+        side[KEEPER].acked = 0;
+        side[KEEPER].top = 0;
+        side[KEEPER].received = 0;
         session = RUNNING;
         use(c, WELCOME)
     :: session == RUNNING && HELLO_FITS ->
@@ -554,7 +557,8 @@ inline join_session(c)
         assert(FAULT_EXPLAINED(c)); /* a carrier that comes late */
         close_at_keeper(c)
     :: session == OVER || (session == ABSENT && at_keeper[c] == RESUMING) ->
-        put(c, KEEPER, REFUSED, 0, 0, 0);
+        kind = (session == OVER && was_whole -> REFUSED_WHOLE : REFUSED);
+        put(c, KEEPER, kind, 0, 0, 0);
         CLOSE_BEHIND(c, close_at_keeper(c))
     fi
 }
@@ -584,6 +588,7 @@ inline read_in_session(c)
     :: !bad && element == RESET -> end_session()
     :: !bad && element == DONE ->
         assert(ALL_GIVEN(OPERATOR) && ALL_GIVEN(KEEPER));
+        was_whole = 1;
         end_session();
 #ifdef MISTAKE_FORGOTTEN_AT_DONE
         session = ABSENT
@@ -649,14 +654,7 @@ inline stop()
 
 #define UNUSED(c) (side[OPERATOR].carrier != (c) && at_keeper[c] == CLOSED)
 
-/* Once the keeper may have forgotten a session with this key, the operator's end does not begin it
- * again. */
-#ifdef MISTAKE_BEGUN_AGAIN_LATE
-#define TOO_LATE false
-#else
-#define TOO_LATE (expired && begun && !welcomed)
-#endif
-#define OPENS (outcome == RUNNING && side[OPERATOR].carrier == NO_CARRIER && !TOO_LATE)
+#define OPENS (outcome == RUNNING && side[OPERATOR].carrier == NO_CARRIER)
 
 #define SENDS(e) \
     :: atomic { HAS_DATA(e, 1) -> send_data(e, 1) } \
@@ -710,7 +708,6 @@ active proctype ends()
 #endif
     :: atomic { OPENS && UNUSED(0) -> open_carrier(0) }
     :: atomic { OPENS && !UNUSED(0) && UNUSED(1) -> open_carrier(1) }
-    :: d_step { outcome == RUNNING && side[OPERATOR].carrier == NO_CARRIER && TOO_LATE -> outcome = FAILED }
     :: atomic { side[OPERATOR].carrier == 0 && len(pipe[PIPE(0, KEEPER)]) >= need[PIPE(0, KEEPER)] ->
                 read_at_operator(0) }
     :: atomic { side[OPERATOR].carrier == 1 && len(pipe[PIPE(1, KEEPER)]) >= need[PIPE(1, KEEPER)] ->
@@ -736,7 +733,7 @@ idle:
 forgetting:
             if
             :: d_step { session == RUNNING && side[KEEPER].carrier == NO_CARRIER -> session = OVER }
-            :: d_step { session == OVER -> session = ABSENT; expired = 1 }
+            :: d_step { session == OVER -> session = ABSENT }
             :: else -> atomic { stop(); break }
             fi
         fi
@@ -762,7 +759,7 @@ end_of_faults:
                 absences--; session = OVER }
     :: atomic { MAY_FAIL && absences > 0 && session != ABSENT && side[KEEPER].carrier == NO_CARRIER &&
                 at_keeper[0] == CLOSED && at_keeper[1] == CLOSED ->
-                absences--; session = ABSENT; expired = 1 }
+                absences--; session = ABSENT }
     :: atomic { MAY_FAIL && breaks > 0 && outcome == RUNNING && side[OPERATOR].carrier != NO_CARRIER &&
                 ROOM(side[OPERATOR].carrier, OPERATOR, 1) ->
                 breaks--;

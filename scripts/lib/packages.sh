@@ -43,6 +43,11 @@ PACKAGES_LINT=(
     clang-tidy clang-format cppcheck shellcheck pyflakes3
 )
 
+# To check the model.
+PACKAGES_MODEL=(
+    spin gcc libc6-dev
+)
+
 # To run the fuzz targets, besides those to build.
 PACKAGES_FUZZ=(
     clang libclang-rt-dev llvm python3

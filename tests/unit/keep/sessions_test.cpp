@@ -181,7 +181,7 @@ protected:
                 link.client.run();
                 link.service.run();
                 runRelay(link);
-                is_over = is_over && link.is_near_over && link.is_far_over;
+                is_over = is_over && link.is_near_over && isFarDone(link);
             }
             operators.pass({}, std::chrono::milliseconds(0));
             keepers.pass({}, std::chrono::milliseconds(0));
@@ -190,11 +190,23 @@ protected:
         }
     }
 
+    // The last acknowledgement may be lost with its carrier: the keeper, which has sent and handed
+    // over everything, then waits for somebody who has no reason to come back.
+    static bool isFarDone(const LINK_T &link)
+    {
+        const KEPT_STREAM_T &stream = link.far->stream;
+        return link.is_far_over ||
+               (link.is_near_over && link.far->state == KEPT_STATE::AWAY &&
+                stream.is_peer_end_passed && stream.most_sent > stream.outgoing.end());
+    }
+
     static void expectWhole(const LINK_T &link)
     {
         EXPECT_TRUE(link.is_near_over);
         EXPECT_EQ(KEPT_END::WHOLE, link.near->end) << link.near->reason;
-        EXPECT_EQ(KEPT_END::WHOLE, link.far->end) << link.far->reason;
+        if (link.is_far_over) {
+            EXPECT_EQ(KEPT_END::WHOLE, link.far->end) << link.far->reason;
+        }
     }
 
     void drainPrograms()
@@ -248,7 +260,12 @@ TEST_P(StormTest, LosesDoublesAndTurnsNothing)
     weather = GetParam().weather;
     for (unsigned seed = 0; seed < 4; ++seed)
         connect(open(someBytes(1500000, seed), someBytes(700000, seed + 10)));
-    ASSERT_TRUE(run(std::chrono::seconds(60)));
+    const bool is_done = run(std::chrono::seconds(60));
+    for (const auto &[index, link] : links)
+        ASSERT_TRUE(is_done) << "near " << static_cast<int>(link.near->state) << ", far "
+                             << static_cast<int>(link.far->state) << ", "
+                             << received(link.near->stream) << " and "
+                             << received(link.far->stream) << " received";
     expectSame();
     unsigned lost = 0;
     for (const auto &[index, link] : links)

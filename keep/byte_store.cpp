@@ -57,7 +57,8 @@ void ByteStore::takeBack(std::size_t count) noexcept
     begin_ -= count;
 }
 
-std::span<const std::uint8_t> ByteStore::piece(std::uint64_t offset, std::size_t most) const noexcept
+std::span<const std::uint8_t> ByteStore::piece(std::uint64_t offset,
+                                               std::size_t most) const noexcept
 {
     if (offset >= end()) return {};
     const std::size_t at = offset & (capacity_ - 1);

@@ -78,7 +78,8 @@ bool sendFrames(CARRIER_T &carrier, std::span<const FRAME_BYTES_T> frames)
     std::size_t count = 0;
     const auto part = [&](std::span<const std::uint8_t> bytes) {
         // sendmsg(2) does not write to it.
-        if (!bytes.empty()) parts[count++] = {const_cast<std::uint8_t *>(bytes.data()), bytes.size()};
+        if (!bytes.empty())
+            parts[count++] = {const_cast<std::uint8_t *>(bytes.data()), bytes.size()};
     };
     for (const FRAME_BYTES_T &frame : frames) {
         part(frame.header);

@@ -82,8 +82,8 @@ bool hasInstruction()
 __attribute__((target("+crc"))) std::uint32_t
 byInstruction(std::uint32_t value, const std::uint8_t *bytes, std::size_t size)
 {
-    for (; size >= sizeof(std::uint64_t); bytes += sizeof(std::uint64_t),
-                                          size -= sizeof(std::uint64_t)) {
+    for (; size >= sizeof(std::uint64_t);
+         bytes += sizeof(std::uint64_t), size -= sizeof(std::uint64_t)) {
         std::uint64_t word = 0;
         std::memcpy(&word, bytes, sizeof word);
         value = __crc32cd(value, word);

@@ -27,12 +27,12 @@ enum class FRAME : std::uint8_t {
 };
 
 enum class REFUSAL : std::uint8_t {
-    VERSION = 1,  // of the opening or of HELLO; a plain session is the way out
-    FULL = 2,     // no room, or it cannot be kept; a plain session is the way out
-    SERVICE = 3,  // not in the gateway's list, or it takes no connection
-    UNKNOWN = 4,  // nothing to resume: ended, forgotten, or another operator's
-    ENDED = 5,    // the session is over; the text says why
-    WHOLE = 6,    // it is over, and both streams had arrived with their ends
+    VERSION = 1, // of the opening or of HELLO; a plain session is the way out
+    FULL = 2,    // no room, or it cannot be kept; a plain session is the way out
+    SERVICE = 3, // not in the gateway's list, or it takes no connection
+    UNKNOWN = 4, // nothing to resume: ended, forgotten, or another operator's
+    ENDED = 5,   // the session is over; the text says why
+    WHOLE = 6,   // it is over, and both streams had arrived with their ends
 };
 
 // Flags. Of DATA: the sender has more than the receiver's window lets through. Of ACK: to be

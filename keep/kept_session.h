@@ -40,9 +40,9 @@ enum class KEPT_END {
 struct KEPT_SESSION_T;
 
 struct KEPT_EVENTS_T {
-    std::function<void(KEPT_SESSION_T &)> greeted = nullptr;  // also after a resumption
+    std::function<void(KEPT_SESSION_T &)> greeted = nullptr; // also after a resumption
     std::function<void(KEPT_SESSION_T &, const char *why)> lost = nullptr; // AWAY
-    std::function<void(KEPT_SESSION_T &)> over = nullptr;     // once; `end` and `reason` say how
+    std::function<void(KEPT_SESSION_T &)> over = nullptr; // once; `end` and `reason` say how
 };
 
 struct SENT_MARK_T {
@@ -56,13 +56,13 @@ struct KEPT_SESSION_T {
     KEPT_EVENTS_T events;
     KEPT_STATE state = KEPT_STATE::AWAY;
     KEPT_END end = KEPT_END::GIVEN_UP;
-    std::string reason;  // of the end
-    REFUSAL refusal{};   // of a REFUSED one
+    std::string reason;       // of the end
+    REFUSAL refusal{};        // of a REFUSED one
     bool was_greeted = false; // once at least
 
     KEPT_STREAM_T stream;
     CARRIER_T carrier;
-    UniqueFd local; // the operator's may come when the session is greeted first
+    UniqueFd local;             // the operator's may come when the session is greeted first
     bool is_local_read = false; // its end has been read
     bool is_local_done = false; // it has been told the other stream's end, or takes no more
     bool is_shut = false;       // the carrier has been told the end
@@ -76,8 +76,8 @@ struct KEPT_SESSION_T {
     Time ask_at{};                   // again
     Seconds ask_wait{};
     Time heard{};
-    Time since{};       // of this state
-    Time last_data{};   // from the other end
+    Time since{};     // of this state
+    Time last_data{}; // from the other end
 };
 
 } // namespace keep

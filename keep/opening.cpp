@@ -60,8 +60,8 @@ std::vector<std::uint8_t> buildOpening(const OPENING_T &opening)
     append<std::uint16_t>(bytes, 0);
     bytes.insert(bytes.end(), opening.key.begin(), opening.key.end());
     append(bytes, opening.longest_s);
-    for (const std::string *text : {&opening.service.type, &opening.service.name,
-                                    &opening.service.ip})
+    for (const std::string *text :
+         {&opening.service.type, &opening.service.name, &opening.service.ip})
         appendText(bytes, *text, (OPENING_MAX - OPERATOR_MAX - TEXTS_AT) / 4);
     append(bytes, opening.service.port);
     appendText(bytes, opening.who, OPERATOR_MAX);

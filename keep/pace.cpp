@@ -14,14 +14,9 @@ constexpr Seconds EMPTY_WAIT = TARGET_WAIT / 4;
 constexpr Seconds ROUND_MIN{0.005};
 constexpr auto BASE_LIFE = std::chrono::seconds(60);
 constexpr auto PROBE_AFTER = std::chrono::seconds(30);
-constexpr Seconds PROBE_TIME{0.2}; // and a round trip
+constexpr Seconds PROBE_TIME{0.2};   // and a round trip
 constexpr double PROBE_SHARE = 0.75; // of what the line holds
 constexpr double PIECE_UNKNOWN = 1024;
-
-Clock::duration clockTime(Seconds time)
-{
-    return std::chrono::duration_cast<Clock::duration>(time);
-}
 
 } // namespace
 

@@ -25,6 +25,11 @@ using Clock = std::chrono::steady_clock;
 using Time = Clock::time_point;
 using Seconds = std::chrono::duration<double>;
 
+inline Clock::duration clockTime(Seconds time)
+{
+    return std::chrono::duration_cast<Clock::duration>(time);
+}
+
 constexpr Seconds TARGET_WAIT{0.1};
 constexpr Seconds PIECE_TIME{0.05}; // that one piece takes at the measured rate, at most
 constexpr std::size_t PIECE_MIN = 256;

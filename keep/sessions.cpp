@@ -8,12 +8,13 @@
 
 namespace keep {
 
-constexpr std::size_t READ_AHEAD = INITIAL_WINDOW; // of what has not been sent
-constexpr auto GREETING_TIME = std::chrono::seconds(8);
-constexpr auto CLOSING_TIME = std::chrono::seconds(5);
+constexpr std::size_t READ_AHEAD = INITIAL_WINDOW;   // of what has not been sent
 constexpr auto WIDE_TIME = std::chrono::seconds(10); // that a wide window stays without bytes
 
-KeptSessions::KeptSessions(std::size_t budget) : budget_{budget} {}
+KeptSessions::KeptSessions(std::size_t budget, const KEPT_TIMES_T &times)
+    : budget_{budget}, times_{times}
+{
+}
 
 KEPT_SESSION_T &KeptSessions::add(SIDE side, const SessionKey &key, UniqueFd local,
                                   KEPT_EVENTS_T events)
@@ -207,9 +208,9 @@ std::chrono::milliseconds KeptSessions::waitTime(Time now, std::chrono::millisec
         if (session->ack_due && !isBlocked(session->carrier))
             most = std::min(most, until(*session->ack_due, now));
         if (session->state == KEPT_STATE::GREETING)
-            most = std::min(most, until(session->since + GREETING_TIME, now));
+            most = std::min(most, until(session->since + clockTime(times_.greeting), now));
         if (session->state == KEPT_STATE::CLOSING)
-            most = std::min(most, until(session->since + CLOSING_TIME, now));
+            most = std::min(most, until(session->since + clockTime(times_.closing), now));
     }
     return most;
 }
@@ -258,7 +259,7 @@ void KeptSessions::pass(std::span<pollfd> others, std::chrono::milliseconds most
     sendAcknowledgements();
     askForAnswers();
     for (const auto &session : sessions_) {
-        if (session->state == KEPT_STATE::GREETING && now_ - session->since >= GREETING_TIME)
+        if (session->state == KEPT_STATE::GREETING && now_ - session->since >= times_.greeting)
             giveUp(*session, "the other end does not answer");
         if (session->stream.window > INITIAL_WINDOW && now_ - session->last_data >= WIDE_TIME)
             session->stream.window = INITIAL_WINDOW;
@@ -267,7 +268,7 @@ void KeptSessions::pass(std::span<pollfd> others, std::chrono::milliseconds most
             (void)::shutdown(session->carrier.fd.get(), SHUT_WR);
             session->is_shut = true;
         }
-        if (now_ - session->since >= CLOSING_TIME) closeCarrier(*session);
+        if (now_ - session->since >= times_.closing) closeCarrier(*session);
     }
 }
 

@@ -20,9 +20,17 @@ namespace keep {
 constexpr char BOTH_DONE[] = "both ends are done";
 constexpr std::size_t KEEPER_BUDGET = std::size_t{4} << 20;
 
+struct KEPT_TIMES_T {
+    Seconds greeting{8};  // for the other end's first frame
+    Seconds closing{5};   // for the last frames to leave
+    Seconds ask_least{1}; // without progress, before the other end is asked for it
+    Seconds ask_most{15}; // between two questions
+    Seconds deaf{30};     // without a frame, while one is owed
+};
+
 class KeptSessions {
 public:
-    explicit KeptSessions(std::size_t budget);
+    explicit KeptSessions(std::size_t budget, const KEPT_TIMES_T &times = {});
 
     // local: a connected stream socket, which is never waited for.
     KEPT_SESSION_T &add(SIDE side, const SessionKey &key, UniqueFd local, KEPT_EVENTS_T events);
@@ -101,6 +109,7 @@ private:
     void ask(KEPT_SESSION_T &session);
 
     std::size_t budget_;
+    KEPT_TIMES_T times_;
     std::list<std::unique_ptr<KEPT_SESSION_T>> sessions_;
     FairQueue<KEPT_SESSION_T> queue_;
     Pace pace_;

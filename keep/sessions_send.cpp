@@ -13,9 +13,6 @@ namespace {
 constexpr std::size_t SPARSE_MAX = 512; // a keystroke that need not wait for room
 constexpr std::size_t MARKS_MAX = 256;
 constexpr std::uint64_t ACK_AT_ONCE = std::uint64_t{128} * 1024;
-constexpr Seconds ASK_WAIT_MIN{1};
-constexpr Seconds ASK_WAIT_MAX{15};
-constexpr auto DEAF_TIME = std::chrono::seconds(30);
 
 bool hasSomething(const KEPT_SESSION_T &session)
 {
@@ -61,7 +58,8 @@ bool KeptSessions::sendTurn(KEPT_SESSION_T &session)
 void KeptSessions::sendAll()
 {
     for (const auto &session : sessions_)
-        if (session->state == KEPT_STATE::RUNNING && hasSomething(*session)) queue_.add(*session, pace_.piece(now_));
+        if (session->state == KEPT_STATE::RUNNING && hasSomething(*session))
+            queue_.add(*session, pace_.piece(now_));
     std::size_t skipped = 0;
     while (skipped < queue_.size()) {
         KEPT_SESSION_T *const session = queue_.front(pace_.piece(now_));
@@ -88,8 +86,8 @@ std::size_t KeptSessions::sendSome(KEPT_SESSION_T &session, std::size_t most)
     std::size_t bytes = 0;
     while (count + 1 < frames.size() && bytes < most && sendable(stream) > 0) {
         FRAME_BYTES_T &next = frames[count++];
-        next.header = buildHeader(makeData(stream, std::min(most - bytes, PAYLOAD_MAX),
-                                           next.payload));
+        next.header =
+            buildHeader(makeData(stream, std::min(most - bytes, PAYLOAD_MAX), next.payload));
         bytes += next.payload.size();
     }
     if (isEndDue(stream)) frames[count++] = {buildHeader(makeEnd(stream)), {}};
@@ -130,8 +128,8 @@ void KeptSessions::sendAcknowledgements()
 void KeptSessions::ask(KEPT_SESSION_T &session)
 {
     if (!isBlocked(session.carrier)) sendOne(session, FRAME::ACK, {}, ANSWER_WANTED);
-    session.ask_at = now_ + std::chrono::duration_cast<Clock::duration>(session.ask_wait);
-    session.ask_wait = std::min<Seconds>(session.ask_wait * 2, ASK_WAIT_MAX);
+    session.ask_at = now_ + clockTime(session.ask_wait);
+    session.ask_wait = std::min(session.ask_wait * 2, times_.ask_most);
 }
 
 // A carrier that drops the last message that there is leaves no gap to be seen: whoever waits for
@@ -145,12 +143,12 @@ void KeptSessions::askForAnswers()
         }
         if (!session->asked_since) {
             session->asked_since = now_;
-            session->ask_wait = std::max<Seconds>(ASK_WAIT_MIN, session->base.getOr(Seconds(0)) * 4);
-            session->ask_at = now_ + std::chrono::duration_cast<Clock::duration>(session->ask_wait);
+            session->ask_wait = std::max(times_.ask_least, session->base.getOr(Seconds(0)) * 4);
+            session->ask_at = now_ + clockTime(session->ask_wait);
         } else if (now_ >= session->ask_at) {
             ask(*session);
         }
-        if (now_ - std::max(session->heard, *session->asked_since) >= DEAF_TIME)
+        if (now_ - std::max(session->heard, *session->asked_since) >= times_.deaf)
             giveUp(*session, "nothing is heard of the other end");
     }
 }

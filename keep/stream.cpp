@@ -78,8 +78,7 @@ bool isNext(const KEPT_STREAM_T &stream, const FRAME_T &frame)
 
 bool mayTakeData(const KEPT_STREAM_T &stream, const FRAME_T &frame)
 {
-    return !stream.has_peer_end && frame.size > 0 &&
-           frame.offset + frame.size <= stream.promised;
+    return !stream.has_peer_end && frame.size > 0 && frame.offset + frame.size <= stream.promised;
 }
 
 bool takeEnd(KEPT_STREAM_T &stream, const FRAME_T &frame)

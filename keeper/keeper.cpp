@@ -126,9 +126,8 @@ KEPT_EVENTS_T Keeper::events()
                 },
             .over =
                 [this](KEPT_SESSION_T &session) {
-                    log(session, "ended after " +
-                                     secondsText(Clock::now() - about(session).begun) + ": " +
-                                     session.reason);
+                    log(session, "ended after " + secondsText(Clock::now() - about(session).begun) +
+                                     ": " + session.reason);
                 }};
 }
 
@@ -252,8 +251,7 @@ bool Keeper::join(INCOMER_T &incomer, KEPT_SESSION_T &session, const FRAME_T &he
     if (told.who != incomer.opening.who || told.service != incomer.opening.service)
         return refuse(incomer, REFUSAL::UNKNOWN, "the gateway does not have the session any more");
     if (session.state == KEPT_STATE::CLOSING || session.state == KEPT_STATE::OVER)
-        return refuse(incomer,
-                      session.end == KEPT_END::WHOLE ? REFUSAL::WHOLE : REFUSAL::ENDED,
+        return refuse(incomer, session.end == KEPT_END::WHOLE ? REFUSAL::WHOLE : REFUSAL::ENDED,
                       session.reason);
     // One that was under way for long must not displace the one that works.
     if (hello.acknowledged < session.stream.outgoing.begin() ||
@@ -304,8 +302,8 @@ bool Keeper::connected(INCOMER_T &incomer)
             .has_begun = false};
     if (incomer.opening.longest_s > 0)
         told.ends = now + std::chrono::seconds(incomer.opening.longest_s);
-    KEPT_SESSION_T &session = sessions_.add(SIDE::KEEPER, incomer.opening.key,
-                                            std::move(incomer.service), events());
+    KEPT_SESSION_T &session =
+        sessions_.add(SIDE::KEEPER, incomer.opening.key, std::move(incomer.service), events());
     sessions_.attach(session, std::move(incomer.fd),
                      std::span(incomer.bytes).subspan(incomer.opening_size));
     return false;
@@ -324,7 +322,8 @@ bool Keeper::refuse(INCOMER_T &incomer, REFUSAL refusal, const std::string &text
     // A new connection's empty queue takes as little as this, or the connection is gone.
     if (::send(incomer.fd.get(), payload.data(), payload.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0)
         return false;
-    (void)std::fprintf(stderr, "%s for %s refused: %s\n", plain(incomer.opening.service.name).c_str(),
+    (void)std::fprintf(stderr, "%s for %s refused: %s\n",
+                       plain(incomer.opening.service.name).c_str(),
                        plain(incomer.opening.who).c_str(), text.c_str());
     (void)::shutdown(incomer.fd.get(), SHUT_WR);
     incomer.service.reset();
@@ -369,8 +368,8 @@ void Keeper::lookAtTimes()
                           "nobody came back for " + secondsText(settings_.away_time));
     });
     sessions_.sweep([&](const KEPT_SESSION_T &session) {
-        const bool is_unwanted = over > REMEMBERED_MAX ||
-                                 now - session.since >= settings_.away_time;
+        const bool is_unwanted =
+            over > REMEMBERED_MAX || now - session.since >= settings_.away_time;
         if (!is_unwanted) return false;
         if (over > 0) --over;
         about_.erase(session.key);
@@ -385,9 +384,9 @@ void Keeper::pass(int wake)
     others.push_back({has_room ? listener_.get() : -1, POLLIN, 0});
     others.push_back({wake, POLLIN, 0});
     for (const INCOMER_T &incomer : incomers_)
-        others.push_back({incomer.step == STEP::CONNECTING ? incomer.service.get()
-                                                           : incomer.fd.get(),
-                          eventsOf(incomer), 0});
+        others.push_back(
+            {incomer.step == STEP::CONNECTING ? incomer.service.get() : incomer.fd.get(),
+             eventsOf(incomer), 0});
     sessions_.pass(others, PASS_TIME);
     std::size_t index = 2;
     for (auto incomer = incomers_.begin(); incomer != incomers_.end(); ++index) {

@@ -466,11 +466,9 @@ void closeDeviceChannel(DEVICE_CHANNEL_T &channel, std::uint16_t code, const std
 
 const SERVICE_T *findService(const DEVICE_CHANNEL_T &channel, const std::string &name)
 {
-    const auto found =
-        std::find_if(channel.services.begin(), channel.services.end(),
-                     [&name](const SERVICE_T &service) {
-                         return service.name == name && !isKeeper(service);
-                     });
+    const auto found = std::find_if(
+        channel.services.begin(), channel.services.end(),
+        [&name](const SERVICE_T &service) { return service.name == name && !isKeeper(service); });
     return found == channel.services.end() ? nullptr : &*found;
 }
 

@@ -84,10 +84,9 @@ static void finishSession(const SessionPtr &session, bool is_whole, bool is_orde
     session->timer.cancel();
     session->longest.reset();
     session->table->backlog -= std::exchange(session->counted, 0);
-    session->client->close(
-        {session->end_reason.c_str(), is_whole, session->bytes_up, session->bytes_down,
-         session->is_final},
-        is_orderly);
+    session->client->close({session->end_reason.c_str(), is_whole, session->bytes_up,
+                            session->bytes_down, session->is_final},
+                           is_orderly);
     leaveChannel(*session, false);
     recordEnd(*session);
     const auto ended = std::exchange(session->origin.ended, nullptr);
@@ -355,8 +354,7 @@ void openSession(const SessionPtr &session)
         return session->cut("refused: too many clients of this device");
     session->state = SESSION_STATE::OPENING;
     session->requested = std::chrono::steady_clock::now();
-    const SERVICE_T &asked =
-        session->origin.kept ? session->origin.kept->keeper : session->service;
+    const SERVICE_T &asked = session->origin.kept ? session->origin.kept->keeper : session->service;
     if (!requestStream(*session->channel, session, asked))
         return session->cut("the device disconnected");
     if (session->state == SESSION_STATE::OPENING) armSessionTimer(session);

@@ -23,7 +23,7 @@ struct SESSION_END_T {
     bool is_whole = false; // all bytes have arrived, both ways
     double bytes_up = 0;
     double bytes_down = 0;
-    int output_fault = 0; // errno: the output could not be written, and the session was left
+    int output_fault = 0;  // errno: the output could not be written, and the session was left
     bool is_final = false; // it was ended on purpose: a kept session must not go on
 };
 

@@ -32,7 +32,7 @@ struct OPERATOR_OPTIONS_T {
     bool watch = false;
     bool progress = false;
     bool password_stdin = false;
-    bool shared = false; // a forwarded port serves every account
+    bool shared = false;  // a forwarded port serves every account
     bool no_keep = false; // plain sessions only
     std::vector<std::string> patterns;
     std::string device;

@@ -367,8 +367,8 @@ void tellPlain(const std::string &reason)
 bool waitForKeeper(const LinePtr &line)
 {
     std::unique_lock<std::mutex> lock(line->mutex);
-    const bool has_answer = line->changed.wait_for(
-        lock, line->time, [&] { return line->is_greeted || line->is_over; });
+    const bool has_answer =
+        line->changed.wait_for(lock, line->time, [&] { return line->is_greeted || line->is_over; });
     if (line->is_greeted) return true;
     const bool is_refused = line->is_over && line->end == KEPT_END::REFUSED;
     const REFUSAL refusal = line->refusal;

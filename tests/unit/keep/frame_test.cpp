@@ -32,8 +32,8 @@ TEST(Crc32cTest, IsTheOneOfTheStandardWithAndWithoutTheInstruction)
         EXPECT_EQ(value, crc32c(bytes));
         EXPECT_EQ(value, crc32cByTable(bytes));
         for (std::size_t cut = 0; cut <= bytes.size(); ++cut)
-            EXPECT_EQ(value, crc32c(std::span(bytes).subspan(cut),
-                                    crc32c(std::span(bytes).first(cut))));
+            EXPECT_EQ(value,
+                      crc32c(std::span(bytes).subspan(cut), crc32c(std::span(bytes).first(cut))));
     }
 }
 
@@ -96,14 +96,16 @@ TEST(KeyTest, IsHexadecimalOnly)
     SessionKey key{};
     EXPECT_TRUE(parseKey("00112233445566778899aabbccddeeff", key));
     EXPECT_EQ("00112233445566778899aabbccddeeff", keyText(key));
-    for (const char *wrong : {"", "00112233445566778899aabbccddeef", "0011223344556677889AABBCCDDEEFF0",
-                              "00112233445566778899aabbccddeeffff", "0x112233445566778899aabbccddeeff"})
+    for (const char *wrong :
+         {"", "00112233445566778899aabbccddeef", "0011223344556677889AABBCCDDEEFF0",
+          "00112233445566778899aabbccddeeffff", "0x112233445566778899aabbccddeeff"})
         EXPECT_FALSE(parseKey(wrong, key)) << wrong;
 }
 
 TEST(FrameTest, EveryDamageOfAHeaderIsSeen)
 {
-    const FRAME_T sent{FRAME::DATA, WINDOW_IS_SHORT, 777, 0x01020304, 1ULL << 40, 1ULL << 33, 65536};
+    const FRAME_T sent{FRAME::DATA, WINDOW_IS_SHORT, 777,  0x01020304,
+                       1ULL << 40,  1ULL << 33,      65536};
     const FrameHeader header = buildHeader(sent);
     FRAME_T read;
     ASSERT_TRUE(parseHeader(header, read));

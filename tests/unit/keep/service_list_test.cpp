@@ -19,11 +19,10 @@ TEST(ServiceListTest, ReachesWhatIsListedAndNothingElse)
     ASSERT_EQ(3U, services.size());
     const KEPT_SERVICE_T ssh{"SSH", "ssh_localhost", "127.0.0.1", 22};
     EXPECT_TRUE(isListed(services, ssh, ""));
-    for (const KEPT_SERVICE_T &other :
-         {KEPT_SERVICE_T{"SSH", "ssh_localhost", "127.0.0.1", 23},
-          KEPT_SERVICE_T{"SSH", "ssh_localhost", "10.0.0.1", 22},
-          KEPT_SERVICE_T{"HTTP", "ssh_localhost", "127.0.0.1", 22},
-          KEPT_SERVICE_T{"KEEPER", "keeper", "127.0.0.1", 4622}})
+    for (const KEPT_SERVICE_T &other : {KEPT_SERVICE_T{"SSH", "ssh_localhost", "127.0.0.1", 23},
+                                        KEPT_SERVICE_T{"SSH", "ssh_localhost", "10.0.0.1", 22},
+                                        KEPT_SERVICE_T{"HTTP", "ssh_localhost", "127.0.0.1", 22},
+                                        KEPT_SERVICE_T{"KEEPER", "keeper", "127.0.0.1", 4622}})
         EXPECT_FALSE(isListed(services, other, "10.0.0.1")) << other.name << other.port;
 }
 

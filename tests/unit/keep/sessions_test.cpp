@@ -86,7 +86,11 @@ struct PROGRAM_T {
 
 class KeptTest : public testing::Test {
 protected:
-    KeptTest() : operators{std::size_t{64} << 20}, keepers{KEEPER_BUDGET} {}
+    KeptTest() : operators{std::size_t{64} << 20, SHORT}, keepers{KEEPER_BUDGET, SHORT} {}
+
+    // A hundredth of the usual ones.
+    static constexpr KEPT_TIMES_T SHORT{Seconds(0.08), Seconds(0.05), Seconds(0.01), Seconds(0.15),
+                                        Seconds(0.3)};
 
     struct LINK_T {
         KEPT_SESSION_T *near = nullptr;
@@ -110,13 +114,12 @@ protected:
         link.client.to_send = std::move(down);
         link.service.fd = std::move(service);
         link.service.to_send = std::move(up);
-        link.near = &operators.add(
-            SIDE::OPERATOR, key, std::move(near_local),
-            {.lost = [&link](KEPT_SESSION_T &, const char *) { ++link.lost; },
-             .over = [&link](KEPT_SESSION_T &) { link.is_near_over = true; }});
-        link.far =
-            &keepers.add(SIDE::KEEPER, key, std::move(far_local),
-                         {.over = [&link](KEPT_SESSION_T &) { link.is_far_over = true; }});
+        link.near =
+            &operators.add(SIDE::OPERATOR, key, std::move(near_local),
+                           {.lost = [&link](KEPT_SESSION_T &, const char *) { ++link.lost; },
+                            .over = [&link](KEPT_SESSION_T &) { link.is_near_over = true; }});
+        link.far = &keepers.add(SIDE::KEEPER, key, std::move(far_local),
+                                {.over = [&link](KEPT_SESSION_T &) { link.is_far_over = true; }});
         return link;
     }
 
@@ -126,8 +129,8 @@ protected:
         auto [far, relay_far] = makePair();
         const int a = relay_near.get();
         const int b = relay_far.get();
-        link.relay = std::make_unique<RELAY_T>(
-            RELAY_T{std::move(relay_near), std::move(relay_far), {WAY_T{a, b, {}}, WAY_T{b, a, {}}}});
+        link.relay = std::make_unique<RELAY_T>(RELAY_T{
+            std::move(relay_near), std::move(relay_far), {WAY_T{a, b, {}}, WAY_T{b, a, {}}}});
         keepers.attach(*link.far, std::move(far));
         operators.attach(*link.near, std::move(near));
     }
@@ -264,8 +267,8 @@ TEST_P(StormTest, LosesDoublesAndTurnsNothing)
     for (const auto &[index, link] : links)
         ASSERT_TRUE(is_done) << "near " << static_cast<int>(link.near->state) << ", far "
                              << static_cast<int>(link.far->state) << ", "
-                             << received(link.near->stream) << " and "
-                             << received(link.far->stream) << " received";
+                             << received(link.near->stream) << " and " << received(link.far->stream)
+                             << " received";
     expectSame();
     unsigned lost = 0;
     for (const auto &[index, link] : links)
@@ -291,9 +294,9 @@ TEST_F(KeptTest, ALostLastMessageIsMissedAfterAWhile)
     ASSERT_EQ(10U, link.client.got.size());
     link.service.to_send = someBytes(20, 2);
     weather.faults_left = 1;
-    (void)run(std::chrono::milliseconds(100));
+    (void)run(std::chrono::milliseconds(5));
     EXPECT_EQ(10U, link.client.got.size());
-    (void)run(std::chrono::milliseconds(2500));
+    (void)run(std::chrono::milliseconds(500));
     EXPECT_EQ(20U, link.client.got.size());
     EXPECT_EQ(1U, link.lost);
 }

@@ -9,7 +9,7 @@
 // minutes to find a fast line, and to leave one that has become slow.
 // The least wait of a round counts, so that a few late acknowledgements (a retransmission, a busy
 // machine) do not shrink the window. A standing queue would become part of the base in time; so,
-// when it has not been seen empty for PROBE_AFTER, the window is for a moment less than what the line
+// when it has not been seen empty for PROBE_AFTER, the window is for a moment less than the line
 // itself holds, and the base is seen again.
 // Threads  each is one thread's. Times are passed in.
 #pragma once

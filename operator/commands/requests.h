@@ -22,7 +22,7 @@ std::vector<std::string> sshServices(const nlohmann::json &services);
 // std::invalid_argument for another text.
 nlohmann::json connectRequest(const OPERATOR_OPTIONS_T &options, std::chrono::seconds time);
 
-// The session that a "connect" asks for: a kept one where the device and the options have it so, else
+// The session that a "connect" asks for: a kept one where device and options have it so, else
 // a plain one. Takes the ends, as openSession() does.
 std::unique_ptr<Session> openUsualSession(const OPERATOR_OPTIONS_T &options,
                                           const nlohmann::json &request, SESSION_ENDS_T &ends,

@@ -12,11 +12,12 @@ readonly DAEMON_NAME=iot.gateway.remote_access_daemon
 readonly DAEMON_PATH=/iot/gateway/remote_access_daemon
 readonly DEVICE=gw-001 HIDDEN_DEVICE=gw-002 VERSION=1.0.0
 readonly TOPICS=/sys/$PRODUCT_KEY/$DEVICE/edge
-readonly WEB_PORT=8080 BROKER_PORT=1883              # what listens
-readonly SSH_PORT=2022 SFTP_PORT=2023 HTTP_PORT=2080 # the tunnel's ends on the back end's side
-readonly SWITCH_S=5                                  # how long a switch may take
-readonly WATCHED_S=21                                # longer than a watched thread may be silent
+readonly WEB_PORT=8080 BROKER_PORT=1883 KEEPER_PORT=4622 # what listens
+readonly SSH_PORT=2022 SFTP_PORT=2023 HTTP_PORT=2080     # the tunnel's ends on the back end's side
+readonly SWITCH_S=5                                      # how long a switch may take
+readonly WATCHED_S=21                                    # longer than a watched thread may be silent
 readonly MIB=64
+readonly COPY_KBIT=200000 # rate of a copy that is to take some seconds
 readonly LOG_TUNNEL="$LOG/clients.log $LOG/daemon.log $LOG/backend.log"
 readonly LOG_CONTROL="$LOG/control.log $LOG/daemon.log $LOG/mqtt_bridge.log"
 
@@ -52,7 +53,8 @@ write_configuration() {
     cat >"$CONFIG/remote_terminal.json" <<END
 [{"type":"SSH","name":"ssh_localhost","ip":"127.0.0.1","port":$SSHD_PORT},
  {"type":"SFTP","name":"sftp_localhost","ip":"127.0.0.1","port":$SSHD_PORT},
- {"type":"HTTP","name":"http_localhost","ip":"127.0.0.1","port":$WEB_PORT}]
+ {"type":"HTTP","name":"http_localhost","ip":"127.0.0.1","port":$WEB_PORT},
+ {"type":"KEEPER","name":"keeper","ip":"127.0.0.1","port":$KEEPER_PORT}]
 END
     # No SPECIFICATION file: an installation of unknown edition describes itself to the cloud.
     printf '%s' "$VERSION" >"$CONFIG/../VERSION"
@@ -101,6 +103,11 @@ start_backend_with_ports() {
 start_web() {
     start web python3 -m http.server --bind 127.0.0.1 --directory "$MATERIAL/web" $WEB_PORT
     wait_for $START_S "${PIDS[web]}" listens $WEB_PORT
+}
+
+start_keeper() {
+    start keeper "$BIN/remote_access_keeper"
+    wait_for $START_S "${PIDS[keeper]}" listens $KEEPER_PORT
 }
 
 # The last of its topics is subscribed once its configuration has been read.
@@ -251,6 +258,33 @@ fetch_page() {
     cmp "$MATERIAL/page" "$MATERIAL/web/index.html"
 }
 
+# A shell and a copy of a few seconds, both by the device's name, with the channel cut in the middle.
+outlive_the_line() {
+    local proxy="$BIN/remote-access --control $CONTROL connect %h/ssh_localhost"
+    local typed shell copy lines=$MATERIAL/lines
+    rm -f "$HOME/copy" "$MATERIAL/typed"
+    mkfifo "$MATERIAL/typed"
+    printf 'put %s copy\n' "$MATERIAL/original" >"$MATERIAL/batch"
+    # shellcheck disable=SC2016 # for the gateway's shell
+    timeout $USE_S ssh -o ProxyCommand="$proxy" $DEVICE 'read -r a; echo $a; read -r b; echo $b' \
+        <"$MATERIAL/typed" >"$MATERIAL/answers" 2>"$lines" &
+    shell=$!
+    exec {typed}>"$MATERIAL/typed"
+    echo before >&"$typed"
+    timeout $USE_S sftp -l $COPY_KBIT -o ProxyCommand="$proxy" -b "$MATERIAL/batch" $DEVICE \
+        2>>"$lines" &
+    copy=$!
+    sleep 1
+    switched 0 ask CloseRemoteAccess && switched 1 ask OpenRemoteAccess || return 1
+    echo after >&"$typed"
+    exec {typed}>&-
+    wait $shell && wait $copy || return 1
+    cat "$lines" >&2
+    STEP_NOTE="$(grep -oE 'is back after .*' "$lines" | paste -sd,)"
+    [ "$(paste -sd' ' "$MATERIAL/answers")" = "before after" ] &&
+        [ "$(grep -c 'is back after' "$lines")" -eq 2 ] && cmp "$MATERIAL/original" "$HOME/copy"
+}
+
 open_relays() { open_relay tunnel $SSH_PORT && open_relay gateway $SSHD_PORT; }
 
 mkdir -p "$LOG" "$MATERIAL/web" "$CONFIG" "${BUS_SOCKET%/*}"
@@ -264,6 +298,7 @@ step "$LOG/steps.log $LOG/mqtt_bridge.log" "MQTT bridge started" start_mqtt_brid
 step "$LOG/steps.log $LOG/backend.log" "back end started" start_backend_with_ports
 step "$LOG/steps.log $LOG/sshd.log" "sshd started on the gateway" start_sshd
 step "$LOG/steps.log $LOG/web.log" "web server started on the gateway" start_web
+step "$LOG/steps.log $LOG/keeper.log" "keeper started on the gateway" start_keeper
 step "$LOG/steps.log $LOG/daemon.log $LOG/mqtt_bridge.log" \
     "daemon started, cloud topics subscribed" start_daemon
 step "$LOG_CONTROL" "self-description received and acknowledged" describe_itself
@@ -287,6 +322,7 @@ step "$LOG_CONTROL $LOG/backend.log" "switched off from the cloud, channel down"
 step "$LOG_CONTROL $LOG/backend.log" "switched on from the cloud, channel up" \
     switched 1 publish debug/switch '{"status":1}'
 step "$LOG_TUNNEL $LOG/sshd.log" "ssh through the tunnel again" run_command
+step "$LOG_TUNNEL $LOG/keeper.log" "channel cut in a shell and an sftp, both go on" outlive_the_line
 step "$LOG/steps.log $LOG/watchdog.log" "no lapse seen by the watchdog in $WATCHED_S s" \
     look_at_watchdog
 step "$LOG/steps.log $LOG/api.log" "API's port opened to the operator" open_relay api $API_PORT

@@ -8,9 +8,21 @@ namespace keep {
 
 constexpr std::size_t CAPACITY_MIN = 4096;
 
+std::size_t ByteStore::capacityFor(std::size_t more) const noexcept
+{
+    return std::max(capacity_, std::bit_ceil(std::max(size_ + more, CAPACITY_MIN)));
+}
+
+void ByteStore::trim() noexcept
+{
+    if (size_ > 0) return;
+    bytes_.reset();
+    capacity_ = 0;
+}
+
 void ByteStore::grow(std::size_t wanted)
 {
-    const std::size_t capacity = std::bit_ceil(std::max(size_ + wanted, CAPACITY_MIN));
+    const std::size_t capacity = capacityFor(wanted);
     // Not cleared: every byte is written before it is read.
     std::unique_ptr<std::uint8_t[]> bytes(new std::uint8_t[capacity]);
     for (std::uint64_t at = begin_; at < end();) {
@@ -70,9 +82,7 @@ void ByteStore::dropTo(std::uint64_t offset) noexcept
 {
     size_ -= static_cast<std::size_t>(offset - begin_);
     begin_ = offset;
-    if (size_ > 0) return;
-    bytes_.reset();
-    capacity_ = 0;
+    if (capacity_ > KEPT_CAPACITY) trim();
 }
 
 } // namespace keep

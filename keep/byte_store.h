@@ -1,5 +1,5 @@
 // A stretch of a stream of bytes, by its offsets in the stream: bytes are added behind and dropped
-// in front. It takes memory only while it holds something.
+// in front. An empty one keeps KEPT_CAPACITY at most, until it is trimmed.
 // Failure  std::bad_alloc; nothing has changed then.
 // Threads  each is one thread's.
 #pragma once
@@ -10,6 +10,8 @@
 #include <span>
 
 namespace keep {
+
+constexpr std::size_t KEPT_CAPACITY = 65536;
 
 class ByteStore {
 public:
@@ -33,6 +35,10 @@ public:
     // Room for at least one and at most `wanted` bytes behind the end; added() then says how many
     // have been written.
     std::span<std::uint8_t> room(std::size_t wanted);
+    // What it would hold in all to have room for so many more bytes.
+    std::size_t capacityFor(std::size_t more) const noexcept;
+    // Gives back what an empty one keeps.
+    void trim() noexcept;
     void added(std::size_t count) noexcept;
     void add(std::span<const std::uint8_t> bytes);
     // Bytes that go through without being held; only while it is empty.

@@ -77,7 +77,7 @@ struct KEPT_SESSION_T {
     Seconds ask_wait{};
     Time heard{};
     Time since{};     // of this state
-    Time last_data{}; // from the other end
+    Time last_data{}; // either way
 };
 
 } // namespace keep

@@ -9,6 +9,7 @@
 namespace keep {
 
 constexpr std::size_t READ_AHEAD = INITIAL_WINDOW;   // of what has not been sent
+constexpr auto TRIM_TIME = std::chrono::seconds(1);
 constexpr auto WIDE_TIME = std::chrono::seconds(10); // that a wide window stays without bytes
 
 KeptSessions::KeptSessions(std::size_t budget, const KEPT_TIMES_T &times)
@@ -118,39 +119,55 @@ void KeptSessions::finishIfWhole(KEPT_SESSION_T &session)
 
 // ---- the local connection
 
-// Behind its own end it may take no more: what comes for it then is for nobody, as on any
-// connection that its owner has closed.
+// A service that has ended its own stream may be gone: what comes for it then is for nobody, as on
+// any connection that its owner has closed, and the other end still has to get what it has sent.
+// Nobody else goes on without a local connection.
 void KeptSessions::localBroke(KEPT_SESSION_T &session, int error)
 {
-    if (!session.is_local_read)
+    const bool is_keeper = session.side == SIDE::KEEPER;
+    if (!is_keeper || !session.is_local_read || session.stream.is_end_taken)
         return end(session, KEPT_END::BROKEN,
-                   std::string(session.side == SIDE::KEEPER ? "the service's" : "the client's") +
+                   std::string(is_keeper ? "the service's" : "the client's") +
                        " connection broke: " + std::strerror(error));
     session.is_local_done = true;
     session.stream.incoming.dropTo(session.stream.incoming.end());
     if (session.stream.has_peer_end) flushLocal(session);
 }
 
-bool KeptSessions::mayReadLocal(const KEPT_SESSION_T &session) const
+static std::size_t beyondKept(std::size_t capacity)
 {
-    const KEPT_STREAM_T &stream = session.stream;
-    if (session.is_local_read || !session.local) return false;
-    return unsent(stream) < READ_AHEAD &&
-           (stream.outgoing.size() < READ_AHEAD || stored_ < budget_);
+    return capacity > KEPT_CAPACITY ? capacity - KEPT_CAPACITY : 0;
+}
+
+// How much may be read from it now.
+std::size_t KeptSessions::localRoom(const KEPT_SESSION_T &session) const
+{
+    const ByteStore &outgoing = session.stream.outgoing;
+    const std::uint64_t waiting = unsent(session.stream);
+    if (session.is_local_read || !session.local || waiting >= READ_AHEAD) return 0;
+    const std::size_t wanted = READ_AHEAD - static_cast<std::size_t>(waiting);
+    const std::size_t grown = beyondKept(outgoing.capacityFor(wanted));
+    if (stored_ + grown - beyondKept(outgoing.capacity()) <= budget_) return wanted;
+    const std::size_t held = std::max(outgoing.capacity(), KEPT_CAPACITY);
+    return std::min(wanted, held - outgoing.size());
 }
 
 void KeptSessions::readLocal(KEPT_SESSION_T &session)
 {
-    if (!mayReadLocal(session)) return;
-    const auto room = session.stream.outgoing.room(READ_AHEAD);
+    const std::size_t wanted = localRoom(session);
+    if (wanted == 0) return;
+    ByteStore &outgoing = session.stream.outgoing;
+    stored_ -= beyondKept(outgoing.capacity());
+    const auto room = outgoing.room(wanted);
+    stored_ += beyondKept(outgoing.capacity());
     ssize_t count = -1;
     do
         count = ::recv(session.local.get(), room.data(), room.size(), MSG_DONTWAIT);
     while (count < 0 && errno == EINTR);
     if (count < 0 && errno == EAGAIN) return;
     if (count < 0) return localBroke(session, errno);
-    session.stream.outgoing.added(static_cast<std::size_t>(count));
-    stored_ += static_cast<std::size_t>(count);
+    session.last_data = now_;
+    outgoing.added(static_cast<std::size_t>(count));
     if (count > 0) return;
     session.is_local_read = true;
     session.stream.has_end = true;
@@ -187,7 +204,7 @@ void KeptSessions::watch(KEPT_SESSION_T &session)
     };
     const bool has_bytes = session.stream.incoming.size() > 0;
     add(session.carrier.fd.get(), POLLIN | (isBlocked(session.carrier) ? POLLOUT : 0), true);
-    add(session.local.get(), (mayReadLocal(session) ? POLLIN : 0) | (has_bytes ? POLLOUT : 0),
+    add(session.local.get(), (localRoom(session) > 0 ? POLLIN : 0) | (has_bytes ? POLLOUT : 0),
         false);
 }
 
@@ -240,7 +257,7 @@ void KeptSessions::pass(std::span<pollfd> others, std::chrono::milliseconds most
     watched_.clear();
     stored_ = widened_ = 0;
     for (const auto &session : sessions_) {
-        stored_ += session->stream.outgoing.size();
+        stored_ += beyondKept(session->stream.outgoing.capacity());
         widened_ += session->stream.window - INITIAL_WINDOW;
     }
     for (const auto &session : sessions_)
@@ -258,18 +275,26 @@ void KeptSessions::pass(std::span<pollfd> others, std::chrono::milliseconds most
     sendAll();
     sendAcknowledgements();
     askForAnswers();
-    for (const auto &session : sessions_) {
-        if (session->state == KEPT_STATE::GREETING && now_ - session->since >= times_.greeting)
-            giveUp(*session, "the other end does not answer");
-        if (session->stream.window > INITIAL_WINDOW && now_ - session->last_data >= WIDE_TIME)
-            session->stream.window = INITIAL_WINDOW;
-        if (session->state != KEPT_STATE::CLOSING) continue;
-        if (!session->is_shut && !isBlocked(session->carrier)) {
-            (void)::shutdown(session->carrier.fd.get(), SHUT_WR);
-            session->is_shut = true;
-        }
-        if (now_ - session->since >= times_.closing) closeCarrier(*session);
+    for (const auto &session : sessions_)
+        lookAtTimes(*session);
+}
+
+void KeptSessions::lookAtTimes(KEPT_SESSION_T &session)
+{
+    if (session.state == KEPT_STATE::GREETING && now_ - session.since >= times_.greeting)
+        giveUp(session, "the other end does not answer");
+    const auto idle = now_ - session.last_data;
+    if (idle >= WIDE_TIME) session.stream.window = INITIAL_WINDOW;
+    if (idle >= TRIM_TIME) {
+        session.stream.outgoing.trim();
+        session.stream.incoming.trim();
     }
+    if (session.state != KEPT_STATE::CLOSING) return;
+    if (!session.is_shut && !isBlocked(session.carrier)) {
+        (void)::shutdown(session.carrier.fd.get(), SHUT_WR);
+        session.is_shut = true;
+    }
+    if (now_ - session.since >= times_.closing) closeCarrier(session);
 }
 
 } // namespace keep

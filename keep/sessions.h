@@ -76,11 +76,12 @@ private:
     void readLocal(KEPT_SESSION_T &session);
     void flushLocal(KEPT_SESSION_T &session);
     void localBroke(KEPT_SESSION_T &session, int error);
-    bool mayReadLocal(const KEPT_SESSION_T &session) const;
+    std::size_t localRoom(const KEPT_SESSION_T &session) const;
     void giveUp(KEPT_SESSION_T &session, const char *why);
     void close(KEPT_SESSION_T &session, KEPT_END how, const std::string &reason);
     void finishIfWhole(KEPT_SESSION_T &session);
     void closeCarrier(KEPT_SESSION_T &session);
+    void lookAtTimes(KEPT_SESSION_T &session);
 
     // sessions_receive.cpp
     void readFrames(KEPT_SESSION_T &session);
@@ -115,7 +116,7 @@ private:
     Pace pace_;
     Time now_{};              // of this pass
     std::size_t widened_ = 0; // windows beyond the initial ones
-    std::size_t stored_ = 0;  // bytes in all outgoing stores, at the begin of this pass
+    std::size_t stored_ = 0;  // that the outgoing stores hold beyond KEPT_CAPACITY each
     std::vector<std::uint8_t> buffer_;
     std::vector<std::span<const std::uint8_t>> delivery_; // of the session that is being read
     std::vector<pollfd> polled_;

@@ -168,12 +168,16 @@ const char *KeptSessions::takeKind(KEPT_SESSION_T &session, const FRAME_T &frame
         }
         stream.is_window_short = (frame.flags & WINDOW_IS_SHORT) != 0;
         session.last_data = now_;
+        if (session.is_local_done && stream.is_end_taken)
+            end(session, KEPT_END::BROKEN, "the service is gone");
         if (!session.ack_due) session.ack_due = now_ + ACK_DELAY;
         return nullptr;
     case FRAME::END:
         return takeEnd(stream, frame) ? nullptr : UNEXPECTED;
     case FRAME::RESET:
-        close(session, KEPT_END::BROKEN, textOf(payload));
+        // A service that is gone behind its end has been heard out.
+        close(session, stream.is_peer_end_passed ? KEPT_END::WHOLE : KEPT_END::BROKEN,
+              textOf(payload));
         return nullptr;
     case FRAME::DONE:
         if (session.side != SIDE::KEEPER || !isWhole(stream)) return UNEXPECTED;

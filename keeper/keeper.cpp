@@ -377,7 +377,7 @@ void Keeper::lookAtTimes()
     });
 }
 
-void Keeper::pass(int wake)
+bool Keeper::pass(int wake)
 {
     std::vector<pollfd> others;
     const bool has_room = incomers_.size() < INCOMERS_MAX;
@@ -395,6 +395,7 @@ void Keeper::pass(int wake)
     }
     if (others[0].revents != 0) acceptAll();
     lookAtTimes();
+    return others[1].revents != 0;
 }
 
 } // namespace keeper

@@ -35,8 +35,8 @@ public:
     // listener: a listening TCP socket on a loopback address.
     Keeper(KEEPER_SETTINGS_T settings, UniqueFd listener);
 
-    // One round of at most a second. `wake`: a descriptor whose bytes end the round early, or -1.
-    void pass(int wake);
+    // One round of at most a second. True when the descriptor `wake` has something to be read.
+    bool pass(int wake);
     void replaceServices(std::vector<KEPT_SERVICE_T> services, std::string host);
 
 private:

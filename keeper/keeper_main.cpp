@@ -174,7 +174,7 @@ void run(OPTIONS_T options)
     const UniqueFd signals = takeSignals();
     Keeper keeper(settings, listenAt(*own));
     for (;;) {
-        keeper.pass(signals.get());
+        if (!keeper.pass(signals.get())) continue;
         signalfd_siginfo taken{};
         if (::read(signals.get(), &taken, sizeof taken) != sizeof taken) continue;
         if (taken.ssi_signo != SIGHUP) return;

@@ -50,17 +50,22 @@ private:
         for (;;) {
             pollfd wake{wake_.get(), POLLIN, 0};
             sessions_.pass({&wake, 1}, PASS_TIME);
-            std::uint64_t count = 0;
-            (void)!::read(wake_.get(), &count, sizeof count);
-            std::vector<Task> tasks;
-            {
-                const std::lock_guard<std::mutex> lock(mutex_);
-                tasks.swap(tasks_);
-            }
-            for (const Task &task : tasks)
-                task(sessions_);
+            if (wake.revents != 0) runTasks();
             sessions_.sweep([](const keep::KEPT_SESSION_T &) { return true; });
         }
+    }
+
+    void runTasks()
+    {
+        std::uint64_t count = 0;
+        (void)!::read(wake_.get(), &count, sizeof count);
+        std::vector<Task> tasks;
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            tasks.swap(tasks_);
+        }
+        for (const Task &task : tasks)
+            task(sessions_);
     }
 
     UniqueFd wake_;

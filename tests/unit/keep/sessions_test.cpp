@@ -333,6 +333,23 @@ TEST_F(KeptTest, WhileItIsAwayTheServiceIsReadOnlyAsFarAsTheBufferGoes)
     expectSame();
 }
 
+// Both have ended their sending, or not, and one is gone: the other must not talk to nobody for
+// ever, and gets what was sent to it.
+TEST_F(KeptTest, WhoIsGoneBehindItsEndEndsTheSession)
+{
+    LINK_T &client_gone = open(someBytes(8000000, 1), someBytes(10, 2));
+    LINK_T &service_gone = open(someBytes(10, 3), someBytes(8000000, 4));
+    connect(client_gone);
+    connect(service_gone);
+    (void)run(std::chrono::milliseconds(5));
+    client_gone.client.fd.reset();
+    service_gone.service.fd.reset();
+    ASSERT_TRUE(run(std::chrono::seconds(10)));
+    EXPECT_EQ(KEPT_END::BROKEN, client_gone.far->end);
+    drainPrograms();
+    EXPECT_TRUE(service_gone.client.got == service_gone.service.to_send);
+}
+
 TEST_F(KeptTest, ABrokenServiceBreaksTheClient)
 {
     LINK_T &link = open({}, someBytes(100, 1));

@@ -59,6 +59,7 @@ struct LINK_T {
     std::deque<LINE_T> lines; // the newest behind
     unsigned faults = 0;
     unsigned faults_left = 0;
+    unsigned rarity = 1; // one chance of a fault in so many has one
     unsigned carriers = 0;
     Clock::duration quiet{};
     unsigned silences = 0;
@@ -72,6 +73,7 @@ protected:
     {
         link.random.seed(seed);
         link.faults = link.faults_left = below(link, FAULTS_MAX + 1);
+        link.rarity = 5 + below(link, 100);
         SessionKey key{};
         key[0] = static_cast<std::uint8_t>(seed);
         key[1] = static_cast<std::uint8_t>(seed >> 8);
@@ -79,6 +81,11 @@ protected:
         auto [service, far_local] = makePair();
         link.client = {std::move(client), someBytes(link), 0, {}};
         link.service = {std::move(service), someBytes(link), 0, {}};
+        // Little room: what arrives has to wait for the program that reads it.
+        for (const UniqueFd *local : {&near_local, &far_local}) {
+            const int size = 4096;
+            (void)::setsockopt(local->get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+        }
         link.near = &operators.add(SIDE::OPERATOR, key, std::move(near_local),
                                    {.over = [&link](KEPT_SESSION_T &) { ++link.near_ends; }});
         link.far = &keepers.add(SIDE::KEEPER, key, std::move(far_local),
@@ -103,7 +110,7 @@ protected:
 
     static bool fails(LINK_T &link)
     {
-        if (link.faults_left == 0 || below(link, 12) != 0) return false;
+        if (link.faults_left == 0 || below(link, link.rarity) != 0) return false;
         --link.faults_left;
         return true;
     }

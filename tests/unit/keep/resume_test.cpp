@@ -168,14 +168,14 @@ protected:
         const TAKEN taken = takeFrame(bytes, hello, payload);
         if (taken == TAKEN::NONE) return;
         const KEPT_STREAM_T &stream = link.far->stream;
+        const bool is_hello = taken == TAKEN::FRAME && hello.kind == FRAME::HELLO;
         const bool is_over =
             link.far->state == KEPT_STATE::CLOSING || link.far->state == KEPT_STATE::OVER;
-        if (taken == TAKEN::DAMAGED || hello.kind != FRAME::HELLO) {
-            line.near.reset();
-        } else if (is_over) {
+        const bool is_fitting =
+            hello.acknowledged >= stream.outgoing.begin() && hello.acknowledged <= stream.most_sent;
+        if (is_hello && is_over) {
             refuse(link, line);
-        } else if (hello.acknowledged < stream.outgoing.begin() ||
-                   hello.acknowledged > stream.most_sent) {
+        } else if (!is_hello || !is_fitting) {
             line.near.reset();
         } else {
             auto [far, held] = makePair();

@@ -301,6 +301,25 @@ TEST_F(KeptTest, ALostLastMessageIsMissedAfterAWhile)
     EXPECT_EQ(1U, link.lost);
 }
 
+// The end that waits behind unread bytes is not acknowledged: it comes again after a loss.
+TEST_F(KeptTest, AnEndThatWaitsForItsReaderComesAgain)
+{
+    LINK_T &link = open(someBytes(30000, 1), {});
+    const int size = 4096;
+    (void)::setsockopt(link.near->local.get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+    link.client.reads_at_once = 0;
+    connect(link);
+    (void)run(std::chrono::milliseconds(50));
+    ASSERT_TRUE(link.near->stream.has_peer_end);
+    ASSERT_FALSE(link.near->stream.is_peer_end_passed);
+    link.relay.reset();
+    (void)run(std::chrono::milliseconds(50));
+    link.client.reads_at_once = 65536;
+    ASSERT_TRUE(run(std::chrono::seconds(5)));
+    expectSame();
+    EXPECT_EQ(1U, link.lost);
+}
+
 // A reader that stops stops its own session alone, and bounds what waits for it.
 TEST_F(KeptTest, AReaderThatStopsHoldsUpNobodyElse)
 {

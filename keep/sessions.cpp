@@ -8,7 +8,7 @@
 
 namespace keep {
 
-constexpr std::size_t READ_AHEAD = INITIAL_WINDOW;   // of what has not been sent
+constexpr std::size_t READ_AHEAD = INITIAL_WINDOW; // of what has not been sent
 constexpr auto TRIM_TIME = std::chrono::seconds(1);
 constexpr auto WIDE_TIME = std::chrono::seconds(10); // that a wide window stays without bytes
 

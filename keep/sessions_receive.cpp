@@ -176,7 +176,9 @@ const char *KeptSessions::takeKind(KEPT_SESSION_T &session, const FRAME_T &frame
         return takeEnd(stream, frame) ? nullptr : UNEXPECTED;
     case FRAME::RESET:
         // A service that is gone behind its end has been heard out.
-        close(session, stream.is_peer_end_passed ? KEPT_END::WHOLE : KEPT_END::BROKEN,
+        close(session,
+              session.side == SIDE::OPERATOR && stream.is_peer_end_passed ? KEPT_END::WHOLE
+                                                                          : KEPT_END::BROKEN,
               textOf(payload));
         return nullptr;
     case FRAME::DONE:

@@ -262,12 +262,12 @@ fetch_page() {
 outlive_the_line() {
     local proxy="$BIN/remote-access --control $CONTROL connect %h/ssh_localhost"
     local typed shell copy lines=$MATERIAL/lines
-    rm -f "$HOME/copy" "$MATERIAL/typed"
+    rm -f "$HOME/copy" "$MATERIAL/typed" "$lines"
     mkfifo "$MATERIAL/typed"
     printf 'put %s copy\n' "$MATERIAL/original" >"$MATERIAL/batch"
     # shellcheck disable=SC2016 # for the gateway's shell
     timeout $USE_S ssh -o ProxyCommand="$proxy" $DEVICE 'read -r a; echo $a; read -r b; echo $b' \
-        <"$MATERIAL/typed" >"$MATERIAL/answers" 2>"$lines" &
+        <"$MATERIAL/typed" >"$MATERIAL/answers" 2>>"$lines" &
     shell=$!
     exec {typed}>"$MATERIAL/typed"
     echo before >&"$typed"

@@ -43,8 +43,7 @@ TEST(Crc32cTest, LongBytesHaveTheSameValueByBothWays)
     for (std::size_t at = 0; at < bytes.size(); ++at)
         bytes[at] = static_cast<std::uint8_t>((at * 2654435761U) >> 13);
     for (const std::size_t size : {1023U, 3071U, 3072U, 3073U, 6144U, 9300U, 16384U, 20000U})
-        EXPECT_EQ(crc32cByTable(std::span(bytes).first(size)),
-                  crc32c(std::span(bytes).first(size)))
+        EXPECT_EQ(crc32cByTable(std::span(bytes).first(size)), crc32c(std::span(bytes).first(size)))
             << size;
 }
 

@@ -391,13 +391,16 @@ private:
                              }));
     }
 
-    // The library reads on until the client closes too, so that what is under way to it is not lost
-    // to a reset.
+    // The library reads on until the client's close frame. Its TLS then says goodbye too: that must
+    // find the connection open, or a reset overtakes the end that the client has yet to read.
     void sendClose(std::uint16_t code, const std::string &reason)
     {
         socket_->async_close(websocket::close_reason(static_cast<websocket::close_code>(code),
                                                      {reason.data(), reason.size()}),
-                             handler([](SessionSocket &self, const error_code &) { self.shut(); }));
+                             handler([](SessionSocket &self, const error_code &error) {
+                                 if (error) return self.shut();
+                                 self.takeRest();
+                             }));
     }
 
     // The client breaks the protocol of sessions.
@@ -415,6 +418,12 @@ private:
     {
         loss_ = reason;
         state_ = STATE::CLOSING;
+        takeRest();
+    }
+
+    // Until the client closes its side, or the time for that is over.
+    void takeRest()
+    {
         endAfter(limits_.drain_time);
         error_code ignored;
         stream_->next_layer().shutdown(asio::socket_base::shutdown_send, ignored);

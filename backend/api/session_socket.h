@@ -10,9 +10,10 @@
 //            the connection has been closed.
 // Threads    the thread of the io_context.
 // Limits     a client that does not take the end, or does not answer it, is cut off: after
-//            LIMITS_T::stall_time when the session was whole, else after drain_time. Messages of up
-//            to 64 KiB from the client, no compression. It is read only while the session asks, so
-//            that it cannot send more than the device takes.
+//            LIMITS_T::stall_time when the session was whole, else after drain_time. One that has
+//            answered has drain_time to close its connection. Messages of up to 64 KiB from the
+//            client, no compression. It is read only while the session asks, so that it cannot send
+//            more than the device takes.
 // Failure    a client that breaks the protocol is closed with 1002, 1003, 1007, 1008 or 1009; its
 //            session ends with a reason that says so, as when its connection is lost.
 #pragma once

@@ -91,7 +91,7 @@ constexpr Shift PART_SHIFT = makeShift(PART);
 #if defined(__x86_64__)
 bool hasInstruction()
 {
-    return __builtin_cpu_supports("sse4.2") != 0;
+    return static_cast<bool>(__builtin_cpu_supports("sse4.2"));
 }
 
 __attribute__((target("sse4.2"))) std::uint32_t

@@ -80,7 +80,7 @@ private:
     void giveUp(KEPT_SESSION_T &session, const char *why);
     void close(KEPT_SESSION_T &session, KEPT_END how, const std::string &reason);
     void finishIfWhole(KEPT_SESSION_T &session);
-    void closeCarrier(KEPT_SESSION_T &session);
+    static void closeCarrier(KEPT_SESSION_T &session);
     void lookAtTimes(KEPT_SESSION_T &session);
 
     // sessions_receive.cpp
@@ -103,8 +103,8 @@ private:
     bool sendTurn(KEPT_SESSION_T &session);
     std::size_t allowed(KEPT_SESSION_T &session, bool is_fresh);
     std::size_t sendSome(KEPT_SESSION_T &session, std::size_t most);
-    void sendOne(KEPT_SESSION_T &session, FRAME kind, std::span<const std::uint8_t> payload = {},
-                 std::uint8_t flags = 0);
+    static void sendOne(KEPT_SESSION_T &session, FRAME kind,
+                        std::span<const std::uint8_t> payload = {}, std::uint8_t flags = 0);
     void sendAcknowledgements();
     void askForAnswers();
     void ask(KEPT_SESSION_T &session);

@@ -152,7 +152,7 @@ void Keeper::acceptAll()
     }
 }
 
-short Keeper::eventsOf(const INCOMER_T &incomer) const
+short Keeper::eventsOf(const INCOMER_T &incomer)
 {
     return incomer.step == STEP::CONNECTING ? POLLOUT : POLLIN;
 }

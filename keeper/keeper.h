@@ -65,7 +65,7 @@ private:
 
     void acceptAll();
     void turnAway(const char *why);
-    short eventsOf(const INCOMER_T &incomer) const;
+    static short eventsOf(const INCOMER_T &incomer);
     // These return false when the incomer is done with.
     bool serve(INCOMER_T &incomer, short events);
     bool readMore(INCOMER_T &incomer);
@@ -74,7 +74,7 @@ private:
     bool begin(INCOMER_T &incomer);
     bool join(INCOMER_T &incomer, keep::KEPT_SESSION_T &session, const keep::FRAME_T &hello);
     bool connected(INCOMER_T &incomer);
-    bool refuse(INCOMER_T &incomer, keep::REFUSAL refusal, const std::string &text);
+    static bool refuse(INCOMER_T &incomer, keep::REFUSAL refusal, const std::string &text);
     void endKept(const INCOMER_T &incomer);
 
     bool makeRoom();

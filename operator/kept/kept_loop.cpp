@@ -41,7 +41,8 @@ public:
             tasks_.push_back(std::move(task));
         }
         const std::uint64_t one = 1;
-        (void)!::write(wake_.get(), &one, sizeof one); // full: it is awake
+        // Full: it is awake.
+        [[maybe_unused]] const ssize_t written = ::write(wake_.get(), &one, sizeof one);
     }
 
 private:
@@ -58,7 +59,7 @@ private:
     void runTasks()
     {
         std::uint64_t count = 0;
-        (void)!::read(wake_.get(), &count, sizeof count);
+        [[maybe_unused]] const ssize_t got = ::read(wake_.get(), &count, sizeof count);
         std::vector<Task> tasks;
         {
             const std::lock_guard<std::mutex> lock(mutex_);
@@ -78,8 +79,8 @@ private:
 
 void post(std::function<void(keep::KeptSessions &)> task)
 {
-    static Loop *const loop = new Loop; // its thread outlives what exit() tears down
-    loop->post(std::move(task));
+    static Loop *const LOOP = new Loop; // its thread outlives what exit() tears down
+    LOOP->post(std::move(task));
 }
 
 } // namespace kept_loop

@@ -36,6 +36,12 @@ constexpr std::array FINAL_KINDS{"denied", "unauthenticated", "not-found", "bad-
                                  "not-implemented"};
 
 struct KEPT_LINE_T {
+    KEPT_LINE_T(BACK_END_T to, json wanted, seconds answer_time, std::string text)
+        : back_end{std::move(to)},
+          request(std::move(wanted)), time{answer_time}, target{std::move(text)}
+    {
+    }
+
     BACK_END_T back_end;
     json request; // with "keep"
     seconds time;
@@ -316,11 +322,7 @@ private:
 LinePtr makeLine(const BACK_END_T &back_end, const json &request, seconds time,
                  const std::string &target)
 {
-    auto line = std::make_shared<KEPT_LINE_T>();
-    line->back_end = back_end;
-    line->request = request;
-    line->time = time;
-    line->target = target;
+    auto line = std::make_shared<KEPT_LINE_T>(back_end, request, time, target);
     SessionKey key{};
     if (::getrandom(key.data(), key.size(), 0) != static_cast<ssize_t>(key.size()))
         throw std::runtime_error(std::string("no random bytes: ") + std::strerror(errno));

@@ -258,7 +258,8 @@ fetch_page() {
     cmp "$MATERIAL/page" "$MATERIAL/web/index.html"
 }
 
-# A shell and a copy of a few seconds, both by the device's name, with the channel cut in the middle.
+# A shell and a copy of a few seconds, both by the device's name, with the channel cut in the
+# middle.
 outlive_the_line() {
     local proxy="$BIN/remote-access --control $CONTROL connect %h/ssh_localhost"
     local typed shell copy lines=$MATERIAL/lines

@@ -129,7 +129,7 @@ TEST(PaceTest, APieceTakesAtMostATwentiethOfASecond)
 {
     SENDER_T sender;
     sender.run(10);
-    EXPECT_LE(sender.pace.piece(sender.time()), 125000 / 20 * 1.1);
+    EXPECT_LE(sender.pace.piece(sender.time()), 125000.0 / 20 * 1.1);
     EXPECT_GE(sender.pace.piece(sender.time()), PIECE_MIN);
 }
 

@@ -1,6 +1,6 @@
-// Resumptions in orders that chance makes: many short sessions, each on carriers of its own that lose
-// any run of bytes, die for one end before the other, and deliver late. What model/kept_session.pml
-// shows of the rules is looked for in the code here.
+// Resumptions in orders that chance makes: many short sessions, each on carriers of its own that
+// lose any run of bytes, die for one end before the other, and deliver late. What
+// model/kept_session.pml shows of the rules is looked for in the code here.
 #include "keep/carrier.h"
 #include "keep/crc32c.h"
 #include "keep/sessions.h"

@@ -346,7 +346,7 @@ TEST_F(KeptTest, WhileItIsAwayTheServiceIsReadOnlyAsFarAsTheBufferGoes)
     link.relay.reset();
     (void)run(std::chrono::milliseconds(100));
     EXPECT_EQ(KEPT_STATE::AWAY, link.far->state);
-    EXPECT_LE(link.far->stream.outgoing.size(), KEEPER_BUDGET + 2 * INITIAL_WINDOW);
+    EXPECT_LE(link.far->stream.outgoing.size(), KEEPER_BUDGET + std::size_t{2} * INITIAL_WINDOW);
     comes_back = true;
     ASSERT_TRUE(run(std::chrono::seconds(20)));
     expectSame();

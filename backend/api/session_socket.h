@@ -33,7 +33,6 @@ struct LIMITS_T;
 
 constexpr char SESSION_PROTOCOL[] = "remote-access.v1";           // Sec-WebSocket-Protocol
 constexpr char SESSION_NUMBER_HEADER[] = "Remote-Access-Session"; // of the answer
-constexpr char SESSION_KEPT_HEADER[] = "Remote-Access-Kept";      // 1: its bytes go to the keeper
 
 using UpgradeRequest = boost::beast::http::request_header<>;
 
@@ -55,8 +54,7 @@ SessionClientPtr takeSessionClient(const SessionSocketPtr &socket);
 
 // Answers the request: the session with this number is open. Does nothing when the session has
 // ended meanwhile and its door has been told.
-void openSessionSocket(const SessionSocketPtr &socket, const std::string &number,
-                       bool is_kept = false);
+void openSessionSocket(const SessionSocketPtr &socket, const std::string &number);
 
 // lost is called at most once, with the reason, when the connection is lost once the session is
 // open: the session itself may have nothing under way that would tell it.

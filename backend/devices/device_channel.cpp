@@ -2,7 +2,6 @@
 
 #include "backend/net/endpoint.h"
 #include "backend/observe/metrics.h"
-#include "keep/opening.h"
 
 #include <algorithm>
 #include <array>
@@ -466,27 +465,10 @@ void closeDeviceChannel(DEVICE_CHANNEL_T &channel, std::uint16_t code, const std
 
 const SERVICE_T *findService(const DEVICE_CHANNEL_T &channel, const std::string &name)
 {
-    const auto found = std::find_if(
-        channel.services.begin(), channel.services.end(),
-        [&name](const SERVICE_T &service) { return service.name == name && !isKeeper(service); });
+    const auto found =
+        std::find_if(channel.services.begin(), channel.services.end(),
+                     [&name](const SERVICE_T &service) { return service.name == name; });
     return found == channel.services.end() ? nullptr : &*found;
-}
-
-bool isKeeper(const SERVICE_T &service)
-{
-    return service.type == keep::KEEPER_TYPE;
-}
-
-const SERVICE_T *findKeeper(const DEVICE_CHANNEL_T &channel)
-{
-    const auto found = std::find_if(channel.services.begin(), channel.services.end(), isKeeper);
-    return found == channel.services.end() ? nullptr : &*found;
-}
-
-std::size_t countServices(const DEVICE_CHANNEL_T &channel)
-{
-    const auto keepers = std::count_if(channel.services.begin(), channel.services.end(), isKeeper);
-    return channel.services.size() - static_cast<std::size_t>(keepers);
 }
 
 bool makeRoomForStream(DEVICE_CHANNEL_T &channel)

@@ -121,11 +121,7 @@ void askForLife(DEVICE_CHANNEL_T &channel);
 bool isSilent(const DEVICE_CHANNEL_T &channel);
 
 // Null when the device did not announce it.
-// Never the keeper, which is no service of the gateway's but a way to them.
 const SERVICE_T *findService(const DEVICE_CHANNEL_T &channel, const std::string &name);
-bool isKeeper(const SERVICE_T &service);
-const SERVICE_T *findKeeper(const DEVICE_CHANNEL_T &channel);
-std::size_t countServices(const DEVICE_CHANNEL_T &channel);
 
 // Makes room for one more stream: a device takes DEVICE_SESSIONS_MAX, and when they are in use the
 // one that is idle longest is given up. False when the channel has too many already.

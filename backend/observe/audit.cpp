@@ -128,8 +128,6 @@ static AuditMembers sessionMembers(const AUDIT_SESSION_T &session)
     members.emplace_back("from", session.from);
     members.emplace_back("service", session.service);
     if (session.is_shared) members.emplace_back("shared", true);
-    if (!session.kept.empty()) members.emplace_back("kept", session.kept);
-    if (session.is_resumed) members.emplace_back("resumed", true);
     return members;
 }
 

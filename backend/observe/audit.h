@@ -124,9 +124,7 @@ struct AUDIT_SESSION_T {
     std::string who;  // the account
     std::string from; // where: process, local port, peer's address
     std::string service;
-    bool is_shared = false;  // other accounts may use the port that it came through
-    std::string kept = {};   // mark of the kept session that it carries; empty for a plain one
-    bool is_resumed = false; // of a kept one: not the first that carries it
+    bool is_shared = false; // other accounts may use the port that it came through
 };
 
 // The device is asked only after done(true). Every session that has begun needs its end, also after

@@ -32,8 +32,7 @@ static AUDIT_OPEN_T openOf(const std::string &line)
     const auto text = [&parsed](const char *name) { return parsed.value(name, std::string()); };
     const std::string time = text("time");
     return {{text("session"), text("product"), text("device"), text("who"), text("from"),
-             text("service"), parsed.value("shared", false), parsed.value("kept", ""),
-             parsed.value("resumed", false)},
+             text("service"), parsed.value("shared", false)},
             parsed.value("begun", time)};
 }
 

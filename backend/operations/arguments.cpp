@@ -121,20 +121,6 @@ void parseService(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGUME
     parseDevice(operations, who, arguments, request);
 }
 
-void parseConnect(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGUMENTS_T &arguments,
-                  const json &request)
-{
-    const std::string key = optionalText(request, "keep");
-    arguments.is_resumed = flagOf(request, "resume");
-    if (!key.empty() && !keep::parseKey(key, arguments.keep.emplace()))
-        throw OperationFault(
-            FAULT::BAD_REQUEST,
-            "\"keep\" of the request must be 32 hexadecimal digits in small letters");
-    if (key.empty() && arguments.is_resumed)
-        throw OperationFault(FAULT::BAD_REQUEST, "\"resume\" of the request needs a \"keep\"");
-    parseService(operations, who, arguments, request);
-}
-
 void parseAccount(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGUMENTS_T &arguments,
                   const json &request)
 {

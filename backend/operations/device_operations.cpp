@@ -44,8 +44,7 @@ static json deviceJson(const DEVICE_VIEW_T &view)
     if (view.channel) {
         device["peer"] = view.channel->peer;
         device["since"] = view.channel->connected_at;
-        device["keeps"] = findKeeper(*view.channel) != nullptr;
-        device["services"] = countServices(*view.channel);
+        device["services"] = view.channel->services.size();
         device["sessions"] = view.channel->streams.size();
     }
     if (view.record != nullptr) {
@@ -109,8 +108,7 @@ void listServices(OPERATIONS_T &operations, const CallPtr &call)
     if (!channel) throw OperationFault(FAULT::CONFLICT, device.device_name + " is not connected");
     json services = json::array();
     for (const SERVICE_T &service : channel->services) {
-        if (isKeeper(service) ||
-            !decideFor(operations, call->who, RIGHT::LIST, &device, service.name).isAllowed())
+        if (!decideFor(operations, call->who, RIGHT::LIST, &device, service.name).isAllowed())
             continue;
         services.push_back({{"name", service.name},
                             {"type", service.type},

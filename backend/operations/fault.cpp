@@ -14,7 +14,6 @@ constexpr auto KINDS = std::to_array<FAULT_KIND_T>({
     {FAULT::DEVICE_REFUSED, "device-refused", 502, "The device has refused"},
     {FAULT::DEVICE_TIMEOUT, "device-timeout", 504, "The device has not answered"},
     {FAULT::UNAVAILABLE, "unavailable", 503, "Not available"},
-    {FAULT::NO_KEEPER, "no-keeper", 409, "Not possible with this device"},
     {FAULT::NOT_BUILT, "not-implemented", 501, "Not configured"},
 });
 

@@ -18,7 +18,6 @@ enum class FAULT {
     DEVICE_REFUSED,
     DEVICE_TIMEOUT,
     UNAVAILABLE, // what must be recorded cannot be
-    NO_KEEPER,   // this device keeps no sessions; a plain one may be had
     NOT_BUILT,   // this back end has nothing to do it with
 };
 

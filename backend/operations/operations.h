@@ -14,9 +14,7 @@
 //   {"do":"connect","device":D,"service":S}             {"ok":true,"session":"..."}, and when the
 //        session ends {"ended":"REASON","whole":true,"bytes_up":N,"bytes_down":N}
 //        optional: "shared":true and "client":TEXT, for a port of the operator's that serves
-//        others; TEXT is the account that uses it; "keep":KEY for one that is carried to the
-//        device's keeper, and "resume":true when it goes on (docs/keeper.md): "kept":true of the
-//        answer, "final":true of an end that is for good
+//        others; TEXT is the account that uses it
 //   {"do":"disconnect","device":D}                      {"ok":true}
 //        optional: "reason":TEXT
 //   {"do":"open","device":D}, {"do":"close-access","device":D}

@@ -5,7 +5,6 @@
 #include "backend/observe/audit.h"
 #include "backend/observe/events.h"
 #include "backend/observe/log.h"
-#include "backend/sessions/keeper_notice.h"
 #include "backend/sessions/session_table.h"
 
 #include <algorithm>
@@ -84,9 +83,9 @@ static void finishSession(const SessionPtr &session, bool is_whole, bool is_orde
     session->timer.cancel();
     session->longest.reset();
     session->table->backlog -= std::exchange(session->counted, 0);
-    session->client->close({session->end_reason.c_str(), is_whole, session->bytes_up,
-                            session->bytes_down, session->is_final},
-                           is_orderly);
+    session->client->close(
+        {session->end_reason.c_str(), is_whole, session->bytes_up, session->bytes_down},
+        is_orderly);
     leaveChannel(*session, false);
     recordEnd(*session);
     const auto ended = std::exchange(session->origin.ended, nullptr);
@@ -111,14 +110,6 @@ void endSession(const SessionPtr &session, const std::string &reason, bool is_or
             reason.c_str());
     leaveChannel(*session, true);
     finishSession(session, false, is_orderly);
-}
-
-void endSessionForGood(const SessionPtr &session, const std::string &reason)
-{
-    const ChannelPtr channel = session->channel ? session->channel->shared_from_this() : nullptr;
-    session->is_final = session->origin.kept.has_value();
-    endSession(session, reason, false);
-    if (session->is_final && channel) tellKeeper(*channel, *session->origin.kept);
 }
 
 static void armSessionTimer(const SessionPtr &session);
@@ -354,8 +345,7 @@ void openSession(const SessionPtr &session)
         return session->cut("refused: too many clients of this device");
     session->state = SESSION_STATE::OPENING;
     session->requested = std::chrono::steady_clock::now();
-    const SERVICE_T &asked = session->origin.kept ? session->origin.kept->keeper : session->service;
-    if (!requestStream(*session->channel, session, asked))
+    if (!requestStream(*session->channel, session, session->service))
         return session->cut("the device disconnected");
     if (session->state == SESSION_STATE::OPENING) armSessionTimer(session);
 }
@@ -369,7 +359,7 @@ static void limitSession(const SessionPtr &session)
         [weak = std::weak_ptr<SESSION_T>(session)](const error_code &stopped) {
             const SessionPtr over = weak.lock();
             if (!stopped && over)
-                endSessionForGood(over, "the longest session that a grant allows is over");
+                endSession(over, "the longest session that a grant allows is over", false);
         });
 }
 
@@ -380,7 +370,6 @@ void SESSION_T::opened(const std::string &given)
     const SessionPtr self = shared_from_this();
     armSessionTimer(self);
     limitSession(self);
-    if (origin.kept) sendOpening(*channel, token, origin.kept->opening);
     logInfo("session %s opened: %s", number.c_str(), label.c_str());
     if (origin.opened) origin.opened(*this);
     publishSession(*this, EVENT::SESSION_BEGUN);

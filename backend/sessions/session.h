@@ -21,7 +21,6 @@
 #include "backend/devices/protocol.h"
 #include "backend/net/out_message.h"
 #include "backend/sessions/session_client.h"
-#include "keep/opening.h"
 
 #include <chrono>
 #include <cstdint>
@@ -52,12 +51,6 @@ enum class SESSION_STATE {
 
 struct SESSION_T;
 
-// A kept session runs over one session after another with the device's keeper (docs/keeper.md).
-struct KEPT_CARRIER_T {
-    SERVICE_T keeper;        // that is asked for in place of the service
-    keep::OPENING_T opening; // the first bytes
-};
-
 struct CLIENT_T {
     SessionClientPtr stream;
     std::string who;                               // the operator's account
@@ -67,7 +60,6 @@ struct CLIENT_T {
     // Once for each client, also for one whose session is refused. May be empty.
     std::function<void(const SESSION_T &)> ended;
     std::optional<std::chrono::seconds> max_session = std::nullopt; // from when it is open
-    std::optional<KEPT_CARRIER_T> kept = std::nullopt;
 };
 
 struct SESSION_T final : ChannelStream, std::enable_shared_from_this<SESSION_T> {
@@ -120,17 +112,12 @@ struct SESSION_T final : ChannelStream, std::enable_shared_from_this<SESSION_T> 
     std::uint64_t bytes_down = 0; // from the client for the device
     std::string end_reason;       // the first one counts
     bool is_whole = false;        // the client got everything that came from the device
-    bool is_final = false;        // it was ended on purpose
 };
 using SessionPtr = std::shared_ptr<SESSION_T>;
 
 // Ends a session from this side: the device is told, and the client is reset or, when it got all
 // there was, closed.
 void endSession(const SessionPtr &session, const std::string &reason, bool is_orderly);
-
-// The same for one that must not go on: a kept one is not resumed, and its keeper lets the service
-// go.
-void endSessionForGood(const SessionPtr &session, const std::string &reason);
 
 // Asks the device. The session's begin has been recorded.
 void openSession(const SessionPtr &session);

@@ -5,14 +5,10 @@
 #include "backend/observe/uuid.h"
 
 #include <algorithm>
-#include <array>
 #include <memory>
-
-#include <openssl/sha.h>
 
 namespace backend {
 
-constexpr std::size_t KEPT_MARK_SIZE = 16;
 constexpr char AUDIT_UNWRITABLE[] = "the audit cannot be written";
 
 static SessionPtr largestBacklog(const SESSION_TABLE_T &table)
@@ -59,33 +55,16 @@ SessionPtr findSession(const SESSION_TABLE_T &table, const std::string &number)
     return found == table.sessions.end() ? nullptr : found->second.lock();
 }
 
-// The key itself would let its reader resume, had he the operator's name.
-static std::string keptMark(const CLIENT_T &client)
-{
-    if (!client.kept) return {};
-    keep::SessionKey key = client.kept->opening.key;
-    std::array<std::uint8_t, SHA256_DIGEST_LENGTH> hash;
-    SHA256(key.data(), key.size(), hash.data());
-    std::copy_n(hash.begin(), key.size(), key.begin());
-    return keep::keyText(key).substr(0, KEPT_MARK_SIZE);
-}
-
 SessionPtr startSession(const SessionTablePtr &table, DEVICE_CHANNEL_T &channel, CLIENT_T client,
                         const SERVICE_T &service)
 {
     auto session = std::make_shared<SESSION_T>(table, std::move(client), channel, service);
     session->number = newUuid();
     table->sessions.emplace(session->number, session);
-    const AUDIT_SESSION_T about{session->number,
-                                session->device.product_key,
-                                session->device.device_name,
-                                session->origin.who,
-                                session->origin.from,
-                                service.name,
-                                session->origin.is_shared,
-                                keptMark(session->origin),
-                                session->origin.kept &&
-                                    session->origin.kept->opening.kind == keep::OPENING::RESUME};
+    const AUDIT_SESSION_T about{
+        session->number,          session->device.product_key, session->device.device_name,
+        session->origin.who,      session->origin.from,        service.name,
+        session->origin.is_shared};
     // The channel must not go before the session knows that it is closed.
     const auto recorded = [session, held = channel.shared_from_this()](bool is_recorded) {
         if (!is_recorded) return session->cut(AUDIT_UNWRITABLE);

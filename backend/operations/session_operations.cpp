@@ -67,7 +67,8 @@ static void tellKeeper(const OPERATIONS_T &operations, const SESSION_T &session)
     if (channel) tellKeeperOfEnd(*channel, session.origin.kept->opening);
 }
 
-static KEPT_T keepFor(const CALL_T &call, const DEVICE_CHANNEL_T &channel, const SERVICE_T &service)
+static KEEPING_T keepFor(const CALL_T &call, const DEVICE_CHANNEL_T &channel,
+                         const SERVICE_T &service)
 {
     constexpr std::chrono::seconds MOST{std::numeric_limits<std::uint32_t>::max()};
     keep::OPENING_T opening;
@@ -90,7 +91,7 @@ static void start(OPERATIONS_T &operations, const CallPtr &call)
     const SERVICE_T *service = findService(*channel, wanted.service);
     if (service == nullptr)
         throw OperationFault(FAULT::NOT_FOUND, noSuchService(*wanted.device, wanted.service));
-    std::optional<KEPT_T> kept;
+    std::optional<KEEPING_T> kept;
     if (wanted.keep) kept = keepFor(*call, *channel, *service);
     SessionClientPtr stream = call->take_client();
     if (!stream)

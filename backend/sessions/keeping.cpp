@@ -32,8 +32,8 @@ static std::string markOf(const keep::SessionKey &key)
     return mark;
 }
 
-std::optional<KEPT_T> keepService(const DEVICE_CHANNEL_T &channel, const SERVICE_T &service,
-                                  keep::OPENING_T opening)
+std::optional<KEEPING_T> keepService(const DEVICE_CHANNEL_T &channel, const SERVICE_T &service,
+                                     keep::OPENING_T opening)
 {
     if (!channel.keeper) return std::nullopt;
     for (const std::string *text : {&service.type, &service.name, &service.ip})
@@ -43,7 +43,7 @@ std::optional<KEPT_T> keepService(const DEVICE_CHANNEL_T &channel, const SERVICE
     opening.service = {service.type, service.name, service.ip,
                        static_cast<std::uint16_t>(service.port)};
     std::string mark = markOf(opening.key);
-    return KEPT_T{*channel.keeper, std::move(opening), std::move(mark)};
+    return KEEPING_T{*channel.keeper, std::move(opening), std::move(mark)};
 }
 
 OutMessagePtr openingMessage(const keep::OPENING_T &opening)

@@ -16,7 +16,7 @@ namespace backend {
 struct DEVICE_CHANNEL_T;
 
 // What makes a session a kept one.
-struct KEPT_T {
+struct KEEPING_T {
     SERVICE_T keeper; // where it goes instead of its service
     keep::OPENING_T opening;
     std::string
@@ -30,8 +30,8 @@ struct KEPT_T {
 // Nothing when the device has no keeper, or announces the service by texts that find no room in an
 // opening. max_session is rounded to what an opening can say. Throws std::runtime_error when the
 // cryptographic library refuses.
-std::optional<KEPT_T> keepService(const DEVICE_CHANNEL_T &channel, const SERVICE_T &service,
-                                  keep::OPENING_T opening);
+std::optional<KEEPING_T> keepService(const DEVICE_CHANNEL_T &channel, const SERVICE_T &service,
+                                     keep::OPENING_T opening);
 
 OutMessagePtr openingMessage(const keep::OPENING_T &opening);
 

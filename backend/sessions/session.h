@@ -61,7 +61,7 @@ struct CLIENT_T {
     // Once for each client, also for one whose session is refused. May be empty.
     std::function<void(const SESSION_T &)> ended;
     std::optional<std::chrono::seconds> max_session = std::nullopt; // from when it is open
-    std::optional<KEPT_T> kept = std::nullopt;
+    std::optional<KEEPING_T> kept = std::nullopt;
 };
 
 struct SESSION_T final : ChannelStream, std::enable_shared_from_this<SESSION_T> {

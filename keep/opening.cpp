@@ -18,7 +18,9 @@ constexpr std::size_t KEY_AT = 8;
 constexpr std::size_t LONGEST_AT = 24;
 constexpr std::size_t TEXTS_AT = 28;
 constexpr std::size_t CRC_SIZE = 4;
-constexpr std::size_t TEXT_MAX = 255;
+// Three texts with their lengths, the port, and the operator with its length.
+static_assert(TEXTS_AT + 3 * (1 + SERVICE_TEXT_MAX) + 2 + 1 + OPERATOR_MAX + CRC_SIZE <=
+              OPENING_MAX);
 
 template <class Number> void append(std::vector<std::uint8_t> &bytes, Number number)
 {
@@ -62,7 +64,7 @@ std::vector<std::uint8_t> buildOpening(const OPENING_T &opening)
     append(bytes, opening.longest_s);
     for (const std::string *text :
          {&opening.service.type, &opening.service.name, &opening.service.ip})
-        appendText(bytes, *text, (OPENING_MAX - OPERATOR_MAX - TEXTS_AT) / 4);
+        appendText(bytes, *text, SERVICE_TEXT_MAX);
     append(bytes, opening.service.port);
     appendText(bytes, opening.who, OPERATOR_MAX);
     writeNumber(bytes.data() + SIZE_AT, static_cast<std::uint16_t>(bytes.size() + CRC_SIZE));

@@ -15,10 +15,11 @@
 namespace keep {
 
 constexpr std::uint8_t OPENING_VERSION = 1;
-constexpr char KEEPER_TYPE[] = "KEEPER";  // of the keeper's own entry in the list of services
-constexpr std::size_t OPENING_PREFIX = 8; // enough to know the length
-constexpr std::size_t OPENING_MAX = 512;  // bytes of a whole one
-constexpr std::size_t OPERATOR_MAX = 255; // bytes of an operator's name; more is cut
+constexpr char KEEPER_TYPE[] = "KEEPER";     // of the keeper's own entry in the list of services
+constexpr std::size_t OPENING_PREFIX = 8;    // enough to know the length
+constexpr std::size_t OPENING_MAX = 512;     // bytes of a whole one
+constexpr std::size_t OPERATOR_MAX = 255;    // bytes of an operator's name; more is cut
+constexpr std::size_t SERVICE_TEXT_MAX = 73; // bytes of each of a service's texts
 constexpr std::size_t KEY_SIZE = 16;
 
 using SessionKey = std::array<std::uint8_t, KEY_SIZE>;

@@ -48,7 +48,8 @@ static void runConnect(const ConnectionPtr &connection, const SessionSocketPtr &
         guarded(connection, [socket](const ConnectionPtr &held, const json &answer, bool is_last) {
             if (!is_last) {
                 held->is_handed_over = true;
-                return openSessionSocket(socket, answer.value("session", ""));
+                return openSessionSocket(socket, answer.value("session", ""),
+                                         answer.value("kept", false));
             }
             if (!held->is_handed_over) sendReply(held, operationReply(answer));
         });

@@ -24,6 +24,8 @@ constexpr std::array DEVICES_QUERY{
 constexpr std::array CAN_QUERY{MEMBER_T{"device", MEMBER::TEXT, true},
                                MEMBER_T{"service", MEMBER::TEXT, false},
                                MEMBER_T{"verb", MEMBER::TEXT, false}};
+constexpr std::array CONNECT_QUERY{MEMBER_T{"keep", MEMBER::TEXT, false},
+                                   MEMBER_T{"resume", MEMBER::FLAG, false}};
 constexpr std::array VERIFY_BODY{MEMBER_T{"user", MEMBER::TEXT, true},
                                  MEMBER_T{"password", MEMBER::TEXT, true}};
 constexpr std::array REASON_BODY{MEMBER_T{"reason", MEMBER::TEXT, false}};
@@ -46,7 +48,7 @@ constexpr auto ROUTES = std::to_array<ROUTE_T>({
      "/devices/{device}/services/{service}/connect",
      "connect",
      SERVES::CONNECT,
-     {},
+     CONNECT_QUERY,
      {},
      false},
     {"POST", "/devices/{device}/verify", "verify", OPERATION, {}, VERIFY_BODY, false},
@@ -216,6 +218,12 @@ static std::optional<REFUSAL_T> takeQuery(const ROUTE_T &route, const TARGET_PAR
             request[name] = value;
             continue;
         }
+        if (member->kind == MEMBER::FLAG) {
+            if (value != "true" && value != "false")
+                return bad("\"" + name + "\" is neither true nor false");
+            request[name] = value == "true";
+            continue;
+        }
         std::uint32_t number = 0;
         const char *const end = value.data() + value.size();
         const auto [stop, error] = std::from_chars(value.data(), end, number);
@@ -234,6 +242,8 @@ static bool isOfKind(const json &value, MEMBER kind)
         return value.is_string();
     case MEMBER::NUMBER:
         return value.is_number_unsigned();
+    case MEMBER::FLAG:
+        return value.is_boolean();
     case MEMBER::TEXTS:
         return value.is_array() && std::all_of(value.begin(), value.end(),
                                                [](const json &text) { return text.is_string(); });

@@ -25,7 +25,7 @@ enum class SERVES {
     CONNECT,
 };
 
-enum class MEMBER { TEXT, NUMBER, TEXTS };
+enum class MEMBER { TEXT, NUMBER, TEXTS, FLAG };
 
 struct MEMBER_T {
     const char *name;

@@ -29,12 +29,12 @@ static std::string cutText(std::string text, std::size_t size)
 END_FRAMES_T endFrames(const SESSION_END_T &end)
 {
     // A reason may hold what a device sends.
-    const std::string text = json{
-        {"ended", end.reason},
-        {"whole", end.is_whole},
-        {"bytes_up", end.bytes_up},
-        {"bytes_down",
-         end.bytes_down}}.dump(-1, ' ', false, json::error_handler_t::replace);
+    json frame = {{"ended", end.reason},
+                  {"whole", end.is_whole},
+                  {"bytes_up", end.bytes_up},
+                  {"bytes_down", end.bytes_down}};
+    if (end.is_final) frame["final"] = true;
+    const std::string text = frame.dump(-1, ' ', false, json::error_handler_t::replace);
     return {text, end.is_whole ? CLOSE_WHOLE : CLOSE_NOT_WHOLE,
             cutText(json::parse(text).value("ended", ""), CLOSE_REASON_MAX)};
 }

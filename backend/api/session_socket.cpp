@@ -121,14 +121,14 @@ public:
         return !std::exchange(is_taken_, true);
     }
 
-    void open(const std::string &number)
+    void open(const std::string &number, bool is_kept)
     {
         if (state_ != STATE::WAITING) return;
         state_ = STATE::ACCEPTING;
         endAfter(limits_.stall_time);
         socket_.emplace(*stream_);
         setPeerOptions(stream_->next_layer());
-        setSocketOptions(number);
+        setSocketOptions(number, is_kept);
         socket_->async_accept(
             http::request<http::empty_body>(std::move(request_)),
             handler([](SessionSocket &self, const error_code &error) { self.accepted(error); }));
@@ -201,13 +201,14 @@ private:
         Done done;
     };
 
-    void setSocketOptions(const std::string &number)
+    void setSocketOptions(const std::string &number, bool is_kept)
     {
         const bool is_offered = offers(request_, SESSION_PROTOCOL);
         socket_->set_option(websocket::stream_base::decorator(
-            [number, is_offered](websocket::response_type &response) {
+            [number, is_kept, is_offered](websocket::response_type &response) {
                 response.set(http::field::server, "remote_access_backend");
                 response.set(SESSION_NUMBER_HEADER, number);
+                if (is_kept) response.set(SESSION_KEPT_HEADER, "1");
                 if (is_offered) response.set(http::field::sec_websocket_protocol, SESSION_PROTOCOL);
             }));
         // The library would take a client for dead whose pongs are not read.
@@ -522,9 +523,9 @@ void whenLost(SessionSocket &socket, std::function<void(const char *reason)> los
     socket.whenLost(std::move(lost));
 }
 
-void openSessionSocket(const SessionSocketPtr &socket, const std::string &number)
+void openSessionSocket(const SessionSocketPtr &socket, const std::string &number, bool is_kept)
 {
-    socket->open(number);
+    socket->open(number, is_kept);
 }
 
 } // namespace backend

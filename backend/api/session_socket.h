@@ -2,7 +2,8 @@
 // bytes, their borders mean nothing; text frames are JSON:
 //   client: {"end":"sending"}                                        no bytes follow from it
 //   server: {"ended":REASON,"whole":true,"bytes_up":N,"bytes_down":N} and then a close frame with
-//           1000 when the session is whole, else 4000, and the reason's first 123 bytes
+//           1000 when the session is whole, else 4000, and the reason's first 123 bytes;
+//           "final":true when a kept session cannot be resumed
 // Course     the door makes it from a parsed request and gives its client to the operation
 //            "connect". Once that has a number, openSessionSocket answers 101. Until then, and when
 //            the session is refused, nothing touches the connection: the door answers.
@@ -33,6 +34,7 @@ struct LIMITS_T;
 
 constexpr char SESSION_PROTOCOL[] = "remote-access.v1";           // Sec-WebSocket-Protocol
 constexpr char SESSION_NUMBER_HEADER[] = "Remote-Access-Session"; // of the answer
+constexpr char SESSION_KEPT_HEADER[] = "Remote-Access-Kept";      // "1", of a kept one
 
 using UpgradeRequest = boost::beast::http::request_header<>;
 
@@ -54,7 +56,7 @@ SessionClientPtr takeSessionClient(const SessionSocketPtr &socket);
 
 // Answers the request: the session with this number is open. Does nothing when the session has
 // ended meanwhile and its door has been told.
-void openSessionSocket(const SessionSocketPtr &socket, const std::string &number);
+void openSessionSocket(const SessionSocketPtr &socket, const std::string &number, bool is_kept);
 
 // lost is called at most once, with the reason, when the connection is lost once the session is
 // open: the session itself may have nothing under way that would tell it.

@@ -15,6 +15,11 @@ namespace backend {
 
 class ChannelStream : public RoomWaiter {
 public:
+    // False for what the back end itself has to say to a device.
+    virtual bool isSession() const
+    {
+        return true;
+    }
     // The device has answered: bytes flow from now on.
     virtual void opened(const std::string &token) = 0;
     virtual void received(std::span<const std::uint8_t> bytes) = 0;

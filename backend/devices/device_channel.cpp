@@ -2,6 +2,7 @@
 
 #include "backend/net/endpoint.h"
 #include "backend/observe/metrics.h"
+#include "keep/opening.h"
 
 #include <algorithm>
 #include <array>
@@ -339,6 +340,18 @@ static void refuseDevice(DEVICE_CHANNEL_T &channel, const HANDSHAKE_RESULT_T &re
     }
 }
 
+// A keeper is no service like others: only the back end itself goes there.
+static void takeServices(DEVICE_CHANNEL_T &channel, std::vector<SERVICE_T> announced)
+{
+    const auto is_keeper = [](const SERVICE_T &service) {
+        return service.type == keep::KEEPER_TYPE;
+    };
+    const auto first = std::find_if(announced.begin(), announced.end(), is_keeper);
+    if (first != announced.end()) channel.keeper = *first;
+    std::erase_if(announced, is_keeper);
+    channel.services = std::move(announced);
+}
+
 static void finishHandshake(const ChannelPtr &channel, HANDSHAKE_RESULT_T result)
 {
     if (channel->state != CHANNEL_STATE::CHECKING) return; // gone meanwhile
@@ -347,7 +360,7 @@ static void finishHandshake(const ChannelPtr &channel, HANDSHAKE_RESULT_T result
         return readNext(*channel);
     }
     channel->device = std::move(result.device);
-    channel->services = std::move(result.services);
+    takeServices(*channel, std::move(result.services));
     channel->proved_secret = std::move(result.proved_secret);
     channel->state = CHANNEL_STATE::CONNECTED;
     channel->connected_at = time(nullptr);
@@ -469,6 +482,13 @@ const SERVICE_T *findService(const DEVICE_CHANNEL_T &channel, const std::string 
         std::find_if(channel.services.begin(), channel.services.end(),
                      [&name](const SERVICE_T &service) { return service.name == name; });
     return found == channel.services.end() ? nullptr : &*found;
+}
+
+std::size_t countSessions(const DEVICE_CHANNEL_T &channel)
+{
+    return static_cast<std::size_t>(
+        std::count_if(channel.streams.begin(), channel.streams.end(),
+                      [](const auto &entry) { return entry.second->isSession(); }));
 }
 
 bool makeRoomForStream(DEVICE_CHANNEL_T &channel)

@@ -86,9 +86,10 @@ struct DEVICE_CHANNEL_T : std::enable_shared_from_this<DEVICE_CHANNEL_T> {
     CHANNEL_STATE state = CHANNEL_STATE::HANDSHAKE;
     std::string peer; // address and port
     DEVICE_KEY_T device;
-    std::vector<SERVICE_T> services;
-    std::time_t connected_at = 0; // 0: its handshake was not accepted
-    std::string proved_secret;    // that its handshake was signed with
+    std::vector<SERVICE_T> services; // without keepers
+    std::optional<SERVICE_T> keeper; // the first; operators do not get to see it
+    std::time_t connected_at = 0;    // 0: its handshake was not accepted
+    std::string proved_secret;       // that its handshake was signed with
 
     SEND_QUEUE_T outgoing{limits};
 
@@ -122,6 +123,9 @@ bool isSilent(const DEVICE_CHANNEL_T &channel);
 
 // Null when the device did not announce it.
 const SERVICE_T *findService(const DEVICE_CHANNEL_T &channel, const std::string &name);
+
+// Streams that are sessions of operators.
+std::size_t countSessions(const DEVICE_CHANNEL_T &channel);
 
 // Makes room for one more stream: a device takes DEVICE_SESSIONS_MAX, and when they are in use the
 // one that is idle longest is given up. False when the channel has too many already.

@@ -128,6 +128,8 @@ static AuditMembers sessionMembers(const AUDIT_SESSION_T &session)
     members.emplace_back("from", session.from);
     members.emplace_back("service", session.service);
     if (session.is_shared) members.emplace_back("shared", true);
+    if (!session.kept.empty()) members.emplace_back("kept", session.kept);
+    if (session.is_resumed) members.emplace_back("resumed", true);
     return members;
 }
 
@@ -167,6 +169,7 @@ void auditSessionEnd(const std::string &id, const AUDIT_END_T &end)
     members.emplace_back("bytes_down", end.bytes_down);
     members.emplace_back("whole", end.is_whole);
     members.emplace_back("reason", end.reason);
+    if (end.is_final) members.emplace_back("final", true);
     if (!end.device_session.empty()) members.emplace_back("device_session", end.device_session);
     (void)offerAuditLine(*g_audit->writer, AUDIT_ROOM::ALWAYS,
                          auditMembersText(AUDIT_EVENT::SESSION_END, members), nullptr);

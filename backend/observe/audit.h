@@ -125,6 +125,8 @@ struct AUDIT_SESSION_T {
     std::string from; // where: process, local port, peer's address
     std::string service;
     bool is_shared = false; // other accounts may use the port that it came through
+    std::string kept = {};  // of a kept session: the same for all its carriers, else empty
+    bool is_resumed = false;
 };
 
 // The device is asked only after done(true). Every session that has begun needs its end, also after
@@ -139,6 +141,7 @@ struct AUDIT_END_T {
     bool is_whole = false;        // everything that the device sent has gone to the client
     std::string reason;
     std::string device_session; // the device's own identifier; empty when it has not answered
+    bool is_final = false;      // of a kept session: it cannot be resumed
 };
 
 // Always finds room. Does nothing for a session that has not begun.

@@ -32,7 +32,8 @@ static AUDIT_OPEN_T openOf(const std::string &line)
     const auto text = [&parsed](const char *name) { return parsed.value(name, std::string()); };
     const std::string time = text("time");
     return {{text("session"), text("product"), text("device"), text("who"), text("from"),
-             text("service"), parsed.value("shared", false)},
+             text("service"), parsed.value("shared", false), text("kept"),
+             parsed.value("resumed", false)},
             parsed.value("begun", time)};
 }
 

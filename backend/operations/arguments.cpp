@@ -121,6 +121,19 @@ void parseService(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGUME
     parseDevice(operations, who, arguments, request);
 }
 
+void parseConnect(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGUMENTS_T &arguments,
+                  const json &request)
+{
+    const std::string key = optionalText(request, "keep");
+    if (request.contains("keep") && !keep::parseKey(key, arguments.keep.emplace()))
+        throw OperationFault(FAULT::BAD_REQUEST, "\"keep\" of the request must be 32 hexadecimal "
+                                                 "digits, in lower case");
+    arguments.is_resumed = flagOf(request, "resume");
+    if (arguments.is_resumed && !arguments.keep)
+        throw OperationFault(FAULT::BAD_REQUEST, "\"resume\" of the request needs \"keep\"");
+    parseService(operations, who, arguments, request);
+}
+
 void parseAccount(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGUMENTS_T &arguments,
                   const json &request)
 {

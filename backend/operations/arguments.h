@@ -5,6 +5,7 @@
 #include "backend/device_key.h"
 #include "backend/policy/policy.h"
 #include "backend/ssh/public_key.h"
+#include "keep/opening.h"
 
 #include <cstdint>
 #include <optional>
@@ -31,7 +32,9 @@ struct ARGUMENTS_T {
     std::int64_t days = 0;
     RIGHT right = RIGHT::CONNECT; // that is asked about
     bool is_shared = false;
-    std::vector<PUBLIC_KEY_T> host_keys; // one of a type
+    std::optional<keep::SessionKey> keep; // of a session that is to be kept
+    bool is_resumed = false;              // it has begun already
+    std::vector<PUBLIC_KEY_T> host_keys;  // one of a type
     PUBLIC_KEY_T public_key;
     // Of a list
     std::string pattern; // shell pattern; empty: all
@@ -56,6 +59,8 @@ void parseDevice(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGUMEN
 void parseDisconnect(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGUMENTS_T &arguments,
                      const nlohmann::json &request);
 void parseService(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGUMENTS_T &arguments,
+                  const nlohmann::json &request);
+void parseConnect(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGUMENTS_T &arguments,
                   const nlohmann::json &request);
 void parseAccount(const OPERATIONS_T &operations, const PRINCIPAL_T &who, ARGUMENTS_T &arguments,
                   const nlohmann::json &request);

@@ -45,7 +45,7 @@ static json deviceJson(const DEVICE_VIEW_T &view)
         device["peer"] = view.channel->peer;
         device["since"] = view.channel->connected_at;
         device["services"] = view.channel->services.size();
-        device["sessions"] = view.channel->streams.size();
+        device["sessions"] = countSessions(*view.channel);
     }
     if (view.record != nullptr) {
         device["last_seen"] = view.record->last_seen_ms / 1000;
@@ -98,6 +98,7 @@ void showDevice(OPERATIONS_T &operations, const CallPtr &call)
     if (!view)
         throw OperationFault(FAULT::NOT_FOUND, noSuchDevice(call->arguments.device->device_name));
     json device = deviceJson(*view);
+    if (view->channel && view->channel->keeper) device["keeps"] = true;
     call->answer({{"ok", true}, {"device", std::move(device)}}, true);
 }
 
@@ -115,7 +116,9 @@ void listServices(OPERATIONS_T &operations, const CallPtr &call)
                             {"ip", service.ip},
                             {"port", service.port}});
     }
-    call->answer({{"ok", true}, {"services", std::move(services)}}, true);
+    json answer = {{"ok", true}, {"services", std::move(services)}};
+    if (channel->keeper) answer["keeps"] = true;
+    call->answer(answer, true);
 }
 
 void verifyAccount(OPERATIONS_T &operations, const CallPtr &call)

@@ -10,6 +10,7 @@ constexpr auto KINDS = std::to_array<FAULT_KIND_T>({
     {FAULT::DENIED, "denied", 403, "Denied"},
     {FAULT::NOT_FOUND, "not-found", 404, "Not found"},
     {FAULT::CONFLICT, "conflict", 409, "Not possible now"},
+    {FAULT::NO_KEEPER, "no-keeper", 409, "The device keeps no sessions"},
     {FAULT::TOO_MANY, "too-many", 429, "Too many requests"},
     {FAULT::DEVICE_REFUSED, "device-refused", 502, "The device has refused"},
     {FAULT::DEVICE_TIMEOUT, "device-timeout", 504, "The device has not answered"},

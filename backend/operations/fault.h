@@ -14,6 +14,7 @@ enum class FAULT {
     DENIED,
     NOT_FOUND, // or must not be known
     CONFLICT,  // not in this state: the device is away
+    NO_KEEPER, // it keeps no sessions; a plain one can be had
     TOO_MANY,
     DEVICE_REFUSED,
     DEVICE_TIMEOUT,

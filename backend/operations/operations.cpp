@@ -62,7 +62,7 @@ constexpr auto OPERATIONS = std::to_array<OPERATION_T>({
     {"whoami", parseNothing, std::nullopt, std::nullopt, showOperator},
     {"can", parseQuestion, std::nullopt, std::nullopt, answerQuestion},
     {"verify", parseAccount, RIGHT::VERIFY, AUDIT_EVENT::ACCOUNT_CHECK, verifyAccount},
-    {"connect", parseService, RIGHT::CONNECT, std::nullopt, connectClient},
+    {"connect", parseConnect, RIGHT::CONNECT, std::nullopt, connectClient},
     {"disconnect", parseDisconnect, RIGHT::MANAGE, AUDIT_EVENT::DEVICE_DISCONNECT,
      disconnectDevice},
     {"open", parseDevice, RIGHT::OPEN, std::nullopt, switchAccess},

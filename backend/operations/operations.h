@@ -14,7 +14,10 @@
 //   {"do":"connect","device":D,"service":S}             {"ok":true,"session":"..."}, and when the
 //        session ends {"ended":"REASON","whole":true,"bytes_up":N,"bytes_down":N}
 //        optional: "shared":true and "client":TEXT, for a port of the operator's that serves
-//        others; TEXT is the account that uses it
+//        others; TEXT is the account that uses it. "keep":KEY of 32 hexadecimal digits for a
+//        session that its ends keep over the loss of its line, and "resume":true for another line
+//        of it: then the first answer has "kept":true, and "final":true stands in the last one
+//        when it cannot be resumed. docs/keeper.md has the rest
 //   {"do":"disconnect","device":D}                      {"ok":true}
 //        optional: "reason":TEXT
 //   {"do":"open","device":D}, {"do":"close-access","device":D}

@@ -24,11 +24,11 @@ void endForbiddenSessions(const OPERATIONS_T &operations)
         const SessionPtr session = owner.session.lock();
         if (!session || session->state == SESSION_STATE::CLOSED) continue;
         if (!isStillProved(operations, owner.who)) {
-            endSession(session, "what its operator had proved does not hold any more", false);
+            endForGood(session, "what its operator had proved does not hold any more");
         } else if (!decideFor(operations, owner.who, RIGHT::CONNECT, &session->device,
                               session->service.name)
                         .isAllowed()) {
-            endSession(session, "no grant allows it any more", false);
+            endForGood(session, "no grant allows it any more");
         }
     }
 }

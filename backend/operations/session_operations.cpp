@@ -1,6 +1,9 @@
 #include "backend/operations/access.h"
 #include "backend/operations/verbs.h"
 
+#include <algorithm>
+#include <limits>
+
 #include <nlohmann/json.hpp>
 
 namespace backend {
@@ -16,16 +19,21 @@ void listSessions(OPERATIONS_T &operations, const CallPtr &call)
         if (!decideFor(operations, call->who, RIGHT::LIST, &session->device, session->service.name)
                  .isAllowed())
             continue;
-        sessions.push_back({{"session", number},
-                            {"product", session->device.product_key},
-                            {"device", session->device.device_name},
-                            {"service", session->service.name},
-                            {"who", session->origin.who},
-                            {"from", session->origin.from},
-                            {"shared", session->origin.is_shared},
-                            {"since", session->asked_at},
-                            {"bytes_up", session->bytes_up},
-                            {"bytes_down", session->bytes_down}});
+        json row = {{"session", number},
+                    {"product", session->device.product_key},
+                    {"device", session->device.device_name},
+                    {"service", session->service.name},
+                    {"who", session->origin.who},
+                    {"from", session->origin.from},
+                    {"shared", session->origin.is_shared},
+                    {"since", session->asked_at},
+                    {"bytes_up", session->bytes_up},
+                    {"bytes_down", session->bytes_down}};
+        if (session->origin.kept) {
+            row["kept"] = session->origin.kept->mark;
+            row["resumed"] = session->origin.kept->isResumed();
+        }
+        sessions.push_back(std::move(row));
     }
     call->answer({{"ok", true}, {"sessions", std::move(sessions)}}, true);
 }
@@ -44,11 +52,36 @@ static void tellEnd(const CALL_T &call, const SESSION_T &session)
     if (session.token.empty())
         return refuse(call, auditAccepts() ? FAULT::DEVICE_REFUSED : FAULT::UNAVAILABLE,
                       session.end_reason);
-    call.answer({{"ended", session.end_reason},
-                 {"whole", session.is_whole},
-                 {"bytes_up", session.bytes_up},
-                 {"bytes_down", session.bytes_down}},
-                true);
+    json end = {{"ended", session.end_reason},
+                {"whole", session.is_whole},
+                {"bytes_up", session.bytes_up},
+                {"bytes_down", session.bytes_down}};
+    if (session.is_final) end["final"] = true;
+    call.answer(end, true);
+}
+
+// The session's channel may be another one by now, or the session may be off it already.
+static void tellKeeper(const OPERATIONS_T &operations, const SESSION_T &session)
+{
+    const ChannelPtr channel = findChannel(operations.directory, session.device);
+    if (channel) tellKeeperOfEnd(*channel, session.origin.kept->opening);
+}
+
+static KEEPING_T keepFor(const CALL_T &call, const DEVICE_CHANNEL_T &channel,
+                         const SERVICE_T &service)
+{
+    constexpr std::chrono::seconds MOST{std::numeric_limits<std::uint32_t>::max()};
+    keep::OPENING_T opening;
+    opening.kind = call.arguments.is_resumed ? keep::OPENING::RESUME : keep::OPENING::BEGIN;
+    opening.key = *call.arguments.keep;
+    opening.who = call.who.name;
+    if (call.max_session)
+        opening.longest_s = static_cast<std::uint32_t>(std::min(*call.max_session, MOST).count());
+    const auto kept = keepService(channel, service, std::move(opening));
+    if (!kept)
+        throw OperationFault(FAULT::NO_KEEPER, call.arguments.device->device_name +
+                                                   " cannot keep a session to " + service.name);
+    return *kept;
 }
 
 static void start(OPERATIONS_T &operations, const CallPtr &call)
@@ -58,6 +91,8 @@ static void start(OPERATIONS_T &operations, const CallPtr &call)
     const SERVICE_T *service = findService(*channel, wanted.service);
     if (service == nullptr)
         throw OperationFault(FAULT::NOT_FOUND, noSuchService(*wanted.device, wanted.service));
+    std::optional<KEEPING_T> kept;
+    if (wanted.keep) kept = keepFor(*call, *channel, *service);
     SessionClientPtr stream = call->take_client();
     if (!stream)
         throw OperationFault(FAULT::BAD_REQUEST,
@@ -68,11 +103,17 @@ static void start(OPERATIONS_T &operations, const CallPtr &call)
                     .is_shared = wanted.is_shared,
                     .opened = nullptr,
                     .ended = nullptr,
-                    .max_session = call->max_session};
+                    .max_session = call->max_session,
+                    .kept = std::move(kept)};
     client.opened = [call](const SESSION_T &session) {
-        call->answer({{"ok", true}, {"session", session.number}}, false);
+        json answer = {{"ok", true}, {"session", session.number}};
+        if (session.origin.kept) answer["kept"] = true;
+        call->answer(answer, false);
     };
-    client.ended = [call](const SESSION_T &session) { tellEnd(*call, session); };
+    client.ended = [call, &operations](const SESSION_T &session) {
+        tellEnd(*call, session);
+        if (session.is_final) tellKeeper(operations, session);
+    };
     const SessionPtr session =
         startSession(operations.sessions, *channel, std::move(client), *service);
     call->session = session;
@@ -85,6 +126,7 @@ void connectClient(OPERATIONS_T &operations, const CallPtr &call)
         start(operations, call);
     } catch (const OperationFault &fault) {
         const ARGUMENTS_T &wanted = call->arguments;
+        if (fault.fault == FAULT::NO_KEEPER) throw; // a plain session is asked for next
         auditSessionRefused({"", wanted.device->product_key, wanted.device->device_name,
                              call->who.name, call->who.from, wanted.service},
                             fault.what());
@@ -97,7 +139,7 @@ void closeSession(OPERATIONS_T &operations, const CallPtr &call)
     const SessionPtr session = findSession(*operations.sessions, call->arguments.session);
     if (!session || session->state == SESSION_STATE::CLOSED)
         throw OperationFault(FAULT::NOT_FOUND, noSuchSession(call->arguments.session));
-    endSession(session, "closed by " + call->who.name, false);
+    endForGood(session, "closed by " + call->who.name);
     call->answer({{"ok", true}}, true);
 }
 

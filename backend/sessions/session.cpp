@@ -42,7 +42,7 @@ static std::size_t bufferedBytes(const SESSION_T &session)
 static void recordEnd(const SESSION_T &session)
 {
     auditSessionEnd(session.number, {session.bytes_up, session.bytes_down, session.is_whole,
-                                     session.end_reason, session.token});
+                                     session.end_reason, session.token, session.is_final});
 }
 
 // The end of the back end takes sessions along that still flush: they have their line, too.
@@ -83,9 +83,9 @@ static void finishSession(const SessionPtr &session, bool is_whole, bool is_orde
     session->timer.cancel();
     session->longest.reset();
     session->table->backlog -= std::exchange(session->counted, 0);
-    session->client->close(
-        {session->end_reason.c_str(), is_whole, session->bytes_up, session->bytes_down},
-        is_orderly);
+    session->client->close({session->end_reason.c_str(), is_whole, session->bytes_up,
+                            session->bytes_down, session->is_final},
+                           is_orderly);
     leaveChannel(*session, false);
     recordEnd(*session);
     const auto ended = std::exchange(session->origin.ended, nullptr);
@@ -110,6 +110,13 @@ void endSession(const SessionPtr &session, const std::string &reason, bool is_or
             reason.c_str());
     leaveChannel(*session, true);
     finishSession(session, false, is_orderly);
+}
+
+void endForGood(const SessionPtr &session, const std::string &reason)
+{
+    if (session->state == SESSION_STATE::CLOSED) return;
+    session->is_final = session->origin.kept.has_value();
+    endSession(session, reason, false);
 }
 
 static void armSessionTimer(const SessionPtr &session);
@@ -345,7 +352,8 @@ void openSession(const SessionPtr &session)
         return session->cut("refused: too many clients of this device");
     session->state = SESSION_STATE::OPENING;
     session->requested = std::chrono::steady_clock::now();
-    if (!requestStream(*session->channel, session, session->service))
+    const auto &kept = session->origin.kept;
+    if (!requestStream(*session->channel, session, kept ? kept->keeper : session->service))
         return session->cut("the device disconnected");
     if (session->state == SESSION_STATE::OPENING) armSessionTimer(session);
 }
@@ -359,7 +367,7 @@ static void limitSession(const SessionPtr &session)
         [weak = std::weak_ptr<SESSION_T>(session)](const error_code &stopped) {
             const SessionPtr over = weak.lock();
             if (!stopped && over)
-                endSession(over, "the longest session that a grant allows is over", false);
+                endForGood(over, "the longest session that a grant allows is over");
         });
 }
 
@@ -367,6 +375,8 @@ void SESSION_T::opened(const std::string &given)
 {
     token = given;
     state = SESSION_STATE::OPEN;
+    // Nothing of the client has been read yet, so nothing of it can come before.
+    if (origin.kept) sendStreamData(*channel, token, openingMessage(origin.kept->opening));
     const SessionPtr self = shared_from_this();
     armSessionTimer(self);
     limitSession(self);

@@ -20,6 +20,7 @@
 #include "backend/devices/device_registry.h"
 #include "backend/devices/protocol.h"
 #include "backend/net/out_message.h"
+#include "backend/sessions/keeping.h"
 #include "backend/sessions/session_client.h"
 
 #include <chrono>
@@ -60,6 +61,7 @@ struct CLIENT_T {
     // Once for each client, also for one whose session is refused. May be empty.
     std::function<void(const SESSION_T &)> ended;
     std::optional<std::chrono::seconds> max_session = std::nullopt; // from when it is open
+    std::optional<KEEPING_T> kept = std::nullopt;
 };
 
 struct SESSION_T final : ChannelStream, std::enable_shared_from_this<SESSION_T> {
@@ -112,12 +114,16 @@ struct SESSION_T final : ChannelStream, std::enable_shared_from_this<SESSION_T> 
     std::uint64_t bytes_down = 0; // from the client for the device
     std::string end_reason;       // the first one counts
     bool is_whole = false;        // the client got everything that came from the device
+    bool is_final = false;        // a kept one that cannot be resumed
 };
 using SessionPtr = std::shared_ptr<SESSION_T>;
 
 // Ends a session from this side: the device is told, and the client is reset or, when it got all
 // there was, closed.
 void endSession(const SessionPtr &session, const std::string &reason, bool is_orderly);
+
+// The same, because its operator may not have it any more: a kept one cannot be resumed either.
+void endForGood(const SessionPtr &session, const std::string &reason);
 
 // Asks the device. The session's begin has been recorded.
 void openSession(const SessionPtr &session);

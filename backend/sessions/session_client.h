@@ -29,6 +29,7 @@ struct SESSION_END_T {
     bool is_whole = false;
     std::uint64_t bytes_up = 0;
     std::uint64_t bytes_down = 0;
+    bool is_final = false; // of a kept session: it cannot be resumed
 };
 
 class SessionClient {

@@ -61,10 +61,15 @@ SessionPtr startSession(const SessionTablePtr &table, DEVICE_CHANNEL_T &channel,
     auto session = std::make_shared<SESSION_T>(table, std::move(client), channel, service);
     session->number = newUuid();
     table->sessions.emplace(session->number, session);
-    const AUDIT_SESSION_T about{
-        session->number,          session->device.product_key, session->device.device_name,
-        session->origin.who,      session->origin.from,        service.name,
-        session->origin.is_shared};
+    const AUDIT_SESSION_T about{session->number,
+                                session->device.product_key,
+                                session->device.device_name,
+                                session->origin.who,
+                                session->origin.from,
+                                service.name,
+                                session->origin.is_shared,
+                                session->origin.kept ? session->origin.kept->mark : "",
+                                session->origin.kept && session->origin.kept->isResumed()};
     // The channel must not go before the session knows that it is closed.
     const auto recorded = [session, held = channel.shared_from_this()](bool is_recorded) {
         if (!is_recorded) return session->cut(AUDIT_UNWRITABLE);

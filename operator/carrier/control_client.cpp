@@ -137,10 +137,9 @@ std::optional<json> nextAnswer(CONTROL_CLIENT_T &client, seconds time)
     client.received.erase(0, line + 1);
     if (!answer.is_object()) throw RequestError("the back end's answer is no JSON object", true);
     if (!answer.value("ok", true)) {
-        RequestError refusal(answer.value("error", "refused"), false,
-                             answer.value("kind", "") == "not-implemented");
-        refusal.kind = answer.value("kind", "");
-        throw refusal;
+        const std::string kind = answer.value("kind", "");
+        throw RequestError(answer.value("error", "refused"), false, kind == "not-implemented",
+                           seconds(0), kind);
     }
     return answer;
 }

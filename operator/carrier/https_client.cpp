@@ -208,12 +208,10 @@ void checkAnswer(const HTTPS_CLIENT_T &client, const HTTPS_ANSWER_T &answer)
         if (answer.status == 401) detail = url + ": " + detail + loginHint(client);
         if (!answer.retry_after.empty()) detail += "; try again in " + answer.retry_after + " s";
         const bool is_early = answer.status == TOO_MANY_STATUS;
-        RequestError refusal(
-            detail, false, answer.status == NOT_BUILT_STATUS,
-            std::chrono::seconds(is_early ? std::strtol(answer.retry_after.c_str(), nullptr, 10)
-                                          : 0));
-        refusal.kind = textOf(problem, "kind");
-        throw refusal;
+        throw RequestError(detail, false, answer.status == NOT_BUILT_STATUS,
+                           std::chrono::seconds(
+                               is_early ? std::strtol(answer.retry_after.c_str(), nullptr, 10) : 0),
+                           textOf(problem, "kind"));
     }
     if (answer.status == 401) throw RequestError(url + ": " + status + loginHint(client), false);
     if (answer.status / 100 == 3)

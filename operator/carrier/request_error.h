@@ -4,12 +4,13 @@
 #include <chrono>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 struct RequestError : std::runtime_error {
     RequestError(const std::string &text, bool unreachable, bool not_built = false,
-                 std::chrono::seconds retry = std::chrono::seconds(0))
+                 std::chrono::seconds retry = std::chrono::seconds(0), std::string of = {})
         : std::runtime_error(text), retry_after(retry), is_unreachable(unreachable),
-          is_not_built(not_built)
+          is_not_built(not_built), kind(std::move(of))
     {
     }
     std::chrono::seconds retry_after; // of a refusal that time heals; 0: of any other

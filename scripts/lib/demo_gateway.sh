@@ -15,7 +15,7 @@ readonly TOPICS=/sys/$PRODUCT_KEY/$DEVICE/edge
 readonly WEB_PORT=8080 BROKER_PORT=1883 KEEPER_PORT=4622 # what listens
 readonly SSH_PORT=2022 SFTP_PORT=2023 HTTP_PORT=2080     # the tunnel's ends on the back end's side
 readonly SWITCH_S=5                                      # how long a switch may take
-readonly WATCHED_S=21                                    # longer than a watched thread may be silent
+readonly WATCHED_S=21 # longer than a watched thread may be silent
 readonly MIB=64
 readonly COPY_KBIT=200000 # rate of a copy that is to take some seconds
 readonly LOG_TUNNEL="$LOG/clients.log $LOG/daemon.log $LOG/backend.log"
@@ -51,10 +51,10 @@ write_configuration() {
     (umask 077 && { cat "/tmp/settings/$DEVICE" && echo gw_system_cloud_long_connection=1; } \
         >"$CONFIG/gateway.conf") && cp "$INSTALLED/ca.pem" "$CONFIG/ca.pem" || return 1
     cat >"$CONFIG/remote_terminal.json" <<END
-[{"type":"SSH","name":"ssh_localhost","ip":"127.0.0.1","port":$SSHD_PORT},
+[{"type":"KEEPER","name":"keeper","ip":"127.0.0.1","port":$KEEPER_PORT},
+ {"type":"SSH","name":"ssh_localhost","ip":"127.0.0.1","port":$SSHD_PORT},
  {"type":"SFTP","name":"sftp_localhost","ip":"127.0.0.1","port":$SSHD_PORT},
- {"type":"HTTP","name":"http_localhost","ip":"127.0.0.1","port":$WEB_PORT},
- {"type":"KEEPER","name":"keeper","ip":"127.0.0.1","port":$KEEPER_PORT}]
+ {"type":"HTTP","name":"http_localhost","ip":"127.0.0.1","port":$WEB_PORT}]
 END
     # No SPECIFICATION file: an installation of unknown edition describes itself to the cloud.
     printf '%s' "$VERSION" >"$CONFIG/../VERSION"

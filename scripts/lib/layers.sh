@@ -33,5 +33,9 @@ check_layers() {
             found=1
         done < <(grep -rn '#include "backend/' "backend/$folder")
     done
+    while read -r line; do
+        echo "$line: keep must not include this"
+        found=1
+    done < <(grep -rnE '#include "(backend|operator|keeper|src|platform)/' keep)
     return $found
 }

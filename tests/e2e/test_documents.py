@@ -188,7 +188,7 @@ def test_names_exist():
 def test_every_unit_stands_on_the_map():
     on_map = DOCUMENTS["architecture.md"].partition("## Map")[2].partition("\n## ")[0]
     units = {path.stem for folder in ("src", "common", "utility", "platform", "devgateway", "ctl",
-                                      "operator", "backend")
+                                      "operator", "backend", "keep", "keeper")
              for path in (REPOSITORY / folder).rglob("*.cpp")}
     assert len(units) > 90
     assert not units - set(re.findall(r"`([\w-]+)`", on_map))

@@ -72,6 +72,10 @@ TEST(Routes, BecomeRequestsOfTheControlSocket)
               R"({"device":"d","do":"host-keys","keys":["k"],"service":"s"})");
     EXPECT_EQ(outcome("GET", base + "devices?limit=7&pattern=a+b"),
               R"({"do":"devices","limit":7,"pattern":"a b"})");
+    const std::string connect = base + "devices/d/services/s/connect?";
+    EXPECT_EQ(outcome("GET", connect + "keep=0a&resume=true"),
+              R"({"device":"d","do":"connect","keep":"0a","resume":true,"service":"s"})");
+    EXPECT_EQ(outcome("GET", connect + "keep=0a&resume=1"), "400");
     EXPECT_EQ(outcome("GET", base + "devices?limit=-1"), "400");
     EXPECT_EQ(outcome("GET", base + "devices?limit=4294967296"), "400");
     EXPECT_EQ(outcome("POST", base + "devices/d/verify", R"({"user":"u","password":"p"})"),

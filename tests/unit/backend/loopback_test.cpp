@@ -1,14 +1,19 @@
 #include "backend/net/endpoint.h"
 #include "backend/observe/events.h"
+#include "backend/policy/policy.h"
 #include "backend/server.h"
 #include "backend/sessions/socket_client.h"
+#include "keep/opening.h"
 #include "tests/unit/backend/scripted_device.h"
 
+#include <array>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <ctime>
 #include <future>
 #include <poll.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -61,9 +66,10 @@ protected:
         thread.join();
     }
 
-    ScriptedDevice connectDevice(const std::string &name = "dev1")
+    ScriptedDevice connectDevice(const std::string &name = "dev1", const char *more_services = "")
     {
         ScriptedDevice device(port);
+        device.more_services = more_services;
         device.sendHandshake(name, name == "dev1" ? "secret1" : "secret2", time(nullptr));
         const auto answer = device.receive();
         EXPECT_TRUE(answer && answer->type() == 0 && answer->id() == "msg_id_for_handshake");
@@ -545,4 +551,213 @@ TEST_F(Loopback, OperatorThatTakesNoAnswerIsCutOff)
     boost::asio::write(tool, boost::asio::buffer(std::string("{\"do\":\"devices\"}\n")));
     pollfd closed{tool.native_handle(), 0, 0};
     EXPECT_EQ(poll(&closed, 1, 5000), 1);
+}
+
+// ---- kept sessions
+
+constexpr char KEY[] = "000102030405060708090a0b0c0d0e0f";
+constexpr char KEPT[] = R"("keep":"000102030405060708090a0b0c0d0e0f")";
+constexpr char KEEPER[] =
+    R"(,{"service_type":"KEEPER","service_name":"keeper","service_ip":"127.0.0.1",)"
+    R"("service_port":7007})";
+
+// A tool at the control socket, with the client's end of a session.
+class Tool {
+public:
+    Tool(const std::string &control, const std::string &request)
+    {
+        int ends[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        client = ends[0];
+        EXPECT_EQ(write(client, "early", 5), 5); // before anyone can have read the opening
+        socket_.connect(control);
+        std::string line = "{" + request + "}\n";
+        iovec part{line.data(), line.size()};
+        alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> rights{};
+        msghdr message{};
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        message.msg_control = rights.data();
+        message.msg_controllen = rights.size();
+        cmsghdr *const first = CMSG_FIRSTHDR(&message);
+        first->cmsg_level = SOL_SOCKET;
+        first->cmsg_type = SCM_RIGHTS;
+        first->cmsg_len = CMSG_LEN(sizeof(int));
+        memcpy(CMSG_DATA(first), &ends[1], sizeof(int));
+        EXPECT_EQ(sendmsg(socket_.native_handle(), &message, 0), static_cast<ssize_t>(line.size()));
+        close(ends[1]);
+    }
+    Tool(const Tool &) = delete;
+    Tool &operator=(const Tool &) = delete;
+    ~Tool()
+    {
+        close(client);
+    }
+    // The next answer; null at the deadline.
+    nlohmann::json answer()
+    {
+        std::string line;
+        char byte = 0;
+        while (isReady(socket_.native_handle(), POLLIN) &&
+               recv(socket_.native_handle(), &byte, 1, 0) == 1 && byte != '\n')
+            line += byte;
+        return nlohmann::json::parse(line, nullptr, false);
+    }
+    int client;
+
+private:
+    boost::asio::io_context own_;
+    boost::asio::local::stream_protocol::socket socket_{own_};
+};
+
+class KeptSession : public Loopback {
+protected:
+    void SetUp() override
+    {
+        control = testing::TempDir() + "kept-" + std::to_string(getpid());
+        start();
+    }
+
+    void setPolicy(const std::string &services)
+    {
+        const PolicyPtr policy =
+            parsePolicy(R"({"operators":[{"name":"anna","accounts":[")" + account() +
+                        R"("]}],"grants":[{"name":"all","who":["anna"],"devices":["*"],)"
+                        R"("services":[)" +
+                        services +
+                        R"(],"verbs":["list","connect","close"],)"
+                        R"("max_session":"1h"}]})");
+        std::promise<void> done;
+        boost::asio::post(io, [&] {
+            replacePolicy(server->operations, policy);
+            done.set_value();
+        });
+        done.get_future().wait();
+    }
+
+    static std::string account()
+    {
+        const passwd *const entry = getpwuid(getuid());
+        return entry == nullptr ? "" : entry->pw_name;
+    }
+
+    static keep::OPENING_T openingOf(const MESSAGE_SEEN_T &seen, std::size_t *size = nullptr)
+    {
+        const std::span bytes(reinterpret_cast<const std::uint8_t *>(seen.payload.data()),
+                              seen.payload.size());
+        keep::OPENING_T opening;
+        const std::size_t whole = keep::openingSize(bytes);
+        EXPECT_GT(whole, 0U);
+        if (size != nullptr) *size = whole;
+        EXPECT_EQ(keep::parseOpening(bytes.first(whole), opening), keep::OPENING_FAULT::NONE);
+        return opening;
+    }
+
+    // The device grants the session that is asked of its keeper.
+    static MESSAGE_SEEN_T grantKeeper(ScriptedDevice &device, const std::string &token)
+    {
+        const auto request = device.receive();
+        EXPECT_TRUE(request && request->type() == 4);
+        EXPECT_THAT(request.value_or(MESSAGE_SEEN_T{}).payload, HasSubstr("KEEPER"));
+        grant(device, request ? request->id() : "", token);
+        return device.receive().value_or(MESSAGE_SEEN_T{});
+    }
+
+    nlohmann::json ask(const std::string &request)
+    {
+        return Tool(control, request).answer();
+    }
+
+    std::string connect_ = R"("do":"connect","device":"dev1","service":)";
+};
+
+TEST_F(KeptSession, OpeningComesFirstAndTheEndForGoodIsToldToBothEnds)
+{
+    setPolicy(R"("*")");
+    ScriptedDevice device = connectDevice("dev1", KEEPER);
+    Tool tool(control, connect_ + R"("ssh","resume":true,)" + KEPT);
+    std::size_t size = 0;
+    const MESSAGE_SEEN_T first = grantKeeper(device, "t1");
+    const keep::OPENING_T opening = openingOf(first, &size);
+    EXPECT_EQ(opening.kind, keep::OPENING::RESUME);
+    EXPECT_EQ(keep::keyText(opening.key), KEY);
+    EXPECT_EQ(opening.longest_s, 3600U);
+    EXPECT_EQ(opening.service, (keep::KEPT_SERVICE_T{"SSH", "ssh", "127.0.0.1", 22}));
+    EXPECT_EQ(opening.who, "anna");
+    EXPECT_EQ(first.payload.size(), size);
+    EXPECT_EQ(device.receive().value_or(MESSAGE_SEEN_T{}).payload, "early");
+    EXPECT_EQ(tool.answer().value("kept", false), true);
+    const auto session = ask(R"("do":"sessions")")["sessions"][0];
+    EXPECT_EQ(session.value("service", ""), "ssh");
+    EXPECT_EQ(session.value("kept", ""), "be45cb2605bf36be"); // SHA-256 of the key's bytes
+    EXPECT_EQ(session.value("resumed", false), true);
+
+    setPolicy(R"("other")");
+    expectRelease(device, "t1");
+    EXPECT_EQ(tool.answer().value("final", false), true);
+    const keep::OPENING_T end = openingOf(grantKeeper(device, "t2"));
+    EXPECT_EQ(end.kind, keep::OPENING::END);
+    EXPECT_EQ(end.key, opening.key);
+    EXPECT_EQ(end.service, opening.service);
+    EXPECT_EQ(end.who, "anna");
+    setPolicy(R"("*")");
+    EXPECT_EQ(ask(R"("do":"sessions")")["sessions"].size(), 0U);
+    EXPECT_EQ(ask(R"("do":"device","device":"dev1")")["device"]["sessions"], 0);
+    device.send(5, "r1", "t2", ""); // the keeper closes it
+    EXPECT_EQ(device.receive().value_or(MESSAGE_SEEN_T{}).id(), "r1");
+    expectAlive(device);
+}
+
+TEST_F(KeptSession, LostChannelOrToolIsNoEndForGood)
+{
+    ScriptedDevice device = connectDevice("dev1", KEEPER);
+    Tool tool(control, connect_ + R"("ssh",)" + KEPT);
+    EXPECT_EQ(openingOf(grantKeeper(device, "t1")).kind, keep::OPENING::BEGIN);
+    EXPECT_TRUE(tool.answer().value("kept", false));
+    ScriptedDevice newer = connectDevice("dev1", KEEPER);
+    EXPECT_FALSE(tool.answer().contains("final"));
+    Tool plain(control, connect_ + R"("ssh")");
+    const auto request = newer.receive(); // not for the keeper
+    ASSERT_TRUE(request && request->payload.find("SSH") != std::string::npos);
+    grant(newer, request->id(), "t1");
+    EXPECT_EQ(newer.receive().value_or(MESSAGE_SEEN_T{}).payload, "early");
+    const auto begun = plain.answer();
+    EXPECT_FALSE(begun.contains("kept"));
+    EXPECT_TRUE(ask(R"("do":"close","session":")" + begun.value("session", "") + '"')["ok"]);
+    expectRelease(newer, "t1");
+    EXPECT_FALSE(plain.answer().contains("final"));
+    expectAlive(newer);
+}
+
+TEST_F(KeptSession, RefusalsSayNoMoreThanTheOperatorMayKnow)
+{
+    setPolicy(R"("ssh", "keeper")");
+    const std::string kept = KEPT;
+    const auto check = [&](const std::string &rest, const char *kind) {
+        EXPECT_EQ(ask(connect_ + rest).value("kind", ""), kind) << rest;
+    };
+    {
+        ScriptedDevice device = connectDevice();
+        check(R"("ssh",)" + kept, "no-keeper");
+        check(R"("other",)" + kept, "not-found");
+        EXPECT_FALSE(ask(R"("do":"device","device":"dev1")")["device"].contains("keeps"));
+        setPolicy(R"("other")");
+        check(R"("ssh",)" + kept, "not-found"); // not that there is no keeper
+    }
+    setPolicy(R"("ssh", "keeper")");
+    std::this_thread::sleep_for(50ms);
+    ScriptedDevice device = connectDevice("dev1", KEEPER);
+    check(R"("keeper")", "not-found");
+    check(R"("keeper",)" + kept, "not-found");
+    check(R"("ssh","resume":true)", "bad-request");
+    check(R"("ssh","keep":"0123")", "bad-request");
+    check(R"("ssh","keep":"000102030405060708090A0B0C0D0E0F")", "bad-request");
+    check(R"("ssh","keep":5)", "bad-request");
+    const auto services = ask(R"("do":"services","device":"dev1")");
+    EXPECT_EQ(services["services"].size(), 1U);
+    EXPECT_EQ(services.value("keeps", false), true);
+    const auto shown = ask(R"("do":"device","device":"dev1")")["device"];
+    EXPECT_EQ(shown["services"], 1);
+    EXPECT_EQ(shown.value("keeps", false), true);
+    expectAlive(device); // it was asked nothing
 }

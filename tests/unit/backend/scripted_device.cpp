@@ -147,8 +147,8 @@ void ScriptedDevice::sendHandshake(const std::string &name, const std::string &s
         R"({"uuid": "quorvex_iot","product_key": "pk1","device_name": ")" + name +
         R"(","version":"2.1","IP":"","MAC":"","token":"", "service_meta": [)"
         R"({"service_type":"SSH","service_name":"ssh","service_ip":"127.0.0.1",)"
-        R"("service_port":22}],)"
-        R"("signmethod": "hmacsha256", "sign": ")" +
+        R"("service_port":22})" +
+        more_services + R"(],"signmethod": "hmacsha256", "sign": ")" +
         backend::signHandshake(secret, "quorvex_iot", {"pk1", name}, timestamp) + "\"}";
     std::string text = message(1, "msg_id_for_handshake", "", payload);
     const std::string mark = "\"timestamp\":1";

@@ -60,6 +60,7 @@ public:
     static std::string message(int type, std::string_view id, std::string_view token,
                                std::string_view payload);
     static std::string frame(int opcode, std::string_view bytes);
+    std::string more_services; // ",{...}", behind "ssh" in the handshake
     TcpPeer peer;
     bool has_ended = false; // a close frame or the connection's end was read
 };

@@ -82,10 +82,11 @@ protected:
 
     void open()
     {
-        openSessionSocket(socket, "n1");
+        openSessionSocket(socket, "n1", true);
         runUntil([this] { return is_answered; });
         ASSERT_EQ(client_error, error_code());
         EXPECT_EQ(answer[SESSION_NUMBER_HEADER], "n1");
+        EXPECT_EQ(answer[SESSION_KEPT_HEADER], "1");
         EXPECT_EQ(answer[http::field::sec_websocket_protocol], SESSION_PROTOCOL);
     }
 
@@ -205,14 +206,15 @@ TEST_F(SessionSocketTest, CutOffIsToldBehindTheBytesUnderWay)
     sent = pattern(60000);
     writeSession();
     const std::string reason = std::string(122, 'a') + "\xc3\xa4 and a byte \xff";
-    session->close({reason.c_str(), false, 1, 2}, false);
+    session->close({reason.c_str(), false, 1, 2, true}, false);
     readSession(); // fails at once
     runFor(10ms);
     EXPECT_EQ(read_error, asio::error::operation_aborted);
     readClient();
     runUntil([this] { return isClosed(); });
     EXPECT_EQ(bytes, sent);
-    EXPECT_THAT(texts, HasSubstr("a\xc3\xa4 and a byte \xef\xbf\xbd\",\"whole\":false"));
+    EXPECT_THAT(texts,
+                HasSubstr("a\xc3\xa4 and a byte \xef\xbf\xbd\",\"final\":true,\"whole\":false"));
     EXPECT_EQ(client.reason().code, 4000);
     EXPECT_EQ(client.reason().reason.c_str(), std::string(122, 'a'));
 }
@@ -260,7 +262,7 @@ TEST_F(SessionSocketTest, RefusedSessionLeavesTheConnectionToItsDoor)
     readSession();
     session->close({"the device did not answer", false, 0, 0}, false);
     session.reset();
-    openSessionSocket(socket, "n1");
+    openSessionSocket(socket, "n1", false);
     runFor(10ms);
     EXPECT_EQ(read_error, asio::error::operation_aborted);
     http::response<http::string_body> problem(http::status::gateway_timeout, 11, "no");

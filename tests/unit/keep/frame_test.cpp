@@ -91,9 +91,9 @@ TEST(OpeningTest, EveryDamageIsSeen)
 
 TEST(OpeningTest, ALaterVersionIsToldFromDamage)
 {
-    auto later = buildOpening(anOpening());
+    const auto whole = buildOpening(anOpening());
+    std::vector<std::uint8_t> later(whole.begin(), whole.end() - 4);
     later[4] = 2;
-    later.resize(later.size() - 4);
     const std::uint32_t crc = crc32c(later);
     for (const int shift : {24, 16, 8, 0})
         later.push_back(static_cast<std::uint8_t>(crc >> shift));

@@ -1,9 +1,12 @@
 // The bytes of openings and frames.
+#include "keep/byte_order.h"
 #include "keep/crc32c.h"
 #include "keep/fair_queue.h"
 #include "keep/frame.h"
 #include "keep/opening.h"
 
+#include <algorithm>
+#include <array>
 #include <gtest/gtest.h>
 #include <numeric>
 #include <string_view>
@@ -92,13 +95,13 @@ TEST(OpeningTest, EveryDamageIsSeen)
 TEST(OpeningTest, ALaterVersionIsToldFromDamage)
 {
     const auto whole = buildOpening(anOpening());
-    std::vector<std::uint8_t> later(whole.begin(), whole.end() - 4);
+    const std::size_t inner = whole.size() - 4;
+    std::array<std::uint8_t, OPENING_MAX> later{};
+    std::copy(whole.begin(), whole.end(), later.begin());
     later[4] = 2;
-    const std::uint32_t crc = crc32c(later);
-    for (const int shift : {24, 16, 8, 0})
-        later.push_back(static_cast<std::uint8_t>(crc >> shift));
+    writeNumber(&later[inner], crc32c(std::span(later).first(inner)));
     OPENING_T read;
-    EXPECT_EQ(OPENING_FAULT::NEWER, parseOpening(later, read));
+    EXPECT_EQ(OPENING_FAULT::NEWER, parseOpening(std::span(later).first(whole.size()), read));
 }
 
 TEST(KeyTest, IsHexadecimalOnly)

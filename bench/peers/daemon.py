@@ -2,6 +2,7 @@
 from harness.backend import start_back_end
 from harness.network import free_port
 from harness.sandbox import BIN, Gateway, start_gateways
+from harness.tls import HOST
 from harness.waiting import poll
 
 
@@ -11,9 +12,11 @@ def start(place, level, *options, binaries=BIN):
         place.directory, "gateway", cloud=listen, level=level, authority=place.tls.authority,
         binaries=binaries, system=place.system,
         config={"gw_remoteaccess_trans_timeout": 2000},
+        files={"etc/hosts": f"127.0.0.1 localhost\n{place.far_address} {HOST}\n"},
         services=[{"type": "TCP", "name": "bench", "ip": "127.0.0.1", "port": place.service}])
-    far = start_back_end(gateway, ("127.0.0.1", listen), place.tls.paths(),
-                         *options, ports={"bench": place.operator}, wrapper=place.wrapper)
+    with place.far_side:
+        far = start_back_end(gateway, (place.far_address, listen), place.tls.paths(),
+                             *options, ports={"bench": place.operator}, wrapper=place.wrapper)
     start_gateways([gateway])
     place.keep = gateway  # it ends with its sandbox
     poll(lambda: " connected, services: " in gateway.log_beside("backend"), 20,

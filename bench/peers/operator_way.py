@@ -1,6 +1,6 @@
 """The daemon's way with the operator's tool in front: `remote-access forward`, whose clients'
 sockets go to the back end over its control socket, or whose bytes go over a WebSocket of its
-interface. The far side's figures are the back end's alone."""
+interface. The far side's figures are the back end's alone. `options` are of `forward`."""
 import hashlib
 import json
 
@@ -18,7 +18,7 @@ OPERATORS = {
                 "verbs": ["list", "connect"]}]}
 
 
-def start(place, carrier):
+def start(place, carrier, *options):
     operators = place.write("operators.json", json.dumps(OPERATORS))
     operators.chmod(0o600)
     api, port = free_port(), place.operator
@@ -36,7 +36,8 @@ def start(place, carrier):
         {"default": url, "servers": {url: {"token": TOKEN, "ca": str(authority)}}}))
     servers.chmod(0o600)
     way = {"socket": ("--control", place.directory / "control"), "https": ("--server", url)}
-    place.start("forward", "env", f"XDG_CONFIG_HOME={place.directory}", BIN / "remote-access",
-                *way[carrier], "forward", "dev1/bench", port)
-    place.wait_for_port(port)
+    with place.far_side:
+        place.start("forward", "env", f"XDG_CONFIG_HOME={place.directory}", BIN / "remote-access",
+                    *way[carrier], "forward", *options, "dev1/bench", port)
+        place.wait_for_port(port)
     return pids

@@ -6,8 +6,8 @@ from harness.tls import HOST
 COMMON = """foreground = yes
 pid =
 [way]
-accept = 127.0.0.1:{accept}
-connect = 127.0.0.1:{connect}
+accept = {here}:{accept}
+connect = {there}:{connect}
 """
 GATEWAY = COMMON + "cert = {certificate}\nkey = {key}\n"
 FAR = COMMON + "client = yes\nCAfile = {authority}\nverifyChain = yes\ncheckHost = {host}\n"
@@ -21,7 +21,10 @@ def start(place):
         return pid
 
     between, (certificate, key) = free_port(), place.tls.paths()
-    gateway = proxy("gateway", GATEWAY, accept=between, connect=place.service,
-                    certificate=certificate, key=key)
-    return [gateway], [proxy("far", FAR, accept=place.operator, connect=between, host=HOST,
-                          authority=place.tls.directory / "ca.pem")]
+    gateway = proxy("gateway", GATEWAY, here=place.gateway_address, accept=between,
+                    there="127.0.0.1", connect=place.service, certificate=certificate, key=key)
+    with place.far_side:
+        far = proxy("far", FAR, here="127.0.0.1", accept=place.operator,
+                    there=place.gateway_address, connect=between, host=HOST,
+                    authority=place.tls.directory / "ca.pem")
+    return [gateway], [far]

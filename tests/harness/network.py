@@ -64,11 +64,16 @@ class Namespace:
     def __exit__(self, *_):
         _call(_libc.setns, self._home, _CLONE_NEWNET)
 
+    @property
+    def path(self):
+        """A file that stands for it, for other programs."""
+        return f"/proc/{os.getpid()}/fd/{self._file}"
+
     def join(self, here, there):
         """Lays a veth pair between this process's namespace and this one; each end is given as
         (device, addresses...)."""
         command("ip", "link", "add", here[0], "type", "veth", "peer", "name", there[0], "netns",
-                f"/proc/{os.getpid()}/fd/{self._file}")
+                self.path)
         with self:
             _set_up(*there)
         _set_up(*here)
@@ -78,3 +83,8 @@ def _set_up(device, *addresses):
     for address in addresses:
         command("ip", "address", "add", f"{address}/24", "dev", device)
     command("ip", "link", "set", device, "up")
+
+
+def set_up_tunnel(device, here, there):
+    command("ip", "address", "add", here, "peer", there, "dev", device)
+    command("ip", "link", "set", device, "txqueuelen", 2000, "up")

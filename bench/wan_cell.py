@@ -3,6 +3,7 @@
 Each phase starts everything anew, so that nothing which an earlier one has left in buffers is in
 its way, and so that phases can be measured side by side.
 """
+import math
 import time
 from dataclasses import dataclass
 
@@ -28,7 +29,7 @@ BESIDE = {"alone": None, "up1": ("up", 1), "down1": ("down", 1), "up31": ("up", 
 PHASES = (*BESIDE, "cut")
 CUT_S = 10
 START_LIMIT_S, RECOVERY_LIMIT_S, SETTLED_S = 60, 60, 3
-WARM_UP_S, WARM_UP_RTTS = 3, 6
+WARM_UP_S, WARM_UP_RTTS = 4, 6
 
 
 @dataclass(frozen=True, order=True)
@@ -49,6 +50,7 @@ class Job:
     phase: str
     window_s: float
     patience_s: float
+    congestion: str  # control of all TCP over the line
 
     @property
     def name(self):
@@ -63,8 +65,8 @@ class Rig:
         self.far_side, self.tally, self.job = network.Namespace(), Tally(), job
         cell = job.cell
         # Phases of a cell meet the same line, whichever system they are for.
-        self.line = line.Line(self.far_side, seed=1 + PHASES.index(job.phase), rate=cell.rate,
-                              delay=cell.rtt / 2, loss=cell.loss)
+        self.line = line.Line(self.far_side, job.congestion, seed=1 + PHASES.index(job.phase),
+                              rate=cell.rate, delay=cell.rtt / 2, loss=cell.loss)
         self.place = Place(directory, job.name.replace(" ", ""), certificates,
                            far_side=self.far_side,
                            addresses=(line.GATEWAY_ADDRESS, line.CLOUD_ADDRESS))
@@ -100,7 +102,7 @@ class Rig:
 
 
 def percentile(ordered, share):
-    return ordered[min(len(ordered) - 1, int(share * len(ordered)))]
+    return ordered[math.ceil(share * len(ordered)) - 1]
 
 
 def measure_keystrokes(rig):

@@ -12,17 +12,18 @@ GATEWAY_ADDRESS, CLOUD_ADDRESS = "10.89.0.1", "10.89.0.2"
 
 class Line:
     """From this process's namespace ("up" starts here) to the other one; it ends with close(), or
-    with this process. The same seed draws the same losses for the same packets."""
+    with this process. The same seed draws the same losses for the same packets. TCP over it has
+    this congestion control, whatever the machine's own is."""
 
-    def __init__(self, cloud, seed=1, **settings):
+    def __init__(self, cloud, congestion="cubic", seed=1, **settings):
         self._process = subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", BIN / "line_emulator", "uplink", cloud.path,
              "downlink", str(seed)], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
         self._answer("line_emulator")
         self.set(**settings)
-        network.set_up_tunnel("uplink", GATEWAY_ADDRESS, CLOUD_ADDRESS)
+        _set_up("uplink", GATEWAY_ADDRESS, CLOUD_ADDRESS, congestion)
         with cloud:
-            network.set_up_tunnel("downlink", CLOUD_ADDRESS, GATEWAY_ADDRESS)
+            _set_up("downlink", CLOUD_ADDRESS, GATEWAY_ADDRESS, congestion)
 
     def _answer(self, command):
         answer = self._process.stdout.readline().split()
@@ -50,3 +51,11 @@ class Line:
     def close(self):
         self._process.kill()  # processes forked meanwhile may hold its input open
         self._process.wait()
+
+
+def _set_up(device, here, there, congestion):
+    network.command("ip", "address", "add", here, "peer", there, "dev", device)
+    network.command("ip", "link", "set", device, "txqueuelen", 2000, "up")
+    # Of the route, because a namespace may not choose every congestion control for itself.
+    network.command("ip", "route", "replace", there, "dev", device, "src", here, "congctl",
+                    congestion)

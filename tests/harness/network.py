@@ -83,8 +83,3 @@ def _set_up(device, *addresses):
     for address in addresses:
         command("ip", "address", "add", f"{address}/24", "dev", device)
     command("ip", "link", "set", device, "up")
-
-
-def set_up_tunnel(device, here, there):
-    command("ip", "address", "add", here, "peer", there, "dev", device)
-    command("ip", "link", "set", device, "txqueuelen", 2000, "up")

@@ -17,7 +17,7 @@ import time
 
 fork = multiprocessing.get_context("fork")
 SLOTS = 32
-PATTERN_SIZE = 1 << 22
+PATTERN_SIZE = 1 << 25  # a gap is told from a step back up to half of it
 PATTERN = random.Random(15).randbytes(PATTERN_SIZE) * 2  # twice: a slice never has to wrap
 WINDOW = 24  # bytes that identify a place in the pattern
 BLOCK = 1 << 15

@@ -8,7 +8,6 @@ import time
 from dataclasses import dataclass
 
 from harness import line, network
-from harness.sandbox import BIN
 from harness.tls import Certificates
 
 import wan_ends
@@ -16,13 +15,12 @@ from peers import operator_way, ssh, stunnel
 from place import Place
 from wan_ends import Bulk, Keystrokes, Tally
 
-# Each is a peer's start function and its arguments after the place. Where a keeper is built, the
-# plain session has to be asked for.
-KEEPER = (BIN / "remote_access_keeper").exists()
+# Each starts its peer at a place.
 SYSTEMS = {
-    "plain": (operator_way.start, "socket", *(["--no-keep"] if KEEPER else [])),
-    "ssh -R": (ssh.start,),
-    "stunnel": (stunnel.start,)}
+    "kept": lambda place: operator_way.start(place, "socket", keeper=True),
+    "plain": lambda place: operator_way.start(place, "socket", "--no-keep"),
+    "ssh -R": ssh.start,
+    "stunnel": stunnel.start}
 # The bulk sessions beside the keystrokes: their direction and number.
 BESIDE = {"alone": None, "up1": ("up", 1), "down1": ("down", 1), "up31": ("up", 31),
           "down31": ("down", 31)}
@@ -71,8 +69,7 @@ class Rig:
                            far_side=self.far_side,
                            addresses=(line.GATEWAY_ADDRESS, line.CLOUD_ADDRESS))
         wan_ends.start_service(self.place.service, self.tally)
-        start, *arguments = SYSTEMS[job.system]
-        start(self.place, *arguments)
+        SYSTEMS[job.system](self.place)
         self.keys = self.keystrokes(START_LIMIT_S)
         self.keys.send()
         self.keys.wait_for_rest(START_LIMIT_S)

@@ -1,6 +1,7 @@
 """The daemon's way with the operator's tool in front: `remote-access forward`, whose clients'
 sockets go to the back end over its control socket, or whose bytes go over a WebSocket of its
-interface. The far side's figures are the back end's alone. `options` are of `forward`."""
+interface. The far side's figures are the back end's alone. `options` are of `forward`. With a
+`keeper` the sessions are kept ones."""
 import hashlib
 import json
 
@@ -18,7 +19,7 @@ OPERATORS = {
                 "verbs": ["list", "connect"]}]}
 
 
-def start(place, carrier, *options):
+def start(place, carrier, *options, keeper=False):
     operators = place.write("operators.json", json.dumps(OPERATORS))
     operators.chmod(0o600)
     api, port = free_port(), place.operator
@@ -26,7 +27,7 @@ def start(place, carrier, *options):
     certificate, key = place.tls.paths("address")
     pids = daemon.start(place, 1, "--control", place.directory / "control", "--operators",
                         operators, "--api", f"127.0.0.1:{api}", "--api-cert", certificate,
-                        "--api-key", key, "--api-rate", 1000000)
+                        "--api-key", key, "--api-rate", 1000000, keeper=keeper)
     place.operator = port
     settings = place.directory / "remote-access"
     settings.mkdir(mode=0o700)

@@ -7,7 +7,7 @@ from harness.waiting import poll
 
 
 def start(place, level, *options, binaries=BIN, keeper=False):
-    listen, offers = free_port(), [
+    listen, beside, offers = free_port(), [], [
         {"type": "TCP", "name": "bench", "ip": "127.0.0.1", "port": place.service}]
     if keeper:
         offers += [{"type": "KEEPER", "name": "keeper", "ip": "127.0.0.1", "port": free_port()}]
@@ -18,8 +18,8 @@ def start(place, level, *options, binaries=BIN, keeper=False):
         files={"etc/hosts": f"127.0.0.1 localhost\n{place.far_address} {HOST}\n"},
         services=offers)
     if keeper:
-        gateway.spawn_beside("keeper", BIN / "remote_access_keeper", "--services",
-                             gateway.root / CONFIG_DIR / "remote_terminal.json")
+        beside = [gateway.spawn_beside("keeper", binaries / "remote_access_keeper", "--services",
+                                       gateway.root / CONFIG_DIR / "remote_terminal.json").pid]
         gateway.beside.wait_for_line("keeper", "listening at")
     with place.far_side:
         far = start_back_end(gateway, (place.far_address, listen), place.tls.paths(),
@@ -28,4 +28,4 @@ def start(place, level, *options, binaries=BIN, keeper=False):
     place.keep = gateway  # it ends with its sandbox
     poll(lambda: " connected, services: " in gateway.log_beside("backend"), 20,
          lambda: gateway.log_beside("backend"))
-    return [gateway.daemon.pid], [far.pid]
+    return [gateway.daemon.pid, *beside], [far.pid]

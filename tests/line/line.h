@@ -1,7 +1,7 @@
 // One direction of a line: a queue, a rate behind it, and the way to the other end.
 // Times    nanoseconds of one clock that only goes forward; the caller says what time it is.
-// Order    packets leave in the order in which they came, jitter or not, but for those that are held
-//          back on purpose.
+// Order    packets leave in the order in which they came, jitter or not; except those that are held
+//          back to be overtaken.
 // Threads  one.
 #pragma once
 

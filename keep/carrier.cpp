@@ -20,7 +20,7 @@ READING_T readCarrier(CARRIER_T &carrier, std::span<std::uint8_t> buffer)
     do
         count = ::recv(carrier.fd.get(), room.data(), room.size(), MSG_DONTWAIT);
     while (count < 0 && errno == EINTR);
-    if (count == 0) return {{}, "it was closed"};
+    if (count == 0) return {{}, CARRIER_CLOSED};
     if (count < 0 && errno != EAGAIN) return {{}, "it broke"};
     if (count < 0) count = 0;
     carrier.partial.clear();

@@ -24,6 +24,8 @@ struct CARRIER_T {
     bool is_greeted = false; // HELLO or WELCOME has come
 };
 
+constexpr char CARRIER_CLOSED[] = "it was closed"; // by who carries it
+
 struct READING_T {
     std::span<const std::uint8_t> bytes; // what had come in part, and what has come now
     const char *fault = nullptr;         // the carrier is gone

@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <map>
 #include <mutex>
+#include <string_view>
 #include <sys/random.h>
 #include <sys/socket.h>
 #include <thread>
@@ -104,7 +105,9 @@ void lineLost(const LinePtr &line, const char *why)
                             std::to_string(KEPT_TIME.count() / 60) + " minutes");
     }
     line->is_lost = true;
-    if (line->carrier != nullptr) line->carrier->abandon();
+    // A carrier that was closed ends by itself, and may still have to say why.
+    if (line->carrier != nullptr && why != std::string_view(CARRIER_CLOSED))
+        line->carrier->abandon();
     line->changed.notify_all();
 }
 

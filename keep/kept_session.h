@@ -69,6 +69,8 @@ struct KEPT_SESSION_T {
 
     FLOW_T flow;
     Pace pace;
+    std::size_t shared = 0; // of what is under way: how much counts for all sessions together
+    bool is_silent = false; // nothing of what is under way is acknowledged in time
     BaseTime base;
     std::deque<SENT_MARK_T> marks;
     std::optional<Time> ack_due;

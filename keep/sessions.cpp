@@ -52,12 +52,20 @@ void KeptSessions::attach(KEPT_SESSION_T &session, UniqueFd carrier,
 
 // ---- ends
 
+// What is under way on it is nobody else's concern any more.
+void KeptSessions::leaveShare(KEPT_SESSION_T &session)
+{
+    pace_.lost(session.shared);
+    session.shared = 0;
+}
+
 // why: null when another carrier takes its place.
 void KeptSessions::giveUp(KEPT_SESSION_T &session, const char *why)
 {
     queue_.leave(session);
-    pace_.lost(session.pace.underWay());
+    leaveShare(session);
     session.pace.lost(session.pace.underWay());
+    session.is_silent = false;
     session.marks.clear();
     session.ack_due.reset();
     session.asked_since.reset();
@@ -82,7 +90,7 @@ void KeptSessions::close(KEPT_SESSION_T &session, KEPT_END how, const std::strin
 {
     if (session.state == KEPT_STATE::CLOSING || session.state == KEPT_STATE::OVER) return;
     queue_.leave(session);
-    pace_.lost(session.pace.underWay());
+    leaveShare(session);
     session.pace.lost(session.pace.underWay());
     session.stream.outgoing.dropTo(session.stream.outgoing.end());
     session.stream.incoming.dropTo(session.stream.incoming.end());

@@ -77,6 +77,7 @@ private:
     void flushLocal(KEPT_SESSION_T &session);
     void localBroke(KEPT_SESSION_T &session, int error);
     std::size_t localRoom(const KEPT_SESSION_T &session) const;
+    void leaveShare(KEPT_SESSION_T &session);
     void giveUp(KEPT_SESSION_T &session, const char *why);
     void close(KEPT_SESSION_T &session, KEPT_END how, const std::string &reason);
     void finishIfWhole(KEPT_SESSION_T &session);

@@ -136,10 +136,13 @@ bool KeptSessions::acknowledge(KEPT_SESSION_T &session, const FRAME_T &frame)
     session.heard = now_;
     if (stream.outgoing.begin() > before || stream.limit > limit || stream.is_end_taken)
         session.asked_since.reset();
-    const auto count =
-        std::min<std::uint64_t>(stream.outgoing.begin() - before, session.pace.underWay());
-    session.pace.acknowledged(static_cast<std::size_t>(count));
-    pace_.acknowledged(static_cast<std::size_t>(count));
+    const auto count = static_cast<std::size_t>(
+        std::min<std::uint64_t>(stream.outgoing.begin() - before, session.pace.underWay()));
+    if (count > 0) session.is_silent = false;
+    session.pace.acknowledged(count);
+    const std::size_t shared = std::min(count, session.shared);
+    session.shared -= shared;
+    pace_.acknowledged(shared);
     std::optional<Time> at;
     for (; !session.marks.empty() && session.marks.front().end <= frame.acknowledged;
          session.marks.pop_front())

@@ -16,6 +16,7 @@ constexpr std::uint64_t ACK_AT_ONCE = std::uint64_t{128} * 1024;
 
 bool hasSomething(const KEPT_SESSION_T &session)
 {
+    if (session.is_silent) return false; // more would wait with the rest
     return sendable(session.stream) > 0 || isEndDue(session.stream);
 }
 
@@ -93,6 +94,7 @@ std::size_t KeptSessions::sendSome(KEPT_SESSION_T &session, std::size_t most)
     if (isEndDue(stream)) frames[count++] = {buildHeader(makeEnd(stream)), {}};
     session.ack_due.reset();
     session.pace.sent(bytes);
+    session.shared += bytes;
     pace_.sent(bytes);
     if (session.marks.size() < MARKS_MAX) session.marks.push_back({stream.sent, now_});
     if (!sendFrames(session.carrier, std::span(frames).first(count))) giveUp(session, "it broke");
@@ -146,6 +148,9 @@ void KeptSessions::askForAnswers()
             session->ask_wait = std::max(times_.ask_least, session->base.getOr(Seconds(0)) * 4);
             session->ask_at = now_ + clockTime(session->ask_wait);
         } else if (now_ >= session->ask_at) {
+            // Others on the same line need not wait for what may never arrive.
+            session->is_silent = session->pace.underWay() > 0;
+            leaveShare(*session);
             ask(*session);
         }
         if (now_ - std::max(session->heard, *session->asked_since) >= times_.deaf)

@@ -86,7 +86,10 @@ struct PROGRAM_T {
 
 class KeptTest : public testing::Test {
 protected:
-    KeptTest() : operators{std::size_t{64} << 20, SHORT}, keepers{KEEPER_BUDGET, SHORT} {}
+    explicit KeptTest(const KEPT_TIMES_T &times = SHORT)
+        : operators{std::size_t{64} << 20, times}, keepers{KEEPER_BUDGET, times}
+    {
+    }
 
     // A hundredth of the usual ones.
     static constexpr KEPT_TIMES_T SHORT{Seconds(0.08), Seconds(0.05), Seconds(0.01), Seconds(0.15),
@@ -98,6 +101,7 @@ protected:
         PROGRAM_T client;
         PROGRAM_T service;
         std::unique_ptr<RELAY_T> relay;
+        bool is_held = false; // its relay carries nothing
         unsigned lost = 0;
         bool is_near_over = false;
         bool is_far_over = false;
@@ -164,7 +168,7 @@ protected:
 
     void runRelay(LINK_T &link)
     {
-        if (link.relay)
+        if (link.relay && !link.is_held)
             for (WAY_T &way : link.relay->ways)
                 if (!carry(way)) {
                     link.relay.reset();
@@ -335,6 +339,36 @@ TEST_F(KeptTest, AReaderThatStopsHoldsUpNobodyElse)
     stalled.client.reads_at_once = 65536;
     ASSERT_TRUE(run(std::chrono::seconds(20)));
     expectSame();
+}
+
+class DeafTest : public KeptTest {
+protected:
+    DeafTest() : KeptTest({SHORT.greeting, SHORT.closing, SHORT.ask_least, SHORT.ask_most, LONG}) {}
+
+    static constexpr Seconds LONG{60};
+};
+
+// What is under way on a carrier that has gone silent is in nobody else's way.
+TEST_F(DeafTest, ASilentCarrierHoldsUpNobodyElse)
+{
+    LINK_T &silent = open({}, {});
+    silent.service.keeps_open = silent.client.keeps_open = true;
+    connect(silent);
+    (void)run(std::chrono::milliseconds(20));
+    ASSERT_EQ(KEPT_STATE::RUNNING, silent.far->state);
+    silent.is_held = true;
+    silent.service.to_send = someBytes(400000, 1);
+    (void)run(std::chrono::milliseconds(20));
+    LINK_T &other = open(someBytes(400000, 2), {});
+    connect(other);
+    (void)run(std::chrono::seconds(1));
+    EXPECT_TRUE(other.is_near_over);
+    EXPECT_EQ(KEPT_STATE::RUNNING, silent.far->state);
+    silent.is_held = false;
+    silent.service.keeps_open = silent.client.keeps_open = false;
+    ASSERT_TRUE(run(std::chrono::seconds(20)));
+    expectSame();
+    EXPECT_EQ(0U, silent.lost);
 }
 
 TEST_F(KeptTest, WhileItIsAwayTheServiceIsReadOnlyAsFarAsTheBufferGoes)

@@ -14,8 +14,9 @@ constexpr Seconds EMPTY_WAIT = TARGET_WAIT / 4;
 constexpr Seconds ROUND_MIN{0.005};
 constexpr auto BASE_LIFE = std::chrono::seconds(60);
 constexpr auto PROBE_AFTER = std::chrono::seconds(30);
-constexpr Seconds PROBE_TIME{0.2};   // and a round trip
-constexpr double PROBE_SHARE = 0.75; // of what the line holds
+constexpr auto DOUBT_AFTER = std::chrono::seconds(2); // the last one, when a base is doubted
+constexpr Seconds PROBE_TIME{0.2};                    // and a round trip
+constexpr double PROBE_SHARE = 0.75;                  // of what the line holds
 constexpr double PIECE_UNKNOWN = 1024;
 
 } // namespace
@@ -65,8 +66,9 @@ void Pace::acknowledged(std::size_t count) noexcept
         window_ = std::min(window_ + static_cast<double>(count), WINDOW_MAX);
 }
 
-void Pace::see(Seconds round_trip, Seconds base, Time now) noexcept
+void Pace::see(Seconds round_trip, Seconds base, Seconds least_base, Time now) noexcept
 {
+    least_base_ = least_base;
     // What was sent for the sake of the base found an empty queue, and tells nothing of the window.
     if (now - clockTime(round_trip) < probing_until_) {
         began_.reset();
@@ -103,12 +105,15 @@ void Pace::endRound(Time now) noexcept
     acknowledged_ = 0;
     least_wait_ = NONE;
     began_ = now;
-    if (now - *last_empty_ >= PROBE_AFTER) probe(rate, now);
+    const bool is_doubt_due = is_base_doubted_ && (!probed_ || now - *probed_ >= DOUBT_AFTER);
+    if (is_doubt_due || now - *last_empty_ >= PROBE_AFTER) probe(rate, now);
 }
 
 void Pace::probe(double rate, Time now) noexcept
 {
-    probing_window_ = std::max(WINDOW_MIN, rate * base_.count() * PROBE_SHARE);
+    probing_window_ = std::max(WINDOW_MIN, rate * least_base_.count() * PROBE_SHARE);
+    probed_ = now;
+    is_base_doubted_ = false;
     probing_until_ = now + clockTime(round_trip_ + PROBE_TIME);
     last_empty_ = now;
     began_.reset();

@@ -10,7 +10,8 @@
 // The least wait of a round counts, so that a few late acknowledgements (a retransmission, a busy
 // machine) do not shrink the window. A standing queue would become part of the base in time; so,
 // when it has not been seen empty for PROBE_AFTER, the window is for a moment less than the line
-// itself holds, and the base is seen again.
+// itself holds, and the base is seen again. A session that begins while others fill the queue takes
+// that queue for its base in the same way: doubtBase() has the base seen again soon.
 // Threads  each is one thread's. Times are passed in.
 #pragma once
 
@@ -41,6 +42,10 @@ public:
     void see(Seconds round_trip, Time now) noexcept;
     // unknown: what it is before anything has been seen.
     Seconds getOr(Seconds unknown) const noexcept;
+    bool isKnown() const noexcept
+    {
+        return since_.has_value();
+    }
 
 private:
     Seconds current_{1e9};
@@ -70,8 +75,14 @@ public:
     {
         under_way_ -= count;
     }
-    // What an acknowledgement has shown, once it has been counted.
-    void see(Seconds round_trip, Seconds base, Time now) noexcept;
+    // What an acknowledgement has shown, once it has been counted. least_base: of all who share the
+    // line, as the others' may be too long.
+    void see(Seconds round_trip, Seconds base, Seconds least_base, Time now) noexcept;
+    // Somebody's base may have a queue in it.
+    void doubtBase() noexcept
+    {
+        is_base_doubted_ = true;
+    }
 
     std::size_t underWay() const noexcept
     {
@@ -92,6 +103,8 @@ private:
     std::size_t under_way_ = 0;
     bool is_growing_ = true;
     bool is_short_ = false;
+    bool is_base_doubted_ = false;
+    Seconds least_base_{0};
     Seconds round_trip_{0}; // of the last round, with its wait; 0: not known
 
     // Of this round
@@ -101,6 +114,7 @@ private:
     Seconds base_{0}; // of the least wait
 
     std::optional<Time> last_empty_; // when the queue was seen almost empty
+    std::optional<Time> probed_;
     Time probing_until_{};
     double probing_window_ = 0;
 };

@@ -115,6 +115,7 @@ private:
     std::list<std::unique_ptr<KEPT_SESSION_T>> sessions_;
     FairQueue<KEPT_SESSION_T> queue_;
     Pace pace_;
+    BaseTime base_;           // of the nearest one
     Time now_{};              // of this pass
     std::size_t widened_ = 0; // windows beyond the initial ones
     std::size_t stored_ = 0;  // that the outgoing stores hold beyond KEPT_CAPACITY each

@@ -149,10 +149,12 @@ bool KeptSessions::acknowledge(KEPT_SESSION_T &session, const FRAME_T &frame)
         at = session.marks.front().at;
     if (!at) return true;
     const Seconds round_trip = now_ - *at;
+    if (!session.base.isKnown()) pace_.doubtBase();
     session.base.see(round_trip, now_);
+    base_.see(round_trip, now_);
     const Seconds base = session.base.getOr(round_trip);
-    session.pace.see(round_trip, base, now_);
-    pace_.see(round_trip, base, now_);
+    session.pace.see(round_trip, base, base, now_);
+    pace_.see(round_trip, base, base_.getOr(base), now_);
     return true;
 }
 

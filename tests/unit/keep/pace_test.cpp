@@ -29,6 +29,7 @@ struct LINE_T {
 struct SENDER_T {
     Pace pace;
     BaseTime base;
+    Seconds least{1e9}; // another session's base
     LINE_T line;
     double acknowledged = 0;
     std::vector<double> waits;
@@ -49,7 +50,8 @@ struct SENDER_T {
             acknowledged += static_cast<double>(piece.size);
             const Seconds round_trip(line.now - piece.sent);
             base.see(round_trip, time());
-            pace.see(round_trip, base.getOr(round_trip), time());
+            pace.see(round_trip, base.getOr(round_trip), std::min(base.getOr(round_trip), least),
+                     time());
             waits.push_back(round_trip.count() - line.base);
         }
         const std::size_t piece = pace.piece(time());
@@ -122,6 +124,21 @@ TEST(PaceTest, DoesNotTakeItsOwnQueueForTheLine)
     EXPECT_NEAR(sender.line.base, sender.base.getOr(Seconds(0)).count(), 0.03);
     sender.waits.clear();
     sender.run(30);
+    EXPECT_LT(sender.longestWait(), 0.25);
+}
+
+// It has begun in somebody else's queue, which has gone since.
+TEST(PaceTest, FindsTheBaseOfOneThatBeganInAQueue)
+{
+    SENDER_T sender;
+    sender.line.queued = 0.15 * sender.line.rate;
+    sender.line.rate /= 2; // the half of the line that the others leave
+    sender.least = Seconds(sender.line.base);
+    sender.pace.doubtBase();
+    sender.run(5);
+    EXPECT_NEAR(sender.line.base, sender.base.getOr(Seconds(0)).count(), 0.03);
+    sender.waits.clear();
+    sender.run(10);
     EXPECT_LT(sender.longestWait(), 0.25);
 }
 

@@ -21,7 +21,7 @@ using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::size_t LINKS = 100;
 constexpr unsigned FAULTS_MAX = 8;                       // of one session
-constexpr auto SILENCE = std::chrono::milliseconds(200); // longer than an answer waits
+constexpr auto SILENCE = std::chrono::milliseconds(600); // longer than an answer waits
 constexpr auto STEP_MAX = std::chrono::milliseconds(5);  // a pause of the machine is no silence
 constexpr std::size_t LONGEST = std::size_t{3} * INITIAL_WINDOW;
 

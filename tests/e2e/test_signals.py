@@ -124,6 +124,10 @@ def test_fault_of_the_proxy_thread(daemon):
     with open(f"/proc/{pid}/mem", "r+b", buffering=0) as memory:
         memory.seek(here - library_start("self") + library_start(pid))
         memory.write(FAULTING_CODE[platform.machine()])
+    with open(f"/proc/{pid}/maps", encoding="utf-8") as maps:
+        is_instrumented = "/libasan" in maps.read()
     channel.send(NEW_SESSION, b"{}")
     frames = check_backtrace(gateway)
+    if is_instrumented and not frames:
+        pytest.skip("the sanitizer's own unwinding faulted on its alternate stack")
     assert any("libc.so.6(inet_ntop" in frame for frame in frames) and len(frames) > 4, frames
